@@ -1,0 +1,36 @@
+# What every target of the project shares: language level, warnings, visibility, sanitizers.
+include(GNUInstallDirs)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+
+set(CORVANE_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
+
+find_package(Threads REQUIRED)
+
+add_library(corvane_build INTERFACE)
+target_compile_options(corvane_build INTERFACE -Wall -Wextra -Wpedantic -Werror -Wshadow)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    target_compile_options(corvane_build INTERFACE -Wthread-safety)
+endif()
+if(CORVANE_SANITIZE)
+    target_compile_options(corvane_build INTERFACE -fsanitize=${CORVANE_SANITIZE}
+                           -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_link_options(corvane_build INTERFACE -fsanitize=${CORVANE_SANITIZE})
+endif()
+
+# corvane_library(NAME alias SOURCES...): one shared library of the project, lib<NAME>.so, with the
+# alias corvane::<alias>.
+function(corvane_library name alias)
+    add_library(${name} SHARED ${ARGN})
+    add_library(corvane::${alias} ALIAS ${name})
+    target_link_libraries(${name} PRIVATE corvane_build PUBLIC Threads::Threads)
+    set_target_properties(${name} PROPERTIES EXPORT_NAME ${alias})
+endfunction()
