@@ -1,0 +1,72 @@
+/**
+ * @file
+ * Time guards around calls that can hang.
+ */
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <corvane/platform/Export.h>
+
+namespace NSVista::NSCorvane::timeguard {
+
+/**
+ * A guard that is armed while it lives. When it outlives its limit, its message is logged at error
+ * level with its age, again every period until it is released, and the expiry handler is called.
+ *
+ * One thread of the platform, started with the first guard, watches all of them.
+ */
+class CORVANE_EXPORT TimeBomb {
+public:
+    /** Called on the guard thread at every expiry. @param age since the guard was armed. */
+    using ExpiryHandler = std::function<void(const TimeBomb& bomb, std::chrono::nanoseconds age)>;
+
+    /** @param limit, period in nanoseconds; a period of 0 reports once. */
+    TimeBomb(const char* name, unsigned long limit, unsigned long period);
+
+    /**
+     * Arms a guard.
+     * @param name who is guarded; not owned, must outlive the guard.
+     * @param limit, period in nanoseconds.
+     * @param format, args the message, at most 255 characters; empty when formatting fails.
+     * @return the guard; releasing it disarms it.
+     */
+    template <class... Args>
+    static std::shared_ptr<TimeBomb> make(const char* name, unsigned long limit,
+                                          unsigned long period, const char* format, Args... args) {
+        auto* bomb = new TimeBomb(name, limit, period);
+        if constexpr (sizeof...(Args) == 0)
+            bomb->setMessage("%s", format);
+        else
+            bomb->setMessage(format, args...);
+        std::shared_ptr<TimeBomb> shared(bomb, &TimeBomb::deleteThis);
+        registerTimeBomb(shared);
+        return shared;
+    }
+
+    /** The deleter of a shared guard: disarms, then deletes. */
+    static void deleteThis(TimeBomb* bomb);
+    /** Hands a guard to the guard thread, which holds it weakly. */
+    static void registerTimeBomb(const std::shared_ptr<TimeBomb>& bomb);
+    /** Replaces the expiry handler; an empty function takes it away. Any thread. */
+    static void setExpiryHandler(ExpiryHandler handler);
+
+    const char* name() const { return mName; }
+    const char* message() const { return mMessage; }
+    unsigned long limit() const { return mLimit; }
+    unsigned long period() const { return mPeriod; }
+
+private:
+    void setMessage(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+    const char* mName;
+    unsigned long mLimit;
+    unsigned long mPeriod;
+    char mMessage[256] = {};
+};
+
+}  // namespace NSVista::NSCorvane::timeguard

@@ -1,0 +1,111 @@
+/**
+ * @file
+ * Trace sections, asynchronous sections and counters.
+ */
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include <corvane/platform/Export.h>
+
+/** Tag bit of camera sections in the system's enabled tags. */
+#define ATRACE_TAG_CAMERA (uint64_t{1} << 10)
+
+/**
+ * @name Trace backend
+ * The backend is chosen by trace::start() or, at load, by the property
+ * "persist.vendor.camera.corvane.trace" ("none", "marker" or the path of a file). With none, a
+ * section costs two integer tests. Any thread.
+ * @{
+ */
+CORVANE_EXPORT uint64_t atrace_get_enabled_tags();
+CORVANE_EXPORT void atrace_begin_body(const char* name);
+CORVANE_EXPORT void atrace_end_body();
+CORVANE_EXPORT void atrace_async_begin_body(const char* name, int32_t cookie);
+CORVANE_EXPORT void atrace_async_end_body(const char* name, int32_t cookie);
+CORVANE_EXPORT void atrace_int_body(const char* name, int32_t value);
+/** @} */
+
+namespace NSVista::NSCorvane {
+
+/**
+ * The library's trace bits: bit n enables area n. From the property
+ * "persist.vendor.camera.corvane.tracebits" (default: all bits) until set.
+ */
+CORVANE_EXPORT uint64_t get_corvane_enabled_tracebits();
+/** Sets the trace bits. */
+CORVANE_EXPORT void set_corvane_enabled_tracebits(uint64_t bits);
+
+namespace trace {
+
+/**
+ * Starts tracing into a backend, ending the one before.
+ * @param target "none", "marker" (the kernel's trace marker) or the path of a file, written in the
+ *        Chrome trace event format, which Perfetto's viewer opens.
+ * @return 0 or the negated errno; on failure nothing is traced.
+ */
+CORVANE_EXPORT int start(const char* target);
+/** Ends tracing; a file is complete when this returns. */
+CORVANE_EXPORT void stop();
+
+}  // namespace trace
+
+/** Whether an area is traced now. @param bit the area's bit number. */
+inline bool traceEnabled(unsigned bit) {
+    return (get_corvane_enabled_tracebits() >> bit & 1) != 0 &&
+           (atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0;
+}
+
+/**
+ * A section name that is formatted only when it is used. A name of 128 characters or more is
+ * empty.
+ */
+class TraceName {
+public:
+    template <class... Args>
+    explicit TraceName(const char* format, Args... args) {
+        if (const int n = snprintf(mText, sizeof(mText), format, args...);
+            n < 0 || n >= static_cast<int>(sizeof(mText)))
+            mText[0] = '\0';
+    }
+    const char* text() const { return mText; }
+
+private:
+    char mText[128] = {};
+};
+
+/** A section of the calling thread, from construction to destruction or end(). */
+class TraceSection {
+public:
+    TraceSection(unsigned bit, const char* name) : mBit(bit) {
+        if (traceEnabled(bit))
+            atrace_begin_body(name);
+    }
+    /** @param makeName returns a TraceName; called only when the area is traced. */
+    template <class MakeName>
+    requires requires(MakeName make) { make().text(); }
+    TraceSection(unsigned bit, MakeName makeName) : mBit(bit) {
+        if (traceEnabled(bit))
+            atrace_begin_body(makeName().text());
+    }
+    ~TraceSection() { end(); }
+    TraceSection(const TraceSection&) = delete;
+    TraceSection& operator=(const TraceSection&) = delete;
+
+    /** Ends the section early. */
+    void end() {
+        if (mOpen && traceEnabled(mBit))
+            atrace_end_body();
+        mOpen = false;
+    }
+
+private:
+    unsigned mBit;
+    bool mOpen = true;
+};
+
+}  // namespace NSVista::NSCorvane
+
+/** A TraceSection name in printf form, formatted only when the area is traced. */
+#define CORVANE_TRACE_NAME(...) [&] { return ::NSVista::NSCorvane::TraceName(__VA_ARGS__); }
