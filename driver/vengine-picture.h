@@ -1,0 +1,280 @@
+/* SPDX-License-Identifier: GPL-2.0 OR BSD-3-Clause */
+/*
+ * The virtual engine's pictures: how formats lie in memory, the moving test picture, and what each
+ * port makes of it. Integer arithmetic only: the kernel module, the in-process engine and whoever
+ * checks their frames compile this same code.
+ */
+#ifndef VENGINE_PICTURE_H
+#define VENGINE_PICTURE_H
+
+#include "vengine-desc.h"
+
+struct vengine_layout {
+	__u32 fourcc;
+	__u32 width, height;
+	__u32 num_planes;		/* buffers' planes, 0 for an unknown format */
+	__u32 bytesperline[3];
+	__u32 sizeimage[3];
+};
+
+/* A picture in memory: data[i] and stride[i] of each component plane. */
+struct vengine_picture {
+	__u32 fourcc;
+	__u32 width, height;
+	__u8 *data[3];
+	__u32 stride[3];
+};
+
+struct vengine_yuv {
+	__u8 y, u, v;
+};
+
+/* What a capture is made from. */
+struct vengine_source {
+	const struct vengine_picture *input;	/* null: the test picture */
+	const struct vengine_picture *mask;	/* null: none */
+	__u32 frame;				/* number of the test picture */
+	__s32 brightness;
+};
+
+static inline __u32 vengine_clamp_size(__u32 value, __u32 min, __u32 max)
+{
+	return (value < min ? min : value > max ? max : value) & ~1u;
+}
+
+static inline __u32 vengine_stride(__u32 bytes)
+{
+	return (bytes + VENGINE_STRIDE_ALIGN - 1) / VENGINE_STRIDE_ALIGN * VENGINE_STRIDE_ALIGN;
+}
+
+/* The layout of a format at a size, which must be even. */
+static inline struct vengine_layout vengine_layout_of(__u32 fourcc, __u32 width, __u32 height)
+{
+	struct vengine_layout l = { fourcc, width, height, 0, { 0, 0, 0 }, { 0, 0, 0 } };
+	__u32 luma = vengine_stride(width);
+	__u32 chroma;
+
+	switch (fourcc) {
+	case V4L2_PIX_FMT_NV12M:
+		l.num_planes = 2;
+		l.bytesperline[0] = l.bytesperline[1] = luma;
+		l.sizeimage[0] = luma * height;
+		l.sizeimage[1] = luma * height / 2;
+		break;
+	case V4L2_PIX_FMT_YUV420M:
+		chroma = vengine_stride(width / 2);
+		l.num_planes = 3;
+		l.bytesperline[0] = luma;
+		l.bytesperline[1] = l.bytesperline[2] = chroma;
+		l.sizeimage[0] = luma * height;
+		l.sizeimage[1] = l.sizeimage[2] = chroma * height / 2;
+		break;
+	case V4L2_PIX_FMT_NV12:
+		l.num_planes = 1;
+		l.bytesperline[0] = luma;
+		l.sizeimage[0] = luma * height + luma * height / 2;
+		break;
+	case V4L2_PIX_FMT_YUYV:
+		l.num_planes = 1;
+		l.bytesperline[0] = vengine_stride(width * 2);
+		l.sizeimage[0] = l.bytesperline[0] * height;
+		break;
+	case V4L2_PIX_FMT_GREY:
+		l.num_planes = 1;
+		l.bytesperline[0] = luma;
+		l.sizeimage[0] = luma * height;
+		break;
+	}
+	return l;
+}
+
+/* The picture over a buffer's planes, each at least sizeimage bytes long. */
+static inline struct vengine_picture vengine_map(const struct vengine_layout *l,
+						 __u8 *const planes[3])
+{
+	struct vengine_picture p = { l->fourcc, l->width, l->height, { 0, 0, 0 }, { 0, 0, 0 } };
+	__u32 i;
+
+	for (i = 0; i < l->num_planes; i++) {
+		p.data[i] = planes[i];
+		p.stride[i] = l->bytesperline[i];
+	}
+	if (l->fourcc == V4L2_PIX_FMT_NV12) {
+		p.data[1] = planes[0] + l->bytesperline[0] * l->height;
+		p.stride[1] = l->bytesperline[0];
+	}
+	return p;
+}
+
+static inline struct vengine_yuv vengine_read(const struct vengine_picture *p, __u32 x, __u32 y)
+{
+	struct vengine_yuv c = { 0, 128, 128 };
+	const __u8 *at;
+
+	switch (p->fourcc) {
+	case V4L2_PIX_FMT_NV12:
+	case V4L2_PIX_FMT_NV12M:
+		at = p->data[1] + y / 2 * p->stride[1] + (x & ~1u);
+		c.u = at[0];
+		c.v = at[1];
+		break;
+	case V4L2_PIX_FMT_YUV420M:
+		c.u = p->data[1][y / 2 * p->stride[1] + x / 2];
+		c.v = p->data[2][y / 2 * p->stride[2] + x / 2];
+		break;
+	case V4L2_PIX_FMT_YUYV:
+		at = p->data[0] + y * p->stride[0] + (x & ~1u) * 2;
+		c.y = at[x % 2 * 2];
+		c.u = at[1];
+		c.v = at[3];
+		return c;
+	}
+	c.y = p->data[0][y * p->stride[0] + x];
+	return c;
+}
+
+/* Chroma is written from even columns, and from even rows where rows share it. */
+static inline void vengine_write(const struct vengine_picture *p, __u32 x, __u32 y,
+				 struct vengine_yuv c)
+{
+	__u8 *at;
+
+	switch (p->fourcc) {
+	case V4L2_PIX_FMT_NV12:
+	case V4L2_PIX_FMT_NV12M:
+		if (!(x & 1) && !(y & 1)) {
+			at = p->data[1] + y / 2 * p->stride[1] + x;
+			at[0] = c.u;
+			at[1] = c.v;
+		}
+		break;
+	case V4L2_PIX_FMT_YUV420M:
+		if (!(x & 1) && !(y & 1)) {
+			p->data[1][y / 2 * p->stride[1] + x / 2] = c.u;
+			p->data[2][y / 2 * p->stride[2] + x / 2] = c.v;
+		}
+		break;
+	case V4L2_PIX_FMT_YUYV:
+		at = p->data[0] + y * p->stride[0] + (x & ~1u) * 2;
+		at[x % 2 * 2] = c.y;
+		if (!(x & 1)) {
+			at[1] = c.u;
+			at[3] = c.v;
+		}
+		return;
+	}
+	p->data[0][y * p->stride[0] + x] = c.y;
+}
+
+/*
+ * The test picture: colour bars, a diagonal ramp and a bouncing square; the frame's number stands
+ * in the top four rows, one bit per two columns, lowest first.
+ */
+static inline struct vengine_yuv vengine_test_pixel(__u32 width, __u32 height, __u32 frame,
+						    __u32 x, __u32 y)
+{
+	static const struct vengine_yuv bars[8] = {
+		{ 235, 128, 128 }, { 210, 16, 146 }, { 170, 166, 16 }, { 145, 54, 34 },
+		{ 106, 202, 222 }, { 81, 90, 240 },  { 41, 240, 110 }, { 16, 128, 128 },
+	};
+	__u32 side = (width < height ? width : height) / 4, span_x = width - side, span_y = height - side;
+	__u32 at_x = frame * 4 % (2 * span_x), at_y = frame * 2 % (2 * span_y);
+	struct vengine_yuv c = bars[x * 8 / width];
+
+	if (at_x >= span_x)
+		at_x = 2 * span_x - 1 - at_x;
+	if (at_y >= span_y)
+		at_y = 2 * span_y - 1 - at_y;
+	if (y < 4 && x < 64) {
+		c.y = frame >> x / 2 & 1 ? 235 : 16;
+		c.u = c.v = 128;
+	} else if (x - at_x < side && y - at_y < side) {
+		c.y = (__u8)(16 + (x - at_x + y - at_y) * 200 / (2 * side));
+		c.u = (__u8)(frame * 5);
+		c.v = (__u8)(255 - frame * 5);
+	} else if (y >= height * 3 / 4) {
+		c.y = (__u8)(x + y + frame);
+		c.u = c.v = 128;
+	}
+	return c;
+}
+
+static inline void vengine_draw_test(const struct vengine_picture *p, __u32 frame)
+{
+	__u32 x, y;
+
+	for (y = 0; y < p->height; y++)
+		for (x = 0; x < p->width; x++)
+			vengine_write(p, x, y,
+				      vengine_test_pixel(p->width, p->height, frame, x, y));
+}
+
+/* FNV-1a over the luma of the visible picture. */
+static inline __u32 vengine_checksum(const struct vengine_picture *p)
+{
+	__u32 hash = 2166136261u, x, y;
+
+	for (y = 0; y < p->height; y++)
+		for (x = 0; x < p->width; x++)
+			hash = (hash ^ vengine_read(p, x, y).y) * 16777619u;
+	return hash;
+}
+
+/* The pixel (x, y) that a capture port of a role and size shows. */
+static inline struct vengine_yuv vengine_capture_pixel(const struct vengine_source *s, __u32 role,
+						       __u32 width, __u32 height, __u32 x, __u32 y)
+{
+	struct vengine_yuv c;
+	__s32 luma;
+
+	if (role == VENGINE_ROLE_MIRROR)
+		x = width - 1 - x;
+	if (role == VENGINE_ROLE_FLIP)
+		y = height - 1 - y;
+	if (s->input)
+		c = vengine_read(s->input, x * s->input->width / width,
+				 y * s->input->height / height);
+	else
+		c = vengine_test_pixel(width, height, s->frame, x, y);
+	luma = c.y + s->brightness;
+	if (s->mask)
+		luma = (luma + vengine_read(s->mask, x * s->mask->width / width,
+					    y * s->mask->height / height).y) / 2;
+	c.y = (__u8)(luma < 0 ? 0 : luma > 255 ? 255 : luma);
+	if (role == VENGINE_ROLE_NEGATIVE) {
+		c.y = 255 - c.y;
+		c.u = 255 - c.u;
+		c.v = 255 - c.v;
+	}
+	if (role == VENGINE_ROLE_GREY)
+		c.u = c.v = 128;
+	return c;
+}
+
+static inline void vengine_capture(const struct vengine_source *s, __u32 role,
+				   const struct vengine_picture *out)
+{
+	__u32 x, y;
+
+	for (y = 0; y < out->height; y++)
+		for (x = 0; x < out->width; x++)
+			vengine_write(out, x, y,
+				      vengine_capture_pixel(s, role, out->width, out->height, x, y));
+}
+
+/* The number of the test picture that a capture port of a role shows, at the picture's own size. */
+static inline __u32 vengine_frame_number(const struct vengine_picture *p, __u32 role)
+{
+	__u32 bit, x, y = role == VENGINE_ROLE_FLIP ? p->height - 1 : 0, frame = 0;
+	__u8 luma;
+
+	for (bit = 0; bit < 32; bit++) {
+		x = role == VENGINE_ROLE_MIRROR ? p->width - 1 - 2 * bit : 2 * bit;
+		luma = vengine_read(p, x, y).y;
+		if ((luma > 125) != (role == VENGINE_ROLE_NEGATIVE))
+			frame |= 1u << bit;
+	}
+	return frame;
+}
+
+#endif /* VENGINE_PICTURE_H */
