@@ -1,0 +1,103 @@
+/**
+ * @file
+ * A V4L2 video node.
+ */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <corvane/IV4L2BufferMonitor.h>
+#include <corvane/platform/Export.h>
+
+namespace NSVista::NSCorvane {
+
+class IMediaDevice;
+class IMediaRequest;
+
+/** A format: of v4l2_pix_format, v4l2_pix_format_mplane or v4l2_meta_format. */
+struct PixelFormat {
+    static constexpr uint32_t kMaxPlanes = 8;
+
+    struct Plane {
+        uint32_t stride;  ///< bytes per line
+        uint32_t size;    ///< bytes; of a meta node both are the buffer size
+    };
+
+    uint32_t format;      ///< fourcc
+    uint32_t width;       ///< pixels; 0 for a meta node
+    uint32_t height;      ///< lines; 0 for a meta node
+    uint32_t planeCount;  ///< valid entries of planes; 1 for single-plane and meta nodes
+    Plane planes[kMaxPlanes];
+};
+
+/** One buffer of a client. */
+struct FrameBuffer {
+    static constexpr size_t kMaxPlanes = 3;
+
+    struct Plane {
+        int32_t fd;        ///< dma-buf; must stay open until the request is queued
+        uint32_t offset;   ///< bytes, where the plane begins in the dma-buf
+        uint32_t bufsize;  ///< bytes
+    };
+
+    Plane planes[kMaxPlanes];
+    size_t planeCount;  ///< valid entries of planes
+};
+
+/**
+ * A V4L2 video node as one port uses it.
+ *
+ * Open, close, format, import and streaming calls are serialised by the owner; queueBuffer() runs
+ * on client threads while dequeBuffer() runs on a completion or the buffer monitor's thread.
+ * Destroying an open device is fatal. Results are 0 or the negated errno unless noted.
+ */
+class CORVANE_EXPORT IV4L2VideoDevice : public IV4L2BufferObserver {
+public:
+    /**
+     * Makes a device over the node of an entity; does not open it.
+     * @return never empty: an entity without node shows in openDevice().
+     */
+    static std::shared_ptr<IV4L2VideoDevice> make(IMediaDevice& media, const std::string& name,
+                                                  const std::string& entityName, int portIndex);
+
+    /** Prints one line, once a buffer was queued; nothing before. */
+    virtual void dumpState(IPrinter* printer) const = 0;
+    /** Sets the buffer monitor, held weakly, and attaches to it; null only forgets. @return 0. */
+    virtual int setMonitor(const std::shared_ptr<IV4L2BufferMonitor>& monitor) = 0;
+    /**
+     * Opens the node and reads its class (VIDIOC_QUERYCAP).
+     * @return also -EEXIST when it is open, -EINVAL for a node without streaming or of no known
+     *         class; the node stays open then.
+     */
+    virtual int openDevice() = 0;
+    /** @return also -EINVAL when it is closed. */
+    virtual int closeDevice() = 0;
+    /** VIDIOC_G_FMT. A refusal is reported and ends the service. */
+    virtual int getFormat(PixelFormat& format) = 0;
+    /** VIDIOC_S_FMT. A refusal is reported and ends the service. */
+    virtual int setFormat(PixelFormat& format) = 0;
+    /**
+     * VIDIOC_REQBUFS for dma-bufs. A refusal is reported and ends the service.
+     * @param count 0 to 64; more is fatal.
+     * @return also -EINVAL for a negative count, -ENOMEM when the driver grants fewer.
+     */
+    virtual int importBuffer(int count) = 0;
+    /** VIDIOC_STREAMON. */
+    virtual int streamOn() = 0;
+    /** VIDIOC_STREAMOFF; on success detaches from the buffer monitor for good. */
+    virtual int streamOff() = 0;
+    /**
+     * VIDIOC_QBUF at the lowest free index; blocks while none is free.
+     * @param request binds the buffer; required of a monitored port (fatal without).
+     * @return also -EINVAL for more than FrameBuffer::kMaxPlanes planes, before an index is taken.
+     *         An index whose VIDIOC_QBUF was refused stays taken.
+     */
+    virtual int queueBuffer(const FrameBuffer& buffer, IMediaRequest* request, int argument) = 0;
+    /** VIDIOC_DQBUF. @return 0, or -1 for a failure or a buffer in error. */
+    virtual int dequeBuffer() = 0;
+};
+
+}  // namespace NSVista::NSCorvane
