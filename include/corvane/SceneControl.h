@@ -1,0 +1,210 @@
+/**
+ * @file
+ * Scenes, ports and requests.
+ */
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <corvane/IPort.h>
+#include <corvane/IRequest.h>
+#include <corvane/IScene.h>
+#include <corvane/IV4L2VideoDevice.h>
+#include <corvane/platform/Export.h>
+#include <corvane/platform/Mutex.h>
+
+struct LinkDesc;
+struct PortDesc;
+struct SceneDesc;
+
+namespace NSVista::NSCorvane {
+
+class IMediaDevice;
+class IMediaRequest;
+class ThreadLoopHandler;
+
+/**
+ * One video node of a scene: owns the video device between init() and deinit() and names the port
+ * in the log when the device refuses. Not locked; the scene serialises.
+ */
+class CORVANE_EXPORT Port : public IPort {
+public:
+    /** @param media not owned, outlives the port. */
+    Port(const PortDesc& desc, IMediaDevice* media);
+    ~Port() override;
+
+    void dumpState(IPrinter* printer) const override;
+    std::string toString() const override;
+    const std::string& getName() const override { return mName; }
+    int getIndex() const override { return mIndex; }
+    int getType() const override { return mType; }
+    bool isSingleDevice() const override { return mSingleDevice; }
+    int getFormat(PixelFormat& format) override;
+    int setFormat(PixelFormat& format) override;
+    int importBuffer(int count) override;
+
+    /** The device; empty before init() and after deinit(). */
+    virtual std::shared_ptr<IV4L2VideoDevice> getVideoDevice() const { return mVideoDevice; }
+    /**
+     * Makes and opens the device; one held before is dropped, and must be closed by then.
+     * A null media device is fatal.
+     * @return 0 or the status of the open; the device stays set then.
+     */
+    virtual int init();
+    /** Closes and drops the device; harmless without one. */
+    virtual void deinit();
+    /** IV4L2VideoDevice::setMonitor(). */
+    virtual int setMonitor(const std::shared_ptr<IV4L2BufferMonitor>& monitor);
+    /** Streams on. */
+    virtual int start();
+    /** Streams off. */
+    virtual int stop();
+
+private:
+    std::string mName;
+    int32_t mIndex;
+    int32_t mType;
+    bool mSingleDevice;
+    [[maybe_unused]] bool mCtrlMeta;
+    std::string mDeviceName;
+    IMediaDevice* mMediaDevice;
+    std::shared_ptr<IV4L2VideoDevice> mVideoDevice;
+};
+
+/**
+ * A set of buffers, at most one per port, queued and completed together.
+ *
+ * The client's thread fills and queues, the completion thread ends the cycle; an atomic state hands
+ * the buffers from one to the other, each waiting for its turn without sleeping.
+ */
+class CORVANE_EXPORT Request : public IRequest {
+public:
+    using QueryPort = std::function<std::shared_ptr<Port>(int)>;
+    using RequestDone = std::function<void(Request*, int*, size_t)>;
+
+    /**
+     * @param mediaDevice makes the media request; null is fatal.
+     * @param queryPort finds a port by its index; must not be empty when buffers are queued.
+     * @param requestDone told of each completion with the ports of the cycle; may be empty.
+     */
+    Request(IMediaDevice* mediaDevice, QueryPort queryPort, RequestDone requestDone);
+    ~Request() override;
+    Request(const Request&) = delete;
+    Request& operator=(const Request&) = delete;
+
+    std::string toString() const override;
+    std::shared_ptr<RequestDebugInfo> getDebugInfo() const override;
+    int getRequestFD() const override;
+    int getStatus() const override { return mStatus; }
+    void* getCookie() const override { return mCookie; }
+    void setCookie(void* cookie) override { mCookie = cookie; }
+    unsigned long* getTrackBuffer() const override;
+    void setTrackBuffer(unsigned long* track) override;
+    int setMonitor(const std::shared_ptr<IEventMonitor>& monitor) override;
+    int addBuffer(int portIndex, std::function<void(FrameBuffer&)> fill) override;
+    int queueRequest(int argument) override;
+
+    /**
+     * Queues the buffer of every port ever added.
+     * @return 0 or the first refusal; buffers queued before it stay queued.
+     */
+    int queueBuffers(int argument);
+    /** Ends the cycle; called by the media request on the completion thread. */
+    void requestDone();
+
+private:
+    enum State : int32_t { kIdle = 0, kBuffersQueued = 1, kQueued = 2 };
+
+    void waitForState(State state) const;
+    [[noreturn]] void refuseSecondBuffer(int portIndex, const FrameBuffer& existing) const;
+
+    std::shared_ptr<IMediaRequest> mMediaRequest;
+    QueryPort mQueryPort;
+    RequestDone mRequestDone;
+    void* mCookie = nullptr;
+    std::atomic<int32_t> mState{kIdle};
+    int32_t mStatus = 0;
+    std::vector<int32_t> mPortIndexes;
+    std::unordered_map<int32_t, FrameBuffer> mBuffers;
+};
+
+/** A scene over a media device. See IScene for the order of calls. */
+class CORVANE_EXPORT Scene : public IScene {
+public:
+    /**
+     * @param debugInfo where times are kept; empty for a record of its own.
+     * @param desc kept by reference, see SceneDesc.
+     * @param media acquired by its user before init(), released after uninit().
+     */
+    Scene(std::shared_ptr<SceneDebugInfo> debugInfo, const SceneDesc& desc,
+          const std::shared_ptr<IMediaDevice>& media);
+    /** Releases what it holds; it does not stop, release or uninit. */
+    ~Scene() override;
+    Scene(const Scene&) = delete;
+    Scene& operator=(const Scene&) = delete;
+
+    void dumpState(IPrinter* printer) const override;
+    std::shared_ptr<SceneDebugInfo> getDebugInfo() const override { return mDebugInfo; }
+    void setRequestDoneCallback(std::function<void(IRequest*)> callback) override;
+    size_t getNumOfPorts() const override { return mPorts.size(); }
+    void iteratePorts(std::function<bool(std::shared_ptr<IPort>)> visit) override;
+    std::shared_ptr<IRequest> createRequest() override;
+    int acquire() override;
+    int release() override;
+    int getFormat(const std::shared_ptr<IPort>& port, PixelFormat& format) const override;
+    int setFormat(const std::shared_ptr<IPort>& port, PixelFormat& format) override;
+    int importBuffer(const std::shared_ptr<IPort>& port, int count) override;
+    int start() override;
+    int stop() override;
+    int queueRequest(IRequest* request, int argument) override;
+
+    /**
+     * Opens every port and enables every link. Once in a scene's life.
+     * @return 0, or -1 when a port or a link failed; the scene is uninitialised again then.
+     */
+    int init();
+    /** Disables the links and closes the ports; they stay in the table. */
+    void uninit();
+    bool initPorts();
+    bool initLinks();
+    /**
+     * Takes a port into the table and gives it the buffer monitor.
+     * @return 0 (also for null), -1 when the index is taken, or the status of setMonitor.
+     */
+    int addPort(const std::shared_ptr<Port>& port);
+    /** Any thread, once init() is over. @return empty when there is none (logged). */
+    std::shared_ptr<Port> queryPort(int index) const;
+    /** A request completed; called by the request on the completion thread. */
+    void requestDone(Request* request, int* portIndexes, unsigned long count);
+
+private:
+    enum State : int32_t { kIdle = 0, kAcquired = 1, kStarted = 2 };
+
+    static const char* stateName(int32_t state);
+    bool inState(int32_t wanted, const char* wantedName, const char* operation) const;
+    void startMonitor();
+    void stopMonitor();
+
+    const SceneDesc& mDesc;
+    std::shared_ptr<SceneDebugInfo> mDebugInfo;
+    std::shared_ptr<IMediaDevice> mMediaDevice;
+    std::shared_ptr<IV4L2BufferMonitor> mBufferMonitor;
+    std::unordered_map<int, std::shared_ptr<Port>> mPorts;
+    std::function<void(IRequest*)> mRequestDoneCallback;
+    Mutex mStreamLock;
+    Mutex mThreadLock;
+    std::shared_ptr<ThreadLoopHandler> mThreadLoopHandler CORVANE_GUARDED_BY(mThreadLock);
+    std::atomic<int32_t> mState{kIdle};
+    std::atomic<uint32_t> mQueuedCount{0};
+    std::atomic<uint32_t> mDoneCount{0};
+};
+
+}  // namespace NSVista::NSCorvane
