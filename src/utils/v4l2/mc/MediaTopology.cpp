@@ -1,0 +1,131 @@
+#include <corvane/mc/MediaTopology.h>
+
+#include <corvane/platform/Log.h>
+#include <corvane/platform/Printer.h>
+#include <corvane/platform/System.h>
+
+#include <sstream>
+
+#include "Text.h"
+
+CORVANE_LOG_UNIT("corvane-DeviceEnumerator")
+
+namespace NSVista::NSCorvane::mc {
+
+std::string toString(const media_entity_desc& entity) {
+    std::ostringstream text;
+    text << " .id=" << entity.id << " .name=" << fixedText(entity.name)
+         << " .type=" << entity.type;
+    if (entity.flags != 0)
+        text << " .flags=" << entity.flags;
+    text << " .pads=" << entity.pads << " .links=" << entity.links
+         << " .dev.major=" << entity.dev.major << " .dev.minor=" << entity.dev.minor;
+    return text.str();
+}
+
+std::string toString(const media_pad_desc& pad) {
+    std::ostringstream text;
+    text << " .entity=" << pad.entity << " .index=" << pad.index << " .flags=" << pad.flags;
+    return text.str();
+}
+
+std::string toString(const media_link_desc& link) {
+    std::ostringstream text;
+    text << " .source=" << toString(link.source) << " .sink=" << toString(link.sink)
+         << " .flags=" << link.flags;
+    return text.str();
+}
+
+MediaEntity::MediaEntity(const media_entity_desc& desc, const media_link_desc* links,
+                         const media_pad_desc* pads)
+    : mDesc(desc) {
+    if (links != nullptr)
+        mLinks.assign(links, links + desc.links);
+    if (pads != nullptr)
+        mPads.assign(pads, pads + desc.pads);
+}
+
+std::string MediaEntity::determineDevnodePath() const {
+    const std::string sysfs = "/sys/dev/char/" + std::to_string(mDesc.dev.major) + ":" +
+                              std::to_string(mDesc.dev.minor);
+    char target[1024];
+    const int length = System::ReadLink(sysfs.c_str(), target, sizeof(target));
+    if (length < 0 || length >= static_cast<int>(sizeof(target))) {
+        CORVANE_LOGE("Invalid sysfs device path: %s", sysfs.c_str());
+        return {};
+    }
+    const std::string link(target, static_cast<size_t>(length));
+    const size_t slash = link.rfind('/');
+    if (slash == std::string::npos) {
+        CORVANE_LOGE("Invalid sysfs device path: %s", sysfs.c_str());
+        return {};
+    }
+    std::string devnode = "/dev/" + link.substr(slash + 1);
+    struct stat info = {};
+    if (System::Stat(devnode.c_str(), &info) < 0) {
+        CORVANE_LOGE("Unable to find device node: %s", devnode.c_str());
+        return {};
+    }
+    return devnode;
+}
+
+void MediaEntity::dumpState(IPrinter* printer) const {
+    std::string text = "entity=" + toString(mDesc) + " links[";
+    for (const auto& link : mLinks)
+        text += "{" + toString(link) + " }";
+    text += "] pads[";
+    for (const auto& pad : mPads)
+        text += "{" + toString(pad) + " }";
+    text += "]";
+    printer->printLine(text.c_str());
+}
+
+void MediaTopology::insertEntity(const std::shared_ptr<MediaEntity>& entity) {
+    mEntities.emplace(fixedText(entity->desc().name), entity);
+}
+
+std::shared_ptr<MediaEntity> MediaTopology::findEntity(const char* name) const {
+    const auto found = mEntities.find(nameOrEmpty(name));
+    return found != mEntities.end() ? found->second : nullptr;
+}
+
+void MediaTopology::dumpState(IPrinter* printer, int detail) const {
+    printer->printFormatLine(
+        "<<MediaTopology>> '%s' MediaEntity[%zu] media_entity_desc[%zu] media_link_desc[%zu]",
+        mName.c_str(), mEntities.size(), mEntityDescs.size(), mLinkDescs.size());
+    if (detail != 'V')
+        return;
+    printer->printFormatLine("MediaEntity[%zu]", mEntities.size());
+    for (const auto& [name, entity] : mEntities)
+        entity->dumpState(printer);
+    printer->printFormatLine("media_entity_desc[%zu]", mEntityDescs.size());
+    for (const auto& desc : mEntityDescs)
+        printer->printLine(toString(desc).c_str());
+    printer->printFormatLine("media_link_desc[%zu]", mLinkDescs.size());
+    for (const auto& desc : mLinkDescs)
+        printer->printLine(toString(desc).c_str());
+}
+
+std::string MediaLink::key(unsigned int sourcePad, unsigned int sinkPad) {
+    return std::to_string(sourcePad) + "-" + std::to_string(sinkPad);
+}
+
+int32_t MediaLink::enable(bool on) {
+    if ((mFlags & MEDIA_LNK_FL_IMMUTABLE) != 0) {
+        CORVANE_LOGW("Link is immutable");
+        return -1;
+    }
+    if (on)
+        mFlags |= MEDIA_LNK_FL_ENABLED;
+    else
+        mFlags &= ~(MEDIA_LNK_FL_ENABLED | MEDIA_LNK_FL_IMMUTABLE);
+    return 0;
+}
+
+media_link_desc MediaLink::copyLinkDesc() const {
+    media_link_desc desc = *mDesc;
+    desc.flags = mFlags;
+    return desc;
+}
+
+}  // namespace NSVista::NSCorvane::mc
