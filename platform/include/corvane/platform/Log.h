@@ -117,57 +117,63 @@ template <class... Args>
         "persist.vendor.kvx.camera.log_level", -1);                                              \
     }
 
-#define CORVANE_LOG_SITE                                                \
-    ::NSVista::NSCorvane::log::Site {                                   \
-        kLogTag, __FILE__, static_cast<const char*>(__func__), __LINE__ \
+#define CORVANE_LOG_FUNCTION static_cast<const char*>(__func__)
+
+#define CORVANE_LOG_SITE(function)            \
+    ::NSVista::NSCorvane::log::Site {         \
+        kLogTag, __FILE__, function, __LINE__ \
     }
 
-#define CORVANE_LOG_CHECK(format, ...)      \
-    if (false)                              \
-    ::NSVista::NSCorvane::log::checkFormat( \
-        "[%s] " format, static_cast<const char*>(__func__) __VA_OPT__(, ) __VA_ARGS__)
+#define CORVANE_LOG_CHECK(format, ...) \
+    if (false)                         \
+    ::NSVista::NSCorvane::log::checkFormat("[%s] " format, "" __VA_OPT__(, ) __VA_ARGS__)
 
-#define CORVANE_LOG_GATED(gate, severity, format, ...)                                   \
+#define CORVANE_LOG_GATED(gate, severity, function, format, ...)                         \
     do {                                                                                 \
         CORVANE_LOG_CHECK(format, __VA_ARGS__);                                          \
         if (gate)                                                                        \
-            ::NSVista::NSCorvane::log::write(severity, CORVANE_LOG_SITE,                 \
+            ::NSVista::NSCorvane::log::write(severity, CORVANE_LOG_SITE(function),       \
                                              "[%s] " format __VA_OPT__(, ) __VA_ARGS__); \
     } while (false)
 
-#define CORVANE_LOG_LOCATION " (%s){#%d:%s}"
+#define CORVANE_LOG_LOCATED(write, function, format, ...)                              \
+    do {                                                                               \
+        CORVANE_LOG_CHECK(format, __VA_ARGS__);                                        \
+        ::NSVista::NSCorvane::log::write(CORVANE_LOG_SITE(function), "[%s] " format,   \
+                                         "[%s] " format " (%s){#%d:%s}" __VA_OPT__(, ) \
+                                             __VA_ARGS__);                             \
+    } while (false)
 
 /** Logs a failure that the caller survives. */
-#define CORVANE_LOGE(format, ...)                                                                \
-    do {                                                                                         \
-        CORVANE_LOG_CHECK(format, __VA_ARGS__);                                                  \
-        ::NSVista::NSCorvane::log::writeError(CORVANE_LOG_SITE, "[%s] " format,                  \
-                                              "[%s] " format CORVANE_LOG_LOCATION __VA_OPT__(, ) \
-                                                  __VA_ARGS__);                                  \
-    } while (false)
+#define CORVANE_LOGE(...) CORVANE_LOG_LOCATED(writeError, CORVANE_LOG_FUNCTION, __VA_ARGS__)
 
 /** Logs a programming or consistency error and aborts the process with its location. */
-#define CORVANE_FATAL(format, ...)                                                          \
-    do {                                                                                    \
-        CORVANE_LOG_CHECK(format, __VA_ARGS__);                                             \
-        ::NSVista::NSCorvane::log::fatal(CORVANE_LOG_SITE, "[%s] " format,                  \
-                                         "[%s] " format CORVANE_LOG_LOCATION __VA_OPT__(, ) \
-                                             __VA_ARGS__);                                  \
-    } while (false)
+#define CORVANE_FATAL(...) CORVANE_LOG_LOCATED(fatal, CORVANE_LOG_FUNCTION, __VA_ARGS__)
 
 #define CORVANE_LOGW(...)                                                                          \
     CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(2), ::NSVista::NSCorvane::log::kWarning, \
-                      __VA_ARGS__)
+                      CORVANE_LOG_FUNCTION, __VA_ARGS__)
 #define CORVANE_LOGI(...)                                                                       \
     CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(3), ::NSVista::NSCorvane::log::kInfo, \
-                      __VA_ARGS__)
+                      CORVANE_LOG_FUNCTION, __VA_ARGS__)
 /** Logs a key lifecycle event. */
 #define CORVANE_LOGK(...)                                     \
     CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(4), \
-                      ::NSVista::NSCorvane::log::kKeyEvent, __VA_ARGS__)
+                      ::NSVista::NSCorvane::log::kKeyEvent, CORVANE_LOG_FUNCTION, __VA_ARGS__)
 #define CORVANE_LOGD(...)                                                                        \
     CORVANE_LOG_GATED(::NSVista::NSCorvane::log::debugging(), ::NSVista::NSCorvane::log::kDebug, \
-                      __VA_ARGS__)
+                      CORVANE_LOG_FUNCTION, __VA_ARGS__)
+
+/**
+ * @name On behalf of an operation
+ * The same for helpers that log under the name of the operation they serve.
+ * @{
+ */
+#define CORVANE_LOGE_AS(function, ...) CORVANE_LOG_LOCATED(writeError, function, __VA_ARGS__)
+#define CORVANE_LOGW_AS(function, ...)                                                             \
+    CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(2), ::NSVista::NSCorvane::log::kWarning, \
+                      function, __VA_ARGS__)
+/** @} */
 
 /**
  * Ends a refused driver call: reports it, then ends the service. The caller has logged it and
