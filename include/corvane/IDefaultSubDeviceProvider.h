@@ -30,9 +30,11 @@ struct EIGHTCC {
     constexpr explicit EIGHTCC(uint64_t bytes) : value(bytes) {}
     /** @param code at most eight characters count. */
     EIGHTCC(std::string_view code) {  // NOLINT(google-explicit-constructor): a code is a text
-        memcpy(&value, code.data(), code.size() < sizeof(value) ? code.size() : sizeof(value));
+        code.copy(reinterpret_cast<char*>(&value), sizeof(value));
     }
-    EIGHTCC(const char* code) : EIGHTCC(std::string_view(code)) {}  // NOLINT
+    /** @param code may be null: the empty code. */
+    EIGHTCC(const char* code)  // NOLINT
+        : EIGHTCC(code != nullptr ? std::string_view(code) : std::string_view()) {}
 
     /** The characters up to the first zero. */
     std::string toString() const {
@@ -51,10 +53,11 @@ struct EIGHTCC {
  */
 class CORVANE_EXPORT IDefaultSubDeviceProvider {
 public:
-    /** The process's one. */
+    /** The process's one; created on first use, destroyed at exit. */
     static IDefaultSubDeviceProvider* instance();
 
     virtual ~IDefaultSubDeviceProvider();
+    /** Prints the users and, while there is one, the sub-device: one line each. */
     virtual void dumpState(IPrinter* printer) const = 0;
     /**
      * Joins the users.
