@@ -30,10 +30,11 @@ public:
 
     /**
      * Arms a guard.
-     * @param name who is guarded; not owned, must outlive the guard.
+     * @param name who is guarded; copied.
      * @param limit, period in nanoseconds.
      * @param format, args the message, at most 255 characters; empty when formatting fails.
-     * @return the guard; releasing it disarms it.
+     * @return the guard; releasing it disarms it: no report begins after that. One that is under way
+     *         then runs to its end, and the guard thread deletes the guard.
      */
     template <class... Args>
     static std::shared_ptr<TimeBomb> make(const char* name, unsigned long limit,
@@ -55,7 +56,7 @@ public:
     /** Replaces the expiry handler; an empty function takes it away. Any thread. */
     static void setExpiryHandler(ExpiryHandler handler);
 
-    const char* name() const { return mName; }
+    const char* name() const { return mName.c_str(); }
     const char* message() const { return mMessage; }
     unsigned long limit() const { return mLimit; }
     unsigned long period() const { return mPeriod; }
@@ -63,7 +64,7 @@ public:
 private:
     void setMessage(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-    const char* mName;
+    std::string mName;
     unsigned long mLimit;
     unsigned long mPeriod;
     char mMessage[256] = {};

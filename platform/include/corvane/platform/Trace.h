@@ -29,6 +29,9 @@ CORVANE_EXPORT void atrace_int_body(const char* name, int32_t value);
 
 namespace NSVista::NSCorvane {
 
+/** Area bit of single driver calls that are made for their owner's own work. */
+inline constexpr unsigned kTraceDriverCalls = 20;
+
 /**
  * The library's trace bits: bit n enables area n. From the property
  * "persist.vendor.camera.corvane.tracebits" (default: all bits) until set.
@@ -65,8 +68,12 @@ class TraceName {
 public:
     template <class... Args>
     explicit TraceName(const char* format, Args... args) {
-        if (const int n = snprintf(mText, sizeof(mText), format, args...);
-            n < 0 || n >= static_cast<int>(sizeof(mText)))
+        int length = 0;
+        if constexpr (sizeof...(Args) == 0)
+            length = snprintf(mText, sizeof(mText), "%s", format);
+        else
+            length = snprintf(mText, sizeof(mText), format, args...);
+        if (length < 0 || length >= static_cast<int>(sizeof(mText)))
             mText[0] = '\0';
     }
     const char* text() const { return mText; }

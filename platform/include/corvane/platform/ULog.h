@@ -12,11 +12,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <corvane/platform/Export.h>
+#include <corvane/platform/Mutex.h>
 
 /** Level codes of the debug print. */
 enum cam_debug_level_t {
@@ -50,10 +50,9 @@ CORVANE_EXPORT const char* get_filename_log_control(const char* path);
  * Logs one line and aborts the process; never returns.
  * @param condition ignored, may be null.
  */
-extern "C" CORVANE_EXPORT [[noreturn]] void __android_log_assert(const char* condition,
-                                                                 const char* tag,
-                                                                 const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
+extern "C" CORVANE_EXPORT void __android_log_assert(const char* condition, const char* tag,
+                                                    const char* format, ...)
+    __attribute__((noreturn, format(printf, 3, 4)));
 
 namespace NSVista::Utils::ULog {
 
@@ -156,10 +155,10 @@ public:
     std::vector<Line> take();
 
 private:
-    std::mutex mLock;
-    std::vector<Line> mLines;
-    size_t mNext = 0;
-    size_t mCapacity;
+    NSCorvane::Mutex mLock;
+    std::vector<Line> mLines CORVANE_GUARDED_BY(mLock);
+    size_t mNext CORVANE_GUARDED_BY(mLock) = 0;  ///< the oldest line, once the ring is full
+    const size_t mCapacity;
 };
 
 }  // namespace NSVista::Utils::ULog

@@ -1,0 +1,18 @@
+#include "Format.h"
+
+#include <cstdio>
+
+namespace NSVista::NSCorvane {
+
+std::string formatText(const char* format, va_list args) {
+    va_list again;
+    va_copy(again, args);
+    const int length = vsnprintf(nullptr, 0, format, args);
+    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    if (length > 0)
+        vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    return text;
+}
+
+}  // namespace NSVista::NSCorvane

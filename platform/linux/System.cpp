@@ -1,0 +1,133 @@
+#include <corvane/platform/Printer.h>
+#include <corvane/platform/System.h>
+#include <corvane/platform/Trace.h>
+#include <linux/media.h>
+#include <linux/videodev2.h>
+
+#include <atomic>
+#include <cerrno>
+#include <utility>
+
+#include "FdTable.h"
+
+namespace NSVista::NSCorvane::System {
+
+namespace {
+
+/** Null stands for linuxKernel(), so that no initialiser has to run before the first call. */
+constinit std::atomic<Kernel*> gKernel{nullptr};
+
+Kernel& kernel() noexcept {
+    Kernel* const installed = gKernel.load(std::memory_order_acquire);
+    return installed != nullptr ? *installed : linuxKernel();
+}
+
+}  // namespace
+
+Kernel* setKernel(Kernel* kernel) noexcept {
+    Kernel* const before = gKernel.exchange(kernel, std::memory_order_acq_rel);
+    return before != nullptr ? before : &linuxKernel();
+}
+
+int Open(const char* path, int flags, unsigned long owner) noexcept {
+    const int fd = kernel().open(path, flags);
+    if (fd >= 0)
+        FdTable::instance().add(fd, owner, path);
+    return fd;
+}
+
+int Close(int fd, unsigned long /*owner*/) noexcept {
+    FdTable::Entry entry = FdTable::instance().take(fd);
+    const int result = kernel().close(fd);
+    if (result < 0 && entry)
+        FdTable::instance().putBack(std::move(entry));
+    return result;
+}
+
+int Ioctl(int fd, int request, void* arg, unsigned int traced) noexcept {
+    const auto code = static_cast<unsigned int>(request);
+    if (traced == 0)
+        return kernel().ioctl(fd, code, arg);
+    TraceSection section(kTraceDriverCalls,
+                         CORVANE_TRACE_NAME("System::Ioctl fd=%d 0x%08x", fd, code));
+    return kernel().ioctl(fd, code, arg);
+}
+
+DIR* OpenDir(const char* path) noexcept {
+    DIR* dir = nullptr;
+    return kernel().openDir(path, &dir) >= 0 ? dir : nullptr;
+}
+
+struct dirent* ReadDir(DIR* dir) noexcept {
+    struct dirent* entry = nullptr;
+    return kernel().readDir(dir, &entry) >= 0 ? entry : nullptr;
+}
+
+int CloseDir(DIR* dir) noexcept {
+    return kernel().closeDir(dir);
+}
+
+int Stat(const char* path, struct stat* info) noexcept {
+    return kernel().stat(path, info);
+}
+
+int ReadLink(const char* path, char* buffer, unsigned long size) noexcept {
+    return kernel().readLink(path, buffer, size);
+}
+
+int AllocMediaRequest(int mediaFd, unsigned long owner) noexcept {
+    int fd = -1;
+    const int result = kernel().ioctl(mediaFd, MEDIA_IOC_REQUEST_ALLOC, &fd);
+    if (result < 0)
+        return result;
+    FdTable::instance().add(fd, owner, "request");
+    return fd;
+}
+
+int QueueMediaRequest(int requestFd) noexcept {
+    return kernel().ioctl(requestFd, MEDIA_REQUEST_IOC_QUEUE, nullptr);
+}
+
+int ReinitMediaRequest(int requestFd) noexcept {
+    return kernel().ioctl(requestFd, MEDIA_REQUEST_IOC_REINIT, nullptr);
+}
+
+int QueueVideoNodeBuf(int fd, void* buffer) noexcept {
+    return kernel().ioctl(fd, VIDIOC_QBUF, buffer);
+}
+
+int DQueueVideoNodeBuf(int fd, void* buffer) noexcept {
+    const int result = kernel().ioctl(fd, VIDIOC_DQBUF, buffer);
+    return result == -EAGAIN ? EAGAIN : result;
+}
+
+int DQueueEvent(int fd, void* event) noexcept {
+    return kernel().ioctl(fd, VIDIOC_DQEVENT, event);
+}
+
+int AddIova(int fd, int request, void* record) noexcept {
+    return Ioctl(fd, request, record, 3);
+}
+
+int DelIova(int fd, int request, void* record) noexcept {
+    return Ioctl(fd, request, record, 3);
+}
+
+std::vector<OpenFd> openFds() {
+    return FdTable::instance().list();
+}
+
+void dumpState(IPrinter* printer) {
+    if (printer == nullptr)
+        return;
+    struct timespec now {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    for (const OpenFd& entry : openFds()) {
+        const long ageInMs = (now.tv_sec - entry.opened.tv_sec) * 1000 +
+                             (now.tv_nsec - entry.opened.tv_nsec) / 1000000;
+        printer->printFormatLine("fd=%d path=%s owner=0x%lx age=%ld ms", entry.fd,
+                                 entry.path.c_str(), entry.owner, ageInMs);
+    }
+}
+
+}  // namespace NSVista::NSCorvane::System

@@ -1,0 +1,50 @@
+/**
+ * @file
+ * Where trace events go.
+ */
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace NSVista::NSCorvane::trace {
+
+/** Kinds of events; the values are the letters of the kernel marker's text protocol. */
+enum class Kind : char {
+    Begin = 'B',
+    End = 'E',
+    AsyncBegin = 'S',
+    AsyncEnd = 'F',
+    Counter = 'C',
+};
+
+/** A running trace. Any thread. */
+class Backend {
+public:
+    virtual ~Backend() = default;
+    /**
+     * Takes one event of the calling thread.
+     * @param name empty for Kind::End.
+     * @param value the cookie or the counter's value; 0 for sections.
+     */
+    virtual void event(Kind kind, const char* name, int32_t value) = 0;
+    /** The calling thread has a new name. */
+    virtual void nameThread(const char* name) = 0;
+    /** What was taken so far survives the process. */
+    virtual void flush() = 0;
+    /** The trace is complete; later events are dropped. */
+    virtual void finish() = 0;
+};
+
+/** @param[out] error 0 or the negated errno. @return null on failure. */
+std::shared_ptr<Backend> makeFileBackend(const char* path, int& error);
+std::shared_ptr<Backend> openMarkerBackend(int& error);
+/** @param fd a marker, owned from now on. */
+std::shared_ptr<Backend> makeMarkerBackend(int fd);
+
+/** The calling thread has a new name. */
+void nameThread(const char* name);
+/** Makes what was traced so far survive the process. */
+void flush();
+
+}  // namespace NSVista::NSCorvane::trace

@@ -1,0 +1,72 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <iterator>
+
+#include "TraceBackend.h"
+
+namespace NSVista::NSCorvane::trace {
+
+namespace {
+
+/** Writes the text protocol of Android's tracing into the kernel's trace marker. */
+class MarkerBackend final : public Backend {
+public:
+    explicit MarkerBackend(int fd) : mFd(fd) {}
+    ~MarkerBackend() override { ::close(mFd); }
+
+    void event(Kind kind, const char* name, int32_t value) override;
+    /** The kernel knows its threads' names. */
+    void nameThread(const char* /*name*/) override {}
+    void flush() override {}
+    void finish() override {}
+
+private:
+    const int mFd;
+    const int mPid = getpid();
+};
+
+void MarkerBackend::event(Kind kind, const char* name, int32_t value) {
+    constexpr int kNameMax = 900;  // leaves room for the number that follows
+    char text[1024];
+    int length = 0;
+    const char letter = static_cast<char>(kind);
+    switch (kind) {
+    case Kind::Begin:
+        length = snprintf(text, sizeof(text), "%c|%d|%.*s", letter, mPid, kNameMax, name);
+        break;
+    case Kind::End: length = snprintf(text, sizeof(text), "%c|%d", letter, mPid); break;
+    default:
+        length = snprintf(text, sizeof(text), "%c|%d|%.*s|%d", letter, mPid, kNameMax, name, value);
+        break;
+    }
+    // A line feed would end the event in the trace's text form.
+    std::replace(text, text + std::max(length, 0), '\n', ' ');
+    // One write is one event; one that the kernel does not take is lost.
+    [[maybe_unused]] const ssize_t written =
+        ::write(mFd, text, static_cast<size_t>(std::max(length, 0)));
+}
+
+}  // namespace
+
+std::shared_ptr<Backend> makeMarkerBackend(int fd) {
+    return std::make_shared<MarkerBackend>(fd);
+}
+
+std::shared_ptr<Backend> openMarkerBackend(int& error) {
+    for (const char* path : {"/sys/kernel/tracing/trace_marker",
+                             "/sys/kernel/debug/tracing/trace_marker"}) {
+        const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            error = 0;
+            return makeMarkerBackend(fd);
+        }
+        error = -errno;
+    }
+    return nullptr;
+}
+
+}  // namespace NSVista::NSCorvane::trace
