@@ -45,7 +45,7 @@ void log_dbg_print(const char* tag, cam_debug_level_t level, const char* format,
 
 namespace {
 
-constexpr size_t kShortLine = 4096;   // what a pipe takes without mixing it with others' bytes
+constexpr size_t kShortLine = 4096;  // what a pipe takes without mixing it with others' bytes
 constexpr size_t kLongestLine = 65536;
 
 /** Ends the text with a line feed and writes it whole. @param length of the text alone. */

@@ -22,8 +22,8 @@ public:
 
     void add(int fd, unsigned long owner, const char* path) noexcept;
     /**
-     * Takes an entry out before its descriptor is closed: the moment the kernel has it back, another
-     * thread may be given the same number and account it.
+     * Takes an entry out before its descriptor is closed: the moment the kernel has it back,
+     * another thread may be given the same number and account it.
      */
     Entry take(int fd) noexcept;
     /** Gives back what take() took, after a failed close. */

@@ -73,7 +73,8 @@ int32_t property_get_int32(const char* key, int32_t defaultValue) {
     char* end = nullptr;
     errno = 0;
     const long long value = strtoll(text->c_str(), &end, 0);
-    const bool parsed = errno == 0 && *end == '\0' && value >= std::numeric_limits<int32_t>::min() &&
+    const bool parsed = errno == 0 && *end == '\0' &&
+                        value >= std::numeric_limits<int32_t>::min() &&
                         value <= std::numeric_limits<int32_t>::max();
     return parsed ? static_cast<int32_t>(value) : defaultValue;
 }

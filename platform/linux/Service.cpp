@@ -74,8 +74,8 @@ void reportException(const char* module, const std::string& text) {
         return;
     static std::atomic<unsigned> count{0};
     char name[64] = {};
-    snprintf(name, sizeof(name), "/exception-%lld-%d-%u.txt",
-             static_cast<long long>(time(nullptr)), getpid(), count.fetch_add(1));
+    snprintf(name, sizeof(name), "/exception-%lld-%d-%u.txt", static_cast<long long>(time(nullptr)),
+             getpid(), count.fetch_add(1));
     writeReport(std::string(directory) + name, module, text);
 }
 
@@ -102,6 +102,7 @@ void terminateService() {
         return;
     }
     // The signal usually ends the process with no exit handler run.
+    NSCorvane::log::flushUnified();
     NSCorvane::trace::flush();
     kill(getpid(), SIGTERM);
 }

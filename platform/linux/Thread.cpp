@@ -41,9 +41,12 @@ int Thread::getThisThread() {
 
 int Thread::setThreadPriority(const int& tid, Priority priority, Scheduler scheduler) {
     switch (scheduler) {
-    case Scheduler::Normal: return setNormal(tid, static_cast<int>(priority));
-    case Scheduler::Fifo: return setSchedule(tid, SCHED_FIFO, static_cast<int>(priority));
-    case Scheduler::RoundRobin: return setSchedule(tid, SCHED_RR, static_cast<int>(priority));
+        case Scheduler::Normal:
+            return setNormal(tid, static_cast<int>(priority));
+        case Scheduler::Fifo:
+            return setSchedule(tid, SCHED_FIFO, static_cast<int>(priority));
+        case Scheduler::RoundRobin:
+            return setSchedule(tid, SCHED_RR, static_cast<int>(priority));
     }
     return -EINVAL;
 }

@@ -1,7 +1,7 @@
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
-#include <corvane/platform/Thread.h>
 #include <corvane/platform/ThreadLoop.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <cerrno>
@@ -54,17 +54,18 @@ void ThreadLoopHandler::Shared::waitReady() {
 }
 
 void ThreadLoopHandler::Shared::runLoop(const std::string& threadName) {
-    std::shared_ptr<IThreadLoop> running = begin();
+    if (!threadName.empty())
+        pthread_setname_np(pthread_self(), threadName.substr(0, 15).c_str());
+    const std::shared_ptr<IThreadLoop> running = begin();
     const int result = running->readyToRun(IThreadLoop::ReadyToRun{threadName});
     setReady();
     if (result != 0)
         CORVANE_LOGE("Thread %s is not ready to run: %d", threadName.c_str(), result);
     while (result == 0 && !exitRequested && running->threadLoop()) {
     }
-    // The object may die here, and may own this handler: no lock is held then.
+    // The object may die when this returns, and may own the handler: no lock is held then.
     MutexLock held(lock);
     loop.reset();
-    held.unlock();
 }
 
 std::shared_ptr<ThreadLoopHandler> ThreadLoopHandler::make() {

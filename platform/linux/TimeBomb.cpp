@@ -156,9 +156,9 @@ Clock::duration GuardThread::report(const Armed& armed) {
     if (!bomb)
         return Clock::duration::zero();
     const auto age = Clock::now() - armed.since;
-    CORVANE_LOGE("%s: %s (%lld ms)", bomb->name(), bomb->message(),
-                 static_cast<long long>(
-                     std::chrono::duration_cast<std::chrono::milliseconds>(age).count()));
+    CORVANE_LOGE(
+        "%s: %s (%lld ms)", bomb->name(), bomb->message(),
+        static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(age).count()));
     if (const auto expiryHandler = handler.get())
         (*expiryHandler)(*bomb, age);
     return duration(bomb->period());
@@ -167,7 +167,8 @@ Clock::duration GuardThread::report(const Armed& armed) {
 }  // namespace
 
 TimeBomb::TimeBomb(const char* name, unsigned long limit, unsigned long period)
-    : mName(name != nullptr ? name : ""), mLimit(limit), mPeriod(period) {}
+    : mName(name != nullptr ? name : ""), mLimit(limit), mPeriod(period) {
+}
 
 void TimeBomb::setMessage(const char* format, ...) {
     va_list args;

@@ -101,9 +101,10 @@ private:
 int FileBackend::begin() {
     MutexLock lock(mLock);
     mPending.reserve(kFlushAt + 4096);
-    mPending = "{\"displayTimeUnit\":\"ns\",\"traceEvents\":[\n"
-               "{\"ph\":\"M\",\"name\":\"process_name\",\"pid\":" +
-               std::to_string(mPid) + ",\"args\":{\"name\":";
+    mPending =
+        "{\"displayTimeUnit\":\"ns\",\"traceEvents\":[\n"
+        "{\"ph\":\"M\",\"name\":\"process_name\",\"pid\":" +
+        std::to_string(mPid) + ",\"args\":{\"name\":";
     appendString(mPending, program_invocation_short_name);
     mPending += "}}";
     return writePending();
@@ -117,34 +118,35 @@ void FileBackend::event(Kind kind, const char* name, int32_t value) {
     const int tid = threadId();
     unsigned& depth = mDepths[tid];
     switch (kind) {
-    case Kind::Begin:
-        ++depth;
-        append('B', tid, now);
-        mPending += ",\"name\":";
-        appendString(mPending, name);
-        break;
-    case Kind::End:
-        if (depth == 0)
-            return;  // its section began before the trace
-        --depth;
-        append('E', tid, now);
-        break;
-    case Kind::AsyncBegin:
-    case Kind::AsyncEnd:
-        append(kind == Kind::AsyncBegin ? 'b' : 'e', tid, now);
-        mPending += ",\"name\":";
-        appendString(mPending, name);
-        // Sections are told apart by category and id, so cookies of different names may be equal.
-        mPending += ",\"cat\":";
-        appendString(mPending, name);
-        mPending += ",\"id\":\"" + std::to_string(value) + '"';
-        break;
-    case Kind::Counter:
-        append('C', tid, now);
-        mPending += ",\"name\":";
-        appendString(mPending, name);
-        mPending += ",\"args\":{\"value\":" + std::to_string(value) + '}';
-        break;
+        case Kind::Begin:
+            ++depth;
+            append('B', tid, now);
+            mPending += ",\"name\":";
+            appendString(mPending, name);
+            break;
+        case Kind::End:
+            if (depth == 0)
+                return;  // its section began before the trace
+            --depth;
+            append('E', tid, now);
+            break;
+        case Kind::AsyncBegin:
+        case Kind::AsyncEnd:
+            append(kind == Kind::AsyncBegin ? 'b' : 'e', tid, now);
+            mPending += ",\"name\":";
+            appendString(mPending, name);
+            // Sections are told apart by category and id, so cookies of different names may be
+            // equal.
+            mPending += ",\"cat\":";
+            appendString(mPending, name);
+            mPending += ",\"id\":\"" + std::to_string(value) + '"';
+            break;
+        case Kind::Counter:
+            append('C', tid, now);
+            mPending += ",\"name\":";
+            appendString(mPending, name);
+            mPending += ",\"args\":{\"value\":" + std::to_string(value) + '}';
+            break;
     }
     mPending += '}';
     const int result = mPending.size() >= kFlushAt ? writePending() : 0;
@@ -196,21 +198,24 @@ int FileBackend::threadId() {
 /** Appends what all events begin with; the caller appends the rest and the brace. */
 void FileBackend::append(char phase, int tid, uint64_t ns) {
     char text[128];
-    snprintf(text, sizeof(text),
-             ",\n{\"ph\":\"%c\",\"pid\":%d,\"tid\":%d,\"ts\":%" PRIu64 ".%03u", phase, mPid, tid,
-             ns / 1000, static_cast<unsigned>(ns % 1000));
+    snprintf(text, sizeof(text), ",\n{\"ph\":\"%c\",\"pid\":%d,\"tid\":%d,\"ts\":%" PRIu64 ".%03u",
+             phase, mPid, tid, ns / 1000, static_cast<unsigned>(ns % 1000));
     mPending += text;
 }
 
 void FileBackend::appendThreadName(int tid, const char* name) {
-    append('M', tid, nowInNs());
-    mPending += ",\"name\":\"thread_name\",\"args\":{\"name\":";
+    mPending += ",\n{\"ph\":\"M\",\"name\":\"thread_name\",\"pid\":" + std::to_string(mPid) +
+                ",\"tid\":" + std::to_string(tid) + ",\"args\":{\"name\":";
     appendString(mPending, name);
     mPending += "}}";
 }
 
 /** @return 0, or the negated errno; the trace has then ended. */
 int FileBackend::writePending() {
+    if (getpid() != mPid) {
+        mClosed = true;  // a forked child leaves the file to its parent
+        return 0;
+    }
     const size_t length = mPending.size();
     mPending += kTail;
     const int result = writeAt(mFd, mPending, mOffset);

@@ -35,13 +35,16 @@ void MarkerBackend::event(Kind kind, const char* name, int32_t value) {
     int length = 0;
     const char letter = static_cast<char>(kind);
     switch (kind) {
-    case Kind::Begin:
-        length = snprintf(text, sizeof(text), "%c|%d|%.*s", letter, mPid, kNameMax, name);
-        break;
-    case Kind::End: length = snprintf(text, sizeof(text), "%c|%d", letter, mPid); break;
-    default:
-        length = snprintf(text, sizeof(text), "%c|%d|%.*s|%d", letter, mPid, kNameMax, name, value);
-        break;
+        case Kind::Begin:
+            length = snprintf(text, sizeof(text), "%c|%d|%.*s", letter, mPid, kNameMax, name);
+            break;
+        case Kind::End:
+            length = snprintf(text, sizeof(text), "%c|%d", letter, mPid);
+            break;
+        default:
+            length =
+                snprintf(text, sizeof(text), "%c|%d|%.*s|%d", letter, mPid, kNameMax, name, value);
+            break;
     }
     // A line feed would end the event in the trace's text form.
     std::replace(text, text + std::max(length, 0), '\n', ' ');
@@ -57,8 +60,8 @@ std::shared_ptr<Backend> makeMarkerBackend(int fd) {
 }
 
 std::shared_ptr<Backend> openMarkerBackend(int& error) {
-    for (const char* path : {"/sys/kernel/tracing/trace_marker",
-                             "/sys/kernel/debug/tracing/trace_marker"}) {
+    for (const char* path :
+         {"/sys/kernel/tracing/trace_marker", "/sys/kernel/debug/tracing/trace_marker"}) {
         const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
         if (fd >= 0) {
             error = 0;

@@ -50,6 +50,7 @@ ULogger* ULogger::install(ULogger* logger) noexcept {
 
 ULogger::~ULogger() = default;
 
-void ULogger::flush(int /*wait*/) {}
+void ULogger::flush(int /*wait*/) {
+}
 
 }  // namespace NSVista::Utils::ULog

@@ -31,11 +31,16 @@ void writeLine(FILE* stream, const char* tag, int level, const char* text, size_
 
 int syslogPriority(int level) {
     switch (level) {
-    case kError: return LOG_ERR;
-    case kWarning: return LOG_WARNING;
-    case kInfo: return LOG_INFO;
-    case kKeyEvent: return LOG_NOTICE;
-    default: return LOG_DEBUG;
+        case kError:
+            return LOG_ERR;
+        case kWarning:
+            return LOG_WARNING;
+        case kInfo:
+            return LOG_INFO;
+        case kKeyEvent:
+            return LOG_NOTICE;
+        default:
+            return LOG_DEBUG;
     }
 }
 
@@ -57,7 +62,8 @@ std::unique_ptr<FileULogger> FileULogger::open(const char* path) {
     return std::unique_ptr<FileULogger>(new FileULogger(file));
 }
 
-FileULogger::FileULogger(FILE* file) : mFile(file) {}
+FileULogger::FileULogger(FILE* file) : mFile(file) {
+}
 
 FileULogger::~FileULogger() {
     fclose(mFile);
@@ -79,7 +85,8 @@ void SyslogULogger::log(uint32_t /*module*/, const char* tag, int level, const c
     syslog(syslogPriority(level), "%s: %.*s", tag, static_cast<int>(length), text);
 }
 
-RingULogger::RingULogger(size_t capacity) : mCapacity(std::max<size_t>(capacity, 1)) {}
+RingULogger::RingULogger(size_t capacity) : mCapacity(std::max<size_t>(capacity, 1)) {
+}
 
 void RingULogger::log(uint32_t module, const char* tag, int level, const char* text,
                       size_t length) {

@@ -22,18 +22,22 @@ CORVANE_EXPORT void corvane_oxu_trigger_exception(const char* module, const char
 namespace NSVista::Utils {
 
 /**
- * Ends the hosting service: raises SIGTERM in this process. It may return.
+ * Ends the hosting service: raises SIGTERM in this process, after what was logged and traced has
+ * been written out. It may return.
  */
 CORVANE_EXPORT void terminateService();
 
 /**
  * Replaces what an exception report does. An empty function restores the default. Any thread; a
- * report under way finishes with the handler it began with.
+ * report under way finishes with the handler it began with. A handler must not throw.
  */
 CORVANE_EXPORT void setExceptionHandler(
     std::function<void(const char* module, const char* text)> handler);
 
-/** Replaces what terminateService() does. An empty function restores the default. Any thread. */
+/**
+ * Replaces what terminateService() does. An empty function restores the default. Any thread. A
+ * handler must not throw.
+ */
 CORVANE_EXPORT void setTerminateHandler(std::function<void()> handler);
 
 }  // namespace NSVista::Utils

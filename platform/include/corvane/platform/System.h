@@ -32,7 +32,7 @@ class CORVANE_EXPORT Kernel {
 public:
     virtual ~Kernel();
 
-    /** open(2). @return the descriptor. */
+    /** open(2). The default kernel adds O_CLOEXEC. @return the descriptor. */
     virtual int open(const char* path, int flags) = 0;
     /** close(2); the descriptor is gone whatever the result, so EINTR counts as success. */
     virtual int close(int fd) = 0;
@@ -74,14 +74,17 @@ CORVANE_EXPORT Kernel* setKernel(Kernel* kernel) noexcept;
  * @{
  */
 CORVANE_EXPORT int Open(const char* path, int flags, unsigned long owner) noexcept;
+/** close(2). After a failure the descriptor stays accounted. */
 CORVANE_EXPORT int Close(int fd, unsigned long owner) noexcept;
 /**
  * ioctl(2).
  * @param request the request code in an int; it is widened through `unsigned int`.
  * @param traced 3 where the call belongs to an owner's own work, 0 where it is one step of a walk.
+ *        All but 0 open a trace section of area #kTraceDriverCalls.
  */
 CORVANE_EXPORT int Ioctl(int fd, int request, void* arg, unsigned int traced) noexcept;
 CORVANE_EXPORT DIR* OpenDir(const char* path) noexcept;
+/** readdir(3). @return null at the end and on failure; only a failure changes `errno`. */
 CORVANE_EXPORT struct dirent* ReadDir(DIR* dir) noexcept;
 CORVANE_EXPORT int CloseDir(DIR* dir) noexcept;
 CORVANE_EXPORT int Stat(const char* path, struct stat* info) noexcept;

@@ -33,8 +33,8 @@ public:
      * @param name who is guarded; copied.
      * @param limit, period in nanoseconds.
      * @param format, args the message, at most 255 characters; empty when formatting fails.
-     * @return the guard; releasing it disarms it: no report begins after that. One that is under way
-     *         then runs to its end, and the guard thread deletes the guard.
+     * @return the guard; releasing it disarms it: no report begins after that. One that is under
+     * way then runs to its end, and the guard thread deletes the guard.
      */
     template <class... Args>
     static std::shared_ptr<TimeBomb> make(const char* name, unsigned long limit,
@@ -53,7 +53,11 @@ public:
     static void deleteThis(TimeBomb* bomb);
     /** Hands a guard to the guard thread, which holds it weakly. */
     static void registerTimeBomb(const std::shared_ptr<TimeBomb>& bomb);
-    /** Replaces the expiry handler; an empty function takes it away. Any thread. */
+    /**
+     * Replaces the expiry handler; an empty function takes it away. Any thread. A call under way
+     * finishes with the handler it began with. A handler must not throw, and is taken away before
+     * what it uses is gone: guards expire until the process ends.
+     */
     static void setExpiryHandler(ExpiryHandler handler);
 
     const char* name() const { return mName.c_str(); }

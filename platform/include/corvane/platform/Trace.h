@@ -49,7 +49,10 @@ namespace trace {
  * @return 0 or the negated errno; on failure nothing is traced.
  */
 CORVANE_EXPORT int start(const char* target);
-/** Ends tracing; a file is complete when this returns. */
+/**
+ * Ends tracing; a file is complete when this returns. The end of the process and a fatal error stop
+ * as well. A section that is open then is closed in the file.
+ */
 CORVANE_EXPORT void stop();
 
 }  // namespace trace
