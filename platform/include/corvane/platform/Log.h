@@ -170,8 +170,12 @@ template <class... Args>
  * @{
  */
 #define CORVANE_LOGE_AS(function, ...) CORVANE_LOG_LOCATED(writeError, function, __VA_ARGS__)
+#define CORVANE_FATAL_AS(function, ...) CORVANE_LOG_LOCATED(fatal, function, __VA_ARGS__)
 #define CORVANE_LOGW_AS(function, ...)                                                             \
     CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(2), ::NSVista::NSCorvane::log::kWarning, \
+                      function, __VA_ARGS__)
+#define CORVANE_LOGI_AS(function, ...)                                                          \
+    CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(3), ::NSVista::NSCorvane::log::kInfo, \
                       function, __VA_ARGS__)
 /** @} */
 

@@ -1,0 +1,372 @@
+#include <corvane/V4L2BufferMonitor.h>
+
+#include <corvane/platform/Log.h>
+#include <corvane/platform/Printer.h>
+#include <corvane/platform/Properties.h>
+#include <corvane/platform/Thread.h>
+#include <corvane/platform/Trace.h>
+
+#include <algorithm>
+#include <iomanip>
+#include <sstream>
+
+#include "LoadTime.h"
+#include "Text.h"
+#include "TraceArea.h"
+
+CORVANE_LOG_UNIT("corvane-BufferMonitor")
+
+#define MONITOR_PROPERTY(name) "persist.vendor.camera.corvane.V4L2BufferMonitor." name
+
+namespace NSVista::NSCorvane {
+
+namespace {
+
+using Utils::Properties::property_get_bool;
+using Utils::Properties::property_get_int32;
+
+constexpr std::chrono::milliseconds kFirstPause{1};
+constexpr std::chrono::milliseconds kLongestPause{64};
+
+const bool sTraceBufWanted = diagnosticsWanted(sLogLevel, 3);
+
+std::string nameWithAddress(const char* name, const void* address) {
+    std::ostringstream text;
+    text << nameOrEmpty(name) << "-" << address;
+    return text.str();
+}
+
+}  // namespace
+
+std::shared_ptr<IV4L2BufferMonitor> IV4L2BufferMonitor::make(const char* name) {
+    return std::make_shared<V4L2BufferMonitor>(name);
+}
+
+V4L2BufferMonitor::V4L2BufferMonitor(const char* name)
+    : mName(nameWithAddress(name, this)),
+      mConfigMode(property_get_int32(MONITOR_PROPERTY("configmode"), 0)),
+      mTraceBuf(property_get_bool(MONITOR_PROPERTY("tracebuf"), false) ||
+                (sTraceBufWanted && buildType() == BuildType::UserDebug)),
+      mLogV(property_get_bool(MONITOR_PROPERTY("logv"), false)) {
+    mPortObserverMap.max_load_factor(1.0F);
+    mTraceBufferMap.max_load_factor(1.0F);
+    mRequestDoneObservers.reserve(kObserversInPlace);
+    CORVANE_LOGI("%s ctor - tracebuf:%d logv:%d", mName.c_str(), mTraceBuf, mLogV);
+}
+
+V4L2BufferMonitor::~V4L2BufferMonitor() {
+    CORVANE_LOGI("%s dtor - %s %s", mName.c_str(), toString_runtime().c_str(),
+                 toString_debugtrace().c_str());
+}
+
+uint32_t V4L2BufferMonitor::determineInqueBufferCount() const {
+    return mQBufCount.load(std::memory_order_relaxed) - mDQBufCount.load(std::memory_order_relaxed);
+}
+
+uint32_t V4L2BufferMonitor::determineNeedToDQBUFCount() const {
+    return mReqDoneCount.load(std::memory_order_relaxed) -
+           mDQBufCount.load(std::memory_order_relaxed);
+}
+
+void V4L2BufferMonitor::attachObserver(const std::shared_ptr<IV4L2BufferObserver>& observer,
+                                       int portIndex) {
+    const TraceSection section(area::kFormat, "V4L2BufferMonitor::attachObserver");
+    if (mLogV)
+        CORVANE_LOGI("(%#x, %p)", portIndex, static_cast<void*>(observer.get()));
+    bool inserted = false;
+    {
+        const MutexLock lock(mObserverLock);
+        inserted = mPortObserverMap.emplace(portIndex, observer).second;
+    }
+    if (!inserted) {
+        CORVANE_LOGE("(%#x, %p) has existed", portIndex, static_cast<void*>(observer.get()));
+        CORVANE_LOGE("%s", toString_config().c_str());
+        CORVANE_FATAL("FATAL");
+    }
+}
+
+void V4L2BufferMonitor::detachObserver(const std::shared_ptr<IV4L2BufferObserver>& observer,
+                                       int portIndex) {
+    const TraceSection section(area::kFormat, "V4L2BufferMonitor::detachObserver");
+    if (mLogV)
+        CORVANE_LOGI("(%#x, %p)", portIndex, static_cast<void*>(observer.get()));
+    size_t erased = 0;
+    {
+        const MutexLock lock(mObserverLock);
+        erased = mPortObserverMap.erase(portIndex);
+    }
+    if (erased == 0) {
+        CORVANE_LOGE("(%#x, %p) hasn't existed", portIndex, static_cast<void*>(observer.get()));
+        CORVANE_LOGE("%s", toString_config().c_str());
+        CORVANE_FATAL("FATAL");
+    }
+}
+
+void V4L2BufferMonitor::attachRequestBuffer(int requestFd, unsigned int bufferIndex) {
+    const TraceSection section(area::kQueue, "attachRequestBuffer");
+    if (mTraceBuf) {
+        if (mLogV)
+            CORVANE_LOGI("requestFd:%d bufferIndex:%u %s", requestFd, bufferIndex,
+                         toString_runtime().c_str());
+        bool inserted = false;
+        {
+            const MutexLock lock(mTraceLock);
+            inserted = mTraceBufferMap[requestFd].insert(bufferIndex).second;
+        }
+        if (!inserted) {
+            CORVANE_LOGE("requestFd:%d bufferIndex:%u existed", requestFd, bufferIndex);
+            dumpToLog("[attachRequestBuffer] ");
+            CORVANE_FATAL("FATAL");
+        }
+    }
+    if (traceEnabled(area::kBufferLife))
+        atrace_async_begin_body(TraceName("%s-%d", mName.c_str(), bufferIndex).text(),
+                                static_cast<int32_t>(bufferIndex));
+    mQBufCount.fetch_add(1, std::memory_order_relaxed);
+    if (traceEnabled(area::kBufferCounter))
+        atrace_int_body(kTRACETAG_BufferCountInQue,
+                        static_cast<int32_t>(determineInqueBufferCount()));
+}
+
+void V4L2BufferMonitor::detachRequestBuffer(int requestFd, unsigned int bufferIndex) {
+    const TraceSection section(area::kDriverCall, "detachRequestBuffer");
+    if (mTraceBuf) {
+        if (mLogV)
+            CORVANE_LOGI("requestFd:%d bufferIndex:%u %s", requestFd, bufferIndex,
+                         toString_runtime().c_str());
+        size_t erased = 0;
+        {
+            const MutexLock lock(mTraceLock);
+            erased = mTraceBufferMap[requestFd].erase(bufferIndex);
+        }
+        if (erased == 0) {
+            CORVANE_LOGE("requestFd:%d bufferIndex:%u not found", requestFd, bufferIndex);
+            dumpToLog("[detachRequestBuffer] ");
+            CORVANE_FATAL("FATAL");
+        }
+    }
+    if (traceEnabled(area::kBufferLife))
+        atrace_async_end_body(TraceName("%s-%d", mName.c_str(), bufferIndex).text(),
+                              static_cast<int32_t>(bufferIndex));
+    mDQBufCount.fetch_add(1, std::memory_order_relaxed);
+    if (traceEnabled(area::kBufferCounter))
+        atrace_int_body(kTRACETAG_BufferCountInQue,
+                        static_cast<int32_t>(determineInqueBufferCount()));
+}
+
+void V4L2BufferMonitor::dumpToLog(const char* operation) const {
+    Utils::ULog::ULogPrinter printer(log::kModule, kLogTag, Utils::ULog::kError, operation);
+    dumpState(&printer);
+}
+
+int V4L2BufferMonitor::readyToRun(const std::string& threadName) {
+    const int32_t policy = property_get_int32(MONITOR_PROPERTY("threadpolicy"), 0);
+    const int32_t priority = property_get_int32(MONITOR_PROPERTY("threadpriority"), 6);
+    Thread::setThreadPriority(Thread::getThisThread(), static_cast<Thread::Priority>(priority),
+                              static_cast<Thread::Scheduler>(policy));
+    if (threadName.empty())
+        customizeThreadReadyToRun(kThreadName, sizeof(kThreadName) - 1);
+    else
+        customizeThreadReadyToRun(threadName.c_str(), threadName.size());
+    kvxcam_perfctrl_set_affinity();
+    return 0;
+}
+
+bool V4L2BufferMonitor::threadLoop() {
+    const TraceSection section(area::kLifecycle, "threadLoop");
+    CORVANE_LOGI("%s: + %s", mName.c_str(), toString_runtime().c_str());
+    while (active()) {
+        {
+            const TraceSection waiting(area::kDriverCall, "wait_for needToDQBUF");
+            MutexLock lock(mCountLock);
+            while (!needToDQBUF() && active())
+                mCondition.wait(lock.native());
+        }
+        notifyComplete();
+    }
+    CORVANE_LOGI("%s: - %s", mName.c_str(), toString_runtime().c_str());
+    return false;
+}
+
+void V4L2BufferMonitor::notifyComplete() {
+    const TraceSection section(area::kDone, "V4L2BufferMonitor::notifyComplete");
+    while (needToDQBUF() && active()) {
+        const uint32_t reqDoneCount = mReqDoneCount.load(std::memory_order_relaxed);
+        Observer inPlace[kObserversInPlace];
+        std::vector<Observer> more;
+        const size_t count = takeObservers(inPlace, more);
+        if (count == 0) {
+            CORVANE_LOGW("No Observer but needToDQBUF() - %s", toString_runtime().c_str());
+            pauseAfterEmptyPass(reqDoneCount);
+            return;
+        }
+        mPause = std::chrono::milliseconds(0);
+        const uint32_t before = mDQBufCount.load(std::memory_order_relaxed);
+        callObservers(count <= kObserversInPlace ? inPlace : more.data(), count);
+        const uint32_t after = mDQBufCount.load(std::memory_order_relaxed);
+        if (after - before < count)
+            CORVANE_LOGE("After DQBUF, we expect %zu >= %zu + %zu, %s", size_t{after},
+                         size_t{before}, count, toString_runtime().c_str());
+    }
+}
+
+size_t V4L2BufferMonitor::takeObservers(Observer (&inPlace)[kObserversInPlace],
+                                        std::vector<Observer>& more) {
+    const MutexLock lock(mObserverLock);
+    const size_t count = mRequestDoneObservers.size();
+    Observer* taken = inPlace;
+    if (count > kObserversInPlace) {
+        more.resize(count);
+        taken = more.data();
+    }
+    std::move(mRequestDoneObservers.begin(), mRequestDoneObservers.end(), taken);
+    mRequestDoneObservers.clear();
+    mPendingObservers.store(0, std::memory_order_relaxed);
+    return count;
+}
+
+void V4L2BufferMonitor::callObservers(const Observer* observers, size_t count) {
+    constexpr const char* kOperation = "notifyComplete";
+    for (size_t k = 0; k < count; ++k) {
+        const auto observer = observers[k].lock();
+        if (observer == nullptr) {
+            CORVANE_LOGW_AS(kOperation, "nullptr from weak_ptr::lock() for observer");
+            continue;
+        }
+        if (mLogV)
+            CORVANE_LOGI_AS(kOperation, "+ #%zu %s", k, toString_runtime().c_str());
+        observer->onNotify(0);
+        if (mLogV)
+            CORVANE_LOGI_AS(kOperation, "- #%zu %s", k, toString_runtime().c_str());
+    }
+}
+
+/**
+ * Keeps counts that do not balance from burning a core: the next pass begins at the next
+ * notification, or after a while that doubles with each empty pass.
+ */
+void V4L2BufferMonitor::pauseAfterEmptyPass(uint32_t reqDoneCount) {
+    mPause = std::clamp(mPause * 2, kFirstPause, kLongestPause);
+    const auto deadline = std::chrono::steady_clock::now() + mPause;
+    MutexLock lock(mCountLock);
+    while (active() && mReqDoneCount.load(std::memory_order_relaxed) == reqDoneCount)
+        if (mCondition.wait_until(lock.native(), deadline) == std::cv_status::timeout)
+            return;
+}
+
+void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_t count) {
+    const TraceSection section(
+        area::kDone,
+        CORVANE_TRACE_NAME("V4L2BufferMonitor::notifyRequestDone|requestFd:%d", requestFd));
+    if (mLogV)
+        CORVANE_LOGI("requestFd:%d portIndexNum:%zu - %s", requestFd, count,
+                     toString_runtime().c_str());
+    if (count == 0)
+        CORVANE_FATAL("requestFd:%d without buffer passed - %s %s", requestFd,
+                      toString_runtime().c_str(), toString_debugtrace().c_str());
+    if (count == 1 && mConfigMode == 0) {
+        notifyDirectly(portIndexes[0]);
+        return;
+    }
+    int unknownIndex = 0;
+    if (!queueObservers(portIndexes, count, unknownIndex)) {
+        [unknownIndex] { CORVANE_LOGE("port index:%#x doesn't existed", unknownIndex); }();
+        CORVANE_LOGE("%s", toString_config().c_str());
+        CORVANE_FATAL("FATAL");
+    }
+    {
+        const MutexLock lock(mCountLock);
+        mReqDoneCount.fetch_add(static_cast<uint32_t>(count), std::memory_order_relaxed);
+    }
+    mCondition.notify_one();
+}
+
+// Reads the map without its lock: observers are neither attached nor detached while requests
+// complete, and the completion thread must not wait for the worker.
+void V4L2BufferMonitor::notifyDirectly(int portIndex) CORVANE_NO_THREAD_SAFETY_ANALYSIS {
+    constexpr const char* kOperation = "notifyRequestDone";
+    const auto found = mPortObserverMap.find(portIndex);
+    if (found == mPortObserverMap.end())
+        CORVANE_FATAL_AS(kOperation, "port index:%#x doesn't existed", portIndex);
+    const auto observer = found->second.lock();
+    if (observer == nullptr)
+        CORVANE_FATAL_AS(kOperation, "Bad observer");
+    observer->onNotify(0);
+}
+
+bool V4L2BufferMonitor::queueObservers(const int* portIndexes, size_t count, int& unknownIndex) {
+    const MutexLock lock(mObserverLock);
+    bool known = true;
+    for (size_t i = 0; i < count && known; ++i) {
+        const auto found = mPortObserverMap.find(portIndexes[i]);
+        known = found != mPortObserverMap.end();
+        if (known)
+            mRequestDoneObservers.push_back(found->second);
+        else
+            unknownIndex = portIndexes[i];
+    }
+    mPendingObservers.store(mRequestDoneObservers.size(), std::memory_order_relaxed);
+    return known;
+}
+
+void V4L2BufferMonitor::requestExit() {
+    const TraceSection section(area::kLifecycle, "V4L2BufferMonitor::requestExit");
+    CORVANE_LOGI("%s: + %s", mName.c_str(), toString_runtime().c_str());
+    {
+        const MutexLock lock(mCountLock);
+        mActive.store(false, std::memory_order_relaxed);
+    }
+    mCondition.notify_one();
+    CORVANE_LOGI("%s: - %s", mName.c_str(), toString_runtime().c_str());
+}
+
+void V4L2BufferMonitor::dumpState(IPrinter* printer) const {
+    printer->printFormatLine("V4L2BufferMonitor:%s mode:%d tracebuf:%d logv:%d %s", mName.c_str(),
+                             mConfigMode, mTraceBuf, mLogV, toString_runtime().c_str());
+    printer->printFormatLine("    %s", toString_config().c_str());
+    printer->printFormatLine("    %s", toString_debugtrace().c_str());
+}
+
+std::string V4L2BufferMonitor::toString_runtime() const {
+    std::ostringstream text;
+    text << "{ #DQBUF=" << mDQBufCount.load(std::memory_order_relaxed)
+         << " #ReqDone=" << mReqDoneCount.load(std::memory_order_relaxed)
+         << " #QBUF=" << mQBufCount.load(std::memory_order_relaxed)
+         << " #mRequestDoneObservers=" << mPendingObservers.load(std::memory_order_relaxed)
+         << " .mActive=" << active() << " }";
+    return text.str();
+}
+
+std::string V4L2BufferMonitor::toString_config() const {
+    std::vector<int32_t> ports;
+    {
+        const MutexLock lock(mObserverLock);
+        for (const auto& [port, observer] : mPortObserverMap)
+            ports.push_back(port);
+    }
+    std::ostringstream text;
+    text << "mPortObserverMap[" << ports.size() << "]={" << std::hex << std::showbase;
+    for (const int32_t port : ports)
+        text << " (" << port << ")";
+    text << " }";
+    return text.str();
+}
+
+std::string V4L2BufferMonitor::toString_debugtrace() const {
+    if (!mTraceBuf)
+        return {};
+    std::unordered_map<int32_t, std::unordered_set<uint32_t>> buffers;
+    {
+        const MutexLock lock(mTraceLock);
+        buffers = mTraceBufferMap;
+    }
+    std::ostringstream text;
+    text << "mTraceBufferMap={";
+    for (const auto& [fd, indexes] : buffers)
+        for (const uint32_t index : indexes)
+            text << " " << fd << "-" << index;
+    text << " }";
+    return text.str();
+}
+
+}  // namespace NSVista::NSCorvane
