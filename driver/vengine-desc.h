@@ -97,6 +97,34 @@ static const struct vengine_control vengine_controls[VENGINE_CONTROLS] = {
 	{ VENGINE_CTRL_USER, "user", 0, 1000000, 0 },
 };
 
+/*
+ * What the sub-device's private ioctls answer, beside -EFAULT and -ENOMEM. A call that fails changes
+ * nothing, however many descriptors it names. What a call obtains belongs to the open file it came
+ * through, since records name no user: it is found, cleared and limited by file, and given back when
+ * the file is closed.
+ *
+ * ADD_KVA, DEL_KVA		a count of 0 or above KVXDIP_KVA_MAX gives -EINVAL, a descriptor that
+ *				is closed -EBADF, that is no dma-buf -EINVAL; a dma-buf may be added
+ *				several times and is deleted as often, else -ENOENT; -ENOSPC when full
+ * ACQUIRE_, RELEASE_IOVA	the same for its one descriptor; the coherence belongs to the entry; a
+ *				coherence above 1 or a count other than 1 gives -EINVAL
+ * ADD_FENCE			a count of 0 does nothing; -ENOSPC when full; the fences become readable
+ *				when the next request on the engine completes
+ * DEL_FENCE			a descriptor that is no fence of this file's gives -EINVAL; a fence that
+ *				is still pending becomes readable (with an error), the caller closes it
+ * ALOC_BUF, FREE_BUF		a pair of flags may be allocated several times and is freed as often,
+ *				else -ENOENT; -ENOMEM when full
+ * CLEAR_USER_RESOURCE		takes back everything above; never fails
+ * S_INIT_INFO			kept, never fails
+ */
+#define VENGINE_MAX_KVA 256
+#define VENGINE_MAX_IOVA 256
+#define VENGINE_MAX_FENCES 1024
+#define VENGINE_MAX_MEMORY 16
+
+/* Frame-sync events that wait for one subscriber; one more drops the oldest. */
+#define VENGINE_EVENTS 32
+
 /* A VENGINE_META_FMT_TUNING buffer. A wrong magic ends the request with buffers in error. */
 #define VENGINE_TUNING_MAGIC 0x55544556u	/* "VETU" */
 struct vengine_tuning {
