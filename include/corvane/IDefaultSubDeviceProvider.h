@@ -34,7 +34,7 @@ struct EIGHTCC {
     }
     /** @param code may be null: the empty code. */
     EIGHTCC(const char* code)  // NOLINT
-        : EIGHTCC(code != nullptr ? std::string_view(code) : std::string_view()) {}
+    : EIGHTCC(code != nullptr ? std::string_view(code) : std::string_view()) {}
 
     /** The characters up to the first zero. */
     std::string toString() const {

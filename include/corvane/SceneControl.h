@@ -189,7 +189,7 @@ private:
     enum State : int32_t { kIdle = 0, kAcquired = 1, kStarted = 2 };
 
     static const char* stateName(int32_t state);
-    bool inState(int32_t wanted, const char* wantedName, const char* operation) const;
+    bool inState(State wanted, const char* operation) const;
     void startMonitor();
     void stopMonitor();
 

@@ -178,15 +178,15 @@ std::shared_ptr<MediaTopology> enumMediaTopology(const std::string& path) {
     auto topology = std::make_shared<MediaTopology>(path);
     enumerateMediaEntity(
         fd, [&](const media_entity_desc& entity) { topology->insertEntityDesc(entity); });
-    const bool complete = enumAllMediaLinks(
-        fd, topology->entityDescs(),
-        [&](const media_entity_desc& desc, const media_link_desc* links,
-            const media_pad_desc* pads) {
-            const auto entity = std::make_shared<MediaEntity>(desc, links, pads);
-            topology->insertEntity(entity);
-            for (const auto& link : entity->links())
-                topology->insertLinkDesc(link);
-        });
+    const bool complete =
+        enumAllMediaLinks(fd, topology->entityDescs(),
+                          [&](const media_entity_desc& desc, const media_link_desc* links,
+                              const media_pad_desc* pads) {
+                              const auto entity = std::make_shared<MediaEntity>(desc, links, pads);
+                              topology->insertEntity(entity);
+                              for (const auto& link : entity->links())
+                                  topology->insertLinkDesc(link);
+                          });
     if (!complete)
         CORVANE_FATAL("enumAllMediaLinks");
     CORVANE_LOGI("media_entity_desc[%zu] media_link_desc[%zu]", topology->entityDescs().size(),
@@ -308,7 +308,8 @@ std::string DeviceEnumerator::determineDefaultSubDevnodePath() {
     const bool ret = determineMediaDeviceInfoAndTopologyByModelName(
         mDefaultMediaConfigs.mediadevice_model_name,
         [](const DeviceInfo&, const std::shared_ptr<MediaTopology>&) {});
-    std::string path = findMediaEntityDevnodePath(mDefaultMediaConfigs.subdevice_entity_name.c_str());
+    std::string path =
+        findMediaEntityDevnodePath(mDefaultMediaConfigs.subdevice_entity_name.c_str());
     if (path.empty())
         CORVANE_FATAL("No subdev path for %s. ret=%d", toString(mDefaultMediaConfigs).c_str(), ret);
     return path;

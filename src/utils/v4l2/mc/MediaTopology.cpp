@@ -14,8 +14,7 @@ namespace NSVista::NSCorvane::mc {
 
 std::string toString(const media_entity_desc& entity) {
     std::ostringstream text;
-    text << " .id=" << entity.id << " .name=" << fixedText(entity.name)
-         << " .type=" << entity.type;
+    text << " .id=" << entity.id << " .name=" << fixedText(entity.name) << " .type=" << entity.type;
     if (entity.flags != 0)
         text << " .flags=" << entity.flags;
     text << " .pads=" << entity.pads << " .links=" << entity.links
@@ -46,8 +45,8 @@ MediaEntity::MediaEntity(const media_entity_desc& desc, const media_link_desc* l
 }
 
 std::string MediaEntity::determineDevnodePath() const {
-    const std::string sysfs = "/sys/dev/char/" + std::to_string(mDesc.dev.major) + ":" +
-                              std::to_string(mDesc.dev.minor);
+    const std::string sysfs =
+        "/sys/dev/char/" + std::to_string(mDesc.dev.major) + ":" + std::to_string(mDesc.dev.minor);
     char target[1024];
     const int length = System::ReadLink(sysfs.c_str(), target, sizeof(target));
     if (length < 0 || length >= static_cast<int>(sizeof(target))) {

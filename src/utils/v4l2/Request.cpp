@@ -1,0 +1,177 @@
+#include <corvane/SceneControl.h>
+
+#include <corvane/IMediaDevice.h>
+#include <corvane/IMediaRequest.h>
+#include <corvane/platform/Log.h>
+#include <corvane/platform/ReqTrack.h>
+#include <corvane/platform/Trace.h>
+
+#include <algorithm>
+#include <sstream>
+#include <utility>
+
+#include "SceneText.h"
+#include "Stamp.h"
+#include "TraceArea.h"
+
+CORVANE_LOG_UNIT("corvane-SceneControl")
+
+namespace NSVista::NSCorvane {
+
+namespace {
+
+constexpr int kSubflow = 4;
+constexpr size_t kIndexesInPlace = 8;
+
+/** " #A=time#B=time..." of a request's stamps, in order. */
+std::string debugTimes(const RequestDebugInfo& info) {
+    std::string text = " ";
+    char label = 'A';
+    for (const struct timespec* stamp :
+         {&info.created, &info.filled, &info.queueStart, &info.queued, &info.done, &info.reported,
+          &info.consumed, &info.released})
+        text += std::string("#") + label++ + "=" + convertToFormattedLogTime(loadStamp(*stamp));
+    return text;
+}
+
+}  // namespace
+
+Request::Request(IMediaDevice* mediaDevice, QueryPort queryPort, RequestDone requestDone)
+    : mMediaRequest(mediaDevice != nullptr ? mediaDevice->makeRequest() : nullptr),
+      mQueryPort(std::move(queryPort)),
+      mRequestDone(std::move(requestDone)) {
+    if (mMediaRequest == nullptr)
+        CORVANE_FATAL("%p: Bad MediaRequest - mediaDev=%p", static_cast<void*>(this),
+                      static_cast<void*>(mediaDevice));
+    mPortIndexes.reserve(1);
+    mBuffers.max_load_factor(1.0F);
+    mBuffers.reserve(1);
+    mMediaRequest->setRequestDone([this] { this->requestDone(); });
+}
+
+Request::~Request() = default;
+
+std::shared_ptr<RequestDebugInfo> Request::getDebugInfo() const {
+    return mMediaRequest->getDebugInfo();
+}
+
+int Request::getRequestFD() const {
+    return mMediaRequest->getRequestFD();
+}
+
+unsigned long* Request::getTrackBuffer() const {
+    return mMediaRequest->getTrackBuffer();
+}
+
+void Request::setTrackBuffer(unsigned long* track) {
+    mMediaRequest->setTrackBuffer(track);
+}
+
+int Request::setMonitor(const std::shared_ptr<IEventMonitor>& monitor) {
+    mMediaRequest->setMonitor(monitor);
+    return 0;
+}
+
+/** Covers a completion that races the end of the queueing, or a refill that races the completion.
+ */
+void Request::waitForState(State state) const {
+    while (mState.load(std::memory_order_acquire) != state) {
+    }
+}
+
+int Request::addBuffer(int portIndex, std::function<void(FrameBuffer&)> fill) {
+    const TraceSection section(area::kQueue, "Request::addBuffer");
+    if (!fill)
+        CORVANE_FATAL("Bad buffer fill: index=%#x", portIndex);
+    waitForState(kIdle);
+    mPortIndexes.push_back(portIndex);
+    FrameBuffer& buffer = mBuffers[portIndex];
+    if (buffer.planeCount != 0)
+        refuseSecondBuffer(portIndex, buffer);
+    fill(buffer);
+    return 0;
+}
+
+void Request::refuseSecondBuffer(int portIndex, const FrameBuffer& existing) const {
+    constexpr const char* kOperation = "addBuffer";
+    CORVANE_LOGE_AS(kOperation, "(%#x, %s) has existed", portIndex,
+                    NSCorvane::toString(existing).c_str());
+    CORVANE_LOGE_AS(kOperation, "Something wrong - Request=%s", toString().c_str());
+    for (const auto& [index, buffer] : mBuffers)
+        CORVANE_LOGE_AS(kOperation, "Existed (%#x, %s)", index,
+                        NSCorvane::toString(buffer).c_str());
+    CORVANE_FATAL_AS(kOperation, "FATAL");
+}
+
+int Request::queueBuffers(int argument) {
+    const TraceSection section(area::kQueueBuffers, "Request::queueBuffers");
+    for (auto& [portIndex, buffer] : mBuffers) {
+        if (!mQueryPort)
+            CORVANE_FATAL("Bad function");
+        const auto port = mQueryPort(portIndex);
+        if (port == nullptr)
+            CORVANE_FATAL("Bad port index:%#x", portIndex);
+        const auto device = port->getVideoDevice();
+        if (device == nullptr)
+            CORVANE_FATAL("Bad VideoDevice");
+        if (const int ret = device->queueBuffer(buffer, mMediaRequest.get(), argument); ret != 0) {
+            CORVANE_LOGE("Failed to queue buffer to port %s", port->getName().c_str());
+            return ret;
+        }
+        // The mark of a buffer that was filled in this cycle.
+        buffer.planeCount = 0;
+    }
+    mState.store(kBuffersQueued, std::memory_order_release);
+    return 0;
+}
+
+int Request::queueRequest(int argument) {
+    const TraceSection section(area::kQueue, "Request::queueRequest");
+    waitForState(kIdle);
+    if (const int ret = queueBuffers(argument); ret != 0) {
+        CORVANE_LOGE("Failed to queue request's buffers");
+        return ret;
+    }
+    // Before the media request is queued, so that its completion finds it.
+    mState.store(kQueued, std::memory_order_release);
+    CORVANE_LOGD("It's time to queue: %s", toString().c_str());
+    if (mMediaRequest->queueRequest() != 0)
+        CORVANE_FATAL("Failed to queue media request");
+    return 0;
+}
+
+void Request::requestDone() {
+    const TraceSection section(area::kDone, "Request::requestDone");
+    reqtrack::doneToSubmodule(getTrackBuffer(), kSubflow);
+    waitForState(kQueued);
+    int32_t inPlace[kIndexesInPlace];
+    std::vector<int32_t> more;
+    const size_t count = mPortIndexes.size();
+    int32_t* indexes = inPlace;
+    if (count > kIndexesInPlace) {
+        more.resize(count);
+        indexes = more.data();
+    }
+    std::copy(mPortIndexes.begin(), mPortIndexes.end(), indexes);
+    mPortIndexes.clear();
+    mStatus = 0;
+    // From here on the request may be filled again.
+    mState.store(kIdle, std::memory_order_release);
+    CORVANE_LOGD("[Request::requestDone] %s", toString().c_str());
+    if (mRequestDone)
+        mRequestDone(this, indexes, count);
+}
+
+std::string Request::toString() const {
+    std::ostringstream text;
+    text << "{ .requestFD=" << getRequestFD();
+    if (getStatus() != 0)
+        text << " .status=" << getStatus();
+    text << " .state=" << mState.load(std::memory_order_relaxed);
+    if (const auto info = getDebugInfo())
+        text << debugTimes(*info);
+    text << " }";
+    return text.str();
+}
+
+}  // namespace NSVista::NSCorvane

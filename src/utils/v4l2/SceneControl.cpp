@@ -1,0 +1,341 @@
+#include <corvane/SceneControl.h>
+
+#include <corvane/IMediaDevice.h>
+#include <corvane/SceneDesc.h>
+#include <corvane/platform/Log.h>
+#include <corvane/platform/Printer.h>
+#include <corvane/platform/ThreadLoop.h>
+#include <corvane/platform/TimeBomb.h>
+#include <corvane/platform/Trace.h>
+
+#include <cstring>
+#include <utility>
+
+#include "CpuTime.h"
+#include "SceneText.h"
+#include "Stamp.h"
+#include "Text.h"
+#include "TraceArea.h"
+
+CORVANE_LOG_UNIT("corvane-SceneControl")
+
+namespace NSVista::NSCorvane {
+
+namespace {
+
+constexpr unsigned long kGuardLimitNs = 2999000000;
+constexpr unsigned long kGuardPeriodNs = 1000000000;
+
+std::shared_ptr<timeguard::TimeBomb> armGuard(const char* message) {
+    return timeguard::TimeBomb::make("ZelsysKernel", kGuardLimitNs, kGuardPeriodNs, "%s", message);
+}
+
+bool enableLink(const std::shared_ptr<IMediaDevice>& media, bool enable, const LinkDesc& link) {
+    return media != nullptr && media->enableLink(enable, link.source_entity, link.source_pad,
+                                                 link.sink_entity, link.sink_pad);
+}
+
+}  // namespace
+
+Scene::Scene(std::shared_ptr<SceneDebugInfo> debugInfo, const SceneDesc& desc,
+             const std::shared_ptr<IMediaDevice>& media)
+    : mDesc(desc), mDebugInfo(std::move(debugInfo)), mMediaDevice(media) {
+    const TraceSection section(area::kLifecycle, "Scene::Scene");
+    if (mDebugInfo == nullptr)
+        mDebugInfo = std::make_shared<SceneDebugInfo>();
+    if (mDebugInfo == nullptr)
+        CORVANE_FATAL("std::make_shared<SceneDebugInfo>");
+    mBufferMonitor = IV4L2BufferMonitor::make("V4L2BufferMonitor");
+    if (mBufferMonitor == nullptr)
+        CORVANE_FATAL("IV4L2BufferMonitor::make");
+}
+
+Scene::~Scene() {
+    const TraceSection section(area::kLifecycle, "Scene::~Scene");
+    const MutexLock lock(mThreadLock);
+    mThreadLoopHandler.reset();
+}
+
+int Scene::init() {
+    const TraceSection section(area::kLifecycle, "Scene::init");
+    CORVANE_LOGD("Scene::init + %s  #DECKEY", nameOrEmpty(mDesc.scene_name));
+    const CpuTimer timer;
+    const bool ok = initPorts() && initLinks();
+    if (!ok)
+        uninit();
+    CORVANE_LOGK("Scene::init - %s ret:%d (cputime %s ns)  #DECKEY", nameOrEmpty(mDesc.scene_name),
+                 ok, timer.text().c_str());
+    return ok ? 0 : -1;
+}
+
+void Scene::uninit() {
+    const TraceSection section(area::kLifecycle, "Scene::uninit");
+    CORVANE_LOGD("Scene::uninit + %s  #DECKEY", nameOrEmpty(mDesc.scene_name));
+    const CpuTimer timer;
+    {
+        const TraceSection links(area::kLifecycle,
+                                 CORVANE_TRACE_NAME("disable links #%d", mDesc.num_links));
+        for (int32_t i = 0; i < mDesc.num_links; ++i)
+            enableLink(mMediaDevice, false, mDesc.links[i]);
+    }
+    {
+        const TraceSection ports(area::kLifecycle,
+                                 CORVANE_TRACE_NAME("deinit ports #%zu", mPorts.size()));
+        for (const auto& [index, port] : mPorts)
+            port->deinit();
+    }
+    CORVANE_LOGK("Scene::uninit - %s (cputime %s ns)  #DECKEY", nameOrEmpty(mDesc.scene_name),
+                 timer.text().c_str());
+}
+
+bool Scene::initPorts() {
+    for (int32_t i = 0; i < mDesc.num_ports; ++i) {
+        const PortDesc& desc = mDesc.ports[i];
+        if (desc.port_name == nullptr || desc.device_name == nullptr)
+            CORVANE_FATAL("%s: Bad port/device name", toString(desc).c_str());
+        const auto port = std::make_shared<Port>(desc, mMediaDevice.get());
+        if (port->init() != 0) {
+            CORVANE_LOGE("%s: Port::init", toString(desc).c_str());
+            port->deinit();
+            return false;
+        }
+        // A port that is not taken in does not fail the scene, but an open device must not be
+        // dropped.
+        addPort(port);
+        if (mPorts.at(port->getIndex()) != port)
+            port->deinit();
+    }
+    return true;
+}
+
+bool Scene::initLinks() {
+    for (int32_t i = 0; i < mDesc.num_links; ++i) {
+        const LinkDesc& link = mDesc.links[i];
+        if (!enableLink(mMediaDevice, true, link)) {
+            CORVANE_LOGE("%s: Failed on enableLink", toString(link).c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+int Scene::addPort(const std::shared_ptr<Port>& port) {
+    if (port == nullptr)
+        return 0;
+    const int index = port->getIndex();
+    if (!mPorts.emplace(index, port).second) {
+        CORVANE_LOGE("Port index %#x has already existed", index);
+        return -1;
+    }
+    if (mBufferMonitor == nullptr)
+        return 0;
+    const int ret = port->setMonitor(mBufferMonitor);
+    if (ret != 0)
+        CORVANE_LOGE("setMonitor failed for buffer_monitor:%p - %d",
+                     static_cast<void*>(mBufferMonitor.get()), ret);
+    return ret;
+}
+
+std::shared_ptr<Port> Scene::queryPort(int index) const {
+    const auto found = mPorts.find(index);
+    if (found == mPorts.end()) {
+        CORVANE_LOGE("Invalid port index: %#x", index);
+        return nullptr;
+    }
+    return found->second;
+}
+
+void Scene::iteratePorts(std::function<bool(std::shared_ptr<IPort>)> visit) {
+    if (!visit)
+        CORVANE_FATAL("Bad function");
+    for (const auto& [index, port] : mPorts)
+        if (!visit(port))
+            return;
+}
+
+void Scene::setRequestDoneCallback(std::function<void(IRequest*)> callback) {
+    mRequestDoneCallback = std::move(callback);
+}
+
+int Scene::acquire() {
+    const TraceSection section(area::kLifecycle, "Scene::acquire");
+    if (const int32_t previous = mState.exchange(kAcquired); previous != kIdle)
+        CORVANE_FATAL("Bad state transition: %d -> ACQUIRED", previous);
+    return 0;
+}
+
+int Scene::release() {
+    const TraceSection section(area::kLifecycle, "Scene::release");
+    if (const int32_t previous = mState.exchange(kIdle); previous != kAcquired)
+        CORVANE_FATAL("Bad state transition: %d -> IDLE", previous);
+    return 0;
+}
+
+const char* Scene::stateName(int32_t state) {
+    switch (state) {
+        case kIdle:
+            return "IDLE";
+        case kAcquired:
+            return "ACQUIRED";
+        case kStarted:
+            return "STARTED";
+        default:
+            return "?";
+    }
+}
+
+/** Whether the scene is in the wanted state; reports it for @p operation when it is not. */
+bool Scene::inState(State wanted, const char* operation) const {
+    const int32_t state = mState.load(std::memory_order_relaxed);
+    if (state != wanted)
+        CORVANE_LOGE_AS(operation, "state %d != %s", state, stateName(wanted));
+    return state == wanted;
+}
+
+void Scene::startMonitor() {
+    if (mBufferMonitor == nullptr)
+        return;
+    auto handler = ThreadLoopHandler::make();
+    if (handler == nullptr)
+        CORVANE_FATAL_AS("start", "ThreadLoopHandler::make");
+    handler->setThreadName(mBufferMonitor->getThreadName());
+    handler->run(mBufferMonitor);
+    const MutexLock lock(mThreadLock);
+    mThreadLoopHandler.swap(handler);
+}
+
+void Scene::stopMonitor() {
+    std::shared_ptr<ThreadLoopHandler> handler;
+    {
+        const MutexLock lock(mThreadLock);
+        handler.swap(mThreadLoopHandler);
+    }
+    if (handler != nullptr)
+        handler->requestExitAndWait();
+}
+
+int Scene::start() {
+    const TraceSection section(area::kLifecycle, "Scene::start");
+    const MutexLock streaming(mStreamLock);
+    CORVANE_LOGI("+ Scene::start");
+    const CpuTimer timer;
+    if (!inState(kAcquired, "start"))
+        return -1;
+    // The monitor's thread runs before any port streams.
+    startMonitor();
+    stampLogTime(mDebugInfo->streamOnBegin);
+    auto guard = armGuard("VIDIOC_STREAMON timed out.");
+    for (const auto& [index, port] : mPorts) {
+        CORVANE_LOGD("Start port: %s  #DECKEY", port->getName().c_str());
+        const int ret = port->start();
+        if (ret >= 0)
+            continue;
+        guard.reset();
+        CORVANE_LOGE("Failed to start port: %s", port->getName().c_str());
+        CORVANE_DRIVER_EXCEPTION("VIDIOC_STREAMON fail err=%d(%s) <%s>", ret, strerror(-ret),
+                                 port->getName().c_str());
+    }
+    guard.reset();
+    stampLogTime(mDebugInfo->streamOnEnd);
+    mState.store(kStarted, std::memory_order_relaxed);
+    CORVANE_LOGI("- Scene::start (cputime %s ns)", timer.text().c_str());
+    return 0;
+}
+
+int Scene::stop() {
+    const TraceSection section(area::kLifecycle, "Scene::stop");
+    const MutexLock streaming(mStreamLock);
+    CORVANE_LOGI("+ Scene::stop");
+    const CpuTimer timer;
+    if (!inState(kStarted, "stop"))
+        return -1;
+    stampLogTime(mDebugInfo->streamOffBegin);
+    auto guard = armGuard("VIDIOC_STREAMOFF timed out.");
+    for (const auto& [index, port] : mPorts) {
+        const int ret = port->stop();
+        if (ret >= 0)
+            continue;
+        guard.reset();
+        CORVANE_LOGE("Failed to stop port: %s", port->getName().c_str());
+        CORVANE_DRIVER_EXCEPTION("VIDIOC_STREAMOFF fail err=%d(%s) <%s>", ret, strerror(-ret),
+                                 port->getName().c_str());
+    }
+    guard.reset();
+    stampLogTime(mDebugInfo->streamOffEnd);
+    stopMonitor();
+    mState.store(kAcquired, std::memory_order_relaxed);
+    CORVANE_LOGI("- Scene::stop (cputime %s ns)", timer.text().c_str());
+    return 0;
+}
+
+std::shared_ptr<IRequest> Scene::createRequest() {
+    return std::make_shared<Request>(
+        mMediaDevice.get(), [this](int index) { return queryPort(index); },
+        [this](Request* request, int* portIndexes, size_t count) {
+            requestDone(request, portIndexes, count);
+        });
+}
+
+int Scene::queueRequest(IRequest* request, int argument) {
+    const TraceSection section(area::kQueueRequest, "Scene::queueRequest");
+    if (request == nullptr)
+        CORVANE_FATAL("Bad request");
+    if (!inState(kStarted, "queueRequest"))
+        return -1;
+    const int ret = request->queueRequest(argument);
+    if (ret != 0) {
+        CORVANE_LOGE("Failed to queue request: %s", request->toString().c_str());
+        return ret;
+    }
+    mQueuedCount.fetch_add(1, std::memory_order_relaxed);
+    return 0;
+}
+
+void Scene::requestDone(Request* request, int* portIndexes, unsigned long count) {
+    const TraceSection section(area::kQueue, "Scene::requestDone");
+    if (request == nullptr) {
+        CORVANE_LOGW("Bad request");
+        return;
+    }
+    if (mBufferMonitor != nullptr && request->getStatus() == 0)
+        mBufferMonitor->notifyRequestDone(request->getRequestFD(), portIndexes, count);
+    mDoneCount.fetch_add(1, std::memory_order_relaxed);
+    if (mRequestDoneCallback)
+        mRequestDoneCallback(request);
+    else
+        CORVANE_LOGW("Bad request done callback");
+}
+
+int Scene::getFormat(const std::shared_ptr<IPort>& port, PixelFormat& format) const {
+    const TraceSection section(area::kStreaming, "Scene::getFormat");
+    if (port == nullptr)
+        CORVANE_FATAL("port == nullptr");
+    return inState(kAcquired, "getFormat") ? port->getFormat(format) : -1;
+}
+
+int Scene::setFormat(const std::shared_ptr<IPort>& port, PixelFormat& format) {
+    const TraceSection section(area::kStreaming, "Scene::setFormat");
+    if (port == nullptr)
+        CORVANE_FATAL("port == nullptr");
+    return inState(kAcquired, "setFormat") ? port->setFormat(format) : -1;
+}
+
+int Scene::importBuffer(const std::shared_ptr<IPort>& port, int count) {
+    const TraceSection section(area::kStreaming, "Scene::importBuffer");
+    if (port == nullptr)
+        CORVANE_FATAL("port == nullptr");
+    return inState(kAcquired, "importBuffer") ? port->importBuffer(count) : -1;
+}
+
+void Scene::dumpState(IPrinter* printer) const {
+    printer->printFormatLine("<<Scene>> state=%s #Request(Queued,Done)=(%u,%u)",
+                             stateName(mState.load(std::memory_order_relaxed)),
+                             mQueuedCount.load(std::memory_order_relaxed),
+                             mDoneCount.load(std::memory_order_relaxed));
+    if (mBufferMonitor != nullptr)
+        mBufferMonitor->dumpState(printer);
+    for (const auto& [index, port] : mPorts)
+        port->dumpState(printer);
+}
+
+}  // namespace NSVista::NSCorvane
