@@ -1,0 +1,264 @@
+#include <corvane/client/EpollEventMonitor.h>
+#include <corvane/platform/Log.h>
+#include <corvane/platform/Mutex.h>
+#include <corvane/platform/Printer.h>
+#include <corvane/platform/Thread.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+CORVANE_LOG_UNIT("corvane-EventMonitor")
+
+namespace NSVista::NSCorvane::client {
+
+namespace {
+
+constexpr uint64_t kWakeId = 0;
+constexpr int kBatch = 16;
+
+/** Whether to watch from the first re-arm on only. */
+bool isDeferred(int fd, uint32_t events) {
+    if ((events & EPOLLONESHOT) != 0)
+        return true;
+    constexpr uint32_t kPollable = POLLIN | POLLPRI | POLLOUT | POLLRDHUP;
+    pollfd watched{fd, static_cast<short>(events & kPollable), 0};
+    return poll(&watched, 1, 0) > 0 && (watched.revents & POLLERR) != 0;
+}
+
+}  // namespace
+
+/** What the monitor and its thread share; it outlives the monitor when that dies on the thread. */
+class EpollEventMonitor::Loop : public IThreadLoop {
+public:
+    explicit Loop(std::string name) : mName(std::move(name)) {}
+    ~Loop() override;
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+
+    /** @return 0 or the negated errno. */
+    int open();
+
+    void requestExit() override;
+    int readyToRun(const ReadyToRun& ready) override { return readyToRun(ready.threadName); }
+    int readyToRun(const std::string& threadName) override;
+    bool threadLoop() override;
+    void dumpState(IPrinter* printer) const override;
+    const char* getThreadName() const override { return mName.c_str(); }
+
+    int attach(IEventObserver* observer, uint32_t events);
+    int rearm(IEventObserver* observer, uint32_t events);
+    int detach(IEventObserver* observer);
+
+private:
+    /**
+     * One attachment. Its id, never used again, travels in the epoll events, so that a report that
+     * was fetched before a detach finds nobody, whatever descriptor or address came back since.
+     */
+    struct Watch {
+        uint64_t id;
+        int fd;
+        uint32_t events;
+        bool added;  ///< epoll knows it
+        uint64_t reports;
+    };
+
+    int control(int operation, Watch& watch) CORVANE_REQUIRES(mLock);
+    void dispatch(uint64_t id, uint32_t events) CORVANE_EXCLUDES(mLock);
+
+    const std::string mName;
+    int mEpollFd = -1;
+    int mWakeFd = -1;
+    std::atomic<bool> mExit{false};
+    std::atomic<std::thread::id> mThread{};
+    mutable Mutex mLock;
+    std::condition_variable mCallbackEnded;
+    std::unordered_map<IEventObserver*, Watch> mWatches CORVANE_GUARDED_BY(mLock);
+    std::unordered_map<uint64_t, IEventObserver*> mObservers CORVANE_GUARDED_BY(mLock);
+    uint64_t mLastId CORVANE_GUARDED_BY(mLock) = kWakeId;
+    IEventObserver* mCalled CORVANE_GUARDED_BY(mLock) = nullptr;
+};
+
+EpollEventMonitor::Loop::~Loop() {
+    for (const int fd : {mEpollFd, mWakeFd})
+        if (fd != -1)
+            close(fd);
+}
+
+int EpollEventMonitor::Loop::open() {
+    mEpollFd = epoll_create1(EPOLL_CLOEXEC);
+    if (mEpollFd < 0)
+        return -errno;
+    mWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (mWakeFd < 0)
+        return -errno;
+    epoll_event event{EPOLLIN, {.u64 = kWakeId}};
+    return epoll_ctl(mEpollFd, EPOLL_CTL_ADD, mWakeFd, &event) == 0 ? 0 : -errno;
+}
+
+void EpollEventMonitor::Loop::requestExit() {
+    mExit = true;
+    eventfd_write(mWakeFd, 1);
+}
+
+int EpollEventMonitor::Loop::readyToRun(const std::string& threadName) {
+    mThread = std::this_thread::get_id();
+    customizeThreadReadyToRun(threadName.data(), threadName.size());
+    return 0;
+}
+
+bool EpollEventMonitor::Loop::threadLoop() {
+    epoll_event events[kBatch];
+    const int count = epoll_wait(mEpollFd, events, kBatch, -1);
+    if (count < 0 && errno != EINTR) {
+        CORVANE_LOGE("epoll_wait: %s", strerror(errno));
+        return false;
+    }
+    for (int i = 0; i < count && !mExit; ++i)
+        if (events[i].data.u64 != kWakeId)
+            dispatch(events[i].data.u64, events[i].events);
+    return !mExit;
+}
+
+void EpollEventMonitor::Loop::dispatch(uint64_t id, uint32_t events) {
+    IEventObserver* observer = nullptr;
+    {
+        MutexLock lock(mLock);
+        const auto found = mObservers.find(id);
+        if (found == mObservers.end())
+            return;
+        observer = found->second;
+        ++mWatches.find(observer)->second.reports;
+        mCalled = observer;
+    }
+    observer->onEvent({events});
+    // The observer may be gone by now.
+    MutexLock lock(mLock);
+    mCalled = nullptr;
+    mCallbackEnded.notify_all();
+}
+
+int EpollEventMonitor::Loop::control(int operation, Watch& watch) {
+    epoll_event event{watch.events, {.u64 = watch.id}};
+    return epoll_ctl(mEpollFd, operation, watch.fd, &event) == 0 ? 0 : -errno;
+}
+
+int EpollEventMonitor::Loop::attach(IEventObserver* observer, uint32_t events) {
+    if (observer == nullptr)
+        return -EINVAL;
+    const int fd = observer->getEventFD();
+    if (fd < 0)
+        return -EBADF;
+    MutexLock lock(mLock);
+    if (mWatches.count(observer) != 0)
+        return -EEXIST;
+    Watch watch{++mLastId, fd, events, !isDeferred(fd, events), 0};
+    if (watch.added)
+        if (const int result = control(EPOLL_CTL_ADD, watch); result != 0)
+            return result;
+    mWatches.emplace(observer, watch);
+    mObservers.emplace(watch.id, observer);
+    return 0;
+}
+
+int EpollEventMonitor::Loop::rearm(IEventObserver* observer, uint32_t events) {
+    MutexLock lock(mLock);
+    const auto found = mWatches.find(observer);
+    if (found == mWatches.end())
+        return -ENOENT;
+    Watch& watch = found->second;
+    watch.events = events;
+    const int result = control(watch.added ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, watch);
+    watch.added = watch.added || result == 0;
+    return result;
+}
+
+int EpollEventMonitor::Loop::detach(IEventObserver* observer) {
+    MutexLock lock(mLock);
+    const auto found = mWatches.find(observer);
+    const bool attached = found != mWatches.end();
+    if (attached) {
+        Watch watch = found->second;
+        mObservers.erase(watch.id);
+        mWatches.erase(found);
+        // A descriptor that was closed too early may be another observer's by now.
+        const bool reused =
+            std::any_of(mWatches.begin(), mWatches.end(), [&watch](const auto& other) {
+                return other.second.fd == watch.fd && other.second.added;
+            });
+        if (watch.added && !reused)
+            control(EPOLL_CTL_DEL, watch);
+    }
+    if (mThread.load() != std::this_thread::get_id())
+        while (mCalled == observer && observer != nullptr)
+            mCallbackEnded.wait(lock.native());
+    return attached ? 0 : -ENOENT;
+}
+
+void EpollEventMonitor::Loop::dumpState(IPrinter* printer) const {
+    std::vector<Watch> watches;
+    {
+        MutexLock lock(mLock);
+        for (const auto& [observer, watch] : mWatches)
+            watches.push_back(watch);
+    }
+    std::sort(watches.begin(), watches.end(),
+              [](const Watch& a, const Watch& b) { return a.id < b.id; });
+    printer->printFormatLine("<<EpollEventMonitor>> thread=%s observers=%zu", mName.c_str(),
+                             watches.size());
+    for (const Watch& watch : watches)
+        printer->printFormatLine("    fd=%d events=%#x reports=%llu%s", watch.fd, watch.events,
+                                 static_cast<unsigned long long>(watch.reports),
+                                 watch.added ? "" : " (not watched before its first re-arm)");
+}
+
+EpollEventMonitor::EpollEventMonitor(std::shared_ptr<Loop> loop) : mLoop(std::move(loop)) {}
+
+std::shared_ptr<EpollEventMonitor> EpollEventMonitor::make(std::string threadName) {
+    auto loop = std::make_shared<Loop>(std::move(threadName));
+    if (const int result = loop->open(); result != 0) {
+        CORVANE_LOGE("No epoll or event descriptor: %d", result);
+        return nullptr;
+    }
+    std::shared_ptr<EpollEventMonitor> monitor(new EpollEventMonitor(loop));
+    monitor->mThread.setThreadName(loop->getThreadName());
+    if (const int result = monitor->mThread.run(loop); result != 0) {
+        CORVANE_LOGE("No thread: %d", result);
+        return nullptr;
+    }
+    return monitor;
+}
+
+EpollEventMonitor::~EpollEventMonitor() = default;
+
+void EpollEventMonitor::dumpState(IPrinter* printer) const {
+    mLoop->dumpState(printer);
+}
+
+const char* EpollEventMonitor::getThreadName() const {
+    return mLoop->getThreadName();
+}
+
+int EpollEventMonitor::attachObserver(IEventObserver* observer, uint32_t events) {
+    return mLoop->attach(observer, events);
+}
+
+int EpollEventMonitor::rearmObserver(IEventObserver* observer, uint32_t events) {
+    return mLoop->rearm(observer, events);
+}
+
+int EpollEventMonitor::detachObserver(IEventObserver* observer) {
+    return mLoop->detach(observer);
+}
+
+}  // namespace NSVista::NSCorvane::client

@@ -1,0 +1,86 @@
+#include <corvane/client/SessionRequest.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace NSVista::NSCorvane::client {
+
+namespace {
+
+/** Planes that share a DMA-buf begin at multiples of this many bytes. */
+constexpr uint32_t kPlaneAlignment = 64;
+
+uint32_t alignedUp(uint32_t value) {
+    return (value + kPlaneAlignment - 1) / kPlaneAlignment * kPlaneAlignment;
+}
+
+}  // namespace
+
+int Frame::allocate(const PixelFormat& format, const FrameLayout& layout, IDmaBufSource& source) {
+    if (format.planeCount == 0 || format.planeCount > FrameBuffer::kMaxPlanes)
+        return -EINVAL;
+    mFormat = format;
+    mBuffer = {};
+    mBuffer.planeCount = format.planeCount;
+    return layout.offset != 0 ? allocateShared(layout, source) : allocateApart(layout, source);
+}
+
+int Frame::allocateShared(const FrameLayout& layout, IDmaBufSource& source) {
+    uint32_t end = layout.offset;
+    for (size_t i = 0; i < mBuffer.planeCount; ++i) {
+        const uint32_t offset = i == 0 ? end : alignedUp(end);
+        mBuffer.planes[i] = {-1, offset, mFormat.planes[i].size};
+        end = offset + mFormat.planes[i].size + layout.guard;
+    }
+    if (const int result = source.allocate(end, mMemory[0]); result != 0)
+        return result;
+    for (size_t i = 0; i < mBuffer.planeCount; ++i)
+        mBuffer.planes[i].fd = mMemory[0].fd();
+    return 0;
+}
+
+int Frame::allocateApart(const FrameLayout& layout, IDmaBufSource& source) {
+    for (size_t i = 0; i < mBuffer.planeCount; ++i) {
+        const uint32_t size = mFormat.planes[i].size;
+        if (const int result = source.allocate(size_t{size} + layout.guard, mMemory[i]);
+            result != 0)
+            return result;
+        mBuffer.planes[i] = {mMemory[i].fd(), 0, size};
+    }
+    return 0;
+}
+
+FrameMapping Frame::map(CpuAccess access) {
+    FrameMapping mapping;
+    const bool shared = !mMemory[1];
+    for (size_t i = 0; i < mBuffer.planeCount; ++i) {
+        const size_t memory = shared ? 0 : i;
+        if (!mapping.mMappings[memory])
+            mapping.mMappings[memory] = mMemory[memory].map(access);
+        uint8_t* const data = mapping.mMappings[memory].data();
+        if (data == nullptr)
+            return {};
+        const FrameBuffer::Plane& plane = mBuffer.planes[i];
+        const size_t end = size_t{plane.offset} + plane.bufsize;
+        const bool last = !shared || i + 1 == mBuffer.planeCount;
+        const size_t gapEnd = last ? mMemory[memory].size() : mBuffer.planes[i + 1].offset;
+        mapping.mPlanes[i] = {data + plane.offset, plane.bufsize};
+        mapping.mGaps[i + 1] = {data + end, gapEnd - end};
+    }
+    mapping.mGaps[0] = {mapping.mMappings[0].data(), mBuffer.planes[0].offset};
+    mapping.mPlaneCount = mBuffer.planeCount;
+    return mapping;
+}
+
+RequestTimes SessionRequest::times() const {
+    const auto station = [this](reqtrack::Station which) {
+        return std::chrono::nanoseconds(reqtrack::stamp(mTrack, which));
+    };
+    // A fast driver is done before the queueing call has returned.
+    const auto queued = std::min(station(reqtrack::kFromKernelQueued), mDone);
+    const auto seen = std::max(station(reqtrack::kFromKernelDone), queued);
+    return {mDone - mQueued, station(reqtrack::kToSubmodule) - mQueued,
+            queued - station(reqtrack::kToSubmodule), seen - queued, mDone - seen};
+}
+
+}  // namespace NSVista::NSCorvane::client
