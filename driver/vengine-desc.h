@@ -10,6 +10,7 @@
 #ifndef VENGINE_DESC_H
 #define VENGINE_DESC_H
 
+#include <linux/media.h>
 #include <linux/types.h>
 #include <linux/videodev2.h>
 
@@ -19,6 +20,8 @@
 #define VENGINE_SUBDEV_ENTITY "vengine-subdev"
 /* The sub-device's only pad is the source of an immutable link to this pad of the engine. */
 #define VENGINE_SUBDEV_CORE_PAD VENGINE_PORTS
+#define VENGINE_CORE_FUNCTION MEDIA_ENT_F_PROC_VIDEO_PIXEL_FORMATTER
+#define VENGINE_SUBDEV_FUNCTION MEDIA_ENT_F_PROC_VIDEO_ISP
 
 #define VENGINE_META_FMT_STATS v4l2_fourcc('V', 'E', 'S', 'T')
 #define VENGINE_META_FMT_TUNING v4l2_fourcc('V', 'E', 'T', 'U')

@@ -177,7 +177,8 @@ static inline struct vengine_yuv vengine_test_pixel(__u32 width, __u32 height, _
 		{ 235, 128, 128 }, { 210, 16, 146 }, { 170, 166, 16 }, { 145, 54, 34 },
 		{ 106, 202, 222 }, { 81, 90, 240 },  { 41, 240, 110 }, { 16, 128, 128 },
 	};
-	__u32 side = (width < height ? width : height) / 4, span_x = width - side, span_y = height - side;
+	__u32 side = (width < height ? width : height) / 4;
+	__u32 span_x = width - side, span_y = height - side;
 	__u32 at_x = frame * 4 % (2 * span_x), at_y = frame * 2 % (2 * span_y);
 	struct vengine_yuv c = bars[x * 8 / width];
 
@@ -220,6 +221,12 @@ static inline __u32 vengine_checksum(const struct vengine_picture *p)
 	return hash;
 }
 
+/* What is added to the luma for a control and a tuning buffer's brightness. */
+static inline __s32 vengine_brightness(__s32 control, __s32 tuning)
+{
+	return control + (tuning < -255 ? -255 : tuning > 255 ? 255 : tuning);
+}
+
 /* The pixel (x, y) that a capture port of a role and size shows. */
 static inline struct vengine_yuv vengine_capture_pixel(const struct vengine_source *s, __u32 role,
 						       __u32 width, __u32 height, __u32 x, __u32 y)
@@ -251,15 +258,23 @@ static inline struct vengine_yuv vengine_capture_pixel(const struct vengine_sour
 	return c;
 }
 
+static inline void vengine_capture_row(const struct vengine_source *s, __u32 role,
+				       const struct vengine_picture *out, __u32 y)
+{
+	__u32 x;
+
+	for (x = 0; x < out->width; x++)
+		vengine_write(out, x, y,
+			      vengine_capture_pixel(s, role, out->width, out->height, x, y));
+}
+
 static inline void vengine_capture(const struct vengine_source *s, __u32 role,
 				   const struct vengine_picture *out)
 {
-	__u32 x, y;
+	__u32 y;
 
 	for (y = 0; y < out->height; y++)
-		for (x = 0; x < out->width; x++)
-			vengine_write(out, x, y,
-				      vengine_capture_pixel(s, role, out->width, out->height, x, y));
+		vengine_capture_row(s, role, out, y);
 }
 
 /* The number of the test picture that a capture port of a role shows, at the picture's own size. */
