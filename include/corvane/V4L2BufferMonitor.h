@@ -73,7 +73,7 @@ private:
     bool active() const { return mActive.load(std::memory_order_relaxed); }
     void notifyDirectly(int portIndex);
     bool queueObservers(const int* portIndexes, size_t count, int& unknownIndex);
-    size_t takeObservers(Observer (&inPlace)[kObserversInPlace], std::vector<Observer>& more);
+    size_t takeObservers(Observer (&inPlace)[kObserversInPlace]);
     void callObservers(const Observer* observers, size_t count);
     void pauseAfterEmptyPass(uint32_t reqDoneCount);
     void dumpToLog(const char* operation) const;
@@ -95,6 +95,7 @@ private:
     mutable Mutex mTraceLock;
     std::unordered_map<int32_t, std::unordered_set<uint32_t>> mTraceBufferMap
         CORVANE_GUARDED_BY(mTraceLock);
+    std::vector<Observer> mTaken;  ///< observers of a pass over more than 8; the worker thread's
     std::chrono::milliseconds mPause{0};  ///< after empty passes; the worker thread's
 };
 

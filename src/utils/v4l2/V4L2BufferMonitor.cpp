@@ -193,8 +193,7 @@ void V4L2BufferMonitor::notifyComplete() {
     while (needToDQBUF() && active()) {
         const uint32_t reqDoneCount = mReqDoneCount.load(std::memory_order_relaxed);
         Observer inPlace[kObserversInPlace];
-        std::vector<Observer> more;
-        const size_t count = takeObservers(inPlace, more);
+        const size_t count = takeObservers(inPlace);
         if (count == 0) {
             CORVANE_LOGW("No Observer but needToDQBUF() - %s", toString_runtime().c_str());
             pauseAfterEmptyPass(reqDoneCount);
@@ -202,7 +201,8 @@ void V4L2BufferMonitor::notifyComplete() {
         }
         mPause = std::chrono::milliseconds(0);
         const uint32_t before = mDQBufCount.load(std::memory_order_relaxed);
-        callObservers(count <= kObserversInPlace ? inPlace : more.data(), count);
+        callObservers(count <= kObserversInPlace ? inPlace : mTaken.data(), count);
+        mTaken.clear();
         const uint32_t after = mDQBufCount.load(std::memory_order_relaxed);
         if (after - before < count)
             CORVANE_LOGE("After DQBUF, we expect %zu >= %zu + %zu, %s", size_t{after},
@@ -210,14 +210,13 @@ void V4L2BufferMonitor::notifyComplete() {
     }
 }
 
-size_t V4L2BufferMonitor::takeObservers(Observer (&inPlace)[kObserversInPlace],
-                                        std::vector<Observer>& more) {
+size_t V4L2BufferMonitor::takeObservers(Observer (&inPlace)[kObserversInPlace]) {
     const MutexLock lock(mObserverLock);
     const size_t count = mRequestDoneObservers.size();
     Observer* taken = inPlace;
     if (count > kObserversInPlace) {
-        more.resize(count);
-        taken = more.data();
+        mTaken.resize(count);
+        taken = mTaken.data();
     }
     std::move(mRequestDoneObservers.begin(), mRequestDoneObservers.end(), taken);
     mRequestDoneObservers.clear();
