@@ -24,7 +24,7 @@ inline constexpr unsigned kTrackBufferWords = kStationCount;
 
 /**
  * @name Stamping
- * Each stamps one station of @p track (#kTrackBufferWords words, may be null). @p subflow tells the
+ * Each stamps one station of @p track (kTrackBufferWords words, may be null). @p subflow tells the
  * part of the camera stack that reports; it is for a tracker over the whole stack and does not
  * change the stamp. Any thread; words are written atomically.
  * @{
