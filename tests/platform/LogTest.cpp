@@ -1,0 +1,183 @@
+#include <corvane/platform/Log.h>
+#include <corvane/platform/Printer.h>
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+
+CORVANE_LOG_UNIT("corvane-50%Test")
+
+using namespace NSVista::Utils::ULog;
+using testing::HasSubstr;
+
+#define X64 "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx"
+#define X1024 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64
+
+namespace {
+
+class LogTest : public testing::Test {
+protected:
+    LogTest() {
+        testing::FLAGS_gtest_death_test_style = "threadsafe";
+        ULogger::install(&mRing);
+        set(3, 5, ~0U);
+    }
+    ~LogTest() override {
+        ULogger::install(nullptr);
+        set(2, 2, ~0U);
+    }
+    static void set(uint32_t mode, uint32_t level, uint32_t mask) {
+        ULogger::sMode = mode;
+        ULogger::sDetailsLevel = level;
+        ULogger::sNormalDetailsMask = mask;
+    }
+    /** What @p log prints to standard error. */
+    template <class Log>
+    static std::string printed(Log log) {
+        testing::internal::CaptureStderr();
+        log();
+        return testing::internal::GetCapturedStderr();
+    }
+
+    RingULogger mRing{8};
+};
+
+TEST_F(LogTest, GatesBySeverityAndMask) {
+    struct {
+        uint32_t level, mask;
+        const char *debugPrint, *unified;
+    } const cases[] = {
+        {0, ~0U, "E", "1"},
+        {2, ~0U, "EW", "12"},
+        {3, ~0U, "EWI", "123"},
+        {4, ~0U, "EWIK", "1234"},
+        {5, 0x8002000, "EWIKD", "12345"},
+        {6, ~0x2000U, "EWIK", "1234"},
+        {6, ~0x8000000U, "EWIK", "1234"},
+    };
+    for (const auto& c : cases) {
+        set(3, c.level, c.mask);
+        size_t evaluated = 0;
+        std::istringstream lines(printed([&] {
+            CORVANE_LOGE("%zu", ++evaluated);
+            CORVANE_LOGW("%zu", ++evaluated);
+            CORVANE_LOGI("%zu", ++evaluated);
+            CORVANE_LOGK("%zu  #DECKEY", ++evaluated);
+            CORVANE_LOGD("%zu", ++evaluated);
+        }));
+        std::string letters;
+        for (std::string line; std::getline(lines, line);)
+            letters += line[0];
+        std::string levels;
+        for (const auto& line : mRing.take())
+            levels += std::to_string(line.level);
+        EXPECT_EQ(letters, c.debugPrint);
+        EXPECT_EQ(levels, c.unified);
+        EXPECT_EQ(evaluated, levels.size());
+    }
+}
+
+TEST_F(LogTest, WritesToTheSinksThatAreOn) {
+    for (const uint32_t mode : {0U, 1U, 2U, 4U, 8U, 9U}) {
+        SCOPED_TRACE(mode);
+        set(mode, 5, ~0U);
+        EXPECT_EQ(printed([] { CORVANE_LOGI("x"); }).empty(), (mode & 1) == 0);
+        EXPECT_EQ(mRing.take().empty(), (mode & 0xA) == 0);
+    }
+    set(1, 5, ~0U);
+    g_logInfoLv[CAM_DEBUG_INFO].flags = 0x7f;
+    EXPECT_EQ(printed([] { CORVANE_LOGI("x"); }), "");
+    g_logInfoLv[CAM_DEBUG_INFO].flags = 0x80;
+}
+
+TEST_F(LogTest, ComposesLinesWithPercentSigns) {
+    const auto log = [] {
+        errno = ENODEV;
+#line 70 "/build/50%d/50%s.cpp"
+        CORVANE_LOGE("%d%% of %s", 7, "%n");
+        EXPECT_EQ(errno, ENODEV);
+    };
+    EXPECT_EQ(printed(log),
+              "E [corvane-50%Test] 50%s.cpp:70 operator()() [operator()] 7% of %n "
+              "(operator()){#70:/build/50%d/50%s.cpp}\n");
+#line 107 "LogTest.cpp"
+    const auto lines = mRing.take();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].module, 0x8002001U);
+    EXPECT_EQ(lines[0].tag, "corvane-50%Test");
+    EXPECT_EQ(lines[0].text, "[operator()] 7% of %n");
+}
+
+TEST_F(LogTest, CutsTheUnifiedLineAndDropsACutComposition) {
+    EXPECT_EQ(printed([] { CORVANE_LOGI(X1024); }), "");
+    const std::string text(70000, 'y');
+    const std::string line = printed([&] { CORVANE_LOGI("%s", text.c_str()); });
+    EXPECT_EQ(line.size(), 65536U);  // the longest line of the debug print
+    EXPECT_EQ(line.back(), '\n');
+    const auto lines = mRing.take();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].text.size(), 1023U);
+    EXPECT_EQ(lines[1].text.size(), 1023U);
+}
+
+TEST_F(LogTest, PrintsDumpsAndKeepsTheNewestLines) {
+    android::LogPrinter printer("Tag", CAM_DEBUG_WARNING, "> ");
+    EXPECT_EQ(printed([&] { printer.printFormatLine("%d%%", 5); }), "W [Tag] > 5%\n");
+    ULogPrinter unified(7, "Tag", kVerbose, "> ");
+    for (int i = 0; i < 10; ++i)
+        unified.printFormatLine("%d", i);
+    const auto lines = mRing.take();
+    ASSERT_EQ(lines.size(), 8U);
+    EXPECT_EQ(lines.front().text, "> 2");
+    EXPECT_EQ(lines.back().text, "> 9");
+}
+
+TEST_F(LogTest, FatalErrorsFlushAndAbortWithTheirLocation) {
+    struct FlushTeller : ULogger {
+        void log(uint32_t, const char*, int, const char*, size_t) override {}
+        void flush(int wait) override { fprintf(stderr, "flush %d\n", wait); }
+    };
+    for (const uint32_t mode : {0U, 1U, 2U, 3U}) {
+        const auto die = [mode] {
+            FlushTeller teller;
+            ULogger::install(&teller);
+            set(mode, 2, 0);
+            CORVANE_FATAL("Bad fd. ret=%d", -5);
+        };
+        const char* const ending = "F [corvane-50%Test] [operator()] Bad fd. ret=-5 (operator()){#";
+        const auto flushed = testing::ResultOf(
+            [](const std::string& text) { return text.find("flush 1") != std::string::npos; },
+            (mode & 2) != 0);
+        EXPECT_EXIT(die(), testing::KilledBySignal(SIGABRT), AllOf(flushed, HasSubstr(ending)));
+    }
+}
+
+TEST_F(LogTest, RefusedDriverCallsReportAndTerminate) {
+    EXPECT_EXIT(NSVista::Utils::terminateService(), testing::KilledBySignal(SIGTERM), "");
+
+    std::string seen;
+    NSVista::Utils::setExceptionHandler(
+        [&](const char* module, const char* text) { seen += std::string(module) + ": " + text; });
+    NSVista::Utils::setTerminateHandler([&] { seen += "; terminated"; });
+    CORVANE_DRIVER_EXCEPTION("VIDIOC_X fail err=%d(%s)", -5, "five");
+    EXPECT_EQ(seen,
+              "zelsys: VIDIOC_X fail err=-5(five) Please check ZelsysKernel.\n"
+              "CRDISPATCH_KEY:ZelsysKernel; terminated");
+    NSVista::Utils::setExceptionHandler(nullptr);
+    NSVista::Utils::setTerminateHandler(nullptr);
+
+    std::string directory = testing::TempDir() + "corvane-XXXXXX";
+    ASSERT_NE(mkdtemp(directory.data()), nullptr);
+    const char* const key = "persist.vendor.kvx.camera.exception.dir";
+    NSVista::Utils::Properties::property_set(key, directory.c_str());
+    const std::string line =
+        printed([] { corvane_oxu_trigger_exception("zelsys", "long %s\nend", X1024); });
+    NSVista::Utils::Properties::property_set(key, nullptr);
+    EXPECT_THAT(line, HasSubstr("xx end (reportException){"));
+    const std::string check = "grep -q '^end$' " + directory + "/*.txt && rm -r " + directory;
+    EXPECT_EQ(system(check.c_str()), 0);  // the report is there, whole
+}
+
+}  // namespace

@@ -1,0 +1,157 @@
+#include <corvane/platform/System.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/media.h>
+#include <linux/videodev2.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace NSVista::NSCorvane;
+
+namespace {
+
+/** Answers every call with mResult and remembers the last request. */
+class FakeKernel : public System::Kernel {
+public:
+    FakeKernel() { System::setKernel(this); }
+    ~FakeKernel() override { System::setKernel(nullptr); }
+
+    int open(const char*, int) override { return answer(); }
+    int close(int) override { return answer(); }
+    int ioctl(int, unsigned long request, void* arg) override {
+        mRequest = request;
+        if (request == MEDIA_IOC_REQUEST_ALLOC)
+            *static_cast<int*>(arg) = 900;
+        return answer();
+    }
+    int openDir(const char*, DIR**) override { return answer(); }
+    int readDir(DIR*, struct dirent**) override { return answer(); }
+    int closeDir(DIR*) override { return answer(); }
+    int stat(const char*, struct stat*) override { return answer(); }
+    int readLink(const char*, char*, size_t) override { return answer(); }
+
+    int mResult = 0;
+    unsigned long mRequest = 0;
+
+private:
+    int answer() const {
+        errno = mResult < 0 ? -mResult : errno;
+        return mResult;
+    }
+};
+
+TEST(System, AccountsDescriptorsUntilTheyAreClosed) {
+    FakeKernel kernel;
+    kernel.mResult = 901;
+    EXPECT_EQ(System::Open("/dev/video7", O_RDWR, 0x10), 901);
+    kernel.mResult = 0;
+    EXPECT_EQ(System::AllocMediaRequest(5, 0x20), 900);
+    kernel.mResult = -ENODEV;
+    EXPECT_EQ(System::Open("/dev/video8", O_RDWR, 0x10), -ENODEV);
+    EXPECT_EQ(System::AllocMediaRequest(5, 0x20), -ENODEV);
+    EXPECT_EQ(System::Close(901, 0x10), -ENODEV);
+
+    const auto open = System::openFds();
+    ASSERT_EQ(open.size(), 2U);
+    EXPECT_EQ(open[0].path, "request");
+    EXPECT_EQ(open[1].fd, 901);
+    EXPECT_EQ(open[1].owner, 0x10U);
+    kernel.mResult = 0;
+    EXPECT_EQ(System::Close(900, 0x20), 0);
+    EXPECT_EQ(System::Close(901, 0x10), 0);
+    EXPECT_TRUE(System::openFds().empty());
+}
+
+TEST(System, HandsResultsAndErrnoOn) {
+    FakeKernel kernel;
+    struct {
+        int (*call)();
+        unsigned long request;
+        int onEagain;
+    } const cases[] = {
+        {[] { return System::QueueMediaRequest(1); }, MEDIA_REQUEST_IOC_QUEUE, -EAGAIN},
+        {[] { return System::ReinitMediaRequest(1); }, MEDIA_REQUEST_IOC_REINIT, -EAGAIN},
+        {[] { return System::QueueVideoNodeBuf(1, nullptr); }, VIDIOC_QBUF, -EAGAIN},
+        {[] { return System::DQueueVideoNodeBuf(1, nullptr); }, VIDIOC_DQBUF, 11},
+        {[] { return System::DQueueEvent(1, nullptr); }, VIDIOC_DQEVENT, -EAGAIN},
+        {[] { return System::AddIova(1, 0x77, nullptr); }, 0x77, -EAGAIN},
+        // Widened without its sign.
+        {[] { return System::Ioctl(1, static_cast<int>(0xC0586410U), nullptr, 3); }, 0xC0586410,
+         -EAGAIN},
+    };
+    for (const auto& c : cases) {
+        kernel.mResult = -EAGAIN;
+        errno = 0;
+        EXPECT_EQ(c.call(), c.onEagain);
+        EXPECT_EQ(errno, EAGAIN);
+        EXPECT_EQ(kernel.mRequest, c.request);
+        kernel.mResult = -EIO;
+        EXPECT_EQ(c.call(), -EIO);
+    }
+    EXPECT_EQ(System::CloseDir(nullptr), -EIO);
+}
+
+TEST(System, RefusesNullAndEndsDirectoriesWithoutAnError) {
+    EXPECT_EQ(System::Open(nullptr, O_RDWR, 0), -EFAULT);
+    EXPECT_EQ(System::Stat("/", nullptr), -EFAULT);
+    EXPECT_EQ(System::OpenDir(nullptr), nullptr);
+    EXPECT_EQ(System::CloseDir(nullptr), -EBADF);
+    DIR* const dir = System::OpenDir("/proc/self/fd");
+    ASSERT_NE(dir, nullptr);
+    errno = 0;
+    while (System::ReadDir(dir) != nullptr) {
+    }
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(System::CloseDir(dir), 0);
+}
+
+TEST(System, RetriesWhatASignalInterrupts) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};  // without SA_RESTART
+    sigaction(SIGUSR1, &action, nullptr);
+    const std::string fifo = testing::TempDir() + "corvane-fifo-" + std::to_string(getpid());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+
+    std::atomic<int> fd{0};
+    std::thread reader([&] { fd = System::Open(fifo.c_str(), O_RDONLY, 1); });  // blocks
+    for (int i = 0; i < 20; ++i) {
+        usleep(1000);
+        pthread_kill(reader.native_handle(), SIGUSR1);
+    }
+    EXPECT_EQ(fd, 0);
+    const int writer = System::Open(fifo.c_str(), O_RDWR, 1);
+    reader.join();
+    unlink(fifo.c_str());
+    EXPECT_EQ(System::Close(fd, 1), 0);
+    EXPECT_EQ(System::Close(writer, 1), 0);
+}
+
+TEST(System, AccountsNumbersThatThreadsHandToEachOther) {
+    std::vector<std::thread> threads;
+    std::atomic<int> missing{0};
+    for (unsigned long owner = 1; owner <= 4; ++owner) {
+        threads.emplace_back([&missing, owner] {
+            for (int i = 0; i < 300; ++i) {
+                const int fd = System::Open("/dev/null", O_RDWR, owner);
+                bool found = false;
+                for (const auto& entry : System::openFds())
+                    found |= entry.fd == fd && entry.owner == owner;
+                missing += found ? 0 : 1;
+                System::Close(fd, owner);
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(missing, 0);
+    EXPECT_TRUE(System::openFds().empty());
+}
+
+}  // namespace

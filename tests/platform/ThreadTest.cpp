@@ -1,0 +1,125 @@
+#include <corvane/platform/Properties.h>
+#include <corvane/platform/Thread.h>
+#include <corvane/platform/ThreadLoop.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+
+using namespace NSVista::NSCorvane;
+using NSVista::Thread;
+
+namespace {
+
+class Loop : public IThreadLoop {
+public:
+    ~Loop() override { *mDestroyed = true; }
+    void requestExit() override { mExit = true; }
+    int readyToRun(const ReadyToRun& ready) override { return readyToRun(ready.threadName); }
+    int readyToRun(const std::string& threadName) override {
+        char actual[16] = {};
+        pthread_getname_np(pthread_self(), actual, sizeof(actual));
+        mName = threadName + "/" + actual;
+        return mReadyResult;
+    }
+    bool threadLoop() override {
+        ++mTurns;
+        std::this_thread::yield();
+        return mTurn ? mTurn() : !mExit;
+    }
+    void dumpState(NSVista::IPrinter*) const override {}
+    const char* getThreadName() const override { return "loop"; }
+
+    std::shared_ptr<std::atomic<bool>> mDestroyed = std::make_shared<std::atomic<bool>>(false);
+    std::atomic<bool> mExit{false};
+    std::atomic<int> mTurns{0};
+    std::string mName;
+    int mReadyResult = 0;
+    std::function<bool()> mTurn;
+};
+
+TEST(ThreadLoopHandler, RunsOnceAndEndsOnRequest) {
+    const auto loop = std::make_shared<Loop>();
+    const auto handler = ThreadLoopHandler::make();
+    handler->requestExitAndWait();  // nothing runs yet
+    EXPECT_EQ(handler->run(nullptr), -EINVAL);
+    handler->setThreadName("a name of more than 15");
+    EXPECT_EQ(handler->run(loop), 0);
+    EXPECT_EQ(loop->mName, "a name of more than 15/a name of more ");  // ready has finished
+    EXPECT_EQ(handler->run(loop), -EBUSY);
+    while (loop->mTurns < 3)
+        std::this_thread::yield();
+    handler->requestExitAndWait();
+    handler->requestExitAndWait();
+    EXPECT_TRUE(loop->mExit);
+    EXPECT_EQ(loop.use_count(), 1);
+}
+
+TEST(ThreadLoopHandler, EndsWhenNotReadyOrFalseOrAsked) {
+    struct {
+        int readyResult;
+        bool goesOn;
+        int minTurns, maxTurns;
+    } const cases[] = {{-1, true, 0, 0}, {0, false, 1, 1}, {0, true, 1, 1 << 30}};
+    for (const auto& c : cases) {
+        const auto loop = std::make_shared<Loop>();
+        loop->mReadyResult = c.readyResult;
+        loop->mTurn = [&] { return c.goesOn; };
+        {
+            ThreadLoopHandler handler;
+            EXPECT_EQ(handler.run(loop), 0);
+            while (loop->mTurns < c.minTurns)
+                std::this_thread::yield();
+            if (c.maxTurns == c.minTurns)
+                usleep(5000);  // time for a turn too many
+        }
+        EXPECT_LE(loop->mTurns, c.maxTurns);
+    }
+}
+
+TEST(ThreadLoopHandler, MayEndAndDieOnItsOwnThread) {
+    auto loop = std::make_shared<Loop>();
+    const auto destroyed = loop->mDestroyed;
+    std::atomic<bool> released{false};
+    auto handler = ThreadLoopHandler::make();
+    // Kept by the loop alone, the handler dies with it on the thread it runs.
+    loop->mTurn = [handler, &released] {
+        while (!released)
+            std::this_thread::yield();
+        handler->requestExitAndWait();
+        return true;
+    };
+    EXPECT_EQ(handler->run(loop), 0);
+    handler.reset();
+    loop.reset();
+    EXPECT_FALSE(*destroyed);
+    released = true;
+    while (!*destroyed)
+        std::this_thread::yield();
+}
+
+TEST(Thread, SetsPriorityAndAffinity) {
+    std::thread([] {
+        const auto set = [](int priority, int scheduler) {
+            return Thread::setThreadPriority(Thread::getThisThread(), Thread::Priority{priority},
+                                             Thread::Scheduler{scheduler});
+        };
+        EXPECT_EQ(set(3, 0), 0);
+        EXPECT_EQ(getpriority(PRIO_PROCESS, 0), 6);
+        EXPECT_EQ(set(11, 0), -EINVAL);
+        EXPECT_EQ(set(6, 9), -EINVAL);
+        const char* const key = "persist.vendor.kvx.camera.affinity";
+        NSVista::Utils::Properties::property_set(key, "1");
+        EXPECT_EQ(kvxcam_perfctrl_set_affinity(), 0);
+        NSVista::Utils::Properties::property_set(key, nullptr);
+        cpu_set_t cpus;
+        sched_getaffinity(0, sizeof(cpus), &cpus);
+        EXPECT_TRUE(CPU_COUNT(&cpus) == 1 && CPU_ISSET(0, &cpus));
+    }).join();
+}
+
+}  // namespace
