@@ -81,6 +81,7 @@ static const struct vengine_port vengine_ports[VENGINE_PORTS] = {
 static const __u32 vengine_mplane_formats[] = {
 	V4L2_PIX_FMT_NV12M, V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12,
 };
+
 static const __u32 vengine_splane_formats[] = {
 	V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_GREY, V4L2_PIX_FMT_NV12,
 };
@@ -101,24 +102,28 @@ static const struct vengine_control vengine_controls[VENGINE_CONTROLS] = {
 };
 
 /*
- * What the sub-device's private ioctls answer, beside -EFAULT and -ENOMEM. A call that fails changes
- * nothing, however many descriptors it names. What a call obtains belongs to the open file it came
- * through, since records name no user: it is found, cleared and limited by file, and given back when
- * the file is closed.
+ * What the sub-device's private ioctls answer, beside -EFAULT and -ENOMEM. A call that fails
+ * changes nothing, however many descriptors it names. What a call obtains belongs to the open file
+ * it came through, since records name no user: it is found, cleared and limited by file, and given
+ * back when the file is closed.
  *
- * ADD_KVA, DEL_KVA		a count of 0 or above KVXDIP_KVA_MAX gives -EINVAL, a descriptor that
- *				is closed -EBADF, that is no dma-buf -EINVAL; a dma-buf may be added
- *				several times and is deleted as often, else -ENOENT; -ENOSPC when full
- * ACQUIRE_, RELEASE_IOVA	the same for its one descriptor; the coherence belongs to the entry; a
- *				coherence above 1 or a count other than 1 gives -EINVAL
- * ADD_FENCE			a count of 0 does nothing; -ENOSPC when full; the fences become readable
- *				when the next request on the engine completes
- * DEL_FENCE			a descriptor that is no fence of this file's gives -EINVAL; a fence that
- *				is still pending becomes readable (with an error), the caller closes it
- * ALOC_BUF, FREE_BUF		a pair of flags may be allocated several times and is freed as often,
- *				else -ENOENT; -ENOMEM when full
- * CLEAR_USER_RESOURCE		takes back everything above; never fails
- * S_INIT_INFO			kept, never fails
+ * ADD_KVA, DEL_KVA: a count of 0 or above KVXDIP_KVA_MAX gives -EINVAL, a descriptor that is closed
+ * -EBADF, one that is no dma-buf -EINVAL. A dma-buf may be added several times and is deleted as
+ * often, else -ENOENT. -ENOSPC when full.
+ *
+ * ACQUIRE_IOVA, RELEASE_IOVA: the same for their one descriptor. The coherence is part of an entry;
+ * above 1, or with a count other than 1, it gives -EINVAL.
+ *
+ * ADD_FENCE: a count of 0 does nothing, -ENOSPC when full. The fences become readable when the next
+ * request on the engine completes.
+ *
+ * DEL_FENCE: a descriptor that is no fence of this file's gives -EINVAL. A fence that is still
+ * pending becomes readable (with an error). The caller closes its descriptors.
+ *
+ * ALOC_BUF, FREE_BUF: a pair of flags may be allocated several times and is freed as often, else
+ * -ENOENT. -ENOMEM when full.
+ *
+ * CLEAR_USER_RESOURCE takes back everything above, S_INIT_INFO is kept: they never fail.
  */
 #define VENGINE_MAX_KVA 256
 #define VENGINE_MAX_IOVA 256

@@ -57,7 +57,8 @@ static inline struct vengine_layout vengine_layout_of(__u32 fourcc, __u32 width,
 	switch (fourcc) {
 	case V4L2_PIX_FMT_NV12M:
 		l.num_planes = 2;
-		l.bytesperline[0] = l.bytesperline[1] = luma;
+		l.bytesperline[0] = luma;
+		l.bytesperline[1] = luma;
 		l.sizeimage[0] = luma * height;
 		l.sizeimage[1] = luma * height / 2;
 		break;
@@ -65,9 +66,11 @@ static inline struct vengine_layout vengine_layout_of(__u32 fourcc, __u32 width,
 		chroma = vengine_stride(width / 2);
 		l.num_planes = 3;
 		l.bytesperline[0] = luma;
-		l.bytesperline[1] = l.bytesperline[2] = chroma;
+		l.bytesperline[1] = chroma;
+		l.bytesperline[2] = chroma;
 		l.sizeimage[0] = luma * height;
-		l.sizeimage[1] = l.sizeimage[2] = chroma * height / 2;
+		l.sizeimage[1] = chroma * height / 2;
+		l.sizeimage[2] = chroma * height / 2;
 		break;
 	case V4L2_PIX_FMT_NV12:
 		l.num_planes = 1;
@@ -188,14 +191,16 @@ static inline struct vengine_yuv vengine_test_pixel(__u32 width, __u32 height, _
 		at_y = 2 * span_y - 1 - at_y;
 	if (y < 4 && x < 64) {
 		c.y = frame >> x / 2 & 1 ? 235 : 16;
-		c.u = c.v = 128;
+		c.u = 128;
+		c.v = 128;
 	} else if (x - at_x < side && y - at_y < side) {
 		c.y = (__u8)(16 + (x - at_x + y - at_y) * 200 / (2 * side));
 		c.u = (__u8)(frame * 5);
 		c.v = (__u8)(255 - frame * 5);
 	} else if (y >= height * 3 / 4) {
 		c.y = (__u8)(x + y + frame);
-		c.u = c.v = 128;
+		c.u = 128;
+		c.v = 128;
 	}
 	return c;
 }
@@ -253,8 +258,10 @@ static inline struct vengine_yuv vengine_capture_pixel(const struct vengine_sour
 		c.u = 255 - c.u;
 		c.v = 255 - c.v;
 	}
-	if (role == VENGINE_ROLE_GREY)
-		c.u = c.v = 128;
+	if (role == VENGINE_ROLE_GREY) {
+		c.u = 128;
+		c.v = 128;
+	}
 	return c;
 }
 
@@ -286,7 +293,7 @@ static inline __u32 vengine_frame_number(const struct vengine_picture *p, __u32 
 	for (bit = 0; bit < 32; bit++) {
 		x = role == VENGINE_ROLE_MIRROR ? p->width - 1 - 2 * bit : 2 * bit;
 		luma = vengine_read(p, x, y).y;
-		if ((luma > 125) != (role == VENGINE_ROLE_NEGATIVE))
+		if (role == VENGINE_ROLE_NEGATIVE ? luma <= 125 : luma > 125)
 			frame |= 1u << bit;
 	}
 	return frame;
