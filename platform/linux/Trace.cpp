@@ -14,10 +14,10 @@ CORVANE_LOG_UNIT("corvane-Trace")
 
 namespace NSVista::NSCorvane::trace {
 
-namespace {
-
 constinit std::atomic<uint64_t> gEnabledTags{0};
 constinit std::atomic<uint64_t> gTraceBits{~uint64_t{0}};
+
+namespace {
 
 /** Holds the running backend. Never destroyed: threads trace until the very end of the process. */
 struct Running {
@@ -108,10 +108,6 @@ void flush() {
 
 namespace trace = NSVista::NSCorvane::trace;
 
-uint64_t atrace_get_enabled_tags() {
-    return trace::gEnabledTags.load(std::memory_order_relaxed);
-}
-
 void atrace_begin_body(const char* name) {
     trace::emit(trace::Kind::Begin, name, 0);
 }
@@ -133,10 +129,6 @@ void atrace_int_body(const char* name, int32_t value) {
 }
 
 namespace NSVista::NSCorvane {
-
-uint64_t get_corvane_enabled_tracebits() {
-    return trace::gTraceBits.load(std::memory_order_relaxed);
-}
 
 void set_corvane_enabled_tracebits(uint64_t bits) {
     trace::gTraceBits.store(bits, std::memory_order_relaxed);

@@ -4,10 +4,20 @@
  */
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 
 #include <corvane/platform/Export.h>
+
+namespace NSVista::NSCorvane::trace {
+
+/** @private The enabled tags and trace bits, here so that a section that is off costs no call. */
+extern CORVANE_EXPORT std::atomic<uint64_t> gEnabledTags;
+/** @private */
+extern CORVANE_EXPORT std::atomic<uint64_t> gTraceBits;
+
+}  // namespace NSVista::NSCorvane::trace
 
 /** Tag bit of camera sections in the system's enabled tags. */
 #define ATRACE_TAG_CAMERA (uint64_t{1} << 10)
@@ -19,7 +29,9 @@
  * section costs two integer tests. Any thread.
  * @{
  */
-CORVANE_EXPORT uint64_t atrace_get_enabled_tags();
+inline uint64_t atrace_get_enabled_tags() {
+    return NSVista::NSCorvane::trace::gEnabledTags.load(std::memory_order_relaxed);
+}
 CORVANE_EXPORT void atrace_begin_body(const char* name);
 CORVANE_EXPORT void atrace_end_body();
 CORVANE_EXPORT void atrace_async_begin_body(const char* name, int32_t cookie);
@@ -36,7 +48,9 @@ inline constexpr unsigned kTraceDriverCalls = 20;
  * The library's trace bits: bit n enables area n. From the property
  * "persist.vendor.camera.corvane.tracebits" (default: all bits) until set.
  */
-CORVANE_EXPORT uint64_t get_corvane_enabled_tracebits();
+inline uint64_t get_corvane_enabled_tracebits() {
+    return trace::gTraceBits.load(std::memory_order_relaxed);
+}
 /** Sets the trace bits. */
 CORVANE_EXPORT void set_corvane_enabled_tracebits(uint64_t bits);
 
