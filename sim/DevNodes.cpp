@@ -1,0 +1,163 @@
+#include "DevNodes.h"
+
+#include <errno.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace NSVista::NSCorvane::sim {
+
+namespace {
+
+constexpr unsigned kMediaMajor = 508;
+constexpr unsigned kVideoMajor = 81;
+constexpr std::string_view kDev = "/dev/";
+constexpr std::string_view kSysfs = "/sys/dev/char/";
+
+dirent makeEntry(const std::string& name, unsigned char type) {
+    dirent entry = {};
+    entry.d_ino = 1;
+    entry.d_reclen = sizeof(entry);
+    entry.d_type = type;
+    name.copy(entry.d_name, sizeof(entry.d_name) - 1);
+    return entry;
+}
+
+}  // namespace
+
+std::string_view DevNode::subject() const {
+    return queue ? queue->name() : subDevice ? subDevice->name() : std::string_view();
+}
+
+bool DevNodes::add(const DeviceDesc& description, DeviceCore& device) {
+    std::lock_guard lock(mMutex);
+    DevNode media{description.mediaNode.empty() ? freeName("media") : description.mediaNode,
+                  "../../devices/platform/" + std::string(device.info().driver) + ".0/",
+                  kMediaMajor, mMediaMinor, &device};
+    if (find(media.path()))
+        return false;
+    ++mMediaMinor;
+    device.mediaPath = media.path();
+    device.entityPaths.resize(description.entities.size());
+    auto queue = device.queues().begin();
+    auto subDevice = device.subDevices().begin();
+    for (size_t i = 0; i < description.entities.size(); ++i) {
+        const EntityDesc& entity = description.entities[i];
+        if (!entity.video && !entity.subDevice)
+            continue;
+        DevNode node{freeName(entity.video ? "video" : "v4l-subdev"),
+                     media.sysfsDir + "video4linux/", kVideoMajor, mVideoMinor++, &device};
+        if (entity.video)
+            node.queue = (queue++)->get();
+        else
+            node.subDevice = (subDevice++)->get();
+        device.entityPaths[i] = node.path();
+        device.graph().setDevnode(i, node.major, node.minor);
+        mNodes.push_back(std::move(node));
+    }
+    // A driver registers its media device when all of its nodes are there.
+    mNodes.push_back(std::move(media));
+    return true;
+}
+
+void DevNodes::setOrder(DirectoryOrder order) {
+    std::lock_guard lock(mMutex);
+    mOrder = order;
+}
+
+std::string DevNodes::freeName(std::string_view prefix) const {
+    for (unsigned n = 0;; ++n) {
+        std::string name = std::string(prefix) + std::to_string(n);
+        if (!find("/dev/" + name))
+            return name;
+    }
+}
+
+const DevNode* DevNodes::find(std::string_view path) const {
+    if (!path.starts_with(kDev))
+        return nullptr;
+    auto at = std::find_if(mNodes.begin(), mNodes.end(), [&](const DevNode& node) {
+        return node.name == path.substr(kDev.size());
+    });
+    return at == mNodes.end() ? nullptr : &*at;
+}
+
+std::optional<DevNode> DevNodes::findPath(std::string_view path) const {
+    std::lock_guard lock(mMutex);
+    const DevNode* node = find(path);
+    return node ? std::optional(*node) : std::nullopt;
+}
+
+bool DevNodes::reserved(std::string_view path) {
+    return path.starts_with("/dev/media") || path.starts_with("/dev/video") ||
+           path.starts_with("/dev/v4l-subdev") || path.starts_with(kSysfs);
+}
+
+int DevNodes::stat(std::string_view path, struct stat* info) const {
+    std::lock_guard lock(mMutex);
+    const DevNode* node = find(path);
+    if (!node)
+        return -ENOENT;
+    *info = {};
+    info->st_mode = S_IFCHR | 0660;
+    info->st_nlink = 1;
+    info->st_rdev = makedev(node->major, node->minor);
+    return 0;
+}
+
+int DevNodes::readLink(std::string_view path, char* buffer, size_t size) const {
+    if (size == 0)
+        return -EINVAL;
+    std::lock_guard lock(mMutex);
+    for (const DevNode& node : mNodes) {
+        std::string number = std::to_string(node.major) + ":" + std::to_string(node.minor);
+        if (path.starts_with(kSysfs) && path.substr(kSysfs.size()) == number)
+            return static_cast<int>((node.sysfsDir + node.name).copy(buffer, size));
+    }
+    return -ENOENT;
+}
+
+bool DevNodes::isDirectory(std::string_view path) {
+    return path == "/dev" || path == "/dev/";
+}
+
+DIR* DevNodes::openDir() {
+    std::lock_guard lock(mMutex);
+    auto directory = std::make_unique<Directory>();
+    directory->entries = {makeEntry(".", DT_DIR), makeEntry("..", DT_DIR)};
+    for (const DevNode& node : mNodes)
+        directory->entries.push_back(makeEntry(node.name, DT_CHR));
+    if (mOrder == DirectoryOrder::NEWEST_FIRST)
+        std::reverse(directory->entries.begin() + 2, directory->entries.end());
+    mDirectories.push_back(std::move(directory));
+    return reinterpret_cast<DIR*>(mDirectories.back().get());
+}
+
+std::vector<std::unique_ptr<DevNodes::Directory>>::iterator DevNodes::findDirectory(DIR* dir) {
+    return std::find_if(mDirectories.begin(), mDirectories.end(), [dir](const auto& directory) {
+        return reinterpret_cast<DIR*>(directory.get()) == dir;
+    });
+}
+
+bool DevNodes::readDir(DIR* dir, dirent** entry) {
+    std::lock_guard lock(mMutex);
+    auto at = findDirectory(dir);
+    if (at == mDirectories.end())
+        return false;
+    Directory& directory = **at;
+    *entry =
+        directory.next < directory.entries.size() ? &directory.entries[directory.next++] : nullptr;
+    return true;
+}
+
+bool DevNodes::closeDir(DIR* dir) {
+    std::lock_guard lock(mMutex);
+    auto at = findDirectory(dir);
+    if (at == mDirectories.end())
+        return false;
+    mDirectories.erase(at);
+    return true;
+}
+
+}  // namespace NSVista::NSCorvane::sim

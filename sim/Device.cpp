@@ -1,0 +1,88 @@
+#include <errno.h>
+#include <algorithm>
+#include <utility>
+
+#include "DeviceCore.h"
+
+namespace NSVista::NSCorvane::sim {
+
+Device::Device(std::unique_ptr<DeviceCore> core) : mCore(std::move(core)) {
+}
+Device::~Device() = default;
+
+std::string Device::path() const {
+    return mCore->mediaPath;
+}
+
+std::string Device::nodePath(const std::string& entity) const {
+    std::optional<size_t> index = mCore->graph().find(entity);
+    return index ? mCore->entityPaths[*index] : std::string();
+}
+
+void Device::setBufferLimit(unsigned limit) {
+    std::lock_guard lock(mCore->mutex());
+    mCore->setBufferLimit(std::clamp(limit, 1u, kMaxBuffers));
+}
+
+void Device::setTiming(const Timing& timing) {
+    std::lock_guard lock(mCore->mutex());
+    mCore->pipeline().setTiming(timing);
+}
+
+void Device::hold() {
+    std::lock_guard lock(mCore->mutex());
+    mCore->pipeline().hold();
+}
+
+void Device::completeNext(unsigned count) {
+    std::lock_guard lock(mCore->mutex());
+    mCore->pipeline().completeNext(count);
+}
+
+void Device::resume() {
+    std::lock_guard lock(mCore->mutex());
+    mCore->pipeline().resume();
+}
+
+void Device::failBuffer(const std::string& entity, unsigned nth) {
+    std::lock_guard lock(mCore->mutex());
+    for (const auto& queue : mCore->queues()) {
+        if (queue->name() == entity)
+            queue->failBuffer(nth);
+    }
+}
+
+int Device::linkFlags(const std::string& source, uint32_t sourcePad, const std::string& sink,
+                      uint32_t sinkPad) const {
+    std::lock_guard lock(mCore->mutex());
+    return mCore->graph().linkFlags({source, sourcePad, sink, sinkPad, 0});
+}
+
+uint32_t Device::nextFrame() const {
+    std::lock_guard lock(mCore->mutex());
+    return mCore->pipeline().nextFrame();
+}
+
+DeviceCounts Device::counts() const {
+    std::lock_guard lock(mCore->mutex());
+    DeviceCounts counts;
+    mCore->pipeline().count(counts);
+    for (const auto& queue : mCore->queues()) {
+        counts.remaps += queue->remaps();
+        counts.mappedPlanes += queue->mappedPlanes();
+    }
+    counts.requests = mCore->requestsAlive;
+    counts.openFiles = mCore->filesOpen;
+    return counts;
+}
+
+SubDeviceCounts Device::subDeviceCounts() const {
+    return mCore->subDevices().empty() ? SubDeviceCounts() : mCore->subDevices()[0]->counts();
+}
+
+std::vector<IoctlRecord> Device::takeIoctlRecords() {
+    return mCore->subDevices().empty() ? std::vector<IoctlRecord>()
+                                       : mCore->subDevices()[0]->takeRecords();
+}
+
+}  // namespace NSVista::NSCorvane::sim

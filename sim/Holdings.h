@@ -1,0 +1,61 @@
+/**
+ * @file
+ * What the sub-device's driver holds for one opener.
+ */
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include <corvane/kvxdip.h>
+#include <corvane/sim/Engine.h>
+
+#include "Mapping.h"
+#include "OwnedFd.h"
+
+namespace NSVista::NSCorvane::sim {
+
+/**
+ * Mappings, fences and memory. Guarded by the sub-device's lock. Operations return 0 or a negated
+ * errno, which vengine-desc.h lists, and change nothing when they fail.
+ */
+class Holdings {
+public:
+    int addKva(const kvxdip_kva& list);
+    int deleteKva(const kvxdip_kva& list);
+    int acquireIova(const kvxdip_iova& request);
+    int releaseIova(const kvxdip_iova& request);
+    /** Makes fences and hands their descriptors, which are the caller's to close, to it. */
+    int addFences(const kvxdip_fence& list);
+    /** Gives the driver's references back; a fence that is still pending becomes readable. */
+    int deleteFences(const kvxdip_fence& list);
+    int allocateMemory(const kvxdip_memory& request);
+    int freeMemory(const kvxdip_memory& request);
+
+    void clear();
+
+    /** Makes all fences readable. */
+    void signalFences();
+    void addTo(SubDeviceCounts& counts) const;
+
+private:
+    struct Mapped {
+        BufferId id;
+        uint8_t coherence;
+        OwnedFd reference;  ///< keeps the buffer, and so its identity, alive
+    };
+    struct Fence {
+        int handedOut;  ///< the caller's descriptor
+        OwnedFd own;
+        bool signalled;
+
+        void signal();
+    };
+
+    std::vector<Mapped> mKva, mIova;
+    std::vector<Fence> mFences;
+    std::vector<std::pair<uint8_t, uint8_t>> mMemory;
+};
+
+}  // namespace NSVista::NSCorvane::sim

@@ -1,0 +1,42 @@
+#include "PriorityFd.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace NSVista::NSCorvane::sim {
+
+int PriorityFd::open(bool nonBlocking) {
+    int ends[2];
+    int type = SOCK_STREAM | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0);
+    if (socketpair(AF_UNIX, type, 0, ends) < 0)
+        return -errno;
+    OwnedFd client(ends[0]);
+    mSender.reset(ends[1]);
+    mReceiver.reset(fcntl(client.get(), F_DUPFD_CLOEXEC, 0));
+    return mReceiver ? client.release() : -errno;
+}
+
+void PriorityFd::close() {
+    mReceiver.reset();
+    mSender.reset();
+}
+
+void PriorityFd::raise() {
+    if (!mSender || mRaised)
+        return;
+    mRaised = send(mSender.get(), "!", 1, MSG_OOB | MSG_DONTWAIT | MSG_NOSIGNAL) == 1;
+}
+
+void PriorityFd::lower() {
+    if (!mSender || !mRaised)
+        return;
+    char byte;
+    recv(mReceiver.get(), &byte, 1, MSG_OOB | MSG_DONTWAIT);
+    // Older kernels leave the emptied message in the queue until an ordinary read passes it.
+    recv(mReceiver.get(), &byte, 1, MSG_DONTWAIT);
+    mRaised = false;
+}
+
+}  // namespace NSVista::NSCorvane::sim

@@ -1,0 +1,31 @@
+/**
+ * @file
+ * A descriptor that polls as priority data.
+ */
+#pragma once
+
+#include "OwnedFd.h"
+
+namespace NSVista::NSCorvane::sim {
+
+/**
+ * A descriptor for a client that shows EPOLLPRI while it is raised: one end of a local socket pair
+ * on which a byte of out-of-band data waits. Not thread-safe; its owner's lock guards it.
+ */
+class PriorityFd {
+public:
+    /** Makes the pair. @return the client's descriptor, which the caller owns, or -errno. */
+    int open(bool nonBlocking);
+    /** Lets go of the pair, after which raise() and lower() do nothing. */
+    void close();
+    void raise();
+    void lower();
+
+private:
+    OwnedFd mSender;
+    /** A duplicate of the client's end: data can only be taken back where it arrives. */
+    OwnedFd mReceiver;
+    bool mRaised = false;
+};
+
+}  // namespace NSVista::NSCorvane::sim

@@ -1,0 +1,109 @@
+#include "Request.h"
+
+#include <errno.h>
+#include <linux/media.h>
+
+#include <algorithm>
+
+#include "BufferQueue.h"
+#include "DeviceCore.h"
+
+namespace NSVista::NSCorvane::sim {
+
+Request::Request(DeviceCore& device) : mDevice(device) {
+    mJob.request = this;
+    mJob.buffers.reserve(device.queues().size());
+    ++mDevice.requestsAlive;
+}
+
+Request::~Request() {
+    --mDevice.requestsAlive;
+}
+
+int Request::queue() {
+    if (mState != State::IDLE)
+        return -EBUSY;
+    if (mJob.buffers.empty())
+        return -ENOENT;
+    // What was prepared before the refusal stays prepared, as the kernel leaves it.
+    for (const BufferRef& buffer : mJob.buffers) {
+        int result = buffer.queue->prepare(buffer.index);
+        if (result < 0)
+            return result;
+    }
+    for (const BufferRef& buffer : mJob.buffers)
+        buffer.queue->enqueue(buffer.index);
+    mState = State::QUEUED;
+    mDevice.pipeline().submit(mJob);
+    return 0;
+}
+
+int Request::reinit() {
+    if (mState == State::QUEUED)
+        return -EBUSY;
+    for (const BufferRef& buffer : mJob.buffers)
+        buffer.queue->abandon(buffer.index);
+    mJob.buffers.clear();
+    mState = State::IDLE;
+    mSignal.lower();
+    return 0;
+}
+
+int Request::bind(const BufferRef& buffer) {
+    if (!idle())
+        return -EBUSY;
+    mJob.buffers.push_back(buffer);
+    return 0;
+}
+
+void Request::unbind(const BufferRef& buffer) {
+    std::erase_if(mJob.buffers, [&](const BufferRef& bound) {
+        return bound.queue == buffer.queue && bound.index == buffer.index;
+    });
+    if (mState == State::QUEUED && mJob.buffers.empty())
+        finish();
+}
+
+void Request::finish() {
+    mJob.buffers.clear();
+    mState = State::COMPLETE;
+    mSignal.raise();
+}
+
+int RequestFile::open(DeviceCore& device) {
+    auto file = std::make_shared<RequestFile>(device);
+    int fd = file->mRequest->signal().open(false);
+    if (fd >= 0) {
+        ++device.filesOpen;
+        device.fds().insert(fd, std::move(file));
+    }
+    return fd;
+}
+
+int RequestFile::ioctl(uint32_t code, void*) {
+    std::unique_lock lock(mRequest->device().mutex());
+    switch (code) {
+        case MEDIA_REQUEST_IOC_QUEUE: {
+            int result = mRequest->queue();
+            if (result == 0)
+                mRequest->device().pipeline().queued(lock);
+            return result;
+        }
+        case MEDIA_REQUEST_IOC_REINIT:
+            return mRequest->reinit();
+        default:
+            return -ENOTTY;
+    }
+}
+
+std::unique_lock<std::mutex> RequestFile::serialise(uint32_t) const {
+    return std::unique_lock(mRequest->device().requestMutex());
+}
+
+void RequestFile::released() {
+    std::lock_guard lock(mRequest->device().mutex());
+    mRequest->signal().close();
+    --mRequest->device().filesOpen;
+}
+
+}  // namespace NSVista::NSCorvane::sim

@@ -1,0 +1,97 @@
+/**
+ * @file
+ * Media requests, and the work that a request or a single buffer is for the engine.
+ */
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "File.h"
+#include "PriorityFd.h"
+
+namespace NSVista::NSCorvane::sim {
+
+class BufferQueue;
+class DeviceCore;
+class Request;
+
+using Clock = std::chrono::steady_clock;
+
+struct BufferRef {
+    BufferQueue* queue;
+    uint32_t index;
+};
+
+/** Buffers that the engine processes together. Guarded by the device's mutex. */
+struct Job {
+    enum class Stage {
+        IDLE,
+        WAITING,  ///< queued, but not all of its nodes stream
+        READY,
+        RUNNING,
+    };
+    std::vector<BufferRef> buffers;
+    Request* request = nullptr;  ///< null for a buffer queued without one
+    Stage stage = Stage::IDLE;
+    uint32_t frame = 0;
+    int32_t brightness = 0;  ///< the control's value
+    Clock::time_point due;
+};
+
+/**
+ * A media request. Its descriptor and every buffer between its QBUF and DQBUF keep it alive.
+ * Guarded by the device's mutex.
+ */
+class Request {
+public:
+    explicit Request(DeviceCore& device);
+    ~Request();
+    Request(const Request&) = delete;
+    Request& operator=(const Request&) = delete;
+
+    /** MEDIA_REQUEST_IOC_QUEUE. */
+    int queue();
+    /** MEDIA_REQUEST_IOC_REINIT. */
+    int reinit();
+    /** Takes another buffer's reference; @return -EBUSY unless the request is idle. */
+    int bind(const BufferRef& buffer);
+    /** A bound buffer is taken back; the last one of a queued request completes it. */
+    void unbind(const BufferRef& buffer);
+    /** All buffers are done. */
+    void finish();
+
+    DeviceCore& device() const { return mDevice; }
+    bool idle() const { return mState == State::IDLE; }
+    PriorityFd& signal() { return mSignal; }
+
+private:
+    enum class State { IDLE, QUEUED, COMPLETE };
+    DeviceCore& mDevice;
+    State mState = State::IDLE;
+    Job mJob;  ///< its buffers are those bound to the request
+    PriorityFd mSignal;
+};
+
+/** The open descriptor of a media request. */
+class RequestFile : public File {
+public:
+    /** MEDIA_IOC_REQUEST_ALLOC. @return the descriptor or the negated errno. */
+    static int open(DeviceCore& device);
+
+    explicit RequestFile(DeviceCore& device) : mRequest(std::make_shared<Request>(device)) {}
+    const std::shared_ptr<Request>& request() const { return mRequest; }
+
+    int ioctl(uint32_t code, void* arg) override;
+    std::unique_lock<std::mutex> serialise(uint32_t code) const override;
+    std::string_view name() const override { return "request"; }
+    std::string_view path() const override { return {}; }
+    void released() override;
+
+private:
+    std::shared_ptr<Request> mRequest;
+};
+
+}  // namespace NSVista::NSCorvane::sim

@@ -1,0 +1,210 @@
+#include "SubDevice.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/ioctl.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace NSVista::NSCorvane::sim {
+
+namespace {
+
+const vengine_control* findControl(int32_t id) {
+    auto at = std::find_if(std::begin(vengine_controls), std::end(vengine_controls),
+                           [id](const vengine_control& control) { return control.id == id; });
+    return at == std::end(vengine_controls) ? nullptr : at;
+}
+
+}  // namespace
+
+int SubDevice::open(int flags, const std::string& path, FdTable& fds) {
+    bool nonBlocking = flags & O_NONBLOCK;
+    auto file = std::make_shared<SubDeviceFile>(*this, path, nonBlocking);
+    int fd = file->mSignal.open(nonBlocking);
+    if (fd < 0)
+        return fd;
+    {
+        std::lock_guard lock(mMutex);
+        mFiles.push_back(file.get());
+    }
+    ++mFilesOpen;
+    fds.insert(fd, std::move(file));
+    return fd;
+}
+
+int32_t SubDevice::control(int32_t id) const {
+    int32_t value = 0;
+    std::lock_guard lock(mMutex);
+    getControl(id, value);
+    return value;
+}
+
+int SubDevice::setControl(int32_t id, int32_t value) {
+    const vengine_control* control = findControl(id);
+    if (!control)
+        return -EINVAL;
+    if (value < control->min || value > control->max)
+        return -ERANGE;
+    mControls[static_cast<size_t>(control - vengine_controls)] = value;
+    return 0;
+}
+
+int SubDevice::getControl(int32_t id, int32_t& value) const {
+    const vengine_control* control = findControl(id);
+    if (!control)
+        return -EINVAL;
+    value = mControls[static_cast<size_t>(control - vengine_controls)];
+    return 0;
+}
+
+void SubDevice::frameDone(uint32_t frame, const timespec& time) {
+    std::lock_guard lock(mMutex);
+    for (SubDeviceFile* file : mFiles) {
+        file->queueEvent(frame, time);
+        file->mHoldings.signalFences();
+    }
+    mEventQueued.notify_all();
+}
+
+SubDeviceCounts SubDevice::counts() const {
+    std::lock_guard lock(mMutex);
+    SubDeviceCounts counts = mPast;
+    for (const SubDeviceFile* file : mFiles) {
+        file->mHoldings.addTo(counts);
+        counts.subscriptions += file->mSubscribed ? 1 : 0;
+    }
+    return counts;
+}
+
+std::vector<IoctlRecord> SubDevice::takeRecords() {
+    std::lock_guard lock(mMutex);
+    return std::exchange(mRecords, {});
+}
+
+void SubDeviceFile::record(uint32_t code, const void* arg) {
+    if (_IOC_TYPE(code) != 'V' || _IOC_NR(code) < BASE_VIDIOC_PRIVATE || !arg)
+        return;
+    const uint8_t* bytes = static_cast<const uint8_t*>(arg);
+    std::lock_guard lock(mDevice.mMutex);
+    mDevice.mRecords.push_back({code, {bytes, bytes + _IOC_SIZE(code)}});
+}
+
+int SubDeviceFile::ioctl(uint32_t code, void* arg) {
+    if (!arg)
+        return -EFAULT;
+    std::unique_lock lock(mDevice.mMutex);
+    switch (code) {
+        case VIDIOC_SUBSCRIBE_EVENT:
+            return subscribe(*static_cast<v4l2_event_subscription*>(arg));
+        case VIDIOC_UNSUBSCRIBE_EVENT:
+            return unsubscribe(*static_cast<v4l2_event_subscription*>(arg));
+        case VIDIOC_DQEVENT:
+            return dequeueEvent(lock, *static_cast<v4l2_event*>(arg));
+        case KVXDIP_IOC_SET_CONTROL: {
+            auto& control = *static_cast<kvxdip_control*>(arg);
+            return mDevice.setControl(control.id, control.value);
+        }
+        case KVXDIP_IOC_GET_CONTROL: {
+            auto& control = *static_cast<kvxdip_control*>(arg);
+            int32_t value = 0;
+            int result = mDevice.getControl(control.id, value);
+            if (result == 0)
+                control.value = value;
+            return result;
+        }
+        case KVXDIP_IOC_S_INIT_INFO:
+            return 0;  // opaque to everyone but the driver's makers: only recorded
+        case KVXDIP_IOC_ADD_KVA:
+            return mHoldings.addKva(*static_cast<kvxdip_kva*>(arg));
+        case KVXDIP_IOC_DEL_KVA:
+            return mHoldings.deleteKva(*static_cast<kvxdip_kva*>(arg));
+        case KVXDIP_IOC_ACQUIRE_IOVA:
+            return mHoldings.acquireIova(*static_cast<kvxdip_iova*>(arg));
+        case KVXDIP_IOC_RELEASE_IOVA:
+            return mHoldings.releaseIova(*static_cast<kvxdip_iova*>(arg));
+        case KVXDIP_IOC_ADD_FENCE:
+            return mHoldings.addFences(*static_cast<kvxdip_fence*>(arg));
+        case KVXDIP_IOC_DEL_FENCE:
+            return mHoldings.deleteFences(*static_cast<kvxdip_fence*>(arg));
+        case KVXDIP_IOC_ALOC_BUF:
+            return mHoldings.allocateMemory(*static_cast<kvxdip_memory*>(arg));
+        case KVXDIP_IOC_FREE_BUF:
+            return mHoldings.freeMemory(*static_cast<kvxdip_memory*>(arg));
+        case KVXDIP_IOC_CLEAR_USER_RESOURCE:
+            mHoldings.clear();
+            ++mDevice.mPast.cleared;
+            return 0;
+        default:
+            return -ENOTTY;
+    }
+}
+
+int SubDeviceFile::subscribe(const v4l2_event_subscription& subscription) {
+    if (subscription.type != V4L2_EVENT_FRAME_SYNC || subscription.id != 0)
+        return -EINVAL;
+    mSubscribed = true;
+    return 0;
+}
+
+int SubDeviceFile::unsubscribe(const v4l2_event_subscription& subscription) {
+    // Nothing subscribed under the given type is no error to the kernel.
+    if (subscription.type == V4L2_EVENT_ALL ||
+        (subscription.type == V4L2_EVENT_FRAME_SYNC && subscription.id == 0)) {
+        mSubscribed = false;
+        dropEvents();
+    }
+    return 0;
+}
+
+int SubDeviceFile::dequeueEvent(std::unique_lock<std::mutex>& lock, v4l2_event& event) {
+    while (mPending == 0) {
+        if (mNonBlocking)
+            return -ENOENT;
+        mDevice.mEventQueued.wait(lock);
+    }
+    event = mEvents[mFirst];
+    mFirst = (mFirst + 1) % mEvents.size();
+    event.pending = static_cast<uint32_t>(--mPending);
+    if (mPending == 0)
+        mSignal.lower();
+    return 0;
+}
+
+void SubDeviceFile::queueEvent(uint32_t frame, const timespec& time) {
+    if (!mSubscribed)
+        return;
+    if (mPending == mEvents.size()) {
+        mFirst = (mFirst + 1) % mEvents.size();
+        --mPending;
+        ++mDevice.mPast.eventsDropped;
+    }
+    v4l2_event& event = mEvents[(mFirst + mPending++) % mEvents.size()];
+    event = {};
+    event.type = V4L2_EVENT_FRAME_SYNC;
+    event.u.frame_sync.frame_sequence = frame;
+    event.sequence = mSequence++;
+    event.timestamp = {time.tv_sec, time.tv_nsec};
+    mSignal.raise();
+}
+
+void SubDeviceFile::dropEvents() {
+    mPending = 0;
+    mSignal.lower();
+}
+
+void SubDeviceFile::released() {
+    std::lock_guard lock(mDevice.mMutex);
+    SubDeviceCounts held;
+    mHoldings.addTo(held);
+    mDevice.mPast.leftAtClose +=
+        held.kva + held.iova + held.fences + held.memory + (mSubscribed ? 1 : 0);
+    mHoldings.clear();
+    mSubscribed = false;
+    mSignal.close();
+    std::erase(mDevice.mFiles, this);
+    --mDevice.mFilesOpen;
+}
+
+}  // namespace NSVista::NSCorvane::sim

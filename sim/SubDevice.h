@@ -1,0 +1,96 @@
+/**
+ * @file
+ * The driver's sub-device: events, controls and the private ioctls.
+ */
+#pragma once
+
+#include <linux/videodev2.h>
+#include <time.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <corvane/sim/Engine.h>
+
+#include "File.h"
+#include "Holdings.h"
+#include "PriorityFd.h"
+#include "vengine-desc.h"
+
+namespace NSVista::NSCorvane::sim {
+
+class SubDeviceFile;
+
+/** State that all openers share. Any thread; its lock is never held while another is taken. */
+class SubDevice {
+public:
+    /** @param filesOpen the device's count of open descriptors. */
+    SubDevice(std::string name, std::atomic<size_t>& filesOpen)
+        : mName(std::move(name)), mFilesOpen(filesOpen) {}
+
+    /** @return a new descriptor or the negated errno. */
+    int open(int flags, const std::string& path, FdTable& fds);
+
+    int32_t control(int32_t id) const;
+    /** Sends the event of a completed request and signals the fences taken for it. */
+    void frameDone(uint32_t frame, const timespec& time);
+    SubDeviceCounts counts() const;
+    std::vector<IoctlRecord> takeRecords();
+
+    const std::string& name() const { return mName; }
+
+private:
+    friend class SubDeviceFile;
+    int setControl(int32_t id, int32_t value);
+    int getControl(int32_t id, int32_t& value) const;
+
+    mutable std::mutex mMutex;
+    std::condition_variable mEventQueued;
+    const std::string mName;
+    std::atomic<size_t>& mFilesOpen;
+    std::array<int32_t, VENGINE_CONTROLS> mControls = {vengine_controls[0].def,
+                                                       vengine_controls[1].def};
+    std::vector<SubDeviceFile*> mFiles;
+    std::vector<IoctlRecord> mRecords;
+    SubDeviceCounts mPast;  ///< of it only what outlives files: leftAtClose, dropped, cleared
+};
+
+/** One opener of the sub-device, with its subscription and what the driver holds for it. */
+class SubDeviceFile : public File {
+public:
+    SubDeviceFile(SubDevice& device, std::string path, bool nonBlocking)
+        : mDevice(device), mPath(std::move(path)), mNonBlocking(nonBlocking) {}
+
+    int ioctl(uint32_t code, void* arg) override;
+    std::unique_lock<std::mutex> serialise(uint32_t) const override { return {}; }
+    std::string_view name() const override { return mDevice.mName; }
+    std::string_view path() const override { return mPath; }
+    void record(uint32_t code, const void* arg) override;
+    void released() override;
+
+private:
+    friend class SubDevice;
+    int subscribe(const v4l2_event_subscription& subscription);
+    int unsubscribe(const v4l2_event_subscription& subscription);
+    int dequeueEvent(std::unique_lock<std::mutex>& lock, v4l2_event& event);
+    void queueEvent(uint32_t frame, const timespec& time);
+    void dropEvents();
+
+    SubDevice& mDevice;
+    const std::string mPath;
+    const bool mNonBlocking;
+    PriorityFd mSignal;
+    bool mSubscribed = false;
+    std::array<v4l2_event, VENGINE_EVENTS> mEvents;  ///< ring, oldest at mFirst
+    size_t mFirst = 0, mPending = 0;
+    uint32_t mSequence = 0;  ///< of the next event
+    Holdings mHoldings;
+};
+
+}  // namespace NSVista::NSCorvane::sim
