@@ -108,20 +108,29 @@ int SceneSession::openScene(std::shared_ptr<IMediaDevice> media,
 
 int SceneSession::prepareBuffers(IDmaBufSource& source) {
     for (const SessionPort& wanted : mDesc.ports) {
-        const std::shared_ptr<IPort> port = mScene->queryPort(wanted.index);
         PixelFormat format{};
-        if (const int result = negotiate(wanted, port, format); result != 0)
+        if (const int result = negotiate(wanted, mScene->queryPort(wanted.index), format);
+            result != 0)
             return result;
         mFormats.push_back(format);
-        if (const int result = mScene->importBuffer(port, mDesc.buffers); result != 0)
-            return result;
     }
+    // Before the ports own their nodes' buffers: the source may be one of the nodes.
     for (int slot = 0; slot < mDesc.buffers; ++slot)
-        if (const int result = makeRequest(static_cast<unsigned>(slot), source); result != 0)
+        if (const int result = allocateRequest(static_cast<unsigned>(slot), source); result != 0)
+            return result;
+    for (const SessionPort& port : mDesc.ports)
+        if (const int result = mScene->importBuffer(mScene->queryPort(port.index), mDesc.buffers);
+            result != 0)
             return result;
     mScene->setRequestDoneCallback([this](IRequest* request) {
         requestDone(*static_cast<SessionRequest*>(request->getCookie()));
     });
+    for (const auto& request : mRequests) {
+        request->mRequest = mScene->createRequest();
+        request->mRequest->setCookie(request.get());
+        request->mRequest->setTrackBuffer(request->mTrack);
+        request->mRequest->setMonitor(mEvents);
+    }
     MutexLock lock(mLock);
     mFinished.reserve(mRequests.size());
     mFree = ~uint64_t{0} >> (64 - mDesc.buffers);
@@ -147,7 +156,7 @@ int SceneSession::negotiate(const SessionPort& wanted, const std::shared_ptr<IPo
     return mScene->setFormat(port, format);
 }
 
-int SceneSession::makeRequest(unsigned slot, IDmaBufSource& source) {
+int SceneSession::allocateRequest(unsigned slot, IDmaBufSource& source) {
     auto request = std::make_unique<SessionRequest>();
     request->mSlot = slot;
     request->mFrames.resize(mFormats.size());
@@ -155,14 +164,10 @@ int SceneSession::makeRequest(unsigned slot, IDmaBufSource& source) {
         if (const int result =
                 request->mFrames[port].allocate(mFormats[port], mDesc.layout, source);
             result != 0) {
-            CORVANE_LOGE("%s: no buffer for %s: %d", mDesc.name.c_str(),
-                         mDesc.ports[port].name.c_str(), result);
+            CORVANE_LOGE("%s: no buffer for %s from %s: %d", mDesc.name.c_str(),
+                         mDesc.ports[port].name.c_str(), source.toString().c_str(), result);
             return result;
         }
-    request->mRequest = mScene->createRequest();
-    request->mRequest->setCookie(request.get());
-    request->mRequest->setTrackBuffer(request->mTrack);
-    request->mRequest->setMonitor(mEvents);
     mRequests.push_back(std::move(request));
     return 0;
 }
@@ -178,6 +183,11 @@ SceneSession::~SceneSession() {
     }
     if (mMedia)
         mMedia->release();
+}
+
+void SceneSession::visitAll(const Visit& visit) {
+    for (const auto& request : mRequests)
+        visit(*request);
 }
 
 int SceneSession::start() {

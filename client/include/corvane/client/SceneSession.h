@@ -94,6 +94,8 @@ public:
     /** For a SceneManager to know it by name; format and stream calls are the session's. */
     std::shared_ptr<IScene> scene() const { return mScene; }
 
+    /** Visits every request, for what is to be written to its frames once. Before start(). */
+    void visitAll(const Visit& visit);
     /** Streams on. Once. @return 0, -EBUSY when it was started before, or -1. */
     int start();
     /**
@@ -139,7 +141,7 @@ private:
     int prepareBuffers(IDmaBufSource& source);
     int negotiate(const SessionPort& wanted, const std::shared_ptr<IPort>& port,
                   PixelFormat& format);
-    int makeRequest(unsigned slot, IDmaBufSource& source);
+    int allocateRequest(unsigned slot, IDmaBufSource& source);
     int queue(SessionRequest& request);
     void requestDone(SessionRequest& request);
     bool waitForCompletions(Clock::time_point deadline) const;

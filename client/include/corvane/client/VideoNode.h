@@ -12,7 +12,7 @@
 namespace NSVista::NSCorvane::client {
 
 /** What a node says of itself. */
-struct VideoNode {
+struct CORVANE_EXPORT VideoNode {
     uint32_t capabilities;  ///< device capabilities of VIDIOC_QUERYCAP
     uint32_t bufferType;    ///< v4l2_buf_type that a port would use; 0: no port can drive the node
     bool takesRequests;     ///< its buffers can be bound to media requests

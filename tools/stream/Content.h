@@ -1,0 +1,87 @@
+/**
+ * @file
+ * What a run puts into its output buffers, and what it expects in its captures.
+ */
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <corvane/client/SceneSession.h>
+
+#include "Canary.h"
+#include "DeviceGraph.h"
+
+namespace NSVista::NSCorvane::stream {
+
+/**
+ * Fills and checks the frames of one session. What every device owes is checked here: captures are
+ * written, and nothing around the planes is. What a particular device makes of its input is for the
+ * derived classes.
+ */
+class Content {
+public:
+    /**
+     * Before the session starts.
+     * @param ports the session's, in its order. Both outlive the content.
+     */
+    Content(const std::vector<NodePort>& ports, client::SceneSession& session);
+    virtual ~Content() = default;
+    Content(const Content&) = delete;
+    Content& operator=(const Content&) = delete;
+
+    /** Makes a request ready to be queued. @return false when its memory cannot be mapped. */
+    bool fill(client::SessionRequest& request);
+    /** Checks a finished request; the first errors go to stderr. @return all is as expected. */
+    bool check(client::SessionRequest& request);
+
+    /** Frames that were not as expected, per port. */
+    const std::vector<uint64_t>& errors() const { return mErrors; }
+
+protected:
+    using Mappings = std::vector<client::FrameMapping>;
+
+    const std::vector<NodePort>& ports() const { return mPorts; }
+    const client::SceneSession& session() const { return mSession; }
+
+    /** Writes an output port's planes. */
+    virtual void fillOutput(uint64_t number, size_t port, const client::FrameMapping& planes) = 0;
+    /** Called before the captures of a request are checked. */
+    virtual void beginCheck(uint64_t /*number*/) {}
+    /** @return what is wrong with a capture port's planes, empty for nothing. */
+    virtual std::string checkCapture(uint64_t number, size_t port,
+                                     const client::FrameMapping& planes) = 0;
+    const Canary& canary() const { return mCanary; }
+    /** The frames of the request at hand, in the order of the ports. */
+    const Mappings& frames() const { return mMappings; }
+
+private:
+    /** Maps all frames of a request: outputs for one access, captures for another. */
+    bool map(client::SessionRequest& request, client::CpuAccess outputs,
+             client::CpuAccess captures);
+    void layGaps(client::SessionRequest& request);
+    std::string checkGaps(const client::FrameMapping& planes) const;
+    void report(uint64_t number, size_t port, const std::string& error);
+
+    const std::vector<NodePort>& mPorts;
+    client::SceneSession& mSession;
+    Canary mCanary;
+    Mappings mMappings;
+    std::vector<uint64_t> mErrors;
+    uint64_t mReported = 0;
+};
+
+/** For any device: captures must have been written to their last byte. */
+class PlainContent : public Content {
+public:
+    using Content::Content;
+
+protected:
+    void fillOutput(uint64_t number, size_t port, const client::FrameMapping& planes) override;
+    std::string checkCapture(uint64_t number, size_t port,
+                             const client::FrameMapping& planes) override;
+};
+
+}  // namespace NSVista::NSCorvane::stream

@@ -1,0 +1,136 @@
+#include "Options.h"
+
+#include <linux/videodev2.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "vengine-desc.h"
+
+namespace NSVista::NSCorvane::stream {
+
+namespace {
+
+constexpr unsigned kMaxBuffers = 64;
+/** Buffers beyond those in flight, so that a queuer never waits for a dequeue. */
+constexpr unsigned kSpareBuffers = 2;
+
+/** "WxH", or an error text. */
+std::string readSize(const std::string& text, Options& options) {
+    char rest = 0;
+    unsigned width = 0;
+    unsigned height = 0;
+    if (sscanf(text.c_str(), "%5ux%5u%c", &width, &height, &rest) != 2 || width == 0 ||
+        height == 0)
+        return "a size is WIDTHxHEIGHT, not \"" + text + "\"";
+    options.width = width;
+    options.height = height;
+    return {};
+}
+
+std::string readFormat(const std::string& text, Options& options) {
+    if (text.size() != 4)
+        return "a format is a four-character code, not \"" + text + "\"";
+    options.format = v4l2_fourcc(static_cast<uint32_t>(text[0]), static_cast<uint32_t>(text[1]),
+                                 static_cast<uint32_t>(text[2]), static_cast<uint32_t>(text[3]));
+    return {};
+}
+
+int badUse(const std::string& what) {
+    fprintf(stderr, "corvane-stream: %s; --help tells more\n", what.c_str());
+    return kBadUse;
+}
+
+}  // namespace
+
+std::optional<int> parseOptions(int argc, char** argv, Options& options) {
+    options = {};
+    CLI::App app("Streams requests through a media device and checks every frame.\n",
+                 "corvane-stream");
+    app.footer("Exit codes: 0 success, 1 the run failed, 2 bad use.");
+    app.add_flag("--list", options.list, "List media devices, entities and links, then end");
+    app.add_option("--model", options.model, "Model name of the media device")
+        ->default_str(VENGINE_MODEL);
+    app.add_option("--ports", options.ports,
+                   "Ports: a list of entity names or indexes, how many of the first, or \"all\"")
+        ->capture_default_str();
+    app.add_option("--requests", options.requests, "Requests to stream; 0: until interrupted")
+        ->capture_default_str();
+    app.add_option("--in-flight", options.inFlight, "Requests under way at a time")
+        ->check(CLI::Range(1U, kMaxBuffers))
+        ->capture_default_str();
+    app.add_option("--buffers", options.buffers, "Buffers per port")
+        ->check(CLI::Range(1U, kMaxBuffers))
+        ->default_str("in flight + 2");
+    app.add_option_function<std::string>(
+           "--size",
+           [&options](const std::string& text) {
+               if (const std::string wrong = readSize(text, options); !wrong.empty())
+                   throw CLI::ValidationError(wrong);
+           },
+           "Size of pictures, WIDTHxHEIGHT")
+        ->default_str("the driver's");
+    app.add_option_function<std::string>(
+           "--format",
+           [&options](const std::string& text) {
+               if (const std::string wrong = readFormat(text, options); !wrong.empty())
+                   throw CLI::ValidationError(wrong);
+           },
+           "Four-character code of the video ports' format")
+        ->default_str("the driver's");
+    app.add_option("--offset", options.offset,
+                   "Bytes before the first plane; above 0 all planes of a buffer share one dma-buf")
+        ->check(CLI::Range(0U, 1U << 24))
+        ->default_str("192 on the virtual engine, else 0");
+    app.add_flag("--worker", options.worker, "Dequeue on the buffer monitor's thread always");
+
+    const char* const simGroup = "Virtual engine";
+    CLI::Option* const sim =
+        app.add_flag("--sim", options.sim, "Use the virtual engine in this process")
+            ->group(simGroup);
+    app.add_option("--latency-us", options.latencyUs, "Time that a request takes")
+        ->default_val(500)
+        ->needs(sim)
+        ->group(simGroup);
+    app.add_option("--order", options.order, "Order of completion")
+        ->check(CLI::IsMember({"in-order", "reversed", "random"}))
+        ->default_val("in-order")
+        ->needs(sim)
+        ->group(simGroup);
+    app.add_option("--seed", options.seed, "Seed of the random order")
+        ->default_val(1)
+        ->needs(sim)
+        ->group(simGroup);
+
+    const char* const outputGroup = "Output";
+    app.add_option("--snapshot", options.snapshot, "Write the last request's pictures to a PNG")
+        ->group(outputGroup);
+    app.add_option("--trace", options.trace,
+                   "Write a timeline in the Chrome trace event format (Perfetto's viewer opens it)")
+        ->group(outputGroup);
+    app.add_flag("--dump", options.dump, "Print the whole state at the end, still streaming")
+        ->group(outputGroup);
+    app.add_flag("--events", options.events, "Print frame-sync events of the default sub-device")
+        ->group(outputGroup);
+    app.add_flag("-v,--verbose", options.verbose, "Log more; up to four times")
+        ->group(outputGroup);
+    app.add_flag("-q,--quiet", options.quiet, "No progress, no warnings")->group(outputGroup);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        return badUse(error.what());
+    }
+    if (options.model.empty())
+        options.model = VENGINE_MODEL;
+    if (options.buffers == 0)
+        options.buffers = std::min(options.inFlight + kSpareBuffers, kMaxBuffers);
+    if (options.buffers < options.inFlight)
+        return badUse("--buffers " + std::to_string(options.buffers) + " are fewer than the " +
+                      std::to_string(options.inFlight) + " requests in flight");
+    return std::nullopt;
+}
+
+}  // namespace NSVista::NSCorvane::stream

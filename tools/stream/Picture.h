@@ -1,0 +1,34 @@
+/**
+ * @file
+ * Captured pictures, and their colours.
+ */
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <corvane/IV4L2VideoDevice.h>
+
+namespace NSVista::NSCorvane::stream {
+
+struct Rgb {
+    uint8_t r, g, b;
+};
+
+/** A copy of a frame. */
+struct Picture {
+    std::string name;
+    PixelFormat format{};
+    std::vector<uint8_t> planes[FrameBuffer::kMaxPlanes];
+
+    /** Whether colorAt() knows the format. */
+    bool isKnown() const;
+    /** The colour of a pixel within the picture. */
+    Rgb colorAt(uint32_t x, uint32_t y) const;
+};
+
+/** The common name of a fourcc, or its four characters. */
+std::string formatName(uint32_t fourcc);
+
+}  // namespace NSVista::NSCorvane::stream

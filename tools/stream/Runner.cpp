@@ -1,0 +1,89 @@
+#include "Runner.h"
+
+#include <corvane/platform/Trace.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Progress.h"
+
+namespace NSVista::NSCorvane::stream {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned kTraceArea = 4;
+/** How often the wishes to end are looked at while nothing completes. */
+constexpr std::chrono::milliseconds kLook{100};
+constexpr std::chrono::seconds kStall{10};
+
+}  // namespace
+
+void Runner::run(RunResult& result) {
+    const auto begin = Clock::now();
+    auto lastProgress = begin;
+    Progress progress(mOptions.quiet, mOptions.requests);
+    while (result.trouble.empty()) {
+        submitWhatFits(result);
+        if (mayEnd(result) || !result.trouble.empty())
+            break;
+        const int waited = mSession.wait(
+            kLook, [&](client::SessionRequest& request) { inspect(request, result); });
+        const auto now = Clock::now();
+        if (waited == 0)
+            lastProgress = now;
+        else if (now - lastProgress > kStall)
+            result.trouble = "no request completed for 10 s";
+        progress.update(result.completed, result.failed);
+    }
+    if (mWish.terminated)
+        result.trouble = "the driver refused a call that must not fail (see the log)";
+    result.seconds = Clock::now() - begin;
+    const uint64_t under = mSubmitted - result.completed;
+    result.lost = under > mLeftOver ? under - mLeftOver : 0;
+}
+
+bool Runner::mayEnd(const RunResult& result) const {
+    if (mWish.terminated)
+        return true;
+    const bool all = mOptions.requests != 0 && result.completed >= mOptions.requests;
+    return all || (mWish.interrupted && mSubmitted - result.completed <= mLeftOver);
+}
+
+void Runner::submitWhatFits(RunResult& result) {
+    while (!mWish.interrupted && !mWish.terminated &&
+           (mOptions.requests == 0 || mSubmitted < mOptions.requests + mLeftOver) &&
+           mSubmitted - result.completed < mOptions.inFlight) {
+        bool filled = false;
+        const int submitted = mSession.submit([&](client::SessionRequest& request) {
+            const TraceSection section(kTraceArea, "fill request");
+            filled = mContent.fill(request);
+        });
+        if (submitted == 0)
+            ++mSubmitted;
+        if (submitted != 0 || !filled) {
+            result.trouble = submitted != 0 ? std::string("a request was refused: ") +
+                                                  strerror(-submitted)
+                                            : "a buffer cannot be mapped";
+            return;
+        }
+    }
+}
+
+void Runner::inspect(client::SessionRequest& request, RunResult& result) {
+    const TraceSection section(kTraceArea, "check request");
+    const client::RequestTimes times = request.times();
+    result.total.add(times.total);
+    result.buffers.add(times.buffers);
+    result.queue.add(times.queue);
+    result.driver.add(times.driver);
+    result.report.add(times.report);
+    ++result.completed;
+    if (!mContent.check(request))
+        ++result.failed;
+    if (mSnapshot != nullptr)
+        mSnapshot->take(mPorts, request);
+}
+
+}  // namespace NSVista::NSCorvane::stream

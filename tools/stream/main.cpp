@@ -1,0 +1,262 @@
+#include <corvane/IDeviceEnumerator.h>
+#include <corvane/SceneManager.h>
+#include <corvane/platform/Printer.h>
+#include <corvane/platform/Properties.h>
+#include <corvane/platform/Service.h>
+#include <corvane/platform/System.h>
+#include <corvane/platform/Thread.h>
+#include <corvane/platform/Trace.h>
+#include <corvane/platform/ULog.h>
+#include <corvane/sim/Engine.h>
+#include <linux/videodev2.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "DeviceGraph.h"
+#include "EngineContent.h"
+#include "EventPrinter.h"
+#include "Options.h"
+#include "Report.h"
+#include "Runner.h"
+#include "Snapshot.h"
+#include "StreamPipe.h"
+
+namespace NSVista::NSCorvane::stream {
+
+namespace {
+
+constexpr const char kSceneName[] = "corvane-stream";
+constexpr const char kThreadName[] = "corvane-stream";
+constexpr uint32_t kEngineOffset = 192;
+constexpr uint32_t kGuard = 64;
+constexpr std::chrono::seconds kDrain{5};
+
+EndWish gWish;
+
+void onSignal(int /*signal*/) {
+    gWish.interrupted = true;
+}
+
+void handleSignals() {
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    action.sa_flags = SA_RESETHAND;  // The second one ends the process whatever it hangs in.
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+void configureLog(const Options& options) {
+    constexpr uint32_t kErrors = 1;
+    constexpr uint32_t kWarnings = 2;
+    Utils::ULog::ULogger::sDetailsLevel =
+        options.quiet ? kErrors : kWarnings + std::min(options.verbose, 4U);
+}
+
+/** The in-process engine as the options want it, installed while it lives. */
+class Simulation {
+public:
+    explicit Simulation(const Options& options) : mInstalled(mEngine) {
+        sim::Timing timing;
+        timing.latency = std::chrono::microseconds(options.latencyUs);
+        timing.seed = options.seed;
+        timing.order = options.order == "reversed" ? sim::Order::REVERSED
+                       : options.order == "random" ? sim::Order::RANDOM
+                                                   : sim::Order::IN_ORDER;
+        timing.group = timing.order == sim::Order::IN_ORDER ? 1 : options.inFlight;
+        mEngine.device().setTiming(timing);
+    }
+
+private:
+    sim::VirtualEngine mEngine;
+    sim::ScopedKernel mInstalled;
+};
+
+/** A file that is written at the end is worth nothing if it cannot be: find out first. */
+bool prepareFile(const std::string& path) {
+    if (path.empty())
+        return true;
+    std::error_code error;
+    if (const auto folder = std::filesystem::path(path).parent_path(); !folder.empty())
+        std::filesystem::create_directories(folder, error);
+    FILE* const file = fopen(path.c_str(), "we");
+    if (file == nullptr) {
+        fprintf(stderr, "corvane-stream: %s: %s\n", path.c_str(), strerror(errno));
+        return false;
+    }
+    fclose(file);
+    return true;
+}
+
+/** vivid shows an output buffer until the next one comes. */
+unsigned requestsKept(const DeviceGraph& graph, const std::vector<NodePort>& ports) {
+    const bool showsOutput = std::any_of(ports.begin(), ports.end(), [](const NodePort& port) {
+        return port.node.isOutput() && !port.node.isMeta();
+    });
+    return graph.driver() == "vivid" && showsOutput ? 1 : 0;
+}
+
+std::unique_ptr<client::IDmaBufSource> makeSource(const Options& options,
+                                                  const std::vector<NodePort>& ports) {
+    if (options.sim)
+        return client::makeMemoryFileSource();
+    if (auto heap = client::openDmaHeapSource())
+        return heap;
+    return client::makeVideoNodeSource(ports.front().nodePath);
+}
+
+Plan makePlan(const Options& options, const DeviceGraph& graph,
+              const std::vector<NodePort>& ports) {
+    Plan plan{options.model, {}, makeSource(options, ports)};
+    plan.session.name = kSceneName;
+    for (const NodePort& port : ports)
+        plan.session.ports.push_back({port.entity, port.index, port.entity,
+                                      port.node.isMeta() ? 0 : options.format, options.width,
+                                      options.height});
+    plan.session.links = graph.linksOf(ports);
+    plan.session.buffers = static_cast<int>(options.buffers);
+    const uint32_t offset = EngineContent::isFor(graph) ? kEngineOffset : 0;
+    plan.session.layout = {options.offset.value_or(offset), kGuard};
+    return plan;
+}
+
+std::unique_ptr<Content> makeContent(const DeviceGraph& graph, const std::vector<NodePort>& ports,
+                                     client::SceneSession& session) {
+    if (!EngineContent::isFor(graph))
+        return std::make_unique<PlainContent>(ports, session);
+    const std::string strange = EngineContent::findStrangeFormat(ports, session);
+    if (strange.empty())
+        return std::make_unique<EngineContent>(ports, session);
+    fprintf(stderr, "corvane-stream: %s lays its format out as the engine should not\n",
+            strange.c_str());
+    return nullptr;
+}
+
+void noteOtherFormats(const Options& options, const std::vector<NodePort>& ports,
+                      const client::SceneSession& session) {
+    for (size_t port = 0; port < ports.size() && !options.quiet; ++port) {
+        const PixelFormat& format = session.format(port);
+        const bool asWished = (options.format == 0 || format.format == options.format) &&
+                              (options.width == 0 || (format.width == options.width &&
+                                                      format.height == options.height));
+        if (!asWished && !ports[port].node.isMeta())
+            fprintf(stderr, "corvane-stream: %s made %s %ux%u of the wanted format\n",
+                    ports[port].entity.c_str(), formatName(format.format).c_str(), format.width,
+                    format.height);
+    }
+}
+
+void dumpAll(const SceneManager& manager) {
+    FilePrinter printer(stdout);
+    manager.dumpState(&printer);
+    System::dumpState(&printer);
+}
+
+/** Streams on a session that is set up. @return an exit code. */
+int streamOn(const Options& options, const DeviceGraph& graph, const std::vector<NodePort>& ports,
+             const SceneManager& manager, client::SceneSession& session) {
+    noteOtherFormats(options, ports, session);
+    const std::unique_ptr<Content> content = makeContent(graph, ports, session);
+    if (!content)
+        return kRunFailed;
+    std::unique_ptr<EventPrinter> events;
+    if (options.events && !(events = EventPrinter::start()))
+        return kRunFailed;
+    if (session.start() != 0 || gWish.terminated) {
+        fprintf(stderr, "corvane-stream: streaming cannot be started (see the log)\n");
+        return kRunFailed;
+    }
+
+    Snapshot snapshot;
+    RunResult result;
+    const unsigned kept = requestsKept(graph, ports);
+    Runner(options, ports, session, *content, gWish, kept,
+           options.snapshot.empty() ? nullptr : &snapshot)
+        .run(result);
+    if (options.dump)
+        dumpAll(manager);
+    const bool drains = result.lost == 0 && kept == 0;
+    const int stopped = session.stop(drains ? kDrain : std::chrono::seconds(0));
+    events.reset();
+    if (drains && stopped != 0 && result.trouble.empty())
+        result.trouble = "the scene did not stop cleanly (see the log)";
+
+    printReport(options, ports, session, *content, result);
+    if (kept != 0)
+        printf("\n  The device keeps its last output buffer, and %u request with it.\n", kept);
+    if (!result.trouble.empty())
+        fprintf(stderr, "corvane-stream: %s\n", result.trouble.c_str());
+    const bool drawn = options.snapshot.empty() || result.completed == 0 ||
+                       snapshot.write(options.snapshot, options.model);
+    return result.isGood() && drawn ? kSuccess : kRunFailed;
+}
+
+int stream(const Options& options) {
+    const std::unique_ptr<DeviceGraph> graph = DeviceGraph::find(options.model);
+    if (!graph)
+        return kBadUse;
+    const std::vector<NodePort> ports = graph->choose(options.ports);
+    if (ports.empty())
+        return kBadUse;
+    if (options.inFlight <= requestsKept(*graph, ports)) {
+        fprintf(stderr, "corvane-stream: this device's output needs --in-flight 2 or more\n");
+        return kBadUse;
+    }
+    const DefaultMediaConfigs defaults{options.model, graph->subDevice()};
+    if (options.events && defaults.subdevice_entity_name.empty()) {
+        fprintf(stderr, "corvane-stream: %s has no sub-device\n", options.model.c_str());
+        return kBadUse;
+    }
+    registerDefaultMediaConfigs(&defaults);
+
+    Plan plan = makePlan(options, *graph, ports);
+    std::shared_ptr<StreamPipe> pipe;
+    PipeFactory::Instance().Register(kSceneName, [&](SceneManager& manager) {
+        return pipe = std::make_shared<StreamPipe>(manager, plan);
+    });
+    SceneManager manager;
+    const int code = manager.init() == 0 && !gWish.terminated
+                         ? streamOn(options, *graph, ports, manager, pipe->session())
+                         : kRunFailed;
+    manager.uninit();
+    return code;
+}
+
+int run(const Options& options) {
+    configureLog(options);
+    handleSignals();
+    Utils::setTerminateHandler([] { gWish.terminated = true; });
+    if (options.worker)
+        Utils::Properties::property_set(
+            "persist.vendor.camera.corvane.V4L2BufferMonitor.configmode", "1");
+    std::unique_ptr<Simulation> simulation;
+    if (options.sim)
+        simulation = std::make_unique<Simulation>(options);
+    if (options.list)
+        return listDevices() != 0 ? kSuccess : kRunFailed;
+    if (!prepareFile(options.snapshot) || !prepareFile(options.trace))
+        return kBadUse;
+    if (const int result = trace::start(options.trace.c_str()); result != 0) {
+        fprintf(stderr, "corvane-stream: %s: %s\n", options.trace.c_str(), strerror(-result));
+        return kBadUse;
+    }
+    customizeThreadReadyToRun(kThreadName, strlen(kThreadName));
+    const int code = stream(options);
+    trace::stop();
+    return code;
+}
+
+}  // namespace
+
+}  // namespace NSVista::NSCorvane::stream
+
+int main(int argc, char** argv) {
+    using namespace NSVista::NSCorvane::stream;
+    Options options;
+    if (const std::optional<int> code = parseOptions(argc, argv, options))
+        return *code;
+    return run(options);
+}
