@@ -1,0 +1,86 @@
+#include "Platform.h"
+
+#include <corvane/IDeviceEnumerator.h>
+#include <corvane/mc/DeviceEnumerator.h>
+#include <corvane/mc/MediaTopology.h>
+#include <corvane/platform/System.h>
+
+#include <cstdlib>
+#include <map>
+
+#include "vengine-desc.h"
+
+namespace NSVista::NSCorvane::test {
+
+namespace {
+
+/**
+ * Entities of a driver in the order of use. vivid's video output is left out: it never completes
+ * the last buffer it was given.
+ */
+std::vector<std::string> entityNames(const std::string& model) {
+    if (model == "vivid")
+        return {"vivid-000-vid-cap", "vivid-000-meta-cap", "vivid-000-meta-out",
+                "vivid-000-touch-cap"};
+    std::vector<std::string> names;
+    for (const auto& port : vengine_ports)
+        names.emplace_back(port.name);
+    return names;
+}
+
+std::string devicePath(const std::string& model) {
+    std::string found;
+    mc::enumerateMediaDevices([&](const media_device_info& info, const std::string& path) {
+        found = path;
+        return model == static_cast<const char*>(info.model);
+    });
+    return found;
+}
+
+}  // namespace
+
+Platform& Platform::instance() {
+    static Platform* const platform = new Platform;  // outlives every test's objects
+    return *platform;
+}
+
+Platform::Platform() {
+    if (const char* model = getenv("CORVANE_TEST_MODEL")) {
+        mModel = model;
+    } else {
+        mModel = VENGINE_MODEL;
+        mEngine = std::make_unique<sim::VirtualEngine>();
+        mDevice = &mEngine->device();
+        System::setKernel(mEngine.get());
+    }
+    findPorts();
+    mSource = mEngine != nullptr
+                  ? client::makeMemoryFileSource()
+                  : client::makeVideoNodeSource(search()->getEntityDevnodePath(mPorts[0].name));
+}
+
+std::shared_ptr<IMediaDevice> Platform::search() const {
+    return IDeviceEnumerator::instance().search(mModel);
+}
+
+void Platform::findPorts() {
+    const auto topology = mc::enumMediaTopology(devicePath(mModel));
+    std::map<unsigned, std::string> names;
+    for (const auto& entity : topology->entityDescs())
+        names[entity.id] = static_cast<const char*>(entity.name);
+    for (const auto& name : entityNames(mModel)) {
+        const auto entity = topology->findEntity(name.c_str());
+        if (entity == nullptr)
+            continue;
+        PortEntity port{name, {}};
+        for (const auto& link : topology->linkDescs())
+            if ((link.source.entity == entity->desc().id ||
+                 link.sink.entity == entity->desc().id) &&
+                (link.flags & (MEDIA_LNK_FL_LINK_TYPE | MEDIA_LNK_FL_IMMUTABLE)) == 0)
+                port.links.push_back({names[link.source.entity], link.source.index,
+                                      names[link.sink.entity], link.sink.index});
+        mPorts.push_back(std::move(port));
+    }
+}
+
+}  // namespace NSVista::NSCorvane::test

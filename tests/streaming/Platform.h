@@ -1,0 +1,63 @@
+/**
+ * @file
+ * Where the streaming suite runs: on the virtual engine, or on a driver of the running kernel.
+ */
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <corvane/IMediaDevice.h>
+#include <corvane/client/DmaBuf.h>
+#include <corvane/sim/Engine.h>
+
+namespace NSVista::NSCorvane::test {
+
+/** A link of a port, as a scene's descriptor names it. */
+struct PortLink {
+    std::string source;
+    unsigned sourcePad;
+    std::string sink;
+    unsigned sinkPad;
+};
+
+/** A media entity with a video node that the suite streams. */
+struct PortEntity {
+    std::string name;
+    std::vector<PortLink> links;
+};
+
+/**
+ * The device under test, chosen by the environment: CORVANE_TEST_MODEL names a model of the running
+ * kernel; without it a virtual engine is made. One a process.
+ */
+class Platform {
+public:
+    static Platform& instance();
+
+    const std::string& model() const { return mModel; }
+    /** Entities in the order in which the suite takes them. */
+    const std::vector<PortEntity>& ports() const { return mPorts; }
+    /** The virtual engine's device; null on a real kernel. */
+    sim::Device* virtualDevice() const { return mDevice; }
+    sim::Faults& faults() const { return mEngine->faults(); }
+    /** Frames are numbered and drawn as the virtual engine's. */
+    bool drawsTestPicture() const { return mModel == "vengine"; }
+    std::shared_ptr<IMediaDevice> search() const;
+    client::IDmaBufSource& source() const { return *mSource; }
+    /** Descriptors that the device under test still counts as open. */
+    size_t openFiles() const { return mEngine != nullptr ? mEngine->openFiles() : 0; }
+
+private:
+    Platform();
+    void findPorts();
+
+    std::string mModel;
+    std::unique_ptr<sim::VirtualEngine> mEngine;
+    sim::Device* mDevice = nullptr;
+    std::vector<PortEntity> mPorts;
+    std::unique_ptr<client::IDmaBufSource> mSource;
+};
+
+}  // namespace NSVista::NSCorvane::test

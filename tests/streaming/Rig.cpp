@@ -1,0 +1,217 @@
+#include "Rig.h"
+
+#include <corvane/platform/Printer.h>
+
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <cstring>
+#include <sstream>
+#include <thread>
+#include <utility>
+
+#include "vengine-picture.h"
+
+namespace NSVista::NSCorvane::test {
+
+namespace {
+
+constexpr std::chrono::seconds kPatience{20};
+constexpr uint8_t kPoison = 0xA5;
+
+class TextPrinter : public IPrinter {
+public:
+    void printLine(const char* text) override { all += std::string(text) + "\n"; }
+    std::string all;
+};
+
+bool isOutput(const std::string& entity) {
+    for (const auto& port : vengine_ports)
+        if (entity == port.name)
+            return V4L2_TYPE_IS_OUTPUT(port.buf_type);
+    return entity.ends_with("-out");
+}
+
+vengine_picture pictureOf(const PixelFormat& format, const client::FrameMapping& frame) {
+    const vengine_layout layout = vengine_layout_of(format.format, format.width, format.height);
+    uint8_t* planes[3] = {};
+    for (size_t i = 0; i < frame.planeCount(); ++i)
+        planes[i] = frame.plane(i).data();
+    return vengine_map(&layout, planes);
+}
+
+}  // namespace
+
+Rig::Rig(size_t ports) : mMedia(Platform::instance().search()) {
+    const auto& entities = Platform::instance().ports();
+    for (size_t i = 0; i < ports; ++i) {
+        mPortDescs.push_back({entities[i].name.c_str(), static_cast<int>(i),
+                              entities[i].name.c_str(), false, false, false});
+        for (const auto& link : entities[i].links)
+            mLinkDescs.push_back(
+                {link.source.c_str(), link.sourcePad, link.sink.c_str(), link.sinkPad});
+    }
+    mDesc = {"rig",
+             nullptr,
+             static_cast<int>(ports),
+             mPortDescs.data(),
+             static_cast<int>(mLinkDescs.size()),
+             mLinkDescs.data()};
+    mMedia->acquire();
+    scene = std::make_unique<Scene>(nullptr, mDesc, mMedia);
+    events = client::EpollEventMonitor::make();
+}
+
+Rig::~Rig() {
+    if (mStarted) {
+        waitDequeued();
+        stop();
+    }
+    mRequests.clear();
+    if (mInitialised)
+        scene->uninit();
+    mMedia->release();
+}
+
+int Rig::init() {
+    const int ret = scene->init();
+    mInitialised = ret == 0;
+    return ret;
+}
+
+int Rig::start(int buffers, int slots) {
+    if (const int ret = init(); ret != 0)
+        return ret;
+    scene->acquire();
+    for (const auto& desc : mPortDescs) {
+        const auto port = scene->queryPort(desc.index);
+        PixelFormat format{};
+        if (const int ret = scene->getFormat(port, format); ret != 0)
+            return ret;
+        formats.push_back(format);
+        if (const int ret = scene->importBuffer(port, buffers); ret != 0)
+            return ret;
+    }
+    for (int i = 0; i < (slots != 0 ? slots : buffers); ++i)
+        if (const int ret = makeSlot(); ret != 0)
+            return ret;
+    scene->setRequestDoneCallback([this](IRequest* request) {
+        const std::lock_guard lock(mLock);
+        mDone.push_back(reinterpret_cast<size_t>(request->getCookie()));
+        ++mDoneCount;
+        mDoneChanged.notify_all();
+    });
+    const int ret = scene->start();
+    mStarted = ret == 0;
+    return ret;
+}
+
+int Rig::makeSlot() {
+    // Only the virtual engine reads where a plane begins in its dma-buf.
+    const client::FrameLayout layout{Platform::instance().drawsTestPicture() ? 4096U : 0U, 64};
+    std::vector<client::Frame> frames(mPortDescs.size());
+    for (size_t i = 0; i < frames.size(); ++i)
+        if (const int ret = frames[i].allocate(formats[i], layout, Platform::instance().source());
+            ret != 0)
+            return ret;
+    auto request = scene->createRequest();
+    request->setCookie(reinterpret_cast<void*>(mRequests.size()));
+    request->setMonitor(events);
+    mRequests.push_back(std::move(request));
+    mFrames.push_back(std::move(frames));
+    mPictures.push_back(0);
+    return 0;
+}
+
+void Rig::feed(size_t port, client::FrameMapping& frame, size_t slot) {
+    if (mPortDescs[port].device_name == std::string("vengine-input")) {
+        const vengine_picture picture = pictureOf(formats[port], frame);
+        mPictures[slot] = mNextPicture++;
+        vengine_draw_test(&picture, mPictures[slot]);
+    } else if (mPortDescs[port].device_name == std::string("vengine-tuning")) {
+        const vengine_tuning tuning = {VENGINE_TUNING_MAGIC, 7, 0, {}};
+        memcpy(frame.plane(0).data(), &tuning, sizeof(tuning));
+    }
+}
+
+void Rig::fill(size_t slot, size_t ports) {
+    const size_t count = ports != 0 ? ports : mPortDescs.size();
+    for (size_t i = 0; i < count; ++i) {
+        client::Frame& frame = mFrames[slot][i];
+        {
+            client::FrameMapping mapping = frame.map(client::CpuAccess::Write);
+            for (size_t p = 0; p < mapping.planeCount(); ++p)
+                std::fill(mapping.plane(p).begin(), mapping.plane(p).end(), kPoison);
+            feed(i, mapping, slot);
+        }
+        mRequests[slot]->addBuffer(static_cast<int>(i),
+                                   [&frame](FrameBuffer& buffer) { buffer = frame.buffer(); });
+    }
+}
+
+bool Rig::waitDone(uint64_t count) {
+    std::unique_lock lock(mLock);
+    return mDoneChanged.wait_for(lock, kPatience, [&] { return mDoneCount >= count; });
+}
+
+unsigned Rig::withDriver() const {
+    std::istringstream lines(dump());
+    unsigned taken = 0;
+    for (std::string line; std::getline(lines, line);) {
+        unsigned count = 0;
+        unsigned long free = 0;
+        const size_t at = line.find("#REQBUFS=");
+        if (at == std::string::npos)
+            continue;
+        if (sscanf(line.c_str() + at, "#REQBUFS=%u Free=0x%lx", &count, &free) == 2)
+            taken += count - static_cast<unsigned>(std::popcount(free));
+    }
+    return taken;
+}
+
+bool Rig::waitDequeued() const {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (withDriver() != 0) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+std::vector<size_t> Rig::takeDone() {
+    const std::lock_guard lock(mLock);
+    return std::exchange(mDone, {});
+}
+
+bool Rig::written(size_t slot) {
+    for (size_t i = 0; i < mPortDescs.size(); ++i) {
+        if (isOutput(mPortDescs[i].device_name))
+            continue;
+        const client::FrameMapping frame = mFrames[slot][i].map(client::CpuAccess::Read);
+        for (size_t p = 0; p < frame.planeCount(); ++p)
+            if (std::all_of(frame.plane(p).begin(), frame.plane(p).end(),
+                            [](uint8_t byte) { return byte == kPoison; }))
+                return false;
+    }
+    return true;
+}
+
+uint32_t Rig::capturedPicture(size_t slot) {
+    const client::FrameMapping frame = mFrames[slot][0].map(client::CpuAccess::Read);
+    const vengine_picture picture = pictureOf(formats[0], frame);
+    return vengine_frame_number(&picture, VENGINE_ROLE_MAIN);
+}
+
+int Rig::stop() {
+    mStarted = false;
+    return scene->stop();
+}
+
+std::string Rig::dump() const {
+    TextPrinter printer;
+    scene->dumpState(&printer);
+    return printer.all;
+}
+
+}  // namespace NSVista::NSCorvane::test

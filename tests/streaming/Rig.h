@@ -1,0 +1,85 @@
+/**
+ * @file
+ * A scene with buffers and requests over the first ports of the platform, built by hand.
+ */
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <corvane/IRequest.h>
+#include <corvane/SceneControl.h>
+#include <corvane/SceneDesc.h>
+#include <corvane/client/EpollEventMonitor.h>
+#include <corvane/client/SessionRequest.h>
+
+#include "Platform.h"
+
+namespace NSVista::NSCorvane::test {
+
+class Rig {
+public:
+    /** Builds the scene and acquires it; nothing is initialised yet. */
+    explicit Rig(size_t ports);
+    /** Undoes what was done, in the scene's order. */
+    ~Rig();
+    Rig(const Rig&) = delete;
+    Rig& operator=(const Rig&) = delete;
+
+    int init();
+    /**
+     * init, formats, @p buffers buffers of every port, start.
+     * @param slots requests with memory of their own; 0: as many as buffers.
+     * @return 0 or the first failure.
+     */
+    int start(int buffers, int slots = 0);
+    /** Poisons and fills the slot's buffers for the first @p ports ports (0: all). */
+    void fill(size_t slot, size_t ports = 0);
+    int queue(size_t slot) { return scene->queueRequest(mRequests[slot].get(), 0); }
+    /** Waits until @p count requests are done in all. */
+    bool waitDone(uint64_t count);
+    /** Waits until the devices have their buffers back. */
+    bool waitDequeued() const;
+    /** Buffer indexes that are not free, of all ports. */
+    unsigned withDriver() const;
+    /** The slots' requests in the order of their completion; takes them. */
+    std::vector<size_t> takeDone();
+    /** Whether every capture plane of a slot was written. */
+    bool written(size_t slot);
+    /** Number of the test picture that the first port captured. */
+    uint32_t capturedPicture(size_t slot);
+    /** Number of the test picture that the slot's input was fed with. */
+    uint32_t fedPicture(size_t slot) const { return mPictures[slot]; }
+    int stop();
+    /** What the scene prints. */
+    std::string dump() const;
+
+    std::shared_ptr<client::EpollEventMonitor> events;
+    std::unique_ptr<Scene> scene;
+    std::vector<PixelFormat> formats;
+
+private:
+    int makeSlot();
+    /** Draws what an output port of the virtual engine is fed with. */
+    void feed(size_t port, client::FrameMapping& frame, size_t slot);
+
+    std::shared_ptr<IMediaDevice> mMedia;
+    std::vector<PortDesc> mPortDescs;
+    std::vector<LinkDesc> mLinkDescs;
+    SceneDesc mDesc{};
+    bool mInitialised = false;
+    bool mStarted = false;
+    std::vector<std::shared_ptr<IRequest>> mRequests;
+    std::vector<std::vector<client::Frame>> mFrames;  ///< per slot, per port
+    uint32_t mNextPicture = 0;
+    std::vector<uint32_t> mPictures;  ///< drawn last into a slot's input
+    std::mutex mLock;
+    std::condition_variable mDoneChanged;
+    std::vector<size_t> mDone;
+    uint64_t mDoneCount = 0;
+};
+
+}  // namespace NSVista::NSCorvane::test

@@ -1,0 +1,336 @@
+// The request cycle end to end, on the virtual engine or on a driver of the running kernel.
+#include <corvane/platform/Properties.h>
+#include <corvane/platform/Service.h>
+#include <corvane/platform/System.h>
+#include <corvane/platform/ULog.h>
+#include <gtest/gtest.h>
+#include <linux/media.h>
+#include <linux/videodev2.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <future>
+#include <tuple>
+
+#include "Rig.h"
+
+namespace NSVista::NSCorvane::test {
+namespace {
+
+using Utils::Properties::property_set;
+using Utils::ULog::RingULogger;
+using Utils::ULog::ULogger;
+using namespace std::chrono_literals;
+
+constexpr char kModeProperty[] = "persist.vendor.camera.corvane.V4L2BufferMonitor.configmode";
+constexpr char kTraceBufProperty[] = "persist.vendor.camera.corvane.V4L2BufferMonitor.tracebuf";
+
+/** Catches the log and the endings, and checks that nothing is left behind. */
+class Streaming : public testing::Test {
+protected:
+    void SetUp() override {
+        Platform::instance();
+        ULogger::install(&mLog);
+        ULogger::sMode = 2;
+        Utils::setExceptionHandler([this](const char*, const char*) { ++reports; });
+        Utils::setTerminateHandler([] {});
+    }
+    void TearDown() override {
+        if (auto* device = Platform::instance().virtualDevice()) {
+            Platform::instance().faults().clear();
+            device->setTiming({});
+            device->resume();
+            EXPECT_EQ(device->counts().requests, 0U);
+        }
+        property_set(kModeProperty, nullptr);
+        property_set(kTraceBufProperty, nullptr);
+        Utils::setExceptionHandler({});
+        Utils::setTerminateHandler({});
+        ULogger::install(nullptr);
+        EXPECT_TRUE(System::openFds().empty());
+        EXPECT_EQ(Platform::instance().openFiles(), 0U);
+    }
+    /** Error lines since the last call. */
+    std::vector<std::string> errors() {
+        std::vector<std::string> texts;
+        for (const auto& line : mLog.take())
+            if (line.level == Utils::ULog::kError)
+                texts.push_back(line.text);
+        return texts;
+    }
+    static size_t portsOrSkip(size_t wanted) {
+        return std::min(wanted, Platform::instance().ports().size());
+    }
+
+    std::atomic<int> reports{0};
+
+private:
+    RingULogger mLog{4096};
+};
+
+/** Ports, buffers (0: as many as the device grants), configuration mode. */
+using CycleParam = std::tuple<size_t, int, const char*>;
+
+class Cycle : public Streaming, public testing::WithParamInterface<CycleParam> {};
+
+TEST_P(Cycle, CompletesEveryRequestOnceAndGivesAllBuffersBack) {
+    const auto [ports, wantedBuffers, mode] = GetParam();
+    if (ports > Platform::instance().ports().size())
+        GTEST_SKIP() << "the device has " << Platform::instance().ports().size() << " ports";
+    const int buffers = wantedBuffers != 0 ? wantedBuffers : 32;
+    const auto slots = static_cast<size_t>(buffers);
+    const size_t total = slots * 2 + 5;
+    property_set(kModeProperty, mode);
+    // The buffer trace knows indexes by request alone, so two ports of a request would collide.
+    property_set(kTraceBufProperty, ports == 1 ? "1" : "0");
+    Rig rig(ports);
+    ASSERT_EQ(rig.start(buffers), 0);
+
+    std::vector<size_t> idle(slots);
+    for (size_t i = 0; i < slots; ++i)
+        idle[i] = slots - 1 - i;
+    uint64_t queued = 0;
+    uint64_t done = 0;
+    uint32_t lastPicture = 0;
+    while (done < total) {
+        while (queued < total && !idle.empty()) {
+            const size_t slot = idle.back();
+            idle.pop_back();
+            rig.fill(slot);
+            ASSERT_EQ(rig.queue(slot), 0);
+            ++queued;
+        }
+        ASSERT_TRUE(rig.waitDone(done + 1)) << rig.dump();
+        for (const size_t slot : rig.takeDone()) {
+            ASSERT_TRUE(rig.written(slot)) << "request " << done;
+            if (Platform::instance().drawsTestPicture()) {
+                const uint32_t picture = rig.capturedPicture(slot);
+                // Without an input, the engine draws the pictures one after the other.
+                EXPECT_TRUE(ports > 1 ? picture == rig.fedPicture(slot)
+                                      : done == 0 || picture == lastPicture + 1)
+                    << "request " << done << " shows picture " << picture;
+                lastPicture = picture;
+            }
+            idle.push_back(slot);
+            ++done;
+        }
+    }
+    EXPECT_TRUE(rig.waitDequeued()) << rig.dump();
+    const std::string dump = rig.dump();
+    const std::string all = std::to_string(total);
+    EXPECT_NE(dump.find("state=STARTED #Request(Queued,Done)=(" + all + "," + all + ")"),
+              std::string::npos)
+        << dump;
+    EXPECT_NE(dump.find("#QBUF=" + std::to_string(total * ports)), std::string::npos) << dump;
+    EXPECT_NE(dump.find("#DQBUF=" + std::to_string(total * ports)), std::string::npos) << dump;
+    EXPECT_EQ(dump.find("mTraceBufferMap={ }") != std::string::npos, ports == 1) << dump;
+    EXPECT_EQ(rig.stop(), 0);
+    EXPECT_EQ(errors(), std::vector<std::string>{});
+    EXPECT_EQ(reports, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(DirectPath, Cycle,
+                         testing::Combine(testing::Values(1), testing::Values(1, 2, 5, 0),
+                                          testing::Values("0")));
+INSTANTIATE_TEST_SUITE_P(WorkerPath, Cycle,
+                         testing::Combine(testing::Values(1, 2, 4, 6), testing::Values(1, 3, 0),
+                                          testing::Values("1")));
+INSTANTIATE_TEST_SUITE_P(ManyPorts, Cycle,
+                         testing::Combine(testing::Values(2, 4, 6), testing::Values(2),
+                                          testing::Values("0")));
+
+TEST_F(Streaming, QueueingBlocksWithoutAFreeIndexAndWakes) {
+    Rig rig(1);
+    ASSERT_EQ(rig.start(2, 3), 0);
+    auto* const device = Platform::instance().virtualDevice();
+    if (device != nullptr)
+        device->hold();
+    for (const size_t slot : {0, 1, 2})
+        rig.fill(slot);
+    ASSERT_EQ(rig.queue(0), 0);
+    ASSERT_EQ(rig.queue(1), 0);
+    auto third = std::async(std::launch::async, [&] { return rig.queue(2); });
+    if (device != nullptr) {
+        EXPECT_EQ(third.wait_for(100ms), std::future_status::timeout) << "it should block";
+        device->resume();
+    }
+    EXPECT_EQ(third.get(), 0);
+    EXPECT_TRUE(rig.waitDone(3));
+    EXPECT_TRUE(rig.waitDequeued());
+    EXPECT_EQ(rig.stop(), 0);
+    EXPECT_EQ(errors(), std::vector<std::string>{});
+}
+
+TEST_F(Streaming, BufferInErrorIsGivenBackLikeAnyOther) {
+    auto* const device = Platform::instance().virtualDevice();
+    if (device == nullptr)
+        GTEST_SKIP() << "needs a device that fails on demand";
+    for (const char* mode : {"0", "1"}) {
+        property_set(kModeProperty, mode);
+        Rig rig(1);
+        ASSERT_EQ(rig.start(2), 0);
+        device->failBuffer(Platform::instance().ports()[0].name);
+        for (uint64_t i = 0; i < 4; ++i) {
+            rig.fill(i % 2);
+            ASSERT_EQ(rig.queue(i % 2), 0);
+            ASSERT_TRUE(rig.waitDone(i + 1));
+        }
+        EXPECT_TRUE(rig.waitDequeued());
+        EXPECT_EQ(rig.stop(), 0);
+        EXPECT_EQ(errors(), std::vector<std::string>{});
+    }
+}
+
+TEST_F(Streaming, StopsWithRequestsInFlightOnceNobodyWatches) {
+    for (const size_t ports : {size_t{1}, portsOrSkip(4)}) {
+        Rig rig(ports);
+        ASSERT_EQ(rig.start(4), 0);
+        if (auto* device = Platform::instance().virtualDevice())
+            device->hold();
+        for (size_t slot = 0; slot < 4; ++slot) {
+            rig.fill(slot);
+            ASSERT_EQ(rig.queue(slot), 0);
+        }
+        rig.events.reset();
+        EXPECT_EQ(rig.stop(), 0);
+        EXPECT_EQ(errors(), std::vector<std::string>{});
+        if (auto* device = Platform::instance().virtualDevice())
+            device->resume();
+    }
+    // A new scene has the device to itself again.
+    Rig rig(1);
+    ASSERT_EQ(rig.start(2), 0);
+    rig.fill(0);
+    ASSERT_EQ(rig.queue(0), 0);
+    EXPECT_TRUE(rig.waitDone(1));
+}
+
+TEST_F(Streaming, SecondStartStreamsButNobodyObserves) {
+    Rig rig(portsOrSkip(2));
+    ASSERT_EQ(rig.start(2), 0);
+    EXPECT_EQ(rig.stop(), 0);
+    EXPECT_EQ(rig.scene->start(), 0);
+    const std::string dump = rig.dump();
+    EXPECT_NE(dump.find("state=STARTED"), std::string::npos) << dump;
+    EXPECT_NE(dump.find(".mActive=0"), std::string::npos) << dump;
+    EXPECT_NE(dump.find("mPortObserverMap[0]={ }"), std::string::npos) << dump;
+    EXPECT_EQ(rig.stop(), 0);
+    EXPECT_EQ(rig.stop(), -1);
+    EXPECT_EQ(errors(), std::vector<std::string>{"[stop] state 1 != STARTED"});
+}
+
+TEST_F(Streaming, RequestRemembersItsPortsAndAMultiPlanarOneIsRefusedEmpty) {
+    if (!Platform::instance().drawsTestPicture())
+        GTEST_SKIP() << "needs a multi-planar second port";
+    Rig rig(2);
+    ASSERT_EQ(rig.start(2), 0);
+    rig.fill(0);
+    ASSERT_EQ(rig.queue(0), 0);
+    ASSERT_TRUE(rig.waitDone(1));
+    ASSERT_TRUE(rig.waitDequeued());
+    rig.fill(0, 1);
+    EXPECT_EQ(rig.queue(0), -EINVAL);
+    const auto lines = errors();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front(), "[queueBuffer] Failed to queue buffer vengine-input: -22");
+    rig.events.reset();
+    EXPECT_EQ(rig.stop(), 0);
+}
+
+TEST_F(Streaming, GrantsNoMoreBuffersThanTheDeviceHas) {
+    Rig rig(1);
+    ASSERT_EQ(rig.init(), 0);
+    rig.scene->acquire();
+    const auto port = rig.scene->queryPort(0);
+    EXPECT_EQ(rig.scene->importBuffer(port, 33), -ENOMEM);
+    EXPECT_EQ(rig.scene->importBuffer(port, 32), 0);
+    if (auto* device = Platform::instance().virtualDevice()) {
+        device->setBufferLimit(64);
+        EXPECT_EQ(rig.scene->importBuffer(port, 64), 0);
+        device->setBufferLimit(32);
+    }
+}
+
+TEST_F(Streaming, FormatsOfEveryClassReadBackAsSet) {
+    Rig rig(Platform::instance().ports().size());
+    ASSERT_EQ(rig.init(), 0);
+    rig.scene->acquire();
+    rig.scene->iteratePorts([&](const std::shared_ptr<IPort>& port) {
+        SCOPED_TRACE(port->getName());
+        PixelFormat before{};
+        PixelFormat after{};
+        EXPECT_EQ(rig.scene->getFormat(port, before), 0);
+        PixelFormat set = before;
+        EXPECT_EQ(rig.scene->setFormat(port, set), 0);
+        EXPECT_EQ(rig.scene->getFormat(port, after), 0);
+        EXPECT_GE(before.planeCount, 1U);
+        EXPECT_EQ(before.width == 0, port->getName().find("meta") != std::string::npos ||
+                                         port->getName().ends_with("stats") ||
+                                         port->getName().ends_with("tuning"));
+        for (const PixelFormat& answer : {set, after}) {
+            EXPECT_EQ(answer.format, before.format);
+            EXPECT_EQ(answer.width, before.width);
+            EXPECT_EQ(answer.height, before.height);
+            EXPECT_EQ(answer.planeCount, before.planeCount);
+            for (uint32_t i = 0; i < answer.planeCount; ++i) {
+                EXPECT_EQ(answer.planes[i].stride, before.planes[i].stride);
+                EXPECT_EQ(answer.planes[i].size, before.planes[i].size);
+                EXPECT_GT(answer.planes[i].size, 0U);
+            }
+        }
+        return true;
+    });
+}
+
+/** A fault during init, and the first error line it gives. */
+struct InitFault {
+    const char* name;
+    sim::Operation operation;
+    unsigned long code;
+    unsigned nth;
+    int error;
+    int reports;
+    const char* line;
+};
+
+class InitFailure : public Streaming, public testing::WithParamInterface<InitFault> {};
+
+TEST_P(InitFailure, UndoesWhatWasDone) {
+    auto* const device = Platform::instance().virtualDevice();
+    if (device == nullptr)
+        GTEST_SKIP() << "needs a device that fails on demand";
+    const InitFault& fault = GetParam();
+    {
+        Rig rig(4);
+        const sim::Call call =
+            fault.code != 0 ? sim::Call::ioctl(fault.code)
+                            : sim::Call{fault.operation, 0,
+                                        device->nodePath(Platform::instance().ports()[2].name)};
+        Platform::instance().faults().fail(call, fault.error, fault.nth);
+        EXPECT_EQ(rig.init(), -1);
+        const auto lines = errors();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines.front(), fault.line);
+        EXPECT_EQ(reports, fault.reports);
+        for (const auto& link : Platform::instance().ports()[0].links)
+            EXPECT_EQ(device->linkFlags(link.source, link.sourcePad, link.sink, link.sinkPad) &
+                          MEDIA_LNK_FL_ENABLED,
+                      0);
+    }
+    Rig next(4);
+    EXPECT_EQ(next.init(), 0) << "the device is as good as before";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, InitFailure,
+    testing::Values(InitFault{"open", sim::Operation::OPEN, 0, 1, ENOENT, 0,
+                              "[init] vengine-mirror: Failed to open port"},
+                    InitFault{"querycap", sim::Operation::IOCTL, VIDIOC_QUERYCAP, 3, EIO, 1,
+                              "[openDevice] Failed to query device capability: -5"},
+                    InitFault{"link", sim::Operation::IOCTL, MEDIA_IOC_SETUP_LINK, 2, EBUSY, 1,
+                              "[enableLink] MEDIA_IOC_SETUP_LINK fail err=-16"}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::test
