@@ -1,0 +1,36 @@
+/**
+ * @file
+ * What the tests of the sub-device share: a virtual engine, and what was logged and reported.
+ */
+#pragma once
+
+#include <corvane/sim/Engine.h>
+
+#include <string>
+
+#include "support/Capture.h"
+#include "vengine-desc.h"
+
+namespace NSVista::NSCorvane {
+
+/** Runs on a virtual engine. */
+class EngineTest : public testing::Test {
+protected:
+    explicit EngineTest(const char* tag = "corvane-V4L2SubDevice")
+        : mLog(tag, Utils::ULog::kWarning) {}
+
+    uint64_t calls(sim::Operation operation) {
+        return mEngine.faults().calls({operation, 0, VENGINE_SUBDEV_ENTITY});
+    }
+    uint64_t ioctls(unsigned long code) {
+        return mEngine.faults().calls(sim::Call::ioctl(code, VENGINE_SUBDEV_ENTITY));
+    }
+    std::string subDevicePath() { return mEngine.device().nodePath(VENGINE_SUBDEV_ENTITY); }
+
+    test::LogCapture mLog;
+    test::ReportCapture mReports;
+    sim::VirtualEngine mEngine;
+    const sim::ScopedKernel mKernel{mEngine};
+};
+
+}  // namespace NSVista::NSCorvane

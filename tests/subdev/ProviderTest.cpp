@@ -1,0 +1,173 @@
+#include <corvane/IDeviceEnumerator.h>
+#include <corvane/V4L2SubDevice.h>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "EngineTest.h"
+
+namespace NSVista::NSCorvane {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class ProviderTest : public EngineTest {
+protected:
+    ProviderTest() { registerDefaultMediaConfigs(&mConfigs); }
+
+    /** Opens, subscriptions, unsubscriptions and closes of the sub-device so far. */
+    std::vector<uint64_t> history() {
+        return {calls(sim::Operation::OPEN), ioctls(VIDIOC_SUBSCRIBE_EVENT),
+                ioctls(VIDIOC_UNSUBSCRIBE_EVENT), calls(sim::Operation::CLOSE)};
+    }
+    test::Lines dump() { return test::dumpOf(mProvider); }
+
+    DefaultMediaConfigs mConfigs{VENGINE_MODEL, VENGINE_SUBDEV_ENTITY};
+    DefaultSubDeviceProvider mProvider;
+};
+
+/** Acquires the sub-device in a child with a configuration of its own. */
+void acquireWith(const DefaultMediaConfigs& configs) {
+    registerDefaultMediaConfigs(&configs);
+    DefaultSubDeviceProvider().acquire("AAAA");
+}
+
+}  // namespace
+
+TEST_F(ProviderTest, OpensForTheFirstUserAndClosesAfterTheLast) {
+    EXPECT_THAT(dump(), ElementsAre("<<DefaultSubDeviceProvider>> Users[0]={ }"));
+    auto first = mProvider.acquire("AAAAAAAA");
+    ASSERT_TRUE(first);
+    EXPECT_THAT(history(), ElementsAre(1, 1, 0, 0));
+    auto second = mProvider.acquire("BBBB");
+    EXPECT_EQ(first, second);
+    EXPECT_THAT(history(), ElementsAre(1, 1, 0, 0));
+
+    const auto kept = first;
+    mProvider.release("AAAAAAAA", first);
+    mProvider.release("unknown", first);
+    EXPECT_FALSE(first);
+    EXPECT_THAT(history(), ElementsAre(1, 1, 0, 0));
+    EXPECT_THAT(dump(),
+                ElementsAre("<<DefaultSubDeviceProvider>> Users[1]={ BBBB }", second->toString()));
+
+    mProvider.release("BBBB", second);
+    mProvider.release("BBBB", second);
+    EXPECT_THAT(history(), ElementsAre(1, 1, 1, 1));
+    EXPECT_EQ(kept->getDeviceFd(), -1) << "alive, but closed";
+    EXPECT_TRUE(mProvider.acquire("BBBB")) << "a new life begins";
+    mProvider.release("BBBB", second);
+    EXPECT_THAT(mReports.take(), IsEmpty());
+}
+
+TEST_F(ProviderTest, KeepsAFailedBringUpUntilTheLastUserLeaves) {
+    struct Case {
+        sim::Call call;
+        std::vector<uint64_t> failed, released;
+        std::string report;
+    };
+    const Case cases[] = {
+        {{sim::Operation::OPEN, 0, VENGINE_SUBDEV_ENTITY},
+         {1, 0, 0, 0},
+         {1, 0, 0, 0},
+         "VIDIOC_UNSUBSCRIBE_EVENT err=-9(Bad file descriptor)"},
+        {sim::Call::ioctl(VIDIOC_SUBSCRIBE_EVENT),
+         {1, 1, 0, 0},
+         {1, 1, 1, 1},
+         "VIDIOC_SUBSCRIBE_EVENT err=-13(Permission denied)"},
+    };
+    for (const Case& bringUp : cases) {
+        const auto before = history();
+        const auto since = [&] {
+            auto now = history();
+            for (size_t i = 0; i < now.size(); i++)
+                now[i] -= before[i];
+            return now;
+        };
+        mEngine.faults().fail(bringUp.call, EACCES);
+        auto first = mProvider.acquire("AAAA");
+        EXPECT_FALSE(first);
+        EXPECT_THAT(dump().at(0), "<<DefaultSubDeviceProvider>> Users[1]={ AAAA }");
+        auto second = mProvider.acquire("BBBB");
+        ASSERT_TRUE(second);
+        EXPECT_EQ(since(), bringUp.failed) << "nothing is tried again";
+        EXPECT_EQ(second->getDeviceFd() >= 0, bringUp.failed[1] == 1);
+
+        mProvider.release("BBBB", second);
+        mProvider.release("AAAA", first);
+        EXPECT_EQ(since(), bringUp.released);
+        EXPECT_EQ(mReports.take(), test::ReportCapture::of(bringUp.report));
+        EXPECT_EQ(dump().size(), 1u);
+    }
+    auto next = mProvider.acquire("AAAA");
+    EXPECT_TRUE(next) << "the next first user starts anew";
+    mProvider.release("AAAA", next);
+    EXPECT_EQ(mEngine.device().counts().openFiles, 0u);
+}
+
+TEST_F(ProviderTest, BringsUpAndTearsDownInTurnsUnderManyThreads) {
+    constexpr int kThreads = 8, kRounds = 200;
+    std::atomic<int> lost = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([&, user = EIGHTCC("user" + std::to_string(t))] {
+            for (int round = 0; round < kRounds; round++) {
+                auto subDevice = mProvider.acquire(user);
+                if (!subDevice || subDevice->getControl(VENGINE_CTRL_USER, nullptr) != 0)
+                    lost++;
+                mProvider.release(user, subDevice);
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(lost, 0);
+    const auto counts = history();
+    EXPECT_GE(counts[0], 1u);
+    EXPECT_THAT(counts, testing::Each(counts[0]));
+    EXPECT_EQ(mEngine.device().counts().openFiles, 0u);
+    EXPECT_EQ(dump().size(), 1u);
+    EXPECT_THAT(mReports.take(), IsEmpty());
+}
+
+TEST_F(ProviderTest, EndsOnFaultsOfTheProcess) {
+    test::expectFatal({
+        {[&] {
+             mProvider.acquire("AAAA");
+             mProvider.acquire("AAAA");
+         },
+         "corvane-V4L2SubDevice", "acquire", "A same user id AAAA has existed."},
+        {[] {
+             acquireWith({VENGINE_MODEL, "nobody"});
+         },
+         "corvane-DeviceEnumerator", "determineDefaultSubDevnodePath",
+         "No subdev path for  .mediadevice_model_name=vengine .subdevice_entity_name=nobody. "
+         "ret=1"},
+        {[] { acquireWith({}); }, "corvane-DeviceEnumerator", "findMediaEntityDevnodePath",
+         "mMediaTopologyList.size=0 != 1"},
+    });
+}
+
+TEST(EightCcTest, ComparesAllEightBytes) {
+    EXPECT_EQ(EIGHTCC("ABCDEFGHI"), EIGHTCC("ABCDEFGH"));
+    EXPECT_EQ(EIGHTCC("ABCDEFGHI").toString(), "ABCDEFGH");
+    EXPECT_FALSE(EIGHTCC("ABCD") == EIGHTCC("ABCDE"));
+    EXPECT_EQ(EIGHTCC("AB").value, 0x4241u);
+    EXPECT_EQ(std::hash<EIGHTCC>()(EIGHTCC("AB")), 0x4241u);
+    EXPECT_EQ(EIGHTCC(nullptr).toString(), "");
+}
+
+TEST_F(ProviderTest, IsOneForTheProcess) {
+    auto* provider = IDefaultSubDeviceProvider::instance();
+    EXPECT_EQ(provider, IDefaultSubDeviceProvider::instance());
+    auto subDevice = provider->acquire("AAAA");
+    EXPECT_TRUE(subDevice);
+    provider->release("AAAA", subDevice);
+}
+
+}  // namespace NSVista::NSCorvane

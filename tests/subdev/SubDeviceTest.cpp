@@ -1,0 +1,278 @@
+#include <corvane/V4L2SubDevice.h>
+#include <corvane/kvxdip.h>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <functional>
+
+#include "EngineTest.h"
+
+struct init_info {
+    uint8_t bytes[16];
+};
+
+namespace NSVista::NSCorvane {
+
+namespace {
+
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using Bytes = std::vector<uint8_t>;
+
+/** A record spelled out: every byte that is not put is zero. */
+class Record {
+public:
+    explicit Record(size_t size) : mBytes(size) {}
+    Record& put(size_t offset, uint64_t value, size_t size) {
+        for (size_t i = 0; i < size; i++)
+            mBytes.at(offset + i) = static_cast<uint8_t>(value >> (8 * i));
+        return *this;
+    }
+    operator Bytes() const { return mBytes; }
+
+private:
+    Bytes mBytes;
+};
+
+/** Memory files that stand for dma-bufs. */
+class Buffers {
+public:
+    explicit Buffers(size_t count) {
+        while (fds.size() < count) {
+            const int fd = memfd_create("buffer", MFD_CLOEXEC);
+            EXPECT_EQ(ftruncate(fd, 4096), 0);
+            fds.insert(fd);
+        }
+    }
+    ~Buffers() {
+        for (const int fd : fds)
+            ::close(fd);
+    }
+    std::unordered_set<int> fds;
+};
+
+/** One operation of the sub-device: what it sends, and how it ends when refused with EIO. */
+struct Operation {
+    uint32_t code;
+    std::function<int()> run;
+    Bytes record;
+    std::string line;    ///< the error logged
+    std::string report;  ///< up to " Please check"; empty where nothing is reported
+};
+
+class SubDeviceTest : public EngineTest {
+protected:
+    SubDeviceTest() { EXPECT_EQ(mDev.openDevice(), 0); }
+    ~SubDeviceTest() override {
+        mDev.closeDevice();
+        for (const int fence : mFences)
+            ::close(fence);
+    }
+    std::vector<Operation> operations();
+    std::vector<sim::IoctlRecord> takeRecords() { return mEngine.device().takeIoctlRecords(); }
+
+    V4L2SubDevice mDev{subDevicePath(), VENGINE_SUBDEV_ENTITY};
+    const Buffers mBuffer{1};
+    const int mBufferFd = *mBuffer.fds.begin();
+    std::vector<int> mFences{-1, -1, -1};
+    init_info mInfo = {{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}};
+    int mValue = 0;
+};
+
+/** In an order in which the driver takes them all. */
+std::vector<Operation> SubDeviceTest::operations() {
+    const std::string buffer = std::to_string(mBufferFd);
+    const std::string fd = " fd=" + std::to_string(mDev.getDeviceFd());
+    const std::string err = " err=-5(Input/output error)";
+    constexpr uint64_t big = 0x1122334455667788;
+    const Bytes kva = Record(385).put(0, 1, 1).put(1, mBufferFd, 4);
+    const Bytes coherent = Record(260).put(0, mBufferFd, 4).put(4, 1, 1).put(256, 1, 4);
+    const Bytes fence = Record(9).put(0, 3, 1).put(1, reinterpret_cast<uint64_t>(&mFences[0]), 8);
+    return {
+        {0x400856CC, [&] { return mDev.setInitInfo(&mInfo); }, Bytes{1, 2, 3, 4, 5, 6, 7, 8},
+         "[setInitInfo] Failed to KVXDIP_IOC_S_INIT_INFO: -5", "KVXDIP_IOC_S_INIT_INFO fail" + err},
+        {0x400856CD, [&] { return mDev.setControl(VENGINE_CTRL_BRIGHTNESS, -3); },
+         Record(8).put(0, VENGINE_CTRL_BRIGHTNESS, 4).put(4, 0xFFFFFFFD, 4),
+         "[setControl] Failed to KVXDIP_IOC_SET_CONTROL: -5", ""},
+        {0xC00856CE, [&] { return mDev.getControl(VENGINE_CTRL_BRIGHTNESS, &mValue); },
+         Record(8).put(0, VENGINE_CTRL_BRIGHTNESS, 4),
+         "[getControl] Failed to KVXDIP_IOC_GET_CONTROL: -5", ""},
+        {0x400256D1,
+         [&] { return mDev.requestMemory({.is_alloc = true, .is_smvr = 2, .is_capture = 255}); },
+         Bytes{2, 255}, "[requestMemory] Failed on ( is_smvr=2 is_capture=255)" + fd + err,
+         "KVXDIP_IOC_ALOC_BUF fail" + err + fd + "  is_smvr=2 is_capture=255"},
+        {0x400256D2,
+         [&] { return mDev.requestMemory({.is_alloc = false, .is_smvr = 2, .is_capture = 255}); },
+         Bytes{2, 255}, "[requestMemory] Failed on ( is_smvr=2 is_capture=255)" + fd + err,
+         "KVXDIP_IOC_FREE_BUF fail" + err + fd + "  is_smvr=2 is_capture=255"},
+        {0x418156C8, [&] { return mDev.mapKVA(mBuffer.fds); }, kva,
+         "[mapKVA] Failed to KVXDIP_IOC_ADD_KVA: -5", "KVXDIP_IOC_ADD_KVA" + err},
+        {0x418156C9, [&] { return mDev.unmapKVA(mBuffer.fds); }, kva,
+         "[unmapKVA] Failed to KVXDIP_IOC_DEL_KVA: -5", "KVXDIP_IOC_DEL_KVA" + err},
+        {0x410456D4, [&] { return mDev.mapIOVA(mBufferFd, true); }, coherent,
+         "[mapIOVA] KVXDIP_IOC_ACQUIRE_IOVA:-5 err:5(Input/output error) fd:" + buffer +
+             " coherence:1",
+         "KVXDIP_IOC_ACQUIRE_IOVA" + err},
+        {0x410456D5, [&] { return mDev.unmapIOVA(mBufferFd, true); }, coherent,
+         "[unmapIOVA] KVXDIP_IOC_RELEASE_IOVA:-5 err:5(Input/output error) fd:" + buffer +
+             " coherence:1",
+         ""},
+        {0x410456D4, [&] { return mDev.mapIOVA(mBufferFd, false); },
+         Record(260).put(0, mBufferFd, 4).put(256, 1, 4),
+         "[mapIOVA] KVXDIP_IOC_ACQUIRE_IOVA:-5 err:5(Input/output error) fd:" + buffer +
+             " coherence:0",
+         "KVXDIP_IOC_ACQUIRE_IOVA" + err},
+        {0x400956CF, [&] { return mDev.acquireFenceFd(mFences); }, fence,
+         "[acquireFenceFd] Failed to KVXDIP_IOC_ADD_FENCE: -5", "KVXDIP_IOC_ADD_FENCE" + err},
+        {0x400956D0, [&] { return mDev.releaseFenceFd(mFences); }, fence,
+         "[releaseFenceFd] Failed to KVXDIP_IOC_DEL_FENCE: -5", "KVXDIP_IOC_DEL_FENCE" + err},
+        {0x401056D3, [&] { return mDev.releaseUserResource(big, ~big); },
+         Record(16).put(0, big, 8).put(8, ~big, 8),
+         "[releaseUserResource] KVXDIP_IOC_CLEAR_USER_RESOURCE failed:" + fd + err, ""},
+        {VIDIOC_SUBSCRIBE_EVENT, [&] { return mDev.subscribe(); }, Bytes{},
+         "[subscribe] Failed to VIDIOC_SUBSCRIBE_EVENT: -5", "VIDIOC_SUBSCRIBE_EVENT" + err},
+        {VIDIOC_UNSUBSCRIBE_EVENT, [&] { return mDev.unsubscribe(); }, Bytes{},
+         "[unsubscribe] Failed to VIDIOC_UNSUBSCRIBE_EVENT: -5", "VIDIOC_UNSUBSCRIBE_EVENT" + err},
+    };
+}
+
+}  // namespace
+
+TEST_F(SubDeviceTest, SendsEveryRecordByteForByte) {
+    for (const Operation& operation : operations()) {
+        EXPECT_EQ(operation.run(), 0) << operation.line;
+        std::vector<sim::IoctlRecord> expected;
+        if (!operation.record.empty())
+            expected.push_back({operation.code, operation.record});
+        EXPECT_EQ(takeRecords(), expected) << operation.line;
+    }
+    EXPECT_EQ(mValue, -3) << "the driver's answer";
+    EXPECT_THAT(mFences, Each(testing::Ge(0)));
+    EXPECT_THAT(mReports.take(), IsEmpty());
+}
+
+TEST_F(SubDeviceTest, EndsRefusalsAsEachIoctlAsks) {
+    for (const Operation& operation : operations()) {
+        mEngine.faults().fail(sim::Call::ioctl(operation.code), EIO);
+        EXPECT_EQ(operation.run(), -EIO) << operation.line;
+        EXPECT_THAT(mLog.take(), ElementsAre("E " + operation.line));
+        const auto reports =
+            operation.report.empty() ? test::Lines() : test::ReportCapture::of(operation.report);
+        EXPECT_EQ(mReports.take(), reports) << operation.line;
+    }
+}
+
+TEST_F(SubDeviceTest, PrintsErrnoOfARefusedMappingBesideTheResult) {
+    /** Answers one thing and leaves another in errno, so that a reader of either shows. */
+    class TwoErrors : public sim::VirtualEngine {
+        int ioctl(int fd, unsigned long request, void* arg) override {
+            if (static_cast<uint32_t>(request) != KVXDIP_IOC_ACQUIRE_IOVA)
+                return VirtualEngine::ioctl(fd, request, arg);
+            errno = EFAULT;
+            return -ENOMEM;
+        }
+    } engine;
+    const sim::ScopedKernel kernel(engine);
+    EXPECT_EQ(mDev.mapIOVA(3, false), -ENOMEM);
+    EXPECT_THAT(mLog.take(), ElementsAre(HasSubstr(":-12 err:14(Bad address)")));
+    EXPECT_EQ(mReports.take(), test::ReportCapture::of("KVXDIP_IOC_ACQUIRE_IOVA err=-12(Cannot "
+                                                       "allocate memory)"));
+}
+
+TEST_F(SubDeviceTest, SendsMappingsInBatchesOf32) {
+    const std::vector<std::pair<size_t, std::vector<size_t>>> cases = {
+        {0, {}}, {1, {1}}, {32, {32}}, {33, {32, 1}}, {64, {32, 32}}, {65, {32, 32, 1}}};
+    for (const auto& [count, batches] : cases) {
+        SCOPED_TRACE(count);
+        const Buffers buffers(count);
+        std::vector<sim::IoctlRecord> maps, unmaps;
+        auto fd = buffers.fds.begin();
+        for (const size_t batch : batches) {
+            Record record(385);
+            record.put(0, batch, 1);
+            for (size_t i = 0; i < batch; i++)
+                record.put(1 + 4 * i, *fd++, 4);
+            maps.push_back({0x418156C8, record});
+            unmaps.push_back({0x418156C9, record});
+        }
+        EXPECT_EQ(mDev.mapKVA(buffers.fds), 0);
+        EXPECT_EQ(takeRecords(), maps);
+        EXPECT_EQ(mEngine.device().subDeviceCounts().kva, count);
+        EXPECT_EQ(mDev.unmapKVA(buffers.fds), 0);
+        EXPECT_EQ(takeRecords(), unmaps);
+    }
+}
+
+TEST_F(SubDeviceTest, StopsAtTheFirstRefusedBatchAndKeepsThoseBefore) {
+    const Buffers buffers(65);
+    mEngine.faults().fail(sim::Call::ioctl(KVXDIP_IOC_ADD_KVA), ENOMEM, 2);
+    EXPECT_EQ(mDev.mapKVA(buffers.fds), -ENOMEM);
+    EXPECT_EQ(ioctls(KVXDIP_IOC_ADD_KVA), 2u);
+    EXPECT_EQ(mEngine.device().subDeviceCounts().kva, 32u);
+    EXPECT_EQ(mReports.take().size(), 2u) << "one report and its end";
+}
+
+TEST_F(SubDeviceTest, TellsCountsAndProcessorTimesAtInfoLevel) {
+    std::vector<int> fences(300, -1);
+    for (const auto level : {Utils::ULog::kWarning, Utils::ULog::kInfo}) {
+        EXPECT_THAT(mLog.take(), IsEmpty());
+        mLog.setLevel(level);
+        EXPECT_EQ(mDev.requestMemory({true, 1, 0}), 0);
+        EXPECT_EQ(mDev.releaseUserResource(0xab, 0), 0);
+        EXPECT_EQ(mDev.acquireFenceFd(fences), 0);
+        EXPECT_EQ(mDev.releaseFenceFd(fences), 0);
+        for (size_t i = 0; i < fences.size(); i++)
+            EXPECT_EQ(::close(fences[i]), i < 44 ? 0 : -1) << i;
+    }
+    EXPECT_EQ(takeRecords().back().bytes.at(0), 44) << "the count wraps";
+    EXPECT_THAT(mLog.take(),
+                ElementsAre(MatchesRegex("I \\[requestMemory\\] \\( is_smvr=1 is_capture=0\\) "
+                                         "cputime [0-9]+ns"),
+                            MatchesRegex("I \\[releaseUserResource\\] "
+                                         "\\[KVXDIP_IOC_CLEAR_USER_RESOURCE\\] userid=0xab inst=0 "
+                                         "cputime [0-9]+ns"),
+                            "I [releaseFenceFd] fence size(300/44)\n"));
+}
+
+TEST_F(SubDeviceTest, LeavesTheValueOfARefusedControlAlone) {
+    EXPECT_EQ(mDev.getControl(-1, &mValue), -EINVAL);
+    EXPECT_EQ(mValue, 0);
+    EXPECT_EQ(mDev.getControl(VENGINE_CTRL_USER, nullptr), 0);
+    EXPECT_EQ(mDev.setControl(VENGINE_CTRL_BRIGHTNESS, 65), -ERANGE);
+}
+
+TEST_F(SubDeviceTest, OpensAndClosesOnce) {
+    mLog.setLevel(Utils::ULog::kDebug);
+    const std::string path = subDevicePath();
+    const std::string fd = std::to_string(mDev.getDeviceFd());
+    v4l2_event event = {};
+    EXPECT_EQ(mDev.queryEvent(event), -ENOENT);
+    EXPECT_EQ(mDev.openDevice(), -EEXIST);
+    EXPECT_THAT(mLog.take(), ElementsAre("W [openDevice] " + path + " " + fd + " was opened"));
+    EXPECT_THAT(test::dumpOf(mDev), ElementsAre("V4L2SubDevice: " + fd + " -> " + path +
+                                                " (vengine-subdev) flags=0x802"));
+    EXPECT_EQ(mDev.closeDevice(), 0);
+    EXPECT_EQ(mDev.closeDevice(), -EINVAL);
+    EXPECT_THAT(mLog.take(), ElementsAre("D [closeDevice] " + path + " -1 was closed"));
+
+    mEngine.faults().fail({sim::Operation::OPEN}, EACCES);
+    EXPECT_EQ(mDev.openDevice(), -EACCES);
+    EXPECT_THAT(mLog.take(), ElementsAre("W [openDevice] Failed to open " + path + " ret=-13"));
+    EXPECT_EQ(mDev.getDeviceFd(), -1);
+
+    EXPECT_EQ(mDev.openDevice(), 0);
+    mEngine.faults().fail({sim::Operation::CLOSE}, EIO);
+    EXPECT_EQ(mDev.closeDevice(), -EIO);
+    EXPECT_GE(mDev.getDeviceFd(), 0) << "it still counts as open";
+    EXPECT_THAT(mLog.take(), ElementsAre(HasSubstr("E [closeDevice] Failed to close " + path)));
+    EXPECT_THAT(mReports.take(), IsEmpty());
+}
+
+}  // namespace NSVista::NSCorvane
