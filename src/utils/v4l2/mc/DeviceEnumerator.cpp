@@ -59,24 +59,6 @@ bool isMediaNode(const char* name) {
     return strncmp(name, kPrefix, kPrefixLength) == 0 && strlen(name) <= kPrefixLength + 3;
 }
 
-/** Reads one node's info. @return false when it cannot be read (logged). */
-bool readMediaDeviceInfo(const std::string& path, media_device_info& info) {
-    struct stat status = {};
-    if (System::Stat(path.c_str(), &status) < 0) {
-        CORVANE_LOGE("Failed to find path: %s", path.c_str());
-        return false;
-    }
-    const FileDescriptor fd(path.c_str(), O_RDWR);
-    if (fd < 0) {
-        CORVANE_LOGE("Failed to open %s: %d", path.c_str(), static_cast<int>(fd));
-        return false;
-    }
-    const int ret = System::Ioctl(fd, static_cast<int>(MEDIA_IOC_DEVICE_INFO), &info, 3);
-    if (ret < 0)
-        CORVANE_LOGE("Failed on MEDIA_IOC_DEVICE_INFO: %s", strerror(-ret));
-    return ret >= 0;
-}
-
 }  // namespace
 
 std::string toString(const DefaultMediaConfigs& configs) {
@@ -101,6 +83,37 @@ std::string toString(const media_device_info& info) {
     return text.str();
 }
 
+namespace {
+
+/** Shows one node to @p onDevice while it is open; one that cannot be read is skipped (logged). */
+bool showMediaNode(
+    const std::string& path,
+    const std::function<bool(const media_device_info&, const std::string& path)>& onDevice) {
+    constexpr const char* kOperation = "enumerateMediaDevices";
+    struct stat status = {};
+    if (System::Stat(path.c_str(), &status) < 0) {
+        CORVANE_LOGE_AS(kOperation, "Failed to find path: %s", path.c_str());
+        return false;
+    }
+    const FileDescriptor fd(path.c_str(), O_RDWR);
+    if (fd < 0) {
+        CORVANE_LOGE_AS(kOperation, "Failed to open %s: %d", path.c_str(), static_cast<int>(fd));
+        return false;
+    }
+    media_device_info info = {};
+    const int ret = System::Ioctl(fd, static_cast<int>(MEDIA_IOC_DEVICE_INFO), &info, 3);
+    if (ret < 0) {
+        CORVANE_LOGE_AS(kOperation, "Failed on MEDIA_IOC_DEVICE_INFO: %s", strerror(-ret));
+        return false;
+    }
+    const bool stop = onDevice(info, path);
+    CORVANE_LOGI_AS(kOperation, "[%s] '%s': %s", stop ? "STOP TO ENUMERATE" : "STILL ENUMERATING",
+                    path.c_str(), toString(info).c_str());
+    return stop;
+}
+
+}  // namespace
+
 void enumerateMediaDevices(
     std::function<bool(const media_device_info&, const std::string& path)> onDevice) {
     const TraceSection section(area::kLifecycle, "enumerateMediaDevices");
@@ -111,19 +124,10 @@ void enumerateMediaDevices(
         CORVANE_LOGE("Failed to open media device directory");
         return;
     }
-    while (const struct dirent* entry = System::ReadDir(dir.get())) {
-        if (!isMediaNode(entry->d_name))
-            continue;
-        const std::string path = std::string("/dev/") + entry->d_name;
-        media_device_info info = {};
-        if (!readMediaDeviceInfo(path, info))
-            continue;
-        const bool stop = onDevice(info, path);
-        CORVANE_LOGI("[%s] '%s': %s", stop ? "STOP TO ENUMERATE" : "STILL ENUMERATING",
-                     path.c_str(), toString(info).c_str());
-        if (stop)
+    while (const struct dirent* entry = System::ReadDir(dir.get()))
+        if (isMediaNode(entry->d_name) &&
+            showMediaNode(std::string("/dev/") + entry->d_name, onDevice))
             return;
-    }
 }
 
 size_t enumerateMediaEntity(int fd, std::function<void(const media_entity_desc&)> onEntity) {
