@@ -443,11 +443,33 @@ static void vengine_req_free(struct media_request *req)
 	module_put(THIS_MODULE);
 }
 
+/*
+ * videobuf2 binds a buffer to a request before it marks the buffer as bound, and warns when a
+ * request is queued in between. It holds the queue's lock throughout.
+ */
+static void vengine_await_binding(struct media_request *req)
+{
+	struct media_request_object *obj;
+
+	list_for_each_entry(obj, &req->objects, list) {
+		struct vb2_buffer *vb = container_of(obj, struct vb2_buffer, req_obj);
+
+		if (vb2_request_object_is_buffer(obj)) {
+			mutex_lock(vb->vb2_queue->lock);
+			mutex_unlock(vb->vb2_queue->lock);
+		}
+	}
+}
+
 static int vengine_req_validate(struct media_request *req)
 {
 	struct vengine *engine = container_of(req->mdev, struct vengine, mdev);
+	int ret = vengine_fault(engine, VENGINE_OP_REQUEST_QUEUE, NULL);
 
-	return vengine_fault(engine, VENGINE_OP_REQUEST_QUEUE, NULL) ?: vb2_request_validate(req);
+	if (ret)
+		return ret;
+	vengine_await_binding(req);
+	return vb2_request_validate(req);
 }
 
 static void vengine_req_queue(struct media_request *req)
