@@ -12,8 +12,8 @@ namespace NSVista::NSCorvane::stream {
 namespace {
 
 constexpr unsigned kMaxBuffers = 64;
-/** Buffers beyond those in flight, so that a queuer never waits for a dequeue. */
-constexpr unsigned kSpareBuffers = 2;
+/** What most kernels grant a node. */
+constexpr unsigned kUsualBuffers = 32;
 
 /** "WxH", or an error text. */
 std::string readSize(const std::string& text, Options& options) {
@@ -61,7 +61,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         ->capture_default_str();
     app.add_option("--buffers", options.buffers, "Buffers per port")
         ->check(CLI::Range(1U, kMaxBuffers))
-        ->default_str("in flight + 2");
+        ->default_str("twice those in flight");
     app.add_option_function<std::string>(
            "--size",
            [&options](const std::string& text) {
@@ -125,8 +125,9 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     }
     if (options.model.empty())
         options.model = VENGINE_MODEL;
+    // Spare buffers, so that queueing does not wait for dequeues, which come after completions.
     if (options.buffers == 0)
-        options.buffers = std::min(options.inFlight + kSpareBuffers, kMaxBuffers);
+        options.buffers = std::max(options.inFlight, std::min(2 * options.inFlight, kUsualBuffers));
     if (options.buffers < options.inFlight)
         return badUse("--buffers " + std::to_string(options.buffers) + " are fewer than the " +
                       std::to_string(options.inFlight) + " requests in flight");

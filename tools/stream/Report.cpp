@@ -36,9 +36,9 @@ void printReport(const Options& options, const std::vector<NodePort>& ports,
                  const client::SceneSession& session, const Content& content,
                  const RunResult& result) {
     const double seconds = result.seconds.count();
-    printf("%s: %zu ports, %u requests in flight, %u buffers a port\n", options.model.c_str(),
-           ports.size(), options.inFlight, options.buffers);
-    printf("\n  %" PRIu64 " requests in %.2f s: %.1f requests per second, %" PRIu64
+    printf("%s: %zu port%s, %u in flight, %u buffers a port\n\n", options.model.c_str(),
+           ports.size(), ports.size() == 1 ? "" : "s", options.inFlight, options.buffers);
+    printf("  %" PRIu64 " requests in %.2f s: %.1f requests per second, %" PRIu64
            " failed, %" PRIu64 " lost\n",
            result.completed, seconds,
            seconds > 0 ? static_cast<double>(result.completed) / seconds : 0, result.failed,

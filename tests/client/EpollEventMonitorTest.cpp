@@ -1,0 +1,218 @@
+#include <corvane/client/EpollEventMonitor.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace NSVista::NSCorvane::client {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kShort = 30ms;  ///< long enough for what must not happen
+constexpr uint32_t kOneShot = EPOLLONESHOT;
+
+/** Observes a descriptor of its own: an eventfd, unless given another. */
+class Observer : public IEventObserver {
+public:
+    explicit Observer(std::function<void()> action = {}, int fd = eventfd(0, EFD_CLOEXEC))
+        : mFd(fd), mAction(std::move(action)) {}
+    ~Observer() override { close(mFd); }
+
+    int getEventFD() const override { return mFd; }
+    void onEvent(const OnEvent& event) override {
+        const auto action = mAction;  // The observer may be destroyed by it.
+        mEvents = event.events;
+        mCalls.fetch_add(1);
+        mCalls.notify_all();
+        if (action)
+            action();
+    }
+    void raise() const { eventfd_write(mFd, 1); }
+    void waitForCalls(int count) const {
+        for (int seen = mCalls; seen < count; seen = mCalls)
+            mCalls.wait(seen);
+    }
+    int calls() const { return mCalls; }
+    uint32_t events() const { return mEvents; }
+    void setAction(std::function<void()> action) { mAction = std::move(action); }
+
+private:
+    const int mFd;
+    std::function<void()> mAction;
+    std::atomic<int> mCalls{0};
+    std::atomic<uint32_t> mEvents{0};
+};
+
+int brokenPipe() {
+    int ends[2] = {};
+    EXPECT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    return ends[1];
+}
+
+class EpollEventMonitorTest : public testing::Test {
+protected:
+    std::shared_ptr<EpollEventMonitor> mMonitor = EpollEventMonitor::make("Test-Events");
+};
+
+TEST_F(EpollEventMonitorTest, WatchesFromTheAttachOrFromTheFirstRearm) {
+    struct Case {
+        const char* what;
+        bool broken;
+        uint32_t events;
+        bool atOnce;
+        uint32_t reported;
+    };
+    for (const Case& c : {Case{"level", false, EPOLLIN, true, EPOLLIN},
+                          Case{"one shot", false, EPOLLIN | kOneShot, false, EPOLLIN},
+                          Case{"in error", true, EPOLLPRI, false, EPOLLERR},
+                          Case{"one shot in error", true, EPOLLPRI | kOneShot, false, EPOLLERR}}) {
+        SCOPED_TRACE(c.what);
+        Observer observer({}, c.broken ? brokenPipe() : eventfd(1, EFD_CLOEXEC));
+        EXPECT_EQ(mMonitor->attachObserver(&observer, c.events), 0);
+        if (!c.atOnce) {
+            std::this_thread::sleep_for(kShort);
+            EXPECT_EQ(observer.calls(), 0);
+            EXPECT_EQ(mMonitor->rearmObserver(&observer, c.events), 0);
+        }
+        observer.waitForCalls(1);
+        EXPECT_EQ(observer.events(), c.reported);
+        if ((c.events & kOneShot) != 0) {
+            std::this_thread::sleep_for(kShort);
+            EXPECT_EQ(observer.calls(), 1) << "a report disarms";
+            EXPECT_EQ(mMonitor->rearmObserver(&observer, c.events), 0);
+            observer.waitForCalls(2);
+        }
+        EXPECT_EQ(mMonitor->detachObserver(&observer), 0);
+    }
+}
+
+TEST_F(EpollEventMonitorTest, RefusesWhatMakesNoSense) {
+    Observer observer;
+    Observer bad({}, -1);
+    EXPECT_EQ(mMonitor->attachObserver(nullptr, EPOLLIN), -EINVAL);
+    EXPECT_EQ(mMonitor->attachObserver(&bad, EPOLLIN), -EBADF);
+    EXPECT_EQ(mMonitor->rearmObserver(&observer, EPOLLIN), -ENOENT);
+    EXPECT_EQ(mMonitor->detachObserver(&observer), -ENOENT);
+    EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN), 0);
+    EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN), -EEXIST);
+    EXPECT_EQ(mMonitor->detachObserver(&observer), 0);
+}
+
+TEST_F(EpollEventMonitorTest, ObserverMayDetachAndDieInItsCallback) {
+    auto observer = std::make_unique<Observer>();
+    std::promise<int> result;
+    observer->setAction([&] {
+        const int detached = mMonitor->detachObserver(observer.get());
+        observer.reset();
+        result.set_value(detached);
+    });
+    observer->raise();
+    EXPECT_EQ(mMonitor->attachObserver(observer.get(), EPOLLIN), 0);
+    EXPECT_EQ(result.get_future().get(), 0);
+    Observer next;
+    next.raise();
+    EXPECT_EQ(mMonitor->attachObserver(&next, EPOLLIN), 0);
+    next.waitForCalls(1);
+    mMonitor.reset();
+}
+
+TEST_F(EpollEventMonitorTest, DetachOnAnotherThreadWaitsForTheCallback) {
+    std::promise<void> release;
+    Observer observer([&, released = release.get_future().share()] { released.wait(); });
+    observer.raise();
+    EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN), 0);
+    observer.waitForCalls(1);
+    auto detached =
+        std::async(std::launch::async, [&] { return mMonitor->detachObserver(&observer); });
+    EXPECT_EQ(detached.wait_for(kShort), std::future_status::timeout);
+    release.set_value();
+    EXPECT_EQ(detached.get(), 0);
+    const int calls = observer.calls();
+    std::this_thread::sleep_for(kShort);
+    EXPECT_EQ(observer.calls(), calls) << "the descriptor is still readable";
+}
+
+TEST_F(EpollEventMonitorTest, ReportOfAClosedDescriptorDoesNotReachItsSuccessor) {
+    // While the gate's callback runs, two observers become readable: the next wait reports both.
+    // Whichever is called first replaces the other by one with the same descriptor.
+    std::promise<void> release;
+    Observer gate([&, released = release.get_future().share()] {
+        released.wait();
+        mMonitor->detachObserver(&gate);
+    });
+    std::unique_ptr<Observer> pair[2];
+    std::unique_ptr<Observer> successor;
+    std::promise<bool> replaced;
+    for (int i = 0; i < 2; ++i) {
+        pair[i] = std::make_unique<Observer>();
+        pair[i]->setAction([&, i] {
+            mMonitor->detachObserver(pair[i].get());
+            const int fd = pair[1 - i]->getEventFD();
+            mMonitor->detachObserver(pair[1 - i].get());
+            pair[1 - i].reset();
+            successor = std::make_unique<Observer>();
+            mMonitor->attachObserver(successor.get(), EPOLLIN);
+            replaced.set_value(successor->getEventFD() == fd);
+        });
+        EXPECT_EQ(mMonitor->attachObserver(pair[i].get(), EPOLLIN), 0);
+    }
+    gate.raise();
+    EXPECT_EQ(mMonitor->attachObserver(&gate, EPOLLIN), 0);
+    gate.waitForCalls(1);
+    pair[0]->raise();
+    pair[1]->raise();
+    release.set_value();
+    ASSERT_TRUE(replaced.get_future().get()) << "the descriptor's number should come back";
+    std::this_thread::sleep_for(kShort);
+    EXPECT_EQ(successor->calls(), 0);
+    successor->raise();
+    successor->waitForCalls(1);
+    mMonitor.reset();
+}
+
+TEST_F(EpollEventMonitorTest, MayBeDroppedInACallback) {
+    Observer observer([this] { mMonitor.reset(); });
+    const std::weak_ptr<EpollEventMonitor> monitor = mMonitor;
+    observer.raise();
+    mMonitor->attachObserver(&observer, EPOLLIN | kOneShot);
+    std::shared_ptr<EpollEventMonitor> kept = mMonitor;
+    EXPECT_EQ(kept->rearmObserver(&observer, EPOLLIN | kOneShot), 0);
+    kept.reset();
+    while (!monitor.expired())
+        std::this_thread::yield();
+    EXPECT_EQ(observer.calls(), 1);
+    std::this_thread::sleep_for(kShort);
+}
+
+TEST_F(EpollEventMonitorTest, ManyThreadsShareIt) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([this] {
+            for (int round = 0; round < 200; ++round) {
+                auto observer = std::make_unique<Observer>();
+                EXPECT_EQ(mMonitor->attachObserver(observer.get(), EPOLLIN | kOneShot), 0);
+                observer->raise();
+                for (int call = 1; call <= 3; ++call) {
+                    EXPECT_EQ(mMonitor->rearmObserver(observer.get(), EPOLLIN | kOneShot), 0);
+                    if (call < 3)
+                        observer->waitForCalls(call);
+                }
+                EXPECT_EQ(mMonitor->detachObserver(observer.get()), 0);
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::client
