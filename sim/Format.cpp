@@ -73,11 +73,14 @@ int Format::get(v4l2_format& format) const {
     return 0;
 }
 
-int Format::set(v4l2_format& format) {
+int Format::check(const v4l2_format& format) const {
     if (format.type != mBufType)
         return -EINVAL;
-    if (isMultiPlanar(mBufType) && format.fmt.pix_mp.num_planes > VIDEO_MAX_PLANES)
-        return -EINVAL;
+    bool tooMany = isMultiPlanar(mBufType) && format.fmt.pix_mp.num_planes > VIDEO_MAX_PLANES;
+    return tooMany ? -EINVAL : 0;
+}
+
+int Format::set(v4l2_format& format) {
     if (!isMeta(mBufType)) {
         // Width, height and pixel format begin both kinds of record.
         const v4l2_pix_format& pix = format.fmt.pix;
