@@ -1,0 +1,155 @@
+#include <corvane/IRequest.h>
+#include <corvane/mc/MediaDevice.h>
+#include <linux/media.h>
+#include <sys/epoll.h>
+
+#include "support/Capture.h"
+#include "support/FakeKernel.h"
+
+namespace NSVista::NSCorvane::test {
+namespace {
+
+constexpr char kTag[] = "corvane-MediaDevice";
+constexpr char kQueue[] = "ioctl 200 0x7c80";
+constexpr char kReinit[] = "ioctl 200 0x7c81";
+
+/** Notes what it is asked between the kernel's calls. */
+class NotingMonitor : public IEventMonitor {
+public:
+    NotingMonitor(FakeKernel& kernel, std::string name) : mKernel(kernel), mName(std::move(name)) {}
+    void dumpState(IPrinter*) const override {}
+    const char* getThreadName() const override { return "fake"; }
+    int attachObserver(IEventObserver* o, uint32_t events) override {
+        return note("attach", o, events);
+    }
+    int rearmObserver(IEventObserver* o, uint32_t events) override {
+        return note("rearm", o, events);
+    }
+    int detachObserver(IEventObserver* o) override { return note("detach", o, 0); }
+
+private:
+    int note(const char* what, const IEventObserver* observer, uint32_t events) {
+        char text[64];
+        snprintf(text, sizeof(text), "%s %s %d %#x", mName.c_str(), what, observer->getEventFD(),
+                 events);
+        mKernel.note(text);
+        return -EINVAL;  // a monitor's refusal changes nothing
+    }
+    FakeKernel& mKernel;
+    std::string mName;
+};
+
+class MediaRequestTest : public testing::Test {
+protected:
+    MediaRequestTest() {
+        mKernel.on<int>(MEDIA_IOC_REQUEST_ALLOC, [](int, int& fd) { return fd = 200, 0; });
+        mKernel.answer(MEDIA_REQUEST_IOC_QUEUE, 0);
+        mKernel.answer(MEDIA_REQUEST_IOC_REINIT, 0);
+        mRequest = std::make_unique<mc::MediaRequest>(7);
+        mRequest->setRequestDone([this] { mKernel.note("done"); });
+        EXPECT_EQ(mKernel.takeCalls(), Lines({"ioctl 7 0x80047c05"}));
+    }
+    void watch() {
+        EXPECT_EQ(mRequest->setMonitor(mMonitor), 0);
+        mKernel.takeCalls();
+    }
+
+    FakeKernel mKernel;
+    LogCapture mLog{kTag};
+    std::shared_ptr<NotingMonitor> mMonitor = std::make_shared<NotingMonitor>(mKernel, "m");
+    std::unique_ptr<mc::MediaRequest> mRequest;
+};
+
+TEST_F(MediaRequestTest, RunsACycleAndIsIdleWhenTheCallbackRuns) {
+    watch();
+    mRequest->setRequestDone([this] {
+        mKernel.note("done");
+        EXPECT_EQ(mRequest->queueRequest(), 0);
+    });
+    EXPECT_EQ(mRequest->queueRequest(), 0);
+    mRequest->onEvent({EPOLLPRI});
+    EXPECT_EQ(mKernel.takeCalls(), Lines({kQueue, "m rearm 200 0x40000002", kReinit, "done", kQueue,
+                                          "m rearm 200 0x40000002"}));
+    const auto info = mRequest->getDebugInfo();
+    for (const auto* stamp : {&info->queueStart, &info->queued, &info->done})
+        EXPECT_NE(stamp->tv_sec, 0);
+    EXPECT_LE(info->queueStart.tv_sec, info->done.tv_sec + 1);
+    for (const auto* stamp :
+         {&info->created, &info->filled, &info->reported, &info->consumed, &info->released})
+        EXPECT_EQ(stamp->tv_sec, 0);
+    mRequest.reset();
+    EXPECT_EQ(mKernel.takeCalls(), Lines({"m detach 200 0", "close 200"}));
+    EXPECT_EQ(mLog.take(), Lines());
+}
+
+TEST_F(MediaRequestTest, LetsErrorsAndUnwantedEventsPass) {
+    watch();
+    mRequest->onEvent({EPOLLERR | EPOLLPRI});
+    mRequest->onEvent({EPOLLIN});
+    mRequest->queueRequest();
+    mRequest->onEvent({EPOLLERR | EPOLLPRI});
+    EXPECT_EQ(mKernel.takeCalls(), Lines({kQueue, "m rearm 200 0x40000002"}));
+    EXPECT_EQ(mLog.take(),
+              Lines({"I [onEvent] Unwanted events: fd=200 events(wanted/reported)="
+                     "(0x40000002/0x1)",
+                     "E [onEvent] EPOLLERR: fd=200 with originally-set events=0x40000002 is "
+                     "reporting events=0xa with EPOLLERR."}));
+    mRequest->onEvent({EPOLLPRI});
+    EXPECT_EQ(mKernel.takeCalls(), Lines({kReinit, "done"}));
+}
+
+TEST_F(MediaRequestTest, ARefusedQueueIsUndoneByReinitAlone) {
+    watch();
+    mKernel.answer(MEDIA_REQUEST_IOC_QUEUE, -EINVAL);
+    EXPECT_TRUE(mRequest->reinit());  // idle: no call
+    EXPECT_EQ(mRequest->queueRequest(), -EINVAL);
+    EXPECT_EQ(mLog.take(), Lines({"E [queueRequest] Failed to queue media request(200): -22"}));
+    expectFatal({{[this] { mRequest->queueRequest(); }, kTag, "queueRequest",
+                  "Bad media request state:4 -> QUEUING"}});
+    EXPECT_TRUE(mRequest->reinit());
+    mKernel.answer(MEDIA_REQUEST_IOC_QUEUE, 0);
+    EXPECT_EQ(mRequest->queueRequest(), 0);
+    EXPECT_EQ(mKernel.takeCalls(), Lines({kQueue, kReinit, kQueue, "m rearm 200 0x40000002"}));
+}
+
+TEST_F(MediaRequestTest, ChangesItsMonitor) {
+    const auto other = std::make_shared<NotingMonitor>(mKernel, "n");
+    mRequest->setMonitor(mMonitor);
+    mRequest->setMonitor(other);
+    EXPECT_EQ(mRequest->setMonitor(nullptr), 0);
+    mRequest->setMonitor(mMonitor);
+    mMonitor.reset();
+    mRequest->setMonitor(other);
+    EXPECT_EQ(mKernel.takeCalls(),
+              Lines({"m attach 200 0x40000002", "m detach 200 0", "n attach 200 0x40000002",
+                     "n detach 200 0", "m attach 200 0x40000002", "n attach 200 0x40000002"}));
+}
+
+TEST_F(MediaRequestTest, EndsOnConsistencyErrors) {
+    watch();
+    const auto queueTwice = [this] {
+        mRequest->queueRequest();
+        mRequest->queueRequest();
+    };
+    const auto loseMonitor = [this] {
+        mMonitor.reset();
+        mRequest->queueRequest();
+    };
+    const auto completeUnheard = [this] {
+        mRequest->setRequestDone(nullptr);
+        mRequest->onEvent({EPOLLPRI});
+    };
+    const auto failReinit = [this] {
+        mKernel.answer(MEDIA_REQUEST_IOC_REINIT, -EBUSY);
+        mRequest->onEvent({EPOLLPRI});
+    };
+    expectFatal({
+        {queueTwice, kTag, "queueRequest", "Bad media request state:2 -> QUEUING"},
+        {loseMonitor, kTag, "queueRequest", "Bad monitor"},
+        {completeUnheard, kTag, "onEvent", "No request done callback"},
+        {failReinit, kTag, "reinit", "Failed to reinit media request: -16"},
+    });
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::test

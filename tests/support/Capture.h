@@ -1,0 +1,158 @@
+/**
+ * @file
+ * What the library says: its log, its reports, its dumps and how it ends the process.
+ */
+#pragma once
+
+#include <corvane/platform/Printer.h>
+#include <corvane/platform/Service.h>
+#include <corvane/platform/ULog.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace NSVista::NSCorvane::test {
+
+using Lines = std::vector<std::string>;
+
+/** Collects the unified log's lines of one tag up to a details level. */
+class LogCapture {
+public:
+    explicit LogCapture(const char* tag, uint32_t level = Utils::ULog::kInfo) : mTag(tag) {
+        Logger::install(&mRing);
+        mPreviousLevel = Logger::sDetailsLevel.exchange(level);
+    }
+    ~LogCapture() {
+        Logger::sDetailsLevel = mPreviousLevel;
+        Logger::install(nullptr);
+    }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    void setLevel(uint32_t level) { Logger::sDetailsLevel = level; }
+    /** The lines since the last call, each after the letter of its level (EWIKDV) and a blank. */
+    Lines take() {
+        Lines lines;
+        for (const auto& line : mRing.take())
+            if (line.tag == mTag)
+                lines.push_back(std::string(1, " EWIKDV"[line.level]) + " " + line.text);
+        return lines;
+    }
+
+private:
+    using Logger = Utils::ULog::ULogger;
+    std::string mTag;
+    Utils::ULog::RingULogger mRing{10000};
+    uint32_t mPreviousLevel;
+};
+
+/** Collects exception reports and service terminations. */
+class ReportCapture {
+public:
+    ReportCapture() {
+        Utils::setExceptionHandler([this](const char* module, const char* text) {
+            add(std::string(module) + ": " + text);
+        });
+        Utils::setTerminateHandler([this] { add("terminate"); });
+    }
+    ~ReportCapture() {
+        Utils::setTerminateHandler(nullptr);
+        Utils::setExceptionHandler(nullptr);
+    }
+    ReportCapture(const ReportCapture&) = delete;
+    ReportCapture& operator=(const ReportCapture&) = delete;
+
+    Lines take() {
+        const std::lock_guard lock(mLock);
+        return std::exchange(mLines, {});
+    }
+    /** What a refused driver call leaves: its report, then the end of the service. */
+    static Lines of(const std::string& what) {
+        return {"zelsys: " + what + " Please check ZelsysKernel.\nCRDISPATCH_KEY:ZelsysKernel",
+                "terminate"};
+    }
+
+private:
+    void add(std::string line) {
+        const std::lock_guard lock(mLock);
+        mLines.push_back(std::move(line));
+    }
+    std::mutex mLock;
+    Lines mLines;
+};
+
+/** Keeps the lines of a state dump. */
+class LinePrinter : public IPrinter {
+public:
+    void printLine(const char* text) override { lines.emplace_back(text); }
+    Lines lines;
+};
+
+/** The lines that an object's dumpState() prints. */
+template <class T, class... Args>
+Lines dumpOf(T& object, Args... args) {
+    LinePrinter printer;
+    object.dumpState(&printer, args...);
+    return printer.lines;
+}
+
+/** A text that contains the pieces, each after the one before. */
+MATCHER_P(InOrder, pieces, "contains in order " + testing::PrintToString(pieces)) {
+    size_t from = 0;
+    for (const std::string& piece : pieces) {
+        const size_t found = arg.find(piece, from);
+        if (found == std::string::npos) {
+            *result_listener << "lacks \"" << piece << "\"";
+            return false;
+        }
+        from = found + piece.size();
+    }
+    return true;
+}
+
+/** A programming error and what it writes. */
+struct FatalCase {
+    std::function<void()> action;
+    const char* tag;
+    const char* function;
+    std::string message;  ///< what the assertion says after the function's name
+    Lines before = {};    ///< pieces of the lines that go before it, in order
+};
+
+/** Expects each action to abort the process with its message and the place in the source. */
+inline void expectFatal(const std::vector<FatalCase>& cases) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const FatalCase& c : cases) {
+        SCOPED_TRACE(c.message);
+        const std::string function = c.function;
+        Lines pieces = c.before;
+        pieces.push_back("F [" + std::string(c.tag) + "] [" + function + "] " + c.message + " (" +
+                         function + "){#");
+        pieces.emplace_back("/src/utils/v4l2/");
+        pieces.emplace_back(".cpp}\n");
+        const auto act = [&c] {
+            Utils::ULog::ULogger::install(nullptr);  // to standard error
+            c.action();
+        };
+        EXPECT_EXIT(act(), testing::KilledBySignal(SIGABRT), InOrder(pieces));
+    }
+}
+
+/** Runs @p body in a process of its own, for what a process has only one of. */
+inline void inOwnProcess(const std::function<void()>& body) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            body();
+            exit(testing::Test::HasFailure() ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+}  // namespace NSVista::NSCorvane::test

@@ -1,0 +1,141 @@
+/**
+ * @file
+ * A kernel that answers what a test tells it to, and keeps a record of the calls.
+ */
+#pragma once
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <corvane/platform/System.h>
+
+namespace NSVista::NSCorvane::test {
+
+/**
+ * Installed while it lives. Answers are set before other threads run; calls come from any thread.
+ * Opening succeeds with a new descriptor unless told otherwise; an ioctl without an answer is
+ * refused with ENOTTY.
+ */
+class FakeKernel : public System::Kernel {
+public:
+    static constexpr int kFirstFd = 100;
+
+    FakeKernel() : mPrevious(System::setKernel(this)) {}
+    ~FakeKernel() override { System::setKernel(mPrevious); }
+    FakeKernel(const FakeKernel&) = delete;
+    FakeKernel& operator=(const FakeKernel&) = delete;
+
+    std::map<std::string, int> openResults;            ///< failures, by path
+    std::map<std::string, int> statResults;            ///< failures, by path
+    int closeResult = 0;                               ///< of the next calls
+    std::vector<std::string> directory;                ///< what "/dev" lists
+    int directoryResult = 0;                           ///< of opening "/dev"
+    std::map<std::string, std::string> symbolicLinks;  ///< ENOENT for others
+
+    /** Answers an ioctl with a constant. */
+    void answer(unsigned long request, int result) {
+        mAnswers[request] = [result](int, void*) { return result; };
+    }
+    /** Answers an ioctl with @p handle(fd, record). */
+    template <class Record, class Handle>
+    void on(unsigned long request, Handle handle) {
+        mAnswers[request] = [handle](int fd, void* arg) {
+            return handle(fd, *static_cast<Record*>(arg));
+        };
+    }
+    /** Puts a line of the test's own between the calls. */
+    void note(std::string text) {
+        const std::lock_guard lock(mLock);
+        mCalls.push_back(std::move(text));
+    }
+    /** "open PATH FLAGS", "close FD", "ioctl FD CODE" and so on since the last call. */
+    std::vector<std::string> takeCalls() {
+        const std::lock_guard lock(mLock);
+        return std::exchange(mCalls, {});
+    }
+    std::string pathOf(int fd) {
+        const std::lock_guard lock(mLock);
+        return mPaths.at(static_cast<size_t>(fd - kFirstFd));
+    }
+    /** Directory handles that are open. */
+    int openDirectories = 0;
+
+    int open(const char* path, int flags) override {
+        record("open %s %#x", path, flags);
+        if (const auto failed = openResults.find(path); failed != openResults.end())
+            return failed->second;
+        const std::lock_guard lock(mLock);
+        mPaths.emplace_back(path);
+        return kFirstFd + static_cast<int>(mPaths.size()) - 1;
+    }
+    int close(int fd) override {
+        record("close %d", fd);
+        return closeResult;
+    }
+    int ioctl(int fd, unsigned long request, void* arg) override {
+        record("ioctl %d %#lx", fd, request);
+        const auto found = mAnswers.find(request);
+        return found != mAnswers.end() ? found->second(fd, arg) : -ENOTTY;
+    }
+    int openDir(const char* path, DIR** dir) override {
+        if (directoryResult < 0 || strcmp(path, "/dev") != 0)
+            return directoryResult < 0 ? directoryResult : -ENOENT;
+        const std::lock_guard lock(mLock);
+        ++openDirectories;
+        *dir = reinterpret_cast<DIR*>(&mWalks.emplace_back());
+        return 0;
+    }
+    int readDir(DIR* dir, struct dirent** entry) override {
+        auto* const walk = reinterpret_cast<Walk*>(dir);
+        if (walk->next == directory.size())
+            return *entry = nullptr, 0;
+        snprintf(walk->entry.d_name, sizeof(walk->entry.d_name), "%s",
+                 directory[walk->next++].c_str());
+        *entry = &walk->entry;
+        return 0;
+    }
+    int closeDir(DIR*) override {
+        const std::lock_guard lock(mLock);
+        --openDirectories;
+        return 0;
+    }
+    int stat(const char* path, struct stat*) override {
+        const auto failed = statResults.find(path);
+        return failed != statResults.end() ? failed->second : 0;
+    }
+    int readLink(const char* path, char* buffer, size_t size) override {
+        const auto found = symbolicLinks.find(path);
+        return found != symbolicLinks.end() ? static_cast<int>(found->second.copy(buffer, size))
+                                            : -ENOENT;
+    }
+
+private:
+    struct Walk {
+        size_t next = 0;
+        struct dirent entry = {};
+    };
+
+    template <class... Args>
+    void record(const char* format, Args... args) {
+        char text[256];
+        snprintf(text, sizeof(text), format, args...);
+        note(text);
+    }
+
+    System::Kernel* mPrevious;
+    std::map<unsigned long, std::function<int(int, void*)>> mAnswers;
+    std::mutex mLock;
+    std::vector<std::string> mCalls;
+    std::vector<std::string> mPaths;
+    std::deque<Walk> mWalks;
+};
+
+}  // namespace NSVista::NSCorvane::test

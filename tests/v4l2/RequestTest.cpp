@@ -1,0 +1,230 @@
+#include <corvane/IRequest.h>
+#include <corvane/SceneControl.h>
+#include <corvane/SceneDesc.h>
+#include <linux/videodev2.h>
+
+#include <algorithm>
+#include <future>
+#include <thread>
+
+#include "support/Recorders.h"
+
+namespace NSVista::NSCorvane::test {
+namespace {
+
+constexpr char kTag[] = "corvane-SceneControl";
+constexpr char kStamps[] = " #A=-#B=-#C=-#D=-#E=-#F=-#G=-#H=-";
+
+class RequestTest : public testing::Test {
+protected:
+    RequestTest() {
+        mKernel.on<v4l2_capability>(VIDIOC_QUERYCAP, [](int, v4l2_capability& capability) {
+            capability.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+            return 0;
+        });
+        mKernel.answer(VIDIOC_REQBUFS, 0);
+        mKernel.on<v4l2_buffer>(VIDIOC_QBUF, [this](int fd, v4l2_buffer& buffer) {
+            EXPECT_EQ(buffer.request_fd, 200);
+            mQueued.push_back(mKernel.pathOf(fd) + " " + std::to_string(buffer.m.fd));
+            return fd == mRefusing ? -EINVAL : 0;
+        });
+        for (const auto& port : {mA, mB}) {
+            port->init();
+            port->importBuffer(12);
+        }
+        mLog.take();
+    }
+    ~RequestTest() override {
+        mA->deinit();
+        mB->deinit();
+    }
+    void add(int port, int fd) {
+        const auto fill = [fd](FrameBuffer& buffer) {
+            buffer.planes[0] = {fd, 1, 2};
+            buffer.planeCount = 1;
+        };
+        EXPECT_EQ(mRequest->addBuffer(port, fill), 0);
+    }
+    Lines takeQueued() {
+        std::sort(mQueued.begin(), mQueued.end());
+        return std::exchange(mQueued, {});
+    }
+    FakeMediaRequest& media() { return *mMedia.request; }
+
+    static constexpr PortDesc kA = {"a", 1, "va", true, true, false};
+    static constexpr PortDesc kB = {"b", 0x1a, "vb", false, false, true};
+    FakeKernel mKernel;
+    LogCapture mLog{kTag};
+    NotingMediaDevice mMedia{mKernel};
+    std::shared_ptr<Port> mA = std::make_shared<Port>(kA, &mMedia);
+    std::shared_ptr<Port> mB = std::make_shared<Port>(kB, &mMedia);
+    std::vector<int> mDone;  ///< the ports of the last completion
+    Request::QueryPort mQuery = [this](int index) {
+        return index == 0x1a ? mB : index != 99 ? mA : nullptr;
+    };
+    std::shared_ptr<Request> mRequest = std::make_shared<Request>(
+        &mMedia, mQuery,
+        [this](Request*, int* ports, size_t count) { mDone.assign(ports, ports + count); });
+    int mRefusing = -1;
+    Lines mQueued;
+};
+
+TEST_F(RequestTest, RunsCyclesAndRemembersItsPorts) {
+    mLog.setLevel(Utils::ULog::kDebug);
+    add(0x1a, 5);
+    add(1, 6);
+    EXPECT_EQ(mRequest->queueRequest(0), 0);
+    EXPECT_EQ(takeQueued(), Lines({"/dev/va 6", "/dev/vb 5"}));
+    EXPECT_EQ(mRequest->toString(), "{ .requestFD=200 .state=2 }");
+    media().done();
+    EXPECT_EQ(mDone, std::vector<int>({0x1a, 1}));
+    EXPECT_EQ(mLog.take(),
+              Lines({"D [queueRequest] It's time to queue: { .requestFD=200 .state=2 }",
+                     "D [requestDone] [Request::requestDone] { .requestFD=200 .state=0 }"}));
+    add(1, 7);
+    EXPECT_EQ(mRequest->queueRequest(0), 0);
+    EXPECT_EQ(takeQueued(), Lines({"/dev/va 7", "/dev/vb 5"})) << "a port once added is queued";
+    media().done();
+    EXPECT_EQ(mDone, std::vector<int>({1}));
+    EXPECT_EQ(mRequest->getStatus(), 0);
+}
+
+TEST_F(RequestTest, HandsOnWhatItIsGiven) {
+    unsigned long track[8] = {};
+    int cookie = 0;
+    EXPECT_EQ(mRequest->getCookie(), nullptr);
+    mRequest->setCookie(&cookie);
+    EXPECT_EQ(mRequest->getCookie(), &cookie);
+    mRequest->setTrackBuffer(track);
+    EXPECT_EQ(media().track, track);
+    EXPECT_EQ(mRequest->getTrackBuffer(), track);
+    EXPECT_EQ(mRequest->setMonitor(nullptr), 0) << "although the media request refuses";
+    EXPECT_EQ(mRequest->getRequestFD(), 200);
+    EXPECT_EQ(mRequest->getDebugInfo(), nullptr);
+    media().debugInfo = std::make_shared<RequestDebugInfo>();
+    EXPECT_EQ(mRequest->toString(), std::string("{ .requestFD=200 .state=0") + kStamps + " }");
+    EXPECT_EQ(mA->toString(), " 0x1(a) type=0 singledev");
+    EXPECT_EQ(mB->toString(), " 0x1a(b) type=2");
+}
+
+TEST_F(RequestTest, MayBeRefilledAndDestroyedByItsDoneHandler) {
+    int rounds = 0;
+    mRequest = std::make_shared<Request>(&mMedia, mQuery, [&](Request*, int*, size_t count) {
+        EXPECT_EQ(count, 10U);
+        if (++rounds == 2)
+            return mRequest.reset();
+        for (int port = 2; port < 12; ++port)
+            add(port, port);
+        mRequest->queueRequest(0);
+    });
+    mKernel.answer(VIDIOC_QBUF, 0);
+    mA->importBuffer(20);
+    for (int port = 2; port < 12; ++port)  // all are port a
+        add(port, port);
+    mRequest->queueRequest(0);
+    const auto done = media().done;
+    done();
+    done();
+    EXPECT_EQ(rounds, 2);
+    EXPECT_EQ(mRequest, nullptr);
+
+    Request unheard(&mMedia, mQuery, nullptr);
+    EXPECT_EQ(unheard.queueRequest(0), 0);
+    media().done();
+    EXPECT_EQ(unheard.toString(), "{ .requestFD=200 .state=0 }");
+}
+
+TEST_F(RequestTest, CompletesOnlyOnceItIsQueued) {
+    std::thread completion;
+    mRequest->addBuffer(1, [](FrameBuffer&) {});
+    mKernel.on<v4l2_buffer>(VIDIOC_QBUF, [&](int, v4l2_buffer&) {
+        completion = std::thread([this] { media().done(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(mDone.empty());
+        return 0;
+    });
+    mRequest->queueRequest(0);
+    add(1, 8);  // waits for the completion
+    EXPECT_EQ(mDone.size(), 1U);
+    completion.join();
+}
+
+TEST_F(RequestTest, ReturnsARefusedBufferAndStaysIdle) {
+    add(1, 5);
+    mRefusing = FakeKernel::kFirstFd;
+    EXPECT_EQ(mRequest->queueRequest(0), -EINVAL);
+    EXPECT_EQ(mLog.take(), Lines({"E [queueBuffers] Failed to queue buffer to port a",
+                                  "E [queueRequest] Failed to queue request's buffers"}));
+    EXPECT_EQ(mRequest->toString(), "{ .requestFD=200 .state=0 }");
+    mRefusing = -1;
+    EXPECT_EQ(mRequest->queueRequest(0), 0) << "the buffer is still filled";
+    EXPECT_EQ(takeQueued(), Lines({"/dev/va 5", "/dev/va 5"}));
+}
+
+TEST_F(RequestTest, EndsOnConsistencyErrors) {
+    const auto queueOn = [this](int port) {
+        add(port, 1);
+        mRequest->queueRequest(0);
+    };
+    const auto twice = [this] {
+        const auto fill = [](FrameBuffer& buffer) { buffer = {{{5, 6, 7}, {8, 9, 10}, {}}, 2}; };
+        mRequest->addBuffer(0x1a, fill);
+        mRequest->addBuffer(0x1a, fill);
+    };
+    const auto manyPlanes = [this] {
+        mRequest->addBuffer(1, [](FrameBuffer& buffer) { buffer.planeCount = 4; });
+        mRequest->addBuffer(1, [](FrameBuffer&) {});
+    };
+    const auto noDevice = [=, this] {
+        mA->deinit();
+        queueOn(1);
+    };
+    const auto noQuery = [this] {
+        Request request(&mMedia, nullptr, nullptr);
+        request.addBuffer(1, [](FrameBuffer&) {});
+        request.queueRequest(0);
+    };
+    const auto refused = [=, this] {
+        media().queueResult = -EIO;
+        queueOn(1);
+    };
+    const auto noRequest = [this] {
+        mMedia.request.reset();
+        Request(&mMedia, mQuery, nullptr);
+    };
+    const std::string buffer =
+        "{ .planes[2]={ .fd=5 .offset=6 .bufsize=7 .fd=8 .offset=9 .bufsize=10 } }";
+    const std::string wide =
+        "{ .planes[4]={ .fd=0 .offset=0 .bufsize=0 .fd=0 .offset=0 .bufsize=0 .fd=0 .offset=0"
+        " .bufsize=0 } }";
+    const std::string idle = "[addBuffer] Something wrong - Request={ .requestFD=200 .state=0 }";
+    expectFatal({
+        {[this] { mRequest->addBuffer(0x1a, nullptr); }, kTag, "addBuffer",
+         "Bad buffer fill: index=0x1a"},
+        {twice,
+         kTag,
+         "addBuffer",
+         "FATAL",
+         {"[addBuffer] (0x1a, " + buffer + ") has existed\n", idle,
+          "[addBuffer] Existed (0x1a, " + buffer + ")\n"}},
+        {manyPlanes,
+         kTag,
+         "addBuffer",
+         "FATAL",
+         {"[addBuffer] (0x1, " + wide + ") has existed\n", idle, "Existed (0x1, " + wide + ")\n"}},
+        {[=] { queueOn(99); }, kTag, "queueBuffers", "Bad port index:0x63"},
+        {noDevice, kTag, "queueBuffers", "Bad VideoDevice"},
+        {noQuery, kTag, "queueBuffers", "Bad function"},
+        {refused, kTag, "queueRequest", "Failed to queue media request"},
+    });
+    for (const auto& [action, device] :
+         {std::pair<std::function<void()>, std::string>{
+              [this] { Request(nullptr, mQuery, nullptr); }, "(nil)"},
+          {noRequest, "0x"}})
+        EXPECT_EXIT(action(), testing::KilledBySignal(SIGABRT),
+                    InOrder(Lines{"F [corvane-SceneControl] [Request] 0x",
+                                  ": Bad MediaRequest - mediaDev=" + device, " (Request){#"}));
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::test

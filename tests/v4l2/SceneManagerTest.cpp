@@ -1,0 +1,176 @@
+// Pipes are registered once a process: tests that register some run in a process of their own.
+#include <corvane/IDeviceEnumerator.h>
+#include <corvane/SceneControl.h>
+#include <corvane/SceneDesc.h>
+#include <corvane/SceneManager.h>
+
+#include <functional>
+
+#include "support/Recorders.h"
+
+namespace NSVista::NSCorvane::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::MatchesRegex;
+
+constexpr char kTag[] = "corvane-SceneManager";
+constexpr SceneDesc kEmpty = {"empty", nullptr, 0, nullptr, 0, nullptr};
+
+std::shared_ptr<IScene> makeScene(std::shared_ptr<SceneDebugInfo> record = nullptr) {
+    return std::make_shared<Scene>(std::move(record), kEmpty, nullptr);
+}
+
+/** Notes its life; @p act runs in init(). */
+class NotingPipe : public PipeBase {
+public:
+    NotingPipe(SceneManager& manager, std::string name, Lines& notes,
+               std::function<int(PipeBase&)> act)
+        : PipeBase(manager), mName(std::move(name)), mNotes(notes), mAct(std::move(act)) {}
+    ~NotingPipe() override { mNotes.push_back("~" + mName); }
+    void dumpState(IPrinter* printer) override { printer->printLine(("pipe " + mName).c_str()); }
+    int init() override {
+        mNotes.push_back("init " + mName);
+        return mAct ? mAct(*this) : 0;
+    }
+    void uninit() override {
+        mNotes.push_back("uninit " + mName);
+        delScene(mName);
+    }
+
+private:
+    std::string mName;
+    Lines& mNotes;
+    std::function<int(PipeBase&)> mAct;
+};
+
+void registerPipe(const char* key, const char* name, Lines& notes,
+                  std::function<int(PipeBase&)> act = nullptr) {
+    PipeFactory::Instance().Register(key, [=, &notes](SceneManager& manager) {
+        return std::make_shared<NotingPipe>(manager, name, notes, act);
+    });
+}
+
+TEST(SceneManager, KeepsScenesByName) {
+    LogCapture log(kTag);
+    SceneManager manager;
+    EXPECT_EQ(manager.init(), 0);
+    const auto first = makeScene();
+    EXPECT_EQ(manager.addScene("s", first), 0);
+    EXPECT_EQ(manager.addScene("s", makeScene()), 0);
+    EXPECT_EQ(manager.getScene("s"), first);
+    EXPECT_EQ(manager.getScene("t"), nullptr);
+    EXPECT_EQ(manager.init(), 0);
+    manager.uninit();
+    EXPECT_EQ(manager.delScene("s"), 0);
+    EXPECT_EQ(manager.delScene("s"), 0);
+    EXPECT_EQ(manager.getScene("s"), nullptr);
+    EXPECT_EQ(first.use_count(), 1);
+    const std::string time = " .cputime [0-9]+ ns.";
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(
+            "I [init] + SceneManager::init", MatchesRegex("I .init. - SceneManager::init" + time),
+            "I [addScene] Add scene s to map", "E [addScene] Scene s has already existed",
+            "I [addScene] Add scene s to map", "I [getScene] Get scene s",
+            "E [getScene] Not found scene t", "E [init] there're still 1 scenes!",
+            "I [init] + SceneManager::init", MatchesRegex("I .init. - SceneManager::init" + time),
+            "I [uninit] + SceneManager::uninit", "E [uninit] there're still 1 scenes!",
+            MatchesRegex("I .uninit. - SceneManager::uninit" + time),
+            "E [getScene] Not found scene s"));
+}
+
+TEST(SceneManager, RunsPipesInTheirOrderAndMayBeCalledByThem) {
+    inOwnProcess([] {
+        Lines notes;
+        int failure = 0;
+        std::shared_ptr<SceneDebugInfo> record;
+        registerPipe("a", "a1", notes);
+        registerPipe("b", "b", notes, [&](PipeBase& pipe) {
+            record = pipe.getDebugInfo("b");
+            return pipe.addScene("b", makeScene(record));
+        });
+        registerPipe("a", "a2", notes);
+        registerPipe("c", "c", notes, [&](PipeBase&) { return failure; });
+        SceneManager manager;
+        auto& factory = PipeFactory::Instance();
+        EXPECT_EQ(factory.GetList(), Lines({"a", "b", "a", "c"}));
+        EXPECT_EQ(factory.Create("d", manager), nullptr);
+        EXPECT_EQ(factory.GetList().size(), 4U);
+
+        EXPECT_EQ(manager.init(), 0);
+        EXPECT_EQ(notes, Lines({"init a2", "init b", "init a2", "~a2", "init c"}));
+        EXPECT_NE(manager.getScene("b"), nullptr);
+        record->streamOnBegin = {1, 999999000};
+        record->streamOnEnd = {2, 999};
+        record->streamOffBegin = {3, 0};
+        record->streamOffEnd = {3, 5999};
+        const std::string on = convertToFormattedLogTime(record->streamOnBegin);
+        const std::string off = convertToFormattedLogTime(record->streamOffBegin);
+        manager.getDebugInfo("z");
+        const Lines dump = dumpOf(manager);
+        ASSERT_EQ(dump.size(), 17U);
+        EXPECT_EQ(dump[0], "<<Scene>> state=IDLE #Request(Queued,Done)=(0,0)");
+        EXPECT_EQ(dump[4], "");
+        EXPECT_THAT(Lines(dump.begin() + 5, dump.begin() + 9),
+                    testing::UnorderedElementsAre(
+                        "Scene:'b' { streamOn(" + on + "+1us) streamOff(" + off + "+5us) }", "",
+                        "Scene:'z' { streamOn(-+0us) streamOff(-+0us) }", ""));
+        EXPECT_EQ(dump[9],
+                  "<<DeviceEnumerator>> default= .mediadevice_model_name= "
+                  ".subdevice_entity_name= media_device_info[0] topology[0]");
+        EXPECT_EQ(dump[10], "");
+        EXPECT_THAT(Lines(dump.begin() + 11, dump.end()),
+                    testing::UnorderedElementsAre("pipe a2", "", "pipe b", "", "pipe c", ""));
+
+        notes.clear();
+        manager.uninit();
+        EXPECT_THAT(notes, testing::UnorderedElementsAre("uninit a2", "uninit b", "uninit c", "~a2",
+                                                         "~b", "~c"));
+        EXPECT_EQ(manager.getScene("b"), nullptr);
+        EXPECT_EQ(manager.getDebugInfo("b"), record) << "records outlive their scenes";
+
+        notes.clear();
+        failure = -7;
+        EXPECT_EQ(manager.init(), -7);
+        EXPECT_EQ(notes.back(), "~c");
+        notes.clear();
+        manager.uninit();
+        EXPECT_EQ(notes.size(), 4U) << "the pipes before the failing one stay";
+    });
+}
+
+TEST(SceneManager, TellsTimes) {
+    EXPECT_EQ(determineDiffTimespecInNs({5, 100}, {3, 200}), 1999999900);
+    EXPECT_EQ(determineDiffTimespecInNs({3, 200}, {5, 100}), -1999999900);
+    EXPECT_EQ(determineDiffTimespecInNs({9000000000, 0}, {0, 1}), 8999999999999999999);
+}
+
+TEST(SceneManager, EndsOnConsistencyErrors) {
+    SceneManager manager;
+    const auto noPipe = [&manager] {
+        PipeFactory::Instance().Register("x", [](SceneManager&) { return nullptr; });
+        manager.init();
+    };
+    const auto noCreator = [&manager] {
+        PipeFactory::Instance().Register("x", nullptr);
+        manager.init();
+    };
+    const auto device = [&manager] {
+        Lines notes;
+        NotingPipe(manager, "p", notes, nullptr).getDevice("m");
+    };
+    const auto devices = [&manager] {
+        Lines notes;
+        NotingPipe(manager, "p", notes, nullptr).getDevice(Lines{"m"});
+    };
+    expectFatal({
+        {noPipe, kTag, "init", "Bad pipe"},
+        {noCreator, kTag, "Create", "Bad function"},
+        {device, kTag, "getDevice", "Unsupported"},
+        {devices, kTag, "getDevice", "Unsupported"},
+    });
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::test

@@ -1,0 +1,397 @@
+#include <corvane/IPort.h>
+#include <corvane/SceneControl.h>
+#include <corvane/SceneDesc.h>
+#include <linux/videodev2.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "support/Recorders.h"
+
+namespace NSVista::NSCorvane::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+constexpr char kTag[] = "corvane-SceneControl";
+
+class SceneTest : public testing::Test {
+protected:
+    SceneTest() {
+        mKernel.on<v4l2_capability>(VIDIOC_QUERYCAP, [](int, v4l2_capability& capability) {
+            capability.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+            return 0;
+        });
+        for (const unsigned long request : {VIDIOC_REQBUFS, VIDIOC_QBUF, VIDIOC_STREAMON,
+                                            VIDIOC_STREAMOFF, VIDIOC_G_FMT, VIDIOC_S_FMT})
+            mKernel.answer(request, 0);
+        mKernel.on<v4l2_buffer>(VIDIOC_DQBUF, [this](int fd, v4l2_buffer& buffer) {
+            buffer.flags = V4L2_BUF_FLAG_REQUEST_FD;
+            buffer.request_fd = 200;
+            mDequeued.fetch_or(1U << (fd - FakeKernel::kFirstFd));
+            return 0;
+        });
+    }
+    ~SceneTest() override { close(); }
+    /** A scene of nodes "v0" and so on, whose ports have these indexes. */
+    void make(std::vector<int> indexes, std::vector<LinkDesc> links = {}) {
+        static const char* const kNames[] = {"v0", "v1", "v2", "v3", "v4"};
+        close();
+        mPorts.clear();
+        for (const int index : indexes) {
+            const char* const name = kNames[mPorts.size()];
+            mPorts.push_back({name, index, name, false, false, false});
+        }
+        mLinks = std::move(links);
+        mDesc = {"scene",
+                 nullptr,
+                 static_cast<int32_t>(mPorts.size()),
+                 mPorts.data(),
+                 static_cast<int32_t>(mLinks.size()),
+                 mLinks.data()};
+        mScene = std::make_unique<Scene>(nullptr, mDesc, mMedia);
+    }
+    /** A scene that is initialised and acquired, with buffers. */
+    void open(std::vector<int> indexes) {
+        make(std::move(indexes));
+        EXPECT_EQ(mScene->init(), 0);
+        EXPECT_EQ(mScene->acquire(), 0);
+        mScene->iteratePorts([this](const auto& port) {
+            EXPECT_EQ(mScene->importBuffer(port, 2), 0);
+            return true;
+        });
+        mKernel.takeCalls();
+        mLog.take();
+    }
+    void close() {
+        if (mScene != nullptr)
+            mScene->uninit();
+        mScene.reset();
+    }
+    void fill(IRequest& request, std::vector<int> ports) {
+        for (const int port : ports)
+            request.addBuffer(port, [](FrameBuffer& buffer) { buffer.planeCount = 1; });
+    }
+    /** The kernel's calls without the nodes' classing. */
+    Lines calls() {
+        Lines calls;
+        for (auto& call : mKernel.takeCalls())
+            if (call.find("0x80685600") == std::string::npos)
+                calls.push_back(std::move(call));
+        return calls;
+    }
+    /** The log with processor times cut off. */
+    Lines log() {
+        Lines lines = mLog.take();
+        for (auto& line : lines)
+            if (const size_t time = line.find(" (cputime "); time != std::string::npos)
+                line.erase(time);
+        return lines;
+    }
+
+    FakeKernel mKernel;
+    LogCapture mLog{kTag};
+    ReportCapture mReports;
+    std::shared_ptr<NotingMediaDevice> mMedia = std::make_shared<NotingMediaDevice>(mKernel);
+    std::atomic<uint32_t> mDequeued{0};  ///< nodes, by bit
+    std::vector<PortDesc> mPorts;
+    std::vector<LinkDesc> mLinks;
+    SceneDesc mDesc = {};
+    std::unique_ptr<Scene> mScene;
+};
+
+const std::vector<LinkDesc> kLinks = {{"a", 0, "b", 17}, {nullptr, 1, nullptr, 2}};
+
+TEST_F(SceneTest, OpensPortsThenEnablesLinksAndUndoesBoth) {
+    mLog.setLevel(Utils::ULog::kDebug);
+    make({0, 1}, kLinks);
+    EXPECT_EQ(mScene->init(), 0);
+    EXPECT_EQ(calls(), Lines({"open /dev/v0 0x802", "open /dev/v1 0x802", "link 1 a:0-b:17",
+                              "link 1 :1-:2"}));
+    EXPECT_THAT(mLog.take(), ElementsAre("D [init] Scene::init + scene  #DECKEY",
+                                         MatchesRegex("K .init. Scene::init - scene ret:1 "
+                                                      ".cputime [0-9]+ ns.  #DECKEY")));
+    mScene->uninit();
+    Lines undone = calls();
+    std::sort(undone.begin() + 2, undone.end());
+    EXPECT_EQ(undone, Lines({"link 0 a:0-b:17", "link 0 :1-:2", "close 100", "close 101"}));
+    EXPECT_THAT(mLog.take(), ElementsAre("D [uninit] Scene::uninit + scene  #DECKEY",
+                                         MatchesRegex("K .uninit. Scene::uninit - scene "
+                                                      ".cputime [0-9]+ ns.  #DECKEY")));
+    EXPECT_EQ(mScene->getNumOfPorts(), 2U) << "the ports stay in the table";
+}
+
+TEST_F(SceneTest, UndoesItsInitWhenAPortFails) {
+    mKernel.openResults["/dev/v2"] = -ENODEV;
+    mLog.setLevel(Utils::ULog::kKeyEvent);
+    make({0, 1, 0x1a, 3, 4}, kLinks);
+    EXPECT_EQ(mScene->init(), -1);
+    Lines made = calls();
+    std::sort(made.begin() + 5, made.end());
+    EXPECT_EQ(made, Lines({"open /dev/v0 0x802", "open /dev/v1 0x802", "open /dev/v2 0x802",
+                           "link 0 a:0-b:17", "link 0 :1-:2", "close 100", "close 101"}));
+    EXPECT_EQ(log(),
+              Lines({"E [init] v2: Failed to open port",
+                     "E [initPorts] { .port_name=v2(1a) .device_name=v2 }: Port::init",
+                     "K [uninit] Scene::uninit - scene", "K [init] Scene::init - scene ret:0"}));
+}
+
+TEST_F(SceneTest, UndoesItsInitWhenALinkFails) {
+    mMedia->refusedLink = "link 1 a:0-b:17";
+    make({0}, kLinks);
+    EXPECT_EQ(mScene->init(), -1);
+    EXPECT_EQ(calls(), Lines({"open /dev/v0 0x802", "link 1 a:0-b:17", "link 0 a:0-b:17",
+                              "link 0 :1-:2", "close 100"}));
+    mMedia->refusedLink = "link 1 :1-:2";
+    make({0}, kLinks);
+    EXPECT_EQ(mScene->init(), -1);
+    EXPECT_EQ(log(), Lines({"E [initLinks] a(0)-b(11): Failed on enableLink",
+                            "E [initLinks] (1)-(2): Failed on enableLink"}));
+}
+
+TEST_F(SceneTest, KeepsTheFirstPortOfAnIndexAndClosesTheOther) {
+    make({7, 7});
+    EXPECT_EQ(mScene->init(), 0);
+    EXPECT_EQ(log(), Lines({"E [addPort] Port index 0x7 has already existed"}));
+    EXPECT_EQ(calls(), Lines({"open /dev/v0 0x802", "open /dev/v1 0x802", "close 101"}));
+    EXPECT_EQ(mScene->queryPort(7)->getName(), "v0");
+    EXPECT_EQ(mScene->addPort(nullptr), 0);
+    EXPECT_EQ(mScene->addPort(mScene->queryPort(7)), -1);
+
+    make({0, 1, 2});
+    mScene->init();
+    int visited = 0;
+    mScene->iteratePorts([&](const auto&) { return ++visited < 2; });
+    EXPECT_EQ(visited, 2);
+}
+
+TEST_F(SceneTest, TakesNegativeCountsForNone) {
+    make({1}, kLinks);
+    mDesc.num_ports = -1;
+    mDesc.num_links = -5;
+    EXPECT_EQ(mScene->init(), 0);
+    EXPECT_EQ(mScene->getNumOfPorts(), 0U);
+    EXPECT_EQ(mScene->queryPort(31), nullptr);
+    EXPECT_EQ(log(), Lines({"E [queryPort] Invalid port index: 0x1f"}));
+    EXPECT_EQ(calls(), Lines());
+    const Lines dump = dumpOf(*mScene);
+    ASSERT_EQ(dump.size(), 4U);
+    EXPECT_EQ(dump[0], "<<Scene>> state=IDLE #Request(Queued,Done)=(0,0)");
+    EXPECT_THAT(dump[1], testing::StartsWith("V4L2BufferMonitor:V4L2BufferMonitor-0x"));
+    EXPECT_EQ(mScene->getDebugInfo()->streamOnBegin.tv_sec, 0);
+}
+
+TEST_F(SceneTest, PrintsPortDescriptions) {
+    const struct {
+        PortDesc desc;
+        const char* text;
+    } cases[] = {
+        {{"dip", 26, "video3", true, true, false},
+         "{ .port_name=dip(1a) .device_name=video3 .single_device }"},
+        {{"dip", -1, "video3", false, false, true},
+         "{ .port_name=dip(ffffffff) .device_name=video3 .ctrl_meta }"},
+        {{nullptr, 26, "v", false, true, true}, "{(1a) .device_name=v .single_device .ctrl_meta }"},
+        {{"dip", 0, nullptr, false, false, false}, "{ .port_name=dip(0) }"},
+    };
+    mKernel.openResults["/dev/video3"] = -EIO;
+    for (const auto& c : cases) {
+        const SceneDesc desc = {nullptr, nullptr, 1, &c.desc, 0, nullptr};
+        Scene scene(nullptr, desc, mMedia);
+        if (c.desc.port_name == nullptr || c.desc.device_name == nullptr) {
+            expectFatal({{[&] { scene.init(); }, kTag, "initPorts",
+                          std::string(c.text) + ": Bad port/device name"}});
+            continue;
+        }
+        EXPECT_EQ(scene.init(), -1);
+        EXPECT_EQ(log().at(1), std::string("E [initPorts] ") + c.text + ": Port::init");
+    }
+}
+
+TEST_F(SceneTest, RefusesCallsInTheWrongState) {
+    open({0});
+    const std::shared_ptr<IPort> port = mScene->queryPort(0);
+    const auto request = mScene->createRequest();
+    PixelFormat format = {};
+    EXPECT_EQ(mScene->setFormat(port, format) + mScene->getFormat(port, format), 0);
+    EXPECT_EQ(mScene->stop(), -1);
+    EXPECT_EQ(mScene->queueRequest(request.get(), 0), -1);
+    mScene->release();
+    EXPECT_EQ(mScene->start(), -1);
+    EXPECT_EQ(mScene->setFormat(port, format), -1);
+    EXPECT_EQ(mScene->getFormat(port, format), -1);
+    EXPECT_EQ(mScene->importBuffer(port, 1), -1);
+    EXPECT_EQ(log(),
+              Lines({"I [stop] + Scene::stop", "E [stop] state 1 != STARTED",
+                     "E [queueRequest] state 1 != STARTED", "I [start] + Scene::start",
+                     "E [start] state 0 != ACQUIRED", "E [setFormat] state 0 != ACQUIRED",
+                     "E [getFormat] state 0 != ACQUIRED", "E [importBuffer] state 0 != ACQUIRED"}));
+}
+
+TEST_F(SceneTest, NamesThePortWhoseDeviceRefuses) {
+    open({0});
+    const std::shared_ptr<IPort> port = mScene->queryPort(0);
+    PixelFormat format = {};
+    for (const unsigned long request : {VIDIOC_G_FMT, VIDIOC_S_FMT, VIDIOC_REQBUFS})
+        mKernel.answer(request, -EIO);
+    EXPECT_EQ(mScene->getFormat(port, format), -EIO);
+    EXPECT_EQ(mScene->setFormat(port, format), -EIO);
+    EXPECT_EQ(mScene->importBuffer(port, 2), -EIO);
+    EXPECT_EQ(log(), Lines({"E [getFormat] v0: Failed to get format",
+                            "E [setFormat] v0: Failed to set format",
+                            "E [importBuffer] v0: Failed to import buffer"}));
+}
+
+TEST_F(SceneTest, StreamsRequests) {
+    open({0, 1});
+    mLog.setLevel(Utils::ULog::kDebug);
+    EXPECT_EQ(mScene->start(), 0);
+    EXPECT_EQ(calls(), Lines({"ioctl 101 0x40045612", "ioctl 100 0x40045612"}));
+    EXPECT_EQ(log(), Lines({"I [start] + Scene::start", "D [start] Start port: v1  #DECKEY",
+                            "D [start] Start port: v0  #DECKEY", "I [start] - Scene::start"}));
+    const auto info = mScene->getDebugInfo();
+    EXPECT_NE(info->streamOnBegin.tv_sec, 0);
+    EXPECT_NE(info->streamOnEnd.tv_sec, 0);
+    EXPECT_EQ(info->streamOffBegin.tv_sec, 0);
+    mLog.setLevel(Utils::ULog::kInfo);
+
+    const auto request = mScene->createRequest();
+    fill(*request, {1, 0});
+    EXPECT_EQ(mScene->queueRequest(request.get(), 0), 0);
+    mMedia->request->done();  // heard by nobody
+    EXPECT_EQ(log(), Lines({"W [requestDone] Bad request done callback"}));
+    while (mDequeued != 3)
+        std::this_thread::yield();
+    IRequest* heard = nullptr;
+    mScene->setRequestDoneCallback([&](IRequest* done) { heard = done; });
+    fill(*request, {1, 0});
+    EXPECT_EQ(mScene->queueRequest(request.get(), 0), 0);
+    mMedia->request->done();
+    EXPECT_EQ(heard, request.get());
+    mScene->requestDone(nullptr, nullptr, 0);
+    EXPECT_EQ(log(), Lines({"W [requestDone] Bad request"}));
+    LinePrinter printer;
+    const auto drained = [&] {
+        printer.lines.clear();
+        mScene->dumpState(&printer);
+        return printer.lines[1].find(
+                   "{ #DQBUF=4 #ReqDone=4 #QBUF=4 #mRequestDoneObservers=0 "
+                   ".mActive=1 }") != std::string::npos;
+    };
+    while (!drained())
+        std::this_thread::yield();
+    EXPECT_EQ(printer.lines[0], "<<Scene>> state=STARTED #Request(Queued,Done)=(2,2)");
+    EXPECT_EQ(printer.lines[2], "    mPortObserverMap[2]={ (0x1) (0) }");
+    EXPECT_THAT(printer.lines.back(), HasSubstr("V4L2VideoDevice: 100 -> /dev/v0 0x0(v0)"));
+    ASSERT_EQ(printer.lines.size(), 6U);
+
+    mKernel.answer(VIDIOC_QBUF, -EINVAL);
+    fill(*request, {1, 0});
+    EXPECT_EQ(mScene->queueRequest(request.get(), 0), -EINVAL);
+    EXPECT_THAT(log(), Contains("E [queueRequest] Failed to queue request: "
+                                "{ .requestFD=200 .state=0 }"));
+    EXPECT_EQ(mScene->stop(), 0);
+    EXPECT_EQ(log(), Lines({"I [stop] + Scene::stop", "I [stop] - Scene::stop"}));
+    EXPECT_NE(info->streamOffEnd.tv_sec, 0);
+    EXPECT_EQ(dumpOf(*mScene)[0], "<<Scene>> state=ACQUIRED #Request(Queued,Done)=(2,2)");
+    EXPECT_THAT(dumpOf(*mScene)[1], HasSubstr(".mActive=0 }"));
+}
+
+TEST_F(SceneTest, StartsAgainWithoutItsMonitor) {
+    open({0});
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(mScene->start(), 0);
+        EXPECT_EQ(mScene->stop(), 0);
+    }
+    EXPECT_EQ(calls(), Lines({"ioctl 100 0x40045612", "ioctl 100 0x40045613",
+                              "ioctl 100 0x40045612", "ioctl 100 0x40045613"}));
+    EXPECT_EQ(dumpOf(*mScene)[2], "    mPortObserverMap[0]={ }");
+}
+
+TEST_F(SceneTest, TellsOfARequestWithAStatusButDequeuesNothing) {
+    struct FailedRequest : Request {
+        using Request::Request;
+        int getStatus() const override { return -EIO; }
+    };
+    open({0});
+    FailedRequest request(mMedia.get(), nullptr, nullptr);
+    EXPECT_EQ(request.toString(), "{ .requestFD=200 .status=-5 .state=0 }");
+    IRequest* heard = nullptr;
+    mScene->setRequestDoneCallback([&](IRequest* done) { heard = done; });
+    int port = 0;
+    mScene->requestDone(&request, &port, 1);
+    EXPECT_EQ(heard, &request);
+    EXPECT_EQ(calls(), Lines());
+    EXPECT_EQ(dumpOf(*mScene)[0], "<<Scene>> state=ACQUIRED #Request(Queued,Done)=(0,1)");
+}
+
+TEST_F(SceneTest, ReportsRefusedStreamsAndGoesOn) {
+    open({0, 1});
+    mKernel.on<uint32_t>(VIDIOC_STREAMON, [](int fd, uint32_t&) { return fd == 101 ? -EIO : 0; });
+    mKernel.answer(VIDIOC_STREAMOFF, -EPIPE);
+    EXPECT_EQ(mScene->start(), 0);
+    EXPECT_EQ(mReports.take(),
+              ReportCapture::of("VIDIOC_STREAMON fail err=-5(Input/output error) <v1>"));
+    EXPECT_EQ(calls().size(), 2U) << "the other port is streamed on";
+    EXPECT_EQ(log(),
+              Lines({"I [start] + Scene::start", "E [start] v1: Failed to start port (streamOn)",
+                     "E [start] Failed to start port: v1", "I [start] - Scene::start"}));
+    EXPECT_EQ(mScene->stop(), 0);
+    Lines reports = ReportCapture::of("VIDIOC_STREAMOFF fail err=-32(Broken pipe) <v1>");
+    for (auto& report : ReportCapture::of("VIDIOC_STREAMOFF fail err=-32(Broken pipe) <v0>"))
+        reports.push_back(report);
+    EXPECT_EQ(mReports.take(), reports);
+    EXPECT_EQ(
+        log(),
+        Lines({"I [stop] + Scene::stop", "E [stop] v1: Failed to stop port (streamOff)",
+               "E [stop] Failed to stop port: v1", "E [stop] v0: Failed to stop port (streamOff)",
+               "E [stop] Failed to stop port: v0", "I [stop] - Scene::stop"}));
+}
+
+TEST_F(SceneTest, DeinitsAPortTwice) {
+    const PortDesc desc = {"v0", 3, "v0", false, false, false};
+    Port port(desc, mMedia.get());
+    EXPECT_EQ(dumpOf(port), Lines());
+    port.deinit();
+    EXPECT_EQ(port.init(), 0);
+    EXPECT_NE(port.getVideoDevice(), nullptr);
+    port.deinit();
+    port.deinit();
+    EXPECT_EQ(port.getVideoDevice(), nullptr);
+    EXPECT_EQ(calls(), Lines({"open /dev/v0 0x802", "close 100"}));
+    EXPECT_EQ(log(), Lines());
+}
+
+TEST_F(SceneTest, EndsOnConsistencyErrors) {
+    open({0});
+    PixelFormat format = {};
+    const auto withoutMedia = [&] {
+        Scene scene(nullptr, mDesc, nullptr);
+        scene.init();
+    };
+    const auto releaseTwice = [&] {
+        mScene->release();
+        mScene->release();
+    };
+    const auto acquireStarted = [&] {
+        mScene->start();
+        mScene->acquire();
+    };
+    expectFatal({
+        {[&] { mScene->acquire(); }, kTag, "acquire", "Bad state transition: 1 -> ACQUIRED"},
+        {acquireStarted, kTag, "acquire", "Bad state transition: 2 -> ACQUIRED"},
+        {releaseTwice, kTag, "release", "Bad state transition: 0 -> IDLE"},
+        {[&] { mScene->queueRequest(nullptr, 0); }, kTag, "queueRequest", "Bad request"},
+        {[&] { mScene->getFormat(nullptr, format); }, kTag, "getFormat", "port == nullptr"},
+        {[&] { mScene->setFormat(nullptr, format); }, kTag, "setFormat", "port == nullptr"},
+        {[&] { mScene->importBuffer(nullptr, 1); }, kTag, "importBuffer", "port == nullptr"},
+        {[&] { mScene->iteratePorts(nullptr); }, kTag, "iteratePorts", "Bad function"},
+        {withoutMedia, kTag, "init", "IV4L2VideoDevice::make: v0"},
+    });
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::test

@@ -1,0 +1,350 @@
+#include "VideoDeviceTest.h"
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <thread>
+
+namespace NSVista::NSCorvane::test {
+namespace {
+
+TEST_F(VideoDeviceTest, ImportsBuffers) {
+    const struct {
+        int count, driver, result;
+        const char *free, *memory, *line;
+    } cases[] = {
+        {1, 1, 0, "0x1", "V4L2_MEMORY_DMABUF #REQBUFS=1", ""},
+        {3, 5, 0, "0x7", "V4L2_MEMORY_DMABUF #REQBUFS=3", ""},
+        {63, 63, 0, "0x7fffffffffffffff", "V4L2_MEMORY_DMABUF #REQBUFS=63", ""},
+        {64, 64, 0, "0xffffffffffffffff", "V4L2_MEMORY_DMABUF #REQBUFS=64", ""},
+        {0, 0, 0, "0xffffffffffffffff", "V4L2_MEMORY_DMABUF #REQBUFS=0", ""},
+        {40, 32, -ENOMEM, "0xffffffffff", " 0 #REQBUFS=40", "Not enough buffer count: 40"},
+        {2, -EBUSY, -EBUSY, "0x3", " 0 #REQBUFS=2", "VIDIOC_REQBUFS count=2 ret=-16): "},
+        {-1, 0, -EINVAL, "0x0", " 0 #REQBUFS=0 Free=0x0 0 }", "Bad count=-1"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.count);
+        mDevice = std::make_shared<V4L2VideoDevice>(0x1a, "dip", "/dev/video3");
+        mDevice->openDevice();
+        mKernel.on<v4l2_requestbuffers>(VIDIOC_REQBUFS, [&](int, v4l2_requestbuffers& request) {
+            EXPECT_EQ(request.count, static_cast<uint32_t>(c.count));
+            EXPECT_EQ(request.type, 9U);
+            EXPECT_EQ(request.memory, static_cast<uint32_t>(V4L2_MEMORY_DMABUF));
+            if (c.driver >= 0)
+                request.count = static_cast<uint32_t>(c.driver);
+            return std::min(c.driver, 0);
+        });
+        mKernel.takeCalls();
+        EXPECT_EQ(mDevice->importBuffer(c.count), c.result);
+        EXPECT_EQ(mKernel.takeCalls().size(), c.count < 0 ? 0U : 1U);
+        EXPECT_EQ(free(), c.free);
+        EXPECT_THAT(mDevice->toString(), testing::HasSubstr(c.memory));
+        EXPECT_EQ(mLog.take(),
+                  *c.line != '\0' ? Lines({std::string("E [importBuffer] ") + c.line}) : Lines());
+        EXPECT_EQ(mReports.take(),
+                  c.result == -EBUSY
+                      ? ReportCapture::of("VIDIOC_REQBUFS fail err=-16(Device or resource busy)")
+                      : Lines());
+        mDevice->closeDevice();
+    }
+}
+
+TEST_F(VideoDeviceTest, ReleasesBuffersWithTheMemoryTypeItHas) {
+    open(2);
+    EXPECT_EQ(mDevice->releaseBuffer(), 0);
+    EXPECT_EQ(mRequested, "count=0 type=9 memory=4");
+    EXPECT_EQ(free(), "0x3");
+    mKernel.answer(VIDIOC_REQBUFS, -EBUSY);
+    EXPECT_EQ(mDevice->releaseBuffer(), -EBUSY);
+    EXPECT_EQ(mLog.take(), Lines({"E [releaseBuffer] Failed to release buffer: -16"}));
+    EXPECT_EQ(mReports.take(),
+              ReportCapture::of("VIDIOC_REQBUFS fail err=-16(Device or resource busy)"));
+}
+
+TEST_F(VideoDeviceTest, TakesTheLowestFreeIndexAndSleepsWithoutOne) {
+    open(3);
+    for (const int index : {0, 1, 2})
+        EXPECT_EQ(mDevice->acquireBufferIndex(), index);
+    Lines lines;
+    const auto logged = [&](const char* line) {
+        while (lines.empty() || lines.back() != line) {
+            std::this_thread::yield();
+            for (auto& more : mLog.take())
+                lines.push_back(more);
+        }
+    };
+    auto first = std::async(std::launch::async, [&] { return mDevice->acquireBufferIndex(); });
+    logged("W [operator()] wait for buffer index");
+    lines.clear();
+    auto second = std::async(std::launch::async, [&] { return mDevice->acquireBufferIndex(); });
+    logged("W [operator()] wait for buffer index");
+    lines.clear();
+    mDevice->releaseBufferIndex(1);  // wakes both; one of them sleeps again
+    logged("W [operator()] wait for buffer index");
+    EXPECT_EQ(lines, Lines({"W [releaseBufferIndex] free buf bitset: 0 -> 0x2",
+                            "W [operator()] wait for buffer index"}));
+    mDevice->releaseBufferIndex(2);
+    EXPECT_EQ(first.get() + second.get(), 3);
+    mLog.take();
+    mDevice->releaseBufferIndex(2);
+    mDevice->releaseBufferIndex(0);
+    EXPECT_EQ(mLog.take(), Lines({"W [releaseBufferIndex] free buf bitset: 0 -> 0x4"}));
+    EXPECT_EQ(free(), "0x5");
+}
+
+TEST_F(VideoDeviceTest, NeverHandsOutAnIndexTwice) {
+    open(3);
+    mLog.setLevel(Utils::ULog::kError);
+    std::atomic<int> holders[3] = {};
+    std::atomic<bool> shared{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 2000; ++round) {
+                const int index = mDevice->acquireBufferIndex();
+                shared = shared || holders[index].fetch_add(1) != 0;
+                holders[index].fetch_sub(1);
+                mDevice->releaseBufferIndex(static_cast<unsigned>(index));
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_FALSE(shared);
+    EXPECT_EQ(free(), "0x7");
+}
+
+std::string textOf(const v4l2_buffer& buffer) {
+    char text[512];
+    int length = snprintf(text, sizeof(text),
+                          "index=%u type=%u memory=%u flags=%#x request=%d length=%u offset=%u",
+                          buffer.index, buffer.type, buffer.memory, buffer.flags, buffer.request_fd,
+                          buffer.length, buffer.reserved2);
+    if (!V4L2_TYPE_IS_MULTIPLANAR(buffer.type))
+        return std::string(text) + " fd=" + std::to_string(buffer.m.fd);
+    for (uint32_t i = 0; i < 3; ++i) {
+        const v4l2_plane& plane = buffer.m.planes[i];
+        length +=
+            snprintf(text + length, sizeof(text) - static_cast<size_t>(length),
+                     " | fd=%d offset=%u length=%u", plane.m.fd, plane.reserved[2], plane.length);
+        EXPECT_EQ(plane.bytesused + plane.data_offset + plane.reserved[0] + plane.reserved[1], 0U);
+    }
+    return text;
+}
+
+/** What a buffer of two planes, or of one, becomes. */
+struct QueueCase {
+    uint32_t caps;
+    bool dmabuf;
+    const char* sent;
+    Lines refused;  ///< lines between the first two and the length
+    const char* length;
+    Lines after = {};
+};
+
+class VideoQueue : public VideoDeviceTest, public testing::WithParamInterface<QueueCase> {};
+
+TEST_P(VideoQueue, SendsTheBufferAndReportsItsRefusal) {
+    const QueueCase& c = GetParam();
+    setCaps(c.caps);
+    open(2, c.dmabuf ? -1 : 1);
+    std::string sent;
+    char planes[32] = "";
+    int result = 0;
+    mKernel.on<v4l2_buffer>(VIDIOC_QBUF, [&](int, v4l2_buffer& buffer) {
+        sent = textOf(buffer);
+        snprintf(planes, sizeof(planes), "%p", static_cast<void*>(buffer.m.planes));
+        EXPECT_EQ(buffer.bytesused + buffer.field, 0U);
+        if (result == 0) {  // as the kernel does
+            buffer.request_fd = 0;
+            buffer.flags = V4L2_BUF_FLAG_QUEUED;
+            buffer.index = 7;
+        }
+        return result;
+    });
+    const bool multi = (c.caps & 0x3000) != 0;
+    mDevice->setMonitor(mMonitor);
+    EXPECT_EQ(queue(multi ? 2 : 1), 0);
+    const std::string memory = c.dmabuf ? "4" : "0";
+    const std::string type = std::string(c.sent).substr(0, std::string(c.sent).find(' '));
+    const std::string rest = std::string(c.sent).substr(type.size());
+    EXPECT_EQ(sent,
+              "index=0 type=" + type + " memory=" + memory + " flags=0x800000 request=200" + rest);
+    EXPECT_EQ(mMonitor->take(), Lines({"attach 26", "queued 200 0"}));
+
+    result = -EINVAL;
+    EXPECT_EQ(queue(multi ? 2 : 1), -EINVAL);
+    Lines expected = {"Failed to queue buffer dip: -22", "buffer index(1), type(" + type +
+                                                             "), memory(" + memory +
+                                                             "), flags(0x800000), request(200)"};
+    expected.insert(expected.end(), c.refused.begin(), c.refused.end());
+    expected.push_back(
+        std::string("buffer length(") + c.length +
+        (multi ? std::string("), multi planes(") + planes + ")" : std::string("), single plane")));
+    expected.insert(expected.end(), c.after.begin(), c.after.end());
+    for (auto& line : expected)
+        line.insert(0, "E [queueBuffer] ");
+    EXPECT_EQ(mLog.take(), expected);
+    EXPECT_EQ(mMonitor->take(), Lines());
+    EXPECT_EQ(free(), "0x0") << "a refused buffer keeps its index";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    TypesAndMemories, VideoQueue,
+    testing::Values(
+        QueueCase{0x1,
+                  true,
+                  "1 length=500 offset=50 fd=5",
+                  {"single buffer plane(0), fd(5), offset(50)"},
+                  "500"},
+        QueueCase{0x2,
+                  true,
+                  "2 length=500 offset=50 fd=5",
+                  {"single buffer plane(0), fd(5), offset(50)"},
+                  "500",
+                  {"single buffer plane(0), used(0)"}},
+        QueueCase{0x800000,
+                  true,
+                  "13 length=500 offset=50 fd=5",
+                  {"single buffer plane(0), fd(5), offset(50)"},
+                  "500"},
+        QueueCase{0x8000000,
+                  true,
+                  "14 length=500 offset=50 fd=5",
+                  {"single buffer plane(0), fd(5), offset(50)"},
+                  "500",
+                  {"single buffer plane(0), used(0)"}},
+        QueueCase{0x1000,
+                  true,
+                  "9 length=2 offset=0 | fd=5 offset=50 length=0 | fd=6 offset=60 length=0"
+                  " | fd=0 offset=0 length=0",
+                  {"multi buffer plane(0), fd(5), offset(50)",
+                   "multi buffer plane(1), fd(6), offset(60)"},
+                  "2"},
+        QueueCase{0x2000,
+                  true,
+                  "10 length=2 offset=0 | fd=5 offset=50 length=500 | fd=6 offset=60 length=600"
+                  " | fd=0 offset=0 length=0",
+                  {"multi buffer plane(0), fd(5), offset(50)",
+                   "multi buffer plane(1), fd(6), offset(60)"},
+                  "2",
+                  {"multi buffer plane(0), used(0), length(500)",
+                   "multi buffer plane(1), used(0), length(600)"}},
+        QueueCase{0x1, false, "1 length=500 offset=0 fd=0", {}, "500"},
+        QueueCase{0x2000,
+                  false,
+                  "10 length=2 offset=0 | fd=0 offset=0 length=500 | fd=0 offset=0 length=600"
+                  " | fd=0 offset=0 length=0",
+                  {},
+                  "2",
+                  {"multi buffer plane(0), used(0), length(500)",
+                   "multi buffer plane(1), used(0), length(600)"}}));
+
+TEST_F(VideoDeviceTest, RefusesMorePlanesThanABufferHasAndQueuesWithoutARequest) {
+    open(2);
+    std::string sent;
+    mKernel.on<v4l2_buffer>(VIDIOC_QBUF, [&](int, v4l2_buffer& buffer) {
+        sent = textOf(buffer);
+        return 0;
+    });
+    EXPECT_EQ(dumpOf(*mDevice), Lines());
+    EXPECT_EQ(queue(4), -EINVAL);
+    EXPECT_EQ(mLog.take(), Lines({"E [queueBuffer] Bad plane count: 4 > 3"}));
+    EXPECT_EQ(free(), "0x3");
+    EXPECT_EQ(mDevice->queueBuffer(bufferOf(3), nullptr, 0), 0);
+    EXPECT_EQ(sent,
+              "index=0 type=9 memory=4 flags=0 request=0 length=3 offset=0"
+              " | fd=5 offset=50 length=0 | fd=6 offset=60 length=0"
+              " | fd=7 offset=70 length=0");
+    EXPECT_EQ(mDevice->queueBuffer(bufferOf(0), nullptr, 0), 0);
+
+    const std::string state = mDevice->toString();
+    EXPECT_EQ(dumpOf(*mDevice), Lines({state}));
+    EXPECT_THAT(state,
+                testing::MatchesRegex("V4L2VideoDevice: 100 -> /dev/video3 0x1a.dip. Cap=0x4001000 "
+                                      "V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE . V4L2_MEMORY_DMABUF "
+                                      "#REQBUFS=2 Free=0x0 0x[0-9a-f]+ ."));
+    mLog.setLevel(Utils::ULog::kKeyEvent);
+    mDevice->closeDevice();
+    const std::string closed = mDevice->toString();
+    mDevice.reset();
+    EXPECT_EQ(mLog.take(), Lines({"K [~V4L2VideoDevice] " + closed + "  #DECKEY"}));
+}
+
+TEST_F(VideoDeviceTest, Dequeues) {
+    open(2);
+    mDevice->setMonitor(mMonitor);
+    EXPECT_EQ(mDevice->acquireBufferIndex(), 0);
+    EXPECT_EQ(mDevice->acquireBufferIndex(), 1);
+    mMonitor->take();
+    int again = 9;
+    mKernel.on<v4l2_buffer>(VIDIOC_DQBUF, [&](int, v4l2_buffer& buffer) {
+        EXPECT_EQ(buffer.type, 9U);
+        EXPECT_EQ(buffer.memory, static_cast<uint32_t>(V4L2_MEMORY_DMABUF));
+        EXPECT_EQ(buffer.length, 8U);
+        for (uint32_t i = 0; i < 8; ++i)
+            EXPECT_EQ(buffer.m.planes[i].length, 0U);
+        if (again-- > 0)
+            return -EAGAIN;
+        buffer.index = 1;
+        buffer.flags = V4L2_BUF_FLAG_REQUEST_FD | V4L2_BUF_FLAG_ERROR;
+        buffer.request_fd = 201;
+        return 0;
+    });
+    EXPECT_EQ(mDevice->dequeBuffer(), -1) << "the buffer is in error";
+    EXPECT_EQ(mKernel.takeCalls().size(), 10U);
+    EXPECT_EQ(mMonitor->take(), Lines({"dequeued 201 1"}));
+    EXPECT_EQ(free(), "0x2");
+
+    giveBack(0, V4L2_BUF_FLAG_REQUEST_FD);
+    EXPECT_EQ(mDevice->dequeBuffer(), 0);
+    mDevice->onNotify(0);
+    mDevice->startToDequeueBuffer();
+    EXPECT_EQ(mMonitor->take(), Lines({"dequeued 201 0", "dequeued 201 0", "dequeued 201 0"}));
+    mLog.take();
+
+    mKernel.answer(VIDIOC_DQBUF, -EPIPE);
+    EXPECT_EQ(mDevice->dequeBuffer(), -1);
+    EXPECT_EQ(mLog.take(), Lines({"E [dequeBuffer] Failed to dequeue buffer: -32"}));
+    EXPECT_EQ(mMonitor->take(), Lines());
+}
+
+TEST_F(VideoDeviceTest, TakesTheTenthEagainForABuffer) {
+    open(1);
+    mDevice->setMonitor(mMonitor);
+    mMonitor.reset();  // held weakly: from here on it is skipped
+    EXPECT_EQ(mDevice->acquireBufferIndex(), 0);
+    mKernel.answer(VIDIOC_DQBUF, -EAGAIN);
+    EXPECT_EQ(mDevice->dequeBuffer(), 0);
+    EXPECT_EQ(mKernel.takeCalls().size(), 10U);
+    EXPECT_EQ(free(), "0x1");
+}
+
+TEST_F(VideoDeviceTest, EndsOnConsistencyErrorsOfBuffers) {
+    open(2);
+    mKernel.answer(VIDIOC_QBUF, 0);
+    giveBack(0, 0);
+    const auto acquireOfNone = [this] {
+        mDevice->importBuffer(0);
+        mDevice->acquireBufferIndex();
+    };
+    const auto queueMonitored = [this] {
+        mDevice->setMonitor(mMonitor);
+        mDevice->queueBuffer(bufferOf(1), nullptr, 0);
+    };
+    const auto dequeueMonitored = [this] {
+        mDevice->setMonitor(mMonitor);
+        mDevice->dequeBuffer();
+    };
+    expectFatal({
+        {[this] { mDevice->importBuffer(65); }, kVideoTag, "importBuffer",
+         "Not support count=65 > 64"},
+        {acquireOfNone, kVideoTag, "acquireBufferIndex", "index:0 out of range"},
+        {[this] { mDevice->releaseBufferIndex(2); }, kVideoTag, "releaseBufferIndex",
+         "Bad index:2 2"},
+        {queueMonitored, kVideoTag, "queueBuffer", "Not supported: no V4L2_BUF_FLAG_REQUEST_FD"},
+        {dequeueMonitored, kVideoTag, "dequeBuffer", "Not supported: no V4L2_BUF_FLAG_REQUEST_FD"},
+    });
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::test
