@@ -164,19 +164,25 @@ std::string planeSizeText(const QueueFormat::Plane& plane) {
     return bytesText(plane.size);
 }
 
-std::string offersText(const QueueFormat& queue) {
-    std::string text;
-    for (const uint32_t fourcc : queue.supported)
-        text += (text.empty() ? "" : " ") + fourccText(fourcc);
-    return text;
+/** Prints the fourccs that a queue offers, in lines of bearable length. */
+void printOffers(const Entity& entity, const QueueFormat& queue) {
+    constexpr size_t kPerLine = 12;
+    for (size_t i = 0; i < queue.supported.size(); i++) {
+        if (i == 0)
+            printf("  %-15s  ", entity.devnode.c_str());
+        else if (i % kPerLine == 0)
+            printf("\n  %-15s  ", "");
+        printf("%s ", fourccText(queue.supported[i]).c_str());
+    }
+    if (!queue.supported.empty())
+        printf("\n");
 }
 
-void addFormatRows(const Entity& entity, std::vector<Row>& rows) {
-    const NodeFormats formats = readFormats(entity.devnode);
+void addFormatRows(const Entity& entity, const NodeFormats& formats, std::vector<Row>& rows) {
     for (const QueueFormat& queue : formats.queues)
         rows.push_back({entity.devnode, entity.name, queue.type, fourccText(queue.format),
                         sizeText(queue), planesText(queue, strideText),
-                        planesText(queue, planeSizeText), offersText(queue)});
+                        planesText(queue, planeSizeText)});
     if (formats.error < 0)
         rows.push_back({entity.devnode, entity.name, strerror(-formats.error)});
     else if (formats.queues.empty())
@@ -184,16 +190,28 @@ void addFormatRows(const Entity& entity, std::vector<Row>& rows) {
 }
 
 void printFormats(const Device& device) {
+    std::vector<std::pair<const Entity*, NodeFormats>> nodes;
     std::vector<Row> rows = {
-        {"node", "entity", "queue", "format", "size", "stride, B", "planes, B", "offers"}};
+        {"node", "entity", "queue", "format", "size", "stride, B", "planes, B"}};
+    bool offers = false;
     for (const Entity& entity : device.entities) {
-        if (entity.isVideoNode() && !entity.devnode.empty())
-            addFormatRows(entity, rows);
+        if (!entity.isVideoNode() || entity.devnode.empty())
+            continue;
+        const auto& formats = nodes.emplace_back(&entity, readFormats(entity.devnode)).second;
+        addFormatRows(entity, formats, rows);
+        for (const QueueFormat& queue : formats.queues)
+            offers = offers || !queue.supported.empty();
     }
-    if (rows.size() == 1)
+    if (nodes.empty())
         return;
     printf("\nFormats\n");
     printTable(rows);
+    if (offers)
+        printf("\nFormats offered\n");
+    for (const auto& [entity, formats] : nodes) {
+        for (const QueueFormat& queue : formats.queues)
+            printOffers(*entity, queue);
+    }
 }
 
 }  // namespace
