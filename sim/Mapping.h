@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 
