@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,10 +42,26 @@ public:
     const std::vector<PortEntity>& ports() const { return mPorts; }
     /** The virtual engine's device; null on a real kernel. */
     sim::Device* virtualDevice() const { return mDevice; }
-    sim::Faults& faults() const { return mEngine->faults(); }
+    /** The device can be made to fail. */
+    bool fails() const { return drawsTestPicture(); }
+    /**
+     * Makes the @p nth call of an operation from now on fail, once.
+     * @param operation "querycap", "qbuf", "setup_link", "aloc_buf": the ioctl's name in lower
+     * case.
+     * @param error an errno.
+     */
+    void fail(const std::string& operation, int error, unsigned nth = 1) const;
+    /** Makes the first port's next buffer come back in error. */
+    void failBuffer() const;
+    /** Makes the next VIDIOC_REQBUFS that is granted grant one buffer only. */
+    void grantOneBuffer() const;
+    /** Takes back what fail() and grantOneBuffer() have set up. */
+    void behave() const;
     /** Frames are numbered and drawn as the virtual engine's. */
     bool drawsTestPicture() const { return mModel == "vengine"; }
     std::shared_ptr<IMediaDevice> search() const;
+    /** A link's flags as the kernel has them now. */
+    uint32_t linkFlags(const PortLink& link) const;
     client::IDmaBufSource& source() const { return *mSource; }
     /** Descriptors that the device under test still counts as open. */
     size_t openFiles() const { return mEngine != nullptr ? mEngine->openFiles() : 0; }

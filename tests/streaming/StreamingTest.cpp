@@ -13,61 +13,12 @@
 #include <future>
 #include <tuple>
 
-#include "Rig.h"
+#include "StreamingFixture.h"
 
 namespace NSVista::NSCorvane::test {
 namespace {
 
-using Utils::Properties::property_set;
-using Utils::ULog::RingULogger;
-using Utils::ULog::ULogger;
 using namespace std::chrono_literals;
-
-constexpr char kModeProperty[] = "persist.vendor.camera.corvane.V4L2BufferMonitor.configmode";
-constexpr char kTraceBufProperty[] = "persist.vendor.camera.corvane.V4L2BufferMonitor.tracebuf";
-
-/** Catches the log and the endings, and checks that nothing is left behind. */
-class Streaming : public testing::Test {
-protected:
-    void SetUp() override {
-        Platform::instance();
-        ULogger::install(&mLog);
-        ULogger::sMode = 2;
-        Utils::setExceptionHandler([this](const char*, const char*) { ++reports; });
-        Utils::setTerminateHandler([] {});
-    }
-    void TearDown() override {
-        if (auto* device = Platform::instance().virtualDevice()) {
-            Platform::instance().faults().clear();
-            device->setTiming({});
-            device->resume();
-            EXPECT_EQ(device->counts().requests, 0U);
-        }
-        property_set(kModeProperty, nullptr);
-        property_set(kTraceBufProperty, nullptr);
-        Utils::setExceptionHandler({});
-        Utils::setTerminateHandler({});
-        ULogger::install(nullptr);
-        EXPECT_TRUE(System::openFds().empty());
-        EXPECT_EQ(Platform::instance().openFiles(), 0U);
-    }
-    /** Error lines since the last call. */
-    std::vector<std::string> errors() {
-        std::vector<std::string> texts;
-        for (const auto& line : mLog.take())
-            if (line.level == Utils::ULog::kError)
-                texts.push_back(line.text);
-        return texts;
-    }
-    static size_t portsOrSkip(size_t wanted) {
-        return std::min(wanted, Platform::instance().ports().size());
-    }
-
-    std::atomic<int> reports{0};
-
-private:
-    RingULogger mLog{4096};
-};
 
 /** Ports, buffers (0: as many as the device grants), configuration mode. */
 using CycleParam = std::tuple<size_t, int, const char*>;
@@ -163,14 +114,13 @@ TEST_F(Streaming, QueueingBlocksWithoutAFreeIndexAndWakes) {
 }
 
 TEST_F(Streaming, BufferInErrorIsGivenBackLikeAnyOther) {
-    auto* const device = Platform::instance().virtualDevice();
-    if (device == nullptr)
+    if (!Platform::instance().fails())
         GTEST_SKIP() << "needs a device that fails on demand";
     for (const char* mode : {"0", "1"}) {
         property_set(kModeProperty, mode);
         Rig rig(1);
         ASSERT_EQ(rig.start(2), 0);
-        device->failBuffer(Platform::instance().ports()[0].name);
+        Platform::instance().failBuffer();
         for (uint64_t i = 0; i < 4; ++i) {
             rig.fill(i % 2);
             ASSERT_EQ(rig.queue(i % 2), 0);
@@ -285,52 +235,42 @@ TEST_F(Streaming, FormatsOfEveryClassReadBackAsSet) {
 
 /** A fault during init, and the first error line it gives. */
 struct InitFault {
-    const char* name;
-    sim::Operation operation;
-    unsigned long code;
+    const char* operation;
     unsigned nth;
     int error;
-    int reports;
     const char* line;
 };
 
 class InitFailure : public Streaming, public testing::WithParamInterface<InitFault> {};
 
 TEST_P(InitFailure, UndoesWhatWasDone) {
-    auto* const device = Platform::instance().virtualDevice();
-    if (device == nullptr)
+    const Platform& platform = Platform::instance();
+    if (!platform.fails())
         GTEST_SKIP() << "needs a device that fails on demand";
     const InitFault& fault = GetParam();
     {
         Rig rig(4);
-        const sim::Call call =
-            fault.code != 0 ? sim::Call::ioctl(fault.code)
-                            : sim::Call{fault.operation, 0,
-                                        device->nodePath(Platform::instance().ports()[2].name)};
-        Platform::instance().faults().fail(call, fault.error, fault.nth);
+        platform.fail(fault.operation, fault.error, fault.nth);
         EXPECT_EQ(rig.init(), -1);
         const auto lines = errors();
         ASSERT_FALSE(lines.empty());
         EXPECT_EQ(lines.front(), fault.line);
-        EXPECT_EQ(reports, fault.reports);
-        for (const auto& link : Platform::instance().ports()[0].links)
-            EXPECT_EQ(device->linkFlags(link.source, link.sourcePad, link.sink, link.sinkPad) &
-                          MEDIA_LNK_FL_ENABLED,
-                      0);
+        EXPECT_EQ(reports, 1);
+        for (const auto& port : platform.ports())
+            for (const auto& link : port.links)
+                EXPECT_EQ(platform.linkFlags(link) & MEDIA_LNK_FL_ENABLED, 0U) << port.name;
     }
     Rig next(4);
     EXPECT_EQ(next.init(), 0) << "the device is as good as before";
+    EXPECT_EQ(platform.linkFlags(platform.ports()[0].links[0]), MEDIA_LNK_FL_ENABLED);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, InitFailure,
-    testing::Values(InitFault{"open", sim::Operation::OPEN, 0, 1, ENOENT, 0,
-                              "[init] vengine-mirror: Failed to open port"},
-                    InitFault{"querycap", sim::Operation::IOCTL, VIDIOC_QUERYCAP, 3, EIO, 1,
-                              "[openDevice] Failed to query device capability: -5"},
-                    InitFault{"link", sim::Operation::IOCTL, MEDIA_IOC_SETUP_LINK, 2, EBUSY, 1,
-                              "[enableLink] MEDIA_IOC_SETUP_LINK fail err=-16"}),
-    [](const auto& test) { return std::string(test.param.name); });
+    testing::Values(
+        InitFault{"querycap", 3, EIO, "[openDevice] Failed to query device capability: -5"},
+        InitFault{"setup_link", 2, ENOLINK, "[enableLink] MEDIA_IOC_SETUP_LINK fail err=-67"}),
+    [](const auto& test) { return std::string(test.param.operation); });
 
 }  // namespace
 }  // namespace NSVista::NSCorvane::test
