@@ -6,9 +6,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <corvane/client/VideoNode.h>
 #include <algorithm>
 #include <cerrno>
-#include <corvane/client/VideoNode.h>
 #include <limits>
 #include <utility>
 

@@ -222,7 +222,8 @@ void EpollEventMonitor::Loop::dumpState(IPrinter* printer) const {
                                  watch.added ? "" : " (not watched before its first re-arm)");
 }
 
-EpollEventMonitor::EpollEventMonitor(std::shared_ptr<Loop> loop) : mLoop(std::move(loop)) {}
+EpollEventMonitor::EpollEventMonitor(std::shared_ptr<Loop> loop) : mLoop(std::move(loop)) {
+}
 
 std::shared_ptr<EpollEventMonitor> EpollEventMonitor::make(std::string threadName) {
     auto loop = std::make_shared<Loop>(std::move(threadName));

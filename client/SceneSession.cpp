@@ -82,10 +82,14 @@ bool SceneSession::describe() {
         mPortDescs.push_back(
             {port.name.c_str(), port.index, port.entity.c_str(), true, false, false});
     for (const SessionLink& link : mDesc.links)
-        mLinkDescs.push_back({link.sourceEntity.c_str(), link.sourcePad, link.sinkEntity.c_str(),
-                              link.sinkPad});
-    mSceneDesc = {mDesc.name.c_str(), this, static_cast<int32_t>(mPortDescs.size()),
-                  mPortDescs.data(), static_cast<int32_t>(mLinkDescs.size()), mLinkDescs.data()};
+        mLinkDescs.push_back(
+            {link.sourceEntity.c_str(), link.sourcePad, link.sinkEntity.c_str(), link.sinkPad});
+    mSceneDesc = {mDesc.name.c_str(),
+                  this,
+                  static_cast<int32_t>(mPortDescs.size()),
+                  mPortDescs.data(),
+                  static_cast<int32_t>(mLinkDescs.size()),
+                  mLinkDescs.data()};
     return true;
 }
 
@@ -337,8 +341,8 @@ std::vector<PortStatistics> SceneSession::statistics() const {
     }
     std::vector<PortStatistics> result;
     for (const SessionPort& port : mDesc.ports) {
-        const uint64_t left = mLeftWithDriver.empty() ? withDriver(port)
-                                                      : mLeftWithDriver[result.size()];
+        const uint64_t left =
+            mLeftWithDriver.empty() ? withDriver(port) : mLeftWithDriver[result.size()];
         result.push_back({port.name, queued, queued - std::min(left, queued)});
     }
     return result;

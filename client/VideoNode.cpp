@@ -48,8 +48,8 @@ int queryVideoNode(const std::string& path, VideoNode& node) {
     v4l2_capability caps{};
     if (const int result = fd.ioctl(VIDIOC_QUERYCAP, &caps); result < 0)
         return result;
-    node.capabilities = (caps.capabilities & V4L2_CAP_DEVICE_CAPS) != 0 ? caps.device_caps
-                                                                         : caps.capabilities;
+    node.capabilities =
+        (caps.capabilities & V4L2_CAP_DEVICE_CAPS) != 0 ? caps.device_caps : caps.capabilities;
     node.bufferType = bufferTypeOf(node.capabilities);
     if (node.bufferType == 0)
         return 0;
@@ -60,6 +60,17 @@ int queryVideoNode(const std::string& path, VideoNode& node) {
     node.takesRequests = fd.ioctl(VIDIOC_REQBUFS, &request) >= 0 &&
                          (request.capabilities & V4L2_BUF_CAP_SUPPORTS_REQUESTS) != 0;
     return 0;
+}
+
+int setFrameRate(const std::string& path, uint32_t bufferType, uint32_t perSecond) {
+    NodeFd fd(path.c_str(), O_RDWR | O_NONBLOCK);
+    if (!fd)
+        return fd.error();
+    v4l2_streamparm parameters{};
+    parameters.type = bufferType;
+    parameters.parm.capture.timeperframe = {1, perSecond};
+    const int result = fd.ioctl(VIDIOC_S_PARM, &parameters);
+    return result < 0 ? result : 0;
 }
 
 }  // namespace NSVista::NSCorvane::client

@@ -141,9 +141,11 @@ TEST_F(SceneSessionTest, TakesNoMoreRequestsThanBuffers) {
     EXPECT_EQ(session->inFlight(), 3U);
     EXPECT_EQ(session->wait(10ms, {}), -ETIMEDOUT);
     mEngine.device().completeNext();
-    EXPECT_EQ(session->wait(5s, [&](SessionRequest&) {
-        EXPECT_EQ(session->submit({}), -EAGAIN) << "still being inspected";
-    }), 0);
+    EXPECT_EQ(session->wait(5s,
+                            [&](SessionRequest&) {
+                                EXPECT_EQ(session->submit({}), -EAGAIN) << "still being inspected";
+                            }),
+              0);
     EXPECT_EQ(session->submit({}), 0);
     mEngine.device().resume();
     EXPECT_EQ(session->drain(5s), 0);

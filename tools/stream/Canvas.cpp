@@ -46,7 +46,8 @@ const uint8_t* glyphOf(char character) {
 }  // namespace
 
 Canvas::Canvas(uint32_t width, uint32_t height, Rgb background)
-    : mWidth(width), mHeight(height), mPixels(size_t{width} * height, background) {}
+    : mWidth(width), mHeight(height), mPixels(size_t{width} * height, background) {
+}
 
 void Canvas::fill(uint32_t x, uint32_t y, uint32_t width, uint32_t height, Rgb color) {
     for (uint32_t row = y; row < std::min(y + height, mHeight); ++row)

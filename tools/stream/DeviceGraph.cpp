@@ -59,13 +59,20 @@ std::vector<NodePort> portsOf(const mc::MediaTopology& topology) {
 
 const char* describe(const client::VideoNode& node) {
     switch (node.bufferType) {
-        case V4L2_BUF_TYPE_VIDEO_CAPTURE: return "capture";
-        case V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE: return "capture, multi-planar";
-        case V4L2_BUF_TYPE_VIDEO_OUTPUT: return "output";
-        case V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE: return "output, multi-planar";
-        case V4L2_BUF_TYPE_META_CAPTURE: return "metadata capture";
-        case V4L2_BUF_TYPE_META_OUTPUT: return "metadata output";
-        default: return "";
+        case V4L2_BUF_TYPE_VIDEO_CAPTURE:
+            return "capture";
+        case V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE:
+            return "capture, multi-planar";
+        case V4L2_BUF_TYPE_VIDEO_OUTPUT:
+            return "output";
+        case V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE:
+            return "output, multi-planar";
+        case V4L2_BUF_TYPE_META_CAPTURE:
+            return "metadata capture";
+        case V4L2_BUF_TYPE_META_OUTPUT:
+            return "metadata output";
+        default:
+            return "";
     }
 }
 
@@ -139,10 +146,10 @@ std::vector<NodePort> DeviceGraph::choose(const std::string& wish) const {
     std::istringstream words(wish);
     for (std::string word; std::getline(words, word, ',');) {
         const NodePort* const port = findPort(word);
-        const bool twice = port != nullptr &&
-                           std::any_of(chosen.begin(), chosen.end(), [port](const auto& other) {
-                               return other.index == port->index;
-                           });
+        const bool twice =
+            port != nullptr && std::any_of(chosen.begin(), chosen.end(), [port](const auto& other) {
+                return other.index == port->index;
+            });
         if (port == nullptr || twice) {
             fprintf(stderr, "corvane-stream: %s port \"%s\" (--list shows the ports)\n",
                     twice ? "twice the" : "no", word.c_str());

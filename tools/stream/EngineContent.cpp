@@ -70,8 +70,7 @@ std::string EngineContent::findStrangeFormat(const std::vector<NodePort>& ports,
                                              const client::SceneSession& session) {
     for (size_t port = 0; port < ports.size(); ++port) {
         const PixelFormat& format = session.format(port);
-        const vengine_layout layout =
-            vengine_layout_of(format.format, format.width, format.height);
+        const vengine_layout layout = vengine_layout_of(format.format, format.width, format.height);
         const bool isMeta = ports[port].node.isMeta();
         bool fits = isMeta ? format.planes[0].size >= VENGINE_META_SIZE
                            : layout.num_planes == format.planeCount;
@@ -207,8 +206,7 @@ uint32_t EngineContent::readFrameNumber(size_t port, const client::FrameMapping&
     ones.frame = ~0U;
     uint32_t frame = 0;
     for (uint32_t bit = 0; bit < 32; ++bit) {
-        const uint32_t x =
-            role.role == VENGINE_ROLE_MIRROR ? picture.width - 1 - 2 * bit : 2 * bit;
+        const uint32_t x = role.role == VENGINE_ROLE_MIRROR ? picture.width - 1 - 2 * bit : 2 * bit;
         const uint32_t y = role.role == VENGINE_ROLE_FLIP ? picture.height - 1 : 0;
         const vengine_yuv one =
             vengine_capture_pixel(&ones, role.role, picture.width, picture.height, x, y);

@@ -16,7 +16,8 @@ constexpr const char kUser[] = "STREAM";
 
 EventPrinter::EventPrinter()
     : mSubDevice(IDefaultSubDeviceProvider::instance()->acquire(kUser)),
-      mMonitor(client::EpollEventMonitor::make("Stream-Events")) {}
+      mMonitor(client::EpollEventMonitor::make("Stream-Events")) {
+}
 
 std::unique_ptr<EventPrinter> EventPrinter::start() {
     std::unique_ptr<EventPrinter> printer(new EventPrinter);

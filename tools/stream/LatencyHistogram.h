@@ -33,8 +33,8 @@ public:
     Duration greatest() const { return Duration(mGreatest); }
     /** The duration that a share (0 to 1) of all do not exceed. */
     Duration quantile(double share) const {
-        const uint64_t wanted = std::max<uint64_t>(
-            1, static_cast<uint64_t>(share * static_cast<double>(mCount) + 0.5));
+        const uint64_t wanted =
+            std::max<uint64_t>(1, static_cast<uint64_t>(share * static_cast<double>(mCount) + 0.5));
         uint64_t seen = 0;
         for (unsigned i = 0; i < kBuckets; ++i)
             if ((seen += mBuckets[i]) >= wanted)

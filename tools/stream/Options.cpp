@@ -20,8 +20,7 @@ std::string readSize(const std::string& text, Options& options) {
     char rest = 0;
     unsigned width = 0;
     unsigned height = 0;
-    if (sscanf(text.c_str(), "%5ux%5u%c", &width, &height, &rest) != 2 || width == 0 ||
-        height == 0)
+    if (sscanf(text.c_str(), "%5ux%5u%c", &width, &height, &rest) != 2 || width == 0 || height == 0)
         return "a size is WIDTHxHEIGHT, not \"" + text + "\"";
     options.width = width;
     options.height = height;
@@ -78,6 +77,9 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
            },
            "Four-character code of the video ports' format")
         ->default_str("the driver's");
+    app.add_option("--fps", options.frameRate, "Frames per second of video captures")
+        ->check(CLI::Range(1U, 1000U))
+        ->default_str("the driver's");
     app.add_option("--offset", options.offset,
                    "Bytes before the first plane; above 0 all planes of a buffer share one dma-buf")
         ->check(CLI::Range(0U, 1U << 24))
@@ -112,8 +114,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         ->group(outputGroup);
     app.add_flag("--events", options.events, "Print frame-sync events of the default sub-device")
         ->group(outputGroup);
-    app.add_flag("-v,--verbose", options.verbose, "Log more; up to four times")
-        ->group(outputGroup);
+    app.add_flag("-v,--verbose", options.verbose, "Log more; up to four times")->group(outputGroup);
     app.add_flag("-q,--quiet", options.quiet, "No progress, no warnings")->group(outputGroup);
 
     try {

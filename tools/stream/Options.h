@@ -22,7 +22,8 @@ struct Options {
     unsigned buffers = 0;  ///< per port
     uint32_t width = 0;    ///< 0: the driver's size
     uint32_t height = 0;
-    uint32_t format = 0;  ///< fourcc; 0: the driver's
+    uint32_t format = 0;     ///< fourcc; 0: the driver's
+    uint32_t frameRate = 0;  ///< per second; 0: the driver's
     std::optional<uint32_t> offset;
     bool worker = false;
 

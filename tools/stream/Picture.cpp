@@ -33,8 +33,10 @@ bool Picture::isKnown() const {
         case V4L2_PIX_FMT_UYVY:
         case V4L2_PIX_FMT_GREY:
         case V4L2_PIX_FMT_RGB24:
-        case V4L2_PIX_FMT_BGR24: return true;
-        default: return false;
+        case V4L2_PIX_FMT_BGR24:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -64,18 +66,25 @@ Rgb Picture::colorAt(uint32_t x, uint32_t y) const {
             return fromYuv(row[x * 2], row[pair * 2 + 1], row[pair * 2 + 3]);
         case V4L2_PIX_FMT_UYVY:
             return fromYuv(row[x * 2 + 1], row[pair * 2], row[pair * 2 + 2]);
-        case V4L2_PIX_FMT_RGB24: return {row[x * 3], row[x * 3 + 1], row[x * 3 + 2]};
-        case V4L2_PIX_FMT_BGR24: return {row[x * 3 + 2], row[x * 3 + 1], row[x * 3]};
-        default: return fromYuv(row[x], 128, 128);
+        case V4L2_PIX_FMT_RGB24:
+            return {row[x * 3], row[x * 3 + 1], row[x * 3 + 2]};
+        case V4L2_PIX_FMT_BGR24:
+            return {row[x * 3 + 2], row[x * 3 + 1], row[x * 3]};
+        default:
+            return fromYuv(row[x], 128, 128);
     }
 }
 
 std::string formatName(uint32_t fourcc) {
     switch (fourcc) {
-        case V4L2_PIX_FMT_NV12M: return "NV12M";
-        case V4L2_PIX_FMT_YUV420M: return "YUV420M";
-        case V4L2_PIX_FMT_YUV420: return "YUV420";
-        default: break;
+        case V4L2_PIX_FMT_NV12M:
+            return "NV12M";
+        case V4L2_PIX_FMT_YUV420M:
+            return "YUV420M";
+        case V4L2_PIX_FMT_YUV420:
+            return "YUV420";
+        default:
+            break;
     }
     std::string name;
     for (unsigned shift = 0; shift < 32; shift += 8) {

@@ -8,7 +8,8 @@
 namespace NSVista::NSCorvane::stream {
 
 Progress::Progress(bool quiet, uint64_t total)
-    : mQuiet(quiet), mTerminal(isatty(STDERR_FILENO) == 1), mTotal(total) {}
+    : mQuiet(quiet), mTerminal(isatty(STDERR_FILENO) == 1), mTotal(total) {
+}
 
 Progress::~Progress() {
     if (mLineShown && mTerminal)

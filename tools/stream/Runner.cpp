@@ -63,9 +63,9 @@ void Runner::submitWhatFits(RunResult& result) {
         if (submitted == 0)
             ++mSubmitted;
         if (submitted != 0 || !filled) {
-            result.trouble = submitted != 0 ? std::string("a request was refused: ") +
-                                                  strerror(-submitted)
-                                            : "a buffer cannot be mapped";
+            result.trouble = submitted != 0
+                                 ? std::string("a request was refused: ") + strerror(-submitted)
+                                 : "a buffer cannot be mapped";
             return;
         }
     }

@@ -27,9 +27,9 @@ struct EndWish {
 /** What a run brought. */
 struct RunResult {
     uint64_t completed = 0;
-    uint64_t failed = 0;   ///< of them, with a frame that was not as expected
-    uint64_t lost = 0;     ///< queued, never completed, and not known for that
-    std::string trouble;   ///< why the run ended early; empty for nothing
+    uint64_t failed = 0;  ///< of them, with a frame that was not as expected
+    uint64_t lost = 0;    ///< queued, never completed, and not known for that
+    std::string trouble;  ///< why the run ended early; empty for nothing
     std::chrono::duration<double> seconds{0};
     LatencyHistogram total, buffers, queue, driver, report;
 
@@ -43,8 +43,8 @@ public:
      * @param snapshot may be null. All are referred to, not copied.
      */
     Runner(const Options& options, const std::vector<NodePort>& ports,
-           client::SceneSession& session, Content& content, const EndWish& wish,
-           unsigned leftOver, Snapshot* snapshot)
+           client::SceneSession& session, Content& content, const EndWish& wish, unsigned leftOver,
+           Snapshot* snapshot)
         : mOptions(options),
           mPorts(ports),
           mSession(session),

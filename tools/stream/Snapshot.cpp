@@ -51,7 +51,8 @@ bool Snapshot::write(const std::string& path, const std::string& title) const {
     }
     const auto count = static_cast<uint32_t>(shown.size());
     const auto columns =
-        count <= 3 ? count : static_cast<uint32_t>(std::ceil(std::sqrt(static_cast<double>(count))));
+        count <= 3 ? count
+                   : static_cast<uint32_t>(std::ceil(std::sqrt(static_cast<double>(count))));
     const uint32_t rows = (count + columns - 1) / columns;
     const uint32_t scale = std::max(1U, kTileWidth / width);
     const uint32_t stepX = width * scale + kMargin;

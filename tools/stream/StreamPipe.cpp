@@ -17,9 +17,9 @@ void StreamPipe::dumpState(IPrinter* printer) {
 
 int StreamPipe::init() {
     int error = 0;
-    mSession = client::SceneSession::open(mPlan.session,
-                                          IDeviceEnumerator::instance().search(mPlan.model),
-                                          *mPlan.source, error, getDebugInfo(mPlan.session.name));
+    mSession =
+        client::SceneSession::open(mPlan.session, IDeviceEnumerator::instance().search(mPlan.model),
+                                   *mPlan.source, error, getDebugInfo(mPlan.session.name));
     if (!mSession) {
         fprintf(stderr, "corvane-stream: the scene cannot be set up: %s\n",
                 error == -1 ? "see the log" : strerror(-error));

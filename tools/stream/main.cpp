@@ -140,12 +140,24 @@ void noteOtherFormats(const Options& options, const std::vector<NodePort>& ports
     for (size_t port = 0; port < ports.size() && !options.quiet; ++port) {
         const PixelFormat& format = session.format(port);
         const bool asWished = (options.format == 0 || format.format == options.format) &&
-                              (options.width == 0 || (format.width == options.width &&
-                                                      format.height == options.height));
+                              (options.width == 0 ||
+                               (format.width == options.width && format.height == options.height));
         if (!asWished && !ports[port].node.isMeta())
             fprintf(stderr, "corvane-stream: %s made %s %ux%u of the wanted format\n",
                     ports[port].entity.c_str(), formatName(format.format).c_str(), format.width,
                     format.height);
+    }
+}
+
+void setFrameRates(const Options& options, const std::vector<NodePort>& ports) {
+    for (const NodePort& port : ports) {
+        if (options.frameRate == 0 || port.node.isOutput() || port.node.isMeta())
+            continue;
+        const int result =
+            client::setFrameRate(port.nodePath, port.node.bufferType, options.frameRate);
+        if (result != 0 && !options.quiet)
+            fprintf(stderr, "corvane-stream: %s takes no frame rate: %s\n", port.entity.c_str(),
+                    strerror(-result));
     }
 }
 
@@ -159,6 +171,7 @@ void dumpAll(const SceneManager& manager) {
 int streamOn(const Options& options, const DeviceGraph& graph, const std::vector<NodePort>& ports,
              const SceneManager& manager, client::SceneSession& session) {
     noteOtherFormats(options, ports, session);
+    setFrameRates(options, ports);
     const std::unique_ptr<Content> content = makeContent(graph, ports, session);
     if (!content)
         return kRunFailed;

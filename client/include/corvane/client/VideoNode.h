@@ -28,4 +28,13 @@ struct CORVANE_EXPORT VideoNode {
  */
 CORVANE_EXPORT int queryVideoNode(const std::string& path, VideoNode& node);
 
+/**
+ * Sets the frame rate of a capture node (VIDIOC_S_PARM); a later change of its format may change it
+ * again.
+ * @param bufferType the node's.
+ * @param perSecond frames; the driver takes the nearest rate that it has.
+ * @return 0 or the negated errno: -ENOTTY for a node without a rate.
+ */
+CORVANE_EXPORT int setFrameRate(const std::string& path, uint32_t bufferType, uint32_t perSecond);
+
 }  // namespace NSVista::NSCorvane::client
