@@ -76,8 +76,9 @@ std::string padColumn(const std::vector<unsigned>& pads) {
         "<td><table border=\"0\" cellborder=\"0\" cellspacing=\"0\" cellpadding=\"3\">";
     for (const unsigned pad : pads) {
         const std::string number = std::to_string(pad);
-        text += "<tr><td port=\"p" + number + "\"><font point-size=\"9\" color=\"#555555\">" +
-                number + "</font></td></tr>";
+        text += "<tr><td port=\"p";
+        text += number + "\"><font point-size=\"9\" color=\"#555555\">";
+        text += number + "</font></td></tr>";
     }
     return text + "</table></td>";
 }
