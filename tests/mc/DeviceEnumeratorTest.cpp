@@ -2,12 +2,16 @@
 #include <corvane/IMediaDevice.h>
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/mc/MediaTopology.h>
+#include <sys/epoll.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <map>
 #include <thread>
 
 #include "MediaGraph.h"
 #include "support/Capture.h"
+#include "support/NullEngine.h"
 
 namespace NSVista::NSCorvane::test {
 namespace {
@@ -51,6 +55,17 @@ TEST(DeviceEnumerator, FindsADeviceOnceAndCachesIt) {
                          "media_link_desc[1]"}));
         EXPECT_EQ(System::openFds().size(), 0U);
     });
+}
+
+TEST(DeviceEnumerator, DumpsItsTopologiesInTheDetailThatIsSet) {
+    const char* const key = "persist.vendor.camera.corvane.DeviceEnumerator.dumpstatedetail";
+    setenv(key, "86", 1);  // read when the library is loaded, in the process of its own
+    inOwnProcess([] {
+        MediaKernel kernel{{"media0", smallGraph("model")}};
+        enumerator().search("model");
+        EXPECT_EQ(dumpOf(enumerator()).size(), 13U);
+    });
+    unsetenv(key);
 }
 
 TEST(DeviceEnumerator, MeetsAllDevicesAgainForAnUnknownModel) {
@@ -134,6 +149,43 @@ TEST(DeviceEnumerator, ConcurrentSearchesShareOneTopology) {
                   "<<DeviceEnumerator>> default= .mediadevice_model_name=model "
                   ".subdevice_entity_name=proc media_device_info[4] topology[1]");
     });
+}
+
+TEST(DeviceEnumerator, TracesItsSections) {
+    const std::map<unsigned, Lines> expected = {
+        {4,
+         {"DeviceEnumerator::findMediaTopologyFromCache /dev/media0",
+          "DeviceEnumerator::search model", "MediaDevice::close /dev/media0 fd=102",
+          "MediaDevice::initLinks #1", "MediaDevice::open /dev/media0",
+          "MediaRequest::~MediaRequest close fd=200", kSearch, "enumAllMediaLinks",
+          "enumerateMediaDevices", "enumerateMediaEntity"}},
+        {6, {"MediaDevice::enableLink"}},
+        {9, {"MediaRequest::queueRequest"}},
+        {13, {"MediaRequest::reinit"}},
+        {14,
+         {"MediaRequest: MEDIA_REQUEST_IOC_REINIT", "MediaRequest: request done callback",
+          "MediaRequest::onNotify"}},
+    };
+    for (const auto& [area, names] : expected)
+        inOwnProcess([area = area, &names = names] {
+            MediaKernel kernel{{"media0", smallGraph("model")}};
+            kernel.answer(MEDIA_IOC_SETUP_LINK, 0);
+            kernel.answer(MEDIA_REQUEST_IOC_QUEUE, 0);
+            kernel.answer(MEDIA_REQUEST_IOC_REINIT, 0);
+            kernel.on<int>(MEDIA_IOC_REQUEST_ALLOC, [](int, int& fd) { return fd = 200, 0; });
+            const auto live = [] {
+                const auto monitor = std::make_shared<NullEventMonitor>();
+                const auto device = enumerator().search("model");
+                device->acquire();
+                device->enableLink(true, "sensor", 0, "proc", 3);
+                const auto request = device->makeRequest();
+                request->setMonitor(monitor);
+                request->setRequestDone([] {});
+                request->queueRequest();
+                monitor->observer->onEvent({EPOLLPRI});
+            };
+            EXPECT_EQ(tracedBy(live, area), names);
+        });
 }
 
 TEST(DeviceEnumerator, EndsOnConsistencyErrors) {

@@ -6,13 +6,17 @@
 
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/Service.h>
+#include <corvane/platform/Trace.h>
 #include <corvane/platform/ULog.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -100,6 +104,37 @@ Lines dumpOf(T& object, Args... args) {
     LinePrinter printer;
     object.dumpState(&printer, args...);
     return printer.lines;
+}
+
+/**
+ * The names of what @p body traces in one area, sorted, each once: sections as they are,
+ * asynchronous sections and counters after "b " and "C ".
+ */
+inline Lines tracedBy(const std::function<void()>& body, unsigned area) {
+    const std::string path = testing::TempDir() + "corvane-traced-" + std::to_string(getpid());
+    set_corvane_enabled_tracebits(uint64_t{1} << area);
+    EXPECT_EQ(trace::start(path.c_str()), 0);
+    body();
+    trace::stop();
+    set_corvane_enabled_tracebits(~uint64_t{0});
+    const auto valueOf = [](const std::string& event, const std::string& key) {
+        const size_t begin = event.find("\"" + key + "\":\"");
+        if (begin == std::string::npos)
+            return std::string();
+        const size_t from = begin + key.size() + 4;
+        return event.substr(from, event.find('"', from) - from);
+    };
+    std::set<std::string> names;
+    std::ifstream file(path);
+    for (std::string event; std::getline(file, event);) {
+        const std::string phase = valueOf(event, "ph");
+        if (phase == "B")
+            names.insert(valueOf(event, "name"));
+        else if (phase == "b" || phase == "C")
+            names.insert(phase + " " + valueOf(event, "name"));
+    }
+    unlink(path.c_str());
+    return {names.begin(), names.end()};
 }
 
 /** A text that contains the pieces, each after the one before. */

@@ -1,10 +1,14 @@
 #include <corvane/IPort.h>
 #include <corvane/SceneControl.h>
 #include <corvane/SceneDesc.h>
+#include <corvane/platform/TimeBomb.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <map>
 #include <thread>
 
 #include "support/Recorders.h"
@@ -12,6 +16,7 @@
 namespace NSVista::NSCorvane::test {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -351,18 +356,88 @@ TEST_F(SceneTest, ReportsRefusedStreamsAndGoesOn) {
                "E [stop] Failed to stop port: v0", "I [stop] - Scene::stop"}));
 }
 
-TEST_F(SceneTest, DeinitsAPortTwice) {
-    const PortDesc desc = {"v0", 3, "v0", false, false, false};
-    Port port(desc, mMedia.get());
-    EXPECT_EQ(dumpOf(port), Lines());
-    port.deinit();
-    EXPECT_EQ(port.init(), 0);
-    EXPECT_NE(port.getVideoDevice(), nullptr);
-    port.deinit();
-    port.deinit();
-    EXPECT_EQ(port.getVideoDevice(), nullptr);
-    EXPECT_EQ(calls(), Lines({"open /dev/v0 0x802", "close 100"}));
-    EXPECT_EQ(log(), Lines());
+TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
+    // Read when the library is loaded: the process of its own inherits the environment.
+    setenv("persist.vendor.kvx.camera.ulog.detailslevel", "4", 1);
+    inOwnProcess([this] {
+        open({0});
+        const auto slowly = [](std::chrono::milliseconds time) {
+            return [time](int, uint32_t&) {
+                std::this_thread::sleep_for(time);
+                return 0;
+            };
+        };
+        mKernel.on<uint32_t>(VIDIOC_STREAMON, slowly(3100ms));
+        mKernel.on<uint32_t>(VIDIOC_STREAMOFF, slowly(2100ms));  // within its limit
+        std::string expired;
+        timeguard::TimeBomb::setExpiryHandler([&](const timeguard::TimeBomb& guard, auto) {
+            expired += std::string(guard.name()) + ": " + guard.message() + " " +
+                       std::to_string(guard.limit()) + " " + std::to_string(guard.period());
+        });
+        LogCapture log("corvane-V4L2VideoDevice", Utils::ULog::kWarning);
+        mScene->start();
+        mScene->stop();
+        timeguard::TimeBomb::setExpiryHandler(nullptr);
+        EXPECT_THAT(expired, testing::StartsWith("ZelsysKernel: VIDIOC_STREAMON timed out. "
+                                                 "2999000000 1000000000"));
+        EXPECT_THAT(
+            log.take(),
+            ElementsAre(MatchesRegex("W .streamOn. v0: VIDIOC_STREAMON takes 3[0-9]{9} ns")));
+    });
+    unsetenv("persist.vendor.kvx.camera.ulog.detailslevel");
+}
+
+TEST_F(SceneTest, TracesItsSections) {
+    const auto live = [this] {
+        PixelFormat format = {};
+        make({0}, kLinks);
+        mScene->init();
+        mScene->acquire();
+        const std::shared_ptr<IPort> port = mScene->queryPort(0);
+        mScene->setFormat(port, format);
+        mScene->getFormat(port, format);
+        mScene->importBuffer(port, 2);
+        mScene->start();
+        const auto request = mScene->createRequest();
+        fill(*request, {0});
+        mScene->queueRequest(request.get(), 0);
+        mMedia->request->done();
+        mScene->stop();
+        mScene->release();
+        close();
+    };
+    const std::map<unsigned, Lines> expected = {
+        {4,
+         {"Scene::Scene", "Scene::acquire", "Scene::init", "Scene::release", "Scene::start",
+          "Scene::stop", "Scene::uninit", "Scene::~Scene", "V4L2BufferMonitor::requestExit",
+          "deinit ports #1", "disable links #2", "threadLoop"}},
+        {5,
+         {"IV4L2VideoDevice::make", "Port::deinit", "Port::importBuffer", "Port::init",
+          "Port::start", "Port::stop", "Scene::getFormat", "Scene::importBuffer",
+          "Scene::setFormat", "V4L2VideoDevice: VIDIOC_STREAMOFF",
+          "V4L2VideoDevice: VIDIOC_STREAMON", "V4L2VideoDevice::closeDevice",
+          "V4L2VideoDevice::importBuffer", "V4L2VideoDevice::openDevice", "VIDIOC_REQBUFS"}},
+        {6,
+         {"Port::getFormat", "Port::setFormat", "V4L2BufferMonitor::attachObserver",
+          "V4L2BufferMonitor::detachObserver", "V4L2VideoDevice::getFormat",
+          "V4L2VideoDevice::setFormat", "V4L2VideoDevice::setMonitor"}},
+        {8, {"Request::queueBuffers"}},
+        {9, {"Scene::queueRequest"}},
+        {10,
+         {"Request::addBuffer", "Request::queueRequest", "Scene::requestDone",
+          "V4L2VideoDevice::acquireBufferIndex", "V4L2VideoDevice::queueBuffer",
+          "attachRequestBuffer"}},
+        {13,
+         {"Request::requestDone", "V4L2BufferMonitor::notifyComplete",
+          "V4L2BufferMonitor::notifyRequestDone|requestFd:200"}},
+        {14,
+         {"V4L2VideoDevice::dequeBuffer", "V4L2VideoDevice::onNotify",
+          "V4L2VideoDevice::releaseBufferIndex", "detachRequestBuffer", "wait_for needToDQBUF"}},
+        {34, {"C V4L2BufferMonitor-#BufInQ"}},
+    };
+    for (const auto& [area, names] : expected)
+        EXPECT_EQ(tracedBy(live, area), names) << area;
+    EXPECT_THAT(tracedBy(live, 35), ElementsAre(MatchesRegex("b V4L2BufferMonitor-0x[0-9a-f]+-0")));
 }
 
 TEST_F(SceneTest, EndsOnConsistencyErrors) {

@@ -1,7 +1,6 @@
 #include "VideoDeviceTest.h"
 
 #include <algorithm>
-#include <atomic>
 #include <future>
 #include <thread>
 
@@ -92,27 +91,6 @@ TEST_F(VideoDeviceTest, TakesTheLowestFreeIndexAndSleepsWithoutOne) {
     EXPECT_EQ(free(), "0x5");
 }
 
-TEST_F(VideoDeviceTest, NeverHandsOutAnIndexTwice) {
-    open(3);
-    mLog.setLevel(Utils::ULog::kError);
-    std::atomic<int> holders[3] = {};
-    std::atomic<bool> shared{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&] {
-            for (int round = 0; round < 2000; ++round) {
-                const int index = mDevice->acquireBufferIndex();
-                shared = shared || holders[index].fetch_add(1) != 0;
-                holders[index].fetch_sub(1);
-                mDevice->releaseBufferIndex(static_cast<unsigned>(index));
-            }
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_FALSE(shared);
-    EXPECT_EQ(free(), "0x7");
-}
-
 std::string textOf(const v4l2_buffer& buffer) {
     char text[512];
     int length = snprintf(text, sizeof(text),
@@ -131,113 +109,74 @@ std::string textOf(const v4l2_buffer& buffer) {
     return text;
 }
 
-/** What a buffer of two planes, or of one, becomes. */
-struct QueueCase {
-    uint32_t caps;
-    bool dmabuf;
-    const char* sent;
-    Lines refused;  ///< lines between the first two and the length
-    const char* length;
-    Lines after = {};
-};
+constexpr char kSinglePlane[] = "single buffer plane(0), fd(5), offset(50)\n";
+constexpr char kTwoPlanes[] =
+    "multi buffer plane(0), fd(5), offset(50)\nmulti buffer plane(1), fd(6), offset(60)\n";
+constexpr char kTwoOutputs[] =
+    "multi buffer plane(0), used(0), length(500)\nmulti buffer plane(1), used(0), length(600)\n";
 
-class VideoQueue : public VideoDeviceTest, public testing::WithParamInterface<QueueCase> {};
+TEST_F(VideoDeviceTest, QueuesByTypeAndMemoryAndReportsARefusal) {
+    const std::string none = " | fd=0 offset=0 length=0";
+    const struct {
+        uint32_t caps;
+        bool dmabuf;
+        std::string type, length, sent;
+        std::string places, outputs;  ///< lines of a refusal
+    } cases[] = {
+        {0x1, true, "1", "500", "50 fd=5", kSinglePlane, ""},
+        {0x2, true, "2", "500", "50 fd=5", kSinglePlane, "single buffer plane(0), used(0)\n"},
+        {0x8000000, true, "14", "500", "50 fd=5", kSinglePlane,
+         "single buffer plane(0), used(0)\n"},
+        {0x1, false, "1", "500", "0 fd=0", "", ""},
+        {0x1000, true, "9", "2", "0 | fd=5 offset=50 length=0 | fd=6 offset=60 length=0" + none,
+         kTwoPlanes, ""},
+        {0x2000, true, "10", "2",
+         "0 | fd=5 offset=50 length=500 | fd=6 offset=60 length=600" + none, kTwoPlanes,
+         kTwoOutputs},
+        {0x2000, false, "10", "2", "0 | fd=0 offset=0 length=500 | fd=0 offset=0 length=600" + none,
+         "", kTwoOutputs},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.type + c.sent);
+        mDevice->closeDevice();
+        setCaps(c.caps);
+        open(2, c.dmabuf ? -1 : 1);
+        std::string sent;
+        std::string planes;
+        int result = 0;
+        mKernel.on<v4l2_buffer>(VIDIOC_QBUF, [&](int, v4l2_buffer& buffer) {
+            sent = textOf(buffer);
+            planes = testing::PrintToString(static_cast<void*>(buffer.m.planes));
+            EXPECT_EQ(buffer.bytesused + buffer.field, 0U);
+            if (result == 0) {  // as the kernel does
+                buffer.request_fd = 0;
+                buffer.flags = V4L2_BUF_FLAG_QUEUED;
+                buffer.index = 7;
+            }
+            return result;
+        });
+        const bool multi = c.length == "2";
+        const std::string memory = c.dmabuf ? "4" : "0";
+        mDevice->setMonitor(mMonitor);
+        EXPECT_EQ(queue(multi ? 2 : 1), 0);
+        EXPECT_EQ(sent, "index=0 type=" + c.type + " memory=" + memory +
+                            " flags=0x800000 request=200 length=" + c.length + " offset=" + c.sent);
+        EXPECT_EQ(mMonitor->take(), Lines({"attach 26", "queued 200 0"}));
 
-TEST_P(VideoQueue, SendsTheBufferAndReportsItsRefusal) {
-    const QueueCase& c = GetParam();
-    setCaps(c.caps);
-    open(2, c.dmabuf ? -1 : 1);
-    std::string sent;
-    char planes[32] = "";
-    int result = 0;
-    mKernel.on<v4l2_buffer>(VIDIOC_QBUF, [&](int, v4l2_buffer& buffer) {
-        sent = textOf(buffer);
-        snprintf(planes, sizeof(planes), "%p", static_cast<void*>(buffer.m.planes));
-        EXPECT_EQ(buffer.bytesused + buffer.field, 0U);
-        if (result == 0) {  // as the kernel does
-            buffer.request_fd = 0;
-            buffer.flags = V4L2_BUF_FLAG_QUEUED;
-            buffer.index = 7;
-        }
-        return result;
-    });
-    const bool multi = (c.caps & 0x3000) != 0;
-    mDevice->setMonitor(mMonitor);
-    EXPECT_EQ(queue(multi ? 2 : 1), 0);
-    const std::string memory = c.dmabuf ? "4" : "0";
-    const std::string type = std::string(c.sent).substr(0, std::string(c.sent).find(' '));
-    const std::string rest = std::string(c.sent).substr(type.size());
-    EXPECT_EQ(sent,
-              "index=0 type=" + type + " memory=" + memory + " flags=0x800000 request=200" + rest);
-    EXPECT_EQ(mMonitor->take(), Lines({"attach 26", "queued 200 0"}));
-
-    result = -EINVAL;
-    EXPECT_EQ(queue(multi ? 2 : 1), -EINVAL);
-    Lines expected = {"Failed to queue buffer dip: -22", "buffer index(1), type(" + type +
-                                                             "), memory(" + memory +
-                                                             "), flags(0x800000), request(200)"};
-    expected.insert(expected.end(), c.refused.begin(), c.refused.end());
-    expected.push_back(
-        std::string("buffer length(") + c.length +
-        (multi ? std::string("), multi planes(") + planes + ")" : std::string("), single plane")));
-    expected.insert(expected.end(), c.after.begin(), c.after.end());
-    for (auto& line : expected)
-        line.insert(0, "E [queueBuffer] ");
-    EXPECT_EQ(mLog.take(), expected);
-    EXPECT_EQ(mMonitor->take(), Lines());
-    EXPECT_EQ(free(), "0x0") << "a refused buffer keeps its index";
+        result = -EINVAL;
+        EXPECT_EQ(queue(multi ? 2 : 1), -EINVAL);
+        std::string refusal;
+        for (const auto& line : mLog.take())
+            refusal += line.substr(std::string("E [queueBuffer] ").size()) + "\n";
+        EXPECT_EQ(refusal, "Failed to queue buffer dip: -22\nbuffer index(1), type(" + c.type +
+                               "), memory(" + memory + "), flags(0x800000), request(200)\n" +
+                               c.places + "buffer length(" + c.length +
+                               (multi ? "), multi planes(" + planes + ")\n" : "), single plane\n") +
+                               c.outputs);
+        EXPECT_EQ(mMonitor->take(), Lines());
+        EXPECT_EQ(free(), "0x0") << "a refused buffer keeps its index";
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    TypesAndMemories, VideoQueue,
-    testing::Values(
-        QueueCase{0x1,
-                  true,
-                  "1 length=500 offset=50 fd=5",
-                  {"single buffer plane(0), fd(5), offset(50)"},
-                  "500"},
-        QueueCase{0x2,
-                  true,
-                  "2 length=500 offset=50 fd=5",
-                  {"single buffer plane(0), fd(5), offset(50)"},
-                  "500",
-                  {"single buffer plane(0), used(0)"}},
-        QueueCase{0x800000,
-                  true,
-                  "13 length=500 offset=50 fd=5",
-                  {"single buffer plane(0), fd(5), offset(50)"},
-                  "500"},
-        QueueCase{0x8000000,
-                  true,
-                  "14 length=500 offset=50 fd=5",
-                  {"single buffer plane(0), fd(5), offset(50)"},
-                  "500",
-                  {"single buffer plane(0), used(0)"}},
-        QueueCase{0x1000,
-                  true,
-                  "9 length=2 offset=0 | fd=5 offset=50 length=0 | fd=6 offset=60 length=0"
-                  " | fd=0 offset=0 length=0",
-                  {"multi buffer plane(0), fd(5), offset(50)",
-                   "multi buffer plane(1), fd(6), offset(60)"},
-                  "2"},
-        QueueCase{0x2000,
-                  true,
-                  "10 length=2 offset=0 | fd=5 offset=50 length=500 | fd=6 offset=60 length=600"
-                  " | fd=0 offset=0 length=0",
-                  {"multi buffer plane(0), fd(5), offset(50)",
-                   "multi buffer plane(1), fd(6), offset(60)"},
-                  "2",
-                  {"multi buffer plane(0), used(0), length(500)",
-                   "multi buffer plane(1), used(0), length(600)"}},
-        QueueCase{0x1, false, "1 length=500 offset=0 fd=0", {}, "500"},
-        QueueCase{0x2000,
-                  false,
-                  "10 length=2 offset=0 | fd=0 offset=0 length=500 | fd=0 offset=0 length=600"
-                  " | fd=0 offset=0 length=0",
-                  {},
-                  "2",
-                  {"multi buffer plane(0), used(0), length(500)",
-                   "multi buffer plane(1), used(0), length(600)"}}));
 
 TEST_F(VideoDeviceTest, RefusesMorePlanesThanABufferHasAndQueuesWithoutARequest) {
     open(2);
