@@ -135,8 +135,8 @@ TEST_F(RequestTest, CompletesOnlyOnceItIsQueued) {
     });
     mRequest->queueRequest(0);
     add(1, 8);  // waits for the completion
-    EXPECT_EQ(mDone.size(), 1U);
     completion.join();
+    EXPECT_EQ(mDone, std::vector<int>({1}));
 }
 
 TEST_F(RequestTest, ReturnsARefusedBufferAndStaysIdle) {

@@ -390,18 +390,22 @@ TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
 TEST_F(SceneTest, TracesItsSections) {
     const auto live = [this] {
         PixelFormat format = {};
-        make({0}, kLinks);
+        make({0, 1}, kLinks);
+        mDequeued = 0;
         mScene->init();
         mScene->acquire();
         const std::shared_ptr<IPort> port = mScene->queryPort(0);
         mScene->setFormat(port, format);
         mScene->getFormat(port, format);
-        mScene->importBuffer(port, 2);
+        for (const int index : {0, 1})
+            mScene->importBuffer(mScene->queryPort(index), 2);
         mScene->start();
         const auto request = mScene->createRequest();
-        fill(*request, {0});
+        fill(*request, {0, 1});
         mScene->queueRequest(request.get(), 0);
         mMedia->request->done();
+        while (mDequeued == 0)  // the worker is in its loop
+            std::this_thread::yield();
         mScene->stop();
         mScene->release();
         close();
@@ -410,7 +414,7 @@ TEST_F(SceneTest, TracesItsSections) {
         {4,
          {"Scene::Scene", "Scene::acquire", "Scene::init", "Scene::release", "Scene::start",
           "Scene::stop", "Scene::uninit", "Scene::~Scene", "V4L2BufferMonitor::requestExit",
-          "deinit ports #1", "disable links #2", "threadLoop"}},
+          "deinit ports #2", "disable links #2", "threadLoop"}},
         {5,
          {"IV4L2VideoDevice::make", "Port::deinit", "Port::importBuffer", "Port::init",
           "Port::start", "Port::stop", "Scene::getFormat", "Scene::importBuffer",
