@@ -30,8 +30,8 @@ Outcome runTool(const std::string& arguments) {
 TEST(StreamToolTest, BadUseIsOneLineAndExitCode2) {
     for (const char* arguments :
          {"--bogus", "--model nothing", "--sim --model nothing", "--sim --ports nobody",
-          "--sim --ports 0", "--sim --ports 10", "--sim --ports 3,3", "--sim --in-flight 0",
-          "--sim --size 5", "--sim --buffers 2", "--latency-us 5",
+          "--sim --ports 0", "--sim --requests -3", "--sim --ports 10", "--sim --ports 3,3",
+          "--sim --in-flight 0", "--sim --size 5", "--sim --buffers 2", "--latency-us 5",
           "--sim --trace /dev/null/none.json"}) {
         const Outcome result = runTool(arguments);
         EXPECT_EQ(result.code, 2) << arguments;

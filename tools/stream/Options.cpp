@@ -54,6 +54,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
                    "Ports: a list of entity names or indexes, how many of the first, or \"all\"")
         ->capture_default_str();
     app.add_option("--requests", options.requests, "Requests to stream; 0: until interrupted")
+        ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
     app.add_option("--in-flight", options.inFlight, "Requests under way at a time")
         ->check(CLI::Range(1U, kMaxBuffers))
@@ -91,6 +92,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         app.add_flag("--sim", options.sim, "Use the virtual engine in this process")
             ->group(simGroup);
     app.add_option("--latency-us", options.latencyUs, "Time that a request takes")
+        ->check(CLI::NonNegativeNumber)
         ->default_val(500)
         ->needs(sim)
         ->group(simGroup);
@@ -100,6 +102,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         ->needs(sim)
         ->group(simGroup);
     app.add_option("--seed", options.seed, "Seed of the random order")
+        ->check(CLI::NonNegativeNumber)
         ->default_val(1)
         ->needs(sim)
         ->group(simGroup);
