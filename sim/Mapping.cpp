@@ -8,7 +8,10 @@ namespace NSVista::NSCorvane::sim {
 
 int identifyBuffer(int fd, BufferId& id) {
     struct stat info;
-    if (fstat(fd, &info) < 0 || !S_ISREG(info.st_mode) || info.st_size <= 0)
+    if (fstat(fd, &info) < 0 || info.st_size <= 0)
+        return -EINVAL;
+    // The inode of a dma-buf has no type.
+    if (!S_ISREG(info.st_mode) && (info.st_mode & S_IFMT) != 0)
         return -EINVAL;
     id = {info.st_dev, info.st_ino, static_cast<size_t>(info.st_size)};
     return 0;

@@ -245,7 +245,7 @@ TEST_F(SubDeviceNodeTest, HoldsWhatItWasGivenAndNothingOfARefusedCall) {
         {kva(kAdd, {one.fd, two.fd, one.fd}), 0},
         {kva(kAdd, {two.fd, kClosed}), -EBADF},
         {kva(kAdd, {mFd}), -EINVAL},
-        {kva(kAdd, {}, 0), -EINVAL},
+        {kva(kAdd, {one.fd}, 0), -EINVAL},
         {kva(kAdd, {one.fd}, 33), -EINVAL},
         {kva(kDelete, {two.fd, two.fd}), -ENOENT},
         {kva(kDelete, {one.fd, one.fd}), 0},

@@ -290,6 +290,41 @@ TEST_F(StreamTest, QueueingRewritesTheCallersRecord) {
     EXPECT_EQ(plane.buf.request_fd, fd);
 }
 
+TEST_F(StreamTest, QueuesTakeRequestsAsTheyAreDescribed) {
+    DeviceDesc described;
+    described.setNames("plain", "plain");
+    const std::vector<std::pair<RequestUse, std::vector<int>>> cases = {
+        {RequestUse::OPTIONAL, {0, 0, -EBUSY}},
+        {RequestUse::REQUIRED, {-EBADR, -EBADR, -EINVAL}},
+        {RequestUse::REFUSED, {0, 0, -EBADR}},
+    };
+    for (size_t i = 0; i < cases.size(); ++i)
+        described.addVideoNode(std::to_string(i), {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY,
+                                                   VENGINE_ROLE_MAIN, cases[i].first});
+    Device& plain = *mEngine.addDevice(described);
+    const vengine_port port = {"", V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, 0, 0};
+    Memory memory(VENGINE_DEFAULT_WIDTH * VENGINE_DEFAULT_HEIGHT);
+    for (size_t i = 0; i < cases.size(); ++i) {
+        Node node{&port, System::Open(plain.nodePath(std::to_string(i)).c_str(), O_RDWR, 0),
+                  vengine_layout_of(port.format, VENGINE_DEFAULT_WIDTH, VENGINE_DEFAULT_HEIGHT)};
+        ASSERT_EQ(node.requestBuffers(3), 3);
+        ASSERT_EQ(node.stream(true), 0);
+        std::vector<int> results;
+        for (uint32_t index : {0, 1})
+            results.push_back(queue({node, index, -1, &memory}, node));
+        // Of another device's request only a queue hears that takes one at all.
+        results.push_back(queue({node, 2, request(), &memory}, node));
+        EXPECT_EQ(results, cases[i].second) << i;
+        for (int index = 0; index < 2 && results[0] == 0; ++index) {
+            EXPECT_EQ(dequeue(node), index) << "waits";
+            EXPECT_EQ(mFlags, static_cast<uint32_t>(V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC));
+        }
+        System::Close(node.fd, 0);
+    }
+    EXPECT_EQ(plain.counts().completed, 4u);
+    EXPECT_EQ(plain.counts().mappedPlanes, 0u);
+}
+
 TEST_F(StreamTest, AllocatesNothingInTheSteadyState) {
     const Node &main = streaming("vengine-main"), &stats = streaming("vengine-stats");
     Memory memory(65536);

@@ -51,7 +51,7 @@ struct DeviceCounts {
     size_t mappedPlanes = 0;  ///< dma-bufs that queues hold
 };
 
-/** A private ioctl as the sub-device's driver received it. */
+/** A private ioctl as it was sent to the sub-device. */
 struct IoctlRecord {
     uint32_t code;
     std::vector<uint8_t> bytes;  ///< as many as the code's size field says
@@ -105,7 +105,7 @@ public:
     /** @name The sub-device (the first where there are several; nothing where there is none)
      * @{ */
     SubDeviceCounts subDeviceCounts() const;
-    /** Every private ioctl that reached the driver since the last call, refused ones included. */
+    /** Every private ioctl sent since the last call, also those refused or made to fail. */
     std::vector<IoctlRecord> takeIoctlRecords();
     /** @} */
 
