@@ -6,6 +6,7 @@
 #include <bit>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -30,6 +31,16 @@ bool isOutput(const std::string& entity) {
         if (entity == port.name)
             return V4L2_TYPE_IS_OUTPUT(port.buf_type);
     return entity.ends_with("-out");
+}
+
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
 vengine_picture pictureOf(const PixelFormat& format, const client::FrameMapping& frame) {
@@ -170,13 +181,18 @@ unsigned Rig::withDriver() const {
 }
 
 bool Rig::waitDequeued() const {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (withDriver() != 0) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return eventually([this] { return withDriver() == 0; });
+}
+
+bool Rig::lookAway() {
+    events.reset();
+    return eventually([this] {
+        const std::string text = dump();
+        unsigned dequeued = 0;
+        unsigned due = 0;
+        sscanf(text.c_str() + text.find("#DQBUF="), "#DQBUF=%u #ReqDone=%u", &dequeued, &due);
+        return dequeued >= due;  // more where one port is dequeued directly
+    });
 }
 
 std::vector<size_t> Rig::takeDone() {

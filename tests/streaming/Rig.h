@@ -43,6 +43,8 @@ public:
     bool waitDone(uint64_t count);
     /** Waits until the devices have their buffers back. */
     bool waitDequeued() const;
+    /** Stops watching; completions seen by then are dequeued when this returns. */
+    bool lookAway();
     /** Buffer indexes that are not free, of all ports. */
     unsigned withDriver() const;
     /** The slots' requests in the order of their completion; takes them. */
