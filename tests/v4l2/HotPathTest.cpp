@@ -19,12 +19,24 @@ void* countedAllocation(size_t size) {
 }
 }  // namespace
 
-void* operator new(size_t size) { return countedAllocation(size); }
-void* operator new[](size_t size) { return countedAllocation(size); }
-void operator delete(void* memory) noexcept { free(memory); }
-void operator delete[](void* memory) noexcept { free(memory); }
-void operator delete(void* memory, size_t) noexcept { free(memory); }
-void operator delete[](void* memory, size_t) noexcept { free(memory); }
+void* operator new(size_t size) {
+    return countedAllocation(size);
+}
+void* operator new[](size_t size) {
+    return countedAllocation(size);
+}
+void operator delete(void* memory) noexcept {
+    free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+    free(memory);
+}
+void operator delete[](void* memory, size_t) noexcept {
+    free(memory);
+}
 
 namespace NSVista::NSCorvane::test {
 namespace {
