@@ -183,7 +183,7 @@ std::string DeviceGraph::subDevice() const {
     return {};
 }
 
-int listDevices() {
+void listDevices() {
     int count = 0;
     mc::enumerateMediaDevices([&count](const media_device_info& info, const std::string& path) {
         printf("%s%s  model \"%s\", driver %s, bus %s\n", count++ == 0 ? "" : "\n", path.c_str(),
@@ -198,7 +198,6 @@ int listDevices() {
     });
     if (count == 0)
         puts("no media device");
-    return count;
 }
 
 }  // namespace NSVista::NSCorvane::stream

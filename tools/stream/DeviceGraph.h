@@ -58,7 +58,7 @@ private:
     std::vector<NodePort> mPorts;
 };
 
-/** Prints all media devices with their entities and links to stdout. @return their number. */
-int listDevices();
+/** Prints all media devices with their entities and links to stdout. */
+void listDevices();
 
 }  // namespace NSVista::NSCorvane::stream

@@ -8,6 +8,7 @@
 #include <array>
 #include <bit>
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 
 namespace NSVista::NSCorvane::stream {
@@ -33,8 +34,9 @@ public:
     Duration greatest() const { return Duration(mGreatest); }
     /** The duration that a share (0 to 1) of all do not exceed. */
     Duration quantile(double share) const {
-        const uint64_t wanted =
-            std::max<uint64_t>(1, static_cast<uint64_t>(share * static_cast<double>(mCount) + 0.5));
+        if (mCount == 0)
+            return Duration(0);
+        const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(mCount)));
         uint64_t seen = 0;
         for (unsigned i = 0; i < kBuckets; ++i)
             if ((seen += mBuckets[i]) >= wanted)

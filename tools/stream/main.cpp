@@ -248,8 +248,10 @@ int run(const Options& options) {
     std::unique_ptr<Simulation> simulation;
     if (options.sim)
         simulation = std::make_unique<Simulation>(options);
-    if (options.list)
-        return listDevices() != 0 ? kSuccess : kRunFailed;
+    if (options.list) {
+        listDevices();
+        return kSuccess;
+    }
     if (!prepareFile(options.snapshot) || !prepareFile(options.trace))
         return kBadUse;
     if (const int result = trace::start(options.trace.c_str()); result != 0) {
