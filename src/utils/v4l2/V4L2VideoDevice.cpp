@@ -31,6 +31,20 @@ const bool sStreamTimed = diagnosticsWanted(sLogLevel, 3);
 constexpr std::chrono::nanoseconds kSlowStreamOn{2000000000};
 constexpr std::chrono::nanoseconds kSlowStreamOff{3000000000};
 
+/** A stream-on or stream-off: its result, and its time (0 where time is not measured). */
+struct TimedCall {
+    int ret;
+    std::chrono::nanoseconds elapsed;
+};
+
+TimedCall timedStreamCall(int fd, unsigned long request, uint32_t& bufType) {
+    if (!sStreamTimed || buildType() == BuildType::Eng)
+        return {System::Ioctl(fd, static_cast<int>(request), &bufType, 3), {}};
+    const auto begin = steady_clock::now();
+    const int ret = System::Ioctl(fd, static_cast<int>(request), &bufType, 3);
+    return {ret, steady_clock::now() - begin};
+}
+
 constexpr uint32_t kCaptureCaps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_CAPTURE_MPLANE;
 constexpr uint32_t kOutputCaps = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_VIDEO_OUTPUT_MPLANE;
 constexpr uint32_t kMultiPlanarCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_VIDEO_OUTPUT_MPLANE;
@@ -201,14 +215,10 @@ int V4L2VideoDevice::closeDevice() {
 
 int V4L2VideoDevice::streamOn() {
     const TraceSection section(area::kStreaming, "V4L2VideoDevice: VIDIOC_STREAMON");
-    const auto begin = sStreamTimed ? steady_clock::now() : steady_clock::time_point();
-    const int ret = System::Ioctl(mFd, static_cast<int>(VIDIOC_STREAMON), &mBufType, 3);
-    if (sStreamTimed && buildType() != BuildType::Eng) {
-        const std::chrono::nanoseconds elapsed = steady_clock::now() - begin;
-        if (elapsed >= kSlowStreamOn)
-            CORVANE_LOGW("%s: VIDIOC_STREAMON takes %s ns", mName.c_str(),
-                         std::to_string(elapsed.count()).c_str());
-    }
+    const auto [ret, elapsed] = timedStreamCall(mFd, VIDIOC_STREAMON, mBufType);
+    if (elapsed >= kSlowStreamOn)
+        CORVANE_LOGW("%s: VIDIOC_STREAMON takes %s ns", mName.c_str(),
+                     std::to_string(elapsed.count()).c_str());
     if (ret < 0) {
         CORVANE_LOGE("VIDIOC_STREAMON fail err=%d <%s>", ret, mName.c_str());
         return ret;
@@ -218,14 +228,10 @@ int V4L2VideoDevice::streamOn() {
 
 int V4L2VideoDevice::streamOff() {
     const TraceSection section(area::kStreaming, "V4L2VideoDevice: VIDIOC_STREAMOFF");
-    const auto begin = sStreamTimed ? steady_clock::now() : steady_clock::time_point();
-    const int ret = System::Ioctl(mFd, static_cast<int>(VIDIOC_STREAMOFF), &mBufType, 3);
-    if (sStreamTimed && buildType() != BuildType::Eng) {
-        const std::chrono::nanoseconds elapsed = steady_clock::now() - begin;
-        if (elapsed > kSlowStreamOff)
-            CORVANE_LOGW("%s: VIDIOC_STREAMOFF takes %s ns", mName.c_str(),
-                         std::to_string(elapsed.count()).c_str());
-    }
+    const auto [ret, elapsed] = timedStreamCall(mFd, VIDIOC_STREAMOFF, mBufType);
+    if (elapsed > kSlowStreamOff)
+        CORVANE_LOGW("%s: VIDIOC_STREAMOFF takes %s ns", mName.c_str(),
+                     std::to_string(elapsed.count()).c_str());
     if (ret < 0) {
         CORVANE_LOGE("VIDIOC_STREAMOFF fail err=%d <%s>", ret, mName.c_str());
         return ret;
