@@ -142,7 +142,7 @@ TEST_F(StreamTest, CompletesInTheOrderAskedFor) {
     const std::vector<std::pair<Timing, std::vector<int>>> cases = {
         {{.latency = 20ms, .jitter = 5ms}, {0, 1, 2, 3, 4, 5}},
         {{.order = Order::REVERSED, .group = 3, .patience = 10s}, {2, 1, 0, 5, 4, 3}},
-        {{.order = Order::REVERSED, .group = 4, .patience = 50ms}, {3, 2, 1, 0, 5, 4}},
+        {{.order = Order::REVERSED, .group = 4, .patience = 300ms}, {3, 2, 1, 0, 5, 4}},
         {{.onQueueingThread = true}, {0, 1, 2, 3, 4, 5}},
     };
     for (const auto& [timing, expected] : cases) {
@@ -162,7 +162,7 @@ TEST_F(StreamTest, CompletesInTheOrderAskedFor) {
             order.push_back(dequeue(node));
         EXPECT_EQ(order, expected);
     }
-    device().setTiming({.order = Order::RANDOM, .group = 6, .seed = 3});
+    device().setTiming({.order = Order::RANDOM, .group = 6, .patience = 10s, .seed = 3});
     std::vector<int> order;
     for (uint32_t i = 0; i < 6; ++i)
         submit({&node}, i, memory);
