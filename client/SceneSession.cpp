@@ -210,8 +210,6 @@ int SceneSession::submit(const Visit& fill) {
         return -EPIPE;
     if (mFree == 0)
         return -EAGAIN;
-    // The lowest, as the ports' devices do with buffer indexes: a frame then mostly finds the index
-    // that knows it already.
     SessionRequest& request = *mRequests[static_cast<size_t>(std::countr_zero(mFree))];
     mFree &= mFree - 1;
     request.mNumber = mQueuedCount++;

@@ -65,6 +65,10 @@ struct PortStatistics {
  * stay open; a stop waits for callbacks and dequeues, or takes the event monitor away first; and a
  * session starts once, so a new one is a new scene.
  *
+ * Free requests are taken lowest first, as the ports' devices take buffer indexes, so that a frame
+ * mostly meets the index that has it mapped. Where dequeues follow callbacks (several ports) that
+ * is a matter of timing: a frame that comes too early goes to another index and is mapped anew.
+ *
  * One thread opens, starts, stops and destroys. submit() and wait() may each have a thread of their
  * own between start() and stop().
  */
