@@ -8,7 +8,7 @@ namespace NSVista::Utils::ULog {
 // Constant-initialised, so that a static initialiser that logs before loadState() has run finds
 // the defaults; loadState() then puts the configured values in.
 constinit std::atomic<uint32_t> ULogger::sMode{2};
-constinit std::atomic<uint32_t> ULogger::sDetailsLevel{2};
+constinit std::atomic<uint32_t> ULogger::sDetailsLevel{1};
 constinit std::atomic<uint32_t> ULogger::sNormalDetailsMask{~uint32_t{0}};
 constinit std::atomic<ULogger*> ULogger::sULogger{nullptr};
 

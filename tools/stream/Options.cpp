@@ -117,8 +117,9 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         ->group(outputGroup);
     app.add_flag("--events", options.events, "Print frame-sync events of the default sub-device")
         ->group(outputGroup);
-    app.add_flag("-v,--verbose", options.verbose, "Log more; up to four times")->group(outputGroup);
-    app.add_flag("-q,--quiet", options.quiet, "No progress, no warnings")->group(outputGroup);
+    app.add_flag("-v,--verbose", options.verbose, "Log more: warnings, info, key events, debug")
+        ->group(outputGroup);
+    app.add_flag("-q,--quiet", options.quiet, "No progress")->group(outputGroup);
 
     try {
         app.parse(argc, argv);

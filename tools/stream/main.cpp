@@ -51,9 +51,7 @@ void handleSignals() {
 
 void configureLog(const Options& options) {
     constexpr uint32_t kErrors = 1;
-    constexpr uint32_t kWarnings = 2;
-    Utils::ULog::ULogger::sDetailsLevel =
-        options.quiet ? kErrors : kWarnings + std::min(options.verbose, 4U);
+    Utils::ULog::ULogger::sDetailsLevel = kErrors + std::min(options.verbose, 5U);
 }
 
 /** The in-process engine as the options want it, installed while it lives. */

@@ -70,7 +70,7 @@ enum Level : int {
  * A sink of the unified log, and the log's process-wide state.
  *
  * The state starts from the properties "persist.vendor.kvx.camera.ulog.mode" (default 2),
- * ".detailslevel" (default 2: errors and warnings) and ".detailsmask" (default: all modules), and
+ * ".detailslevel" (default 1: errors) and ".detailsmask" (default: all modules), and
  * may be set at any time; a change takes effect at the next statement.
  */
 class CORVANE_EXPORT ULogger {
