@@ -269,9 +269,11 @@ void BufferQueue::cancel(std::unique_lock<std::mutex>& lock) {
         buffer.job.buffers.clear();
         if (buffer.bound)
             buffer.request->unbind({this, i});
-        abandon(i);
     }
     mDevice.pipeline().withdrawn();
+    // Only now: a buffer may hold the last reference to a request that the pipeline knew.
+    for (uint32_t i = 0; i < mBuffers.size(); ++i)
+        abandon(i);
     mDevice.buffersChanged();
 }
 
