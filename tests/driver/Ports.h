@@ -126,7 +126,8 @@ public:
         b.flags = request >= 0 ? V4L2_BUF_FLAG_REQUEST_FD : 0;
         b.request_fd = request;
         for (unsigned n = 0; n < layout.num_planes; ++n) {
-            planes[n].m.fd = memory[buffer * layout.num_planes + n].fd();
+            // An index beyond the queue's is for the driver to refuse: any memory does.
+            planes[n].m.fd = memory[(buffer * layout.num_planes + n) % memory.size()].fd();
             planes[n].length = output() ? layout.sizeimage[n] : 0;
             planes[n].reserved[2] = offset(n) + shift;
         }
