@@ -20,9 +20,9 @@ BufferQueue::BufferQueue(DeviceCore& device, const EntityDesc& entity, size_t en
 }
 
 int BufferQueue::setFormat(v4l2_format& format) {
-    if (int result = mFormat.check(format); result < 0)
-        return result;
-    return mBuffers.empty() ? mFormat.set(format) : -EBUSY;
+    if (format.type == mVideo.bufType && !mBuffers.empty())
+        return -EBUSY;
+    return mFormat.set(format);
 }
 
 int BufferQueue::requestBuffers(std::unique_lock<std::mutex>& lock, const void* owner,

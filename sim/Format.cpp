@@ -73,14 +73,9 @@ int Format::get(v4l2_format& format) const {
     return 0;
 }
 
-int Format::check(const v4l2_format& format) const {
+int Format::set(v4l2_format& format) {
     if (format.type != mBufType)
         return -EINVAL;
-    bool tooMany = isMultiPlanar(mBufType) && format.fmt.pix_mp.num_planes > VIDEO_MAX_PLANES;
-    return tooMany ? -EINVAL : 0;
-}
-
-int Format::set(v4l2_format& format) {
     if (!isMeta(mBufType)) {
         // Width, height and pixel format begin both kinds of record.
         const v4l2_pix_format& pix = format.fmt.pix;

@@ -22,9 +22,7 @@ public:
 
     /** VIDIOC_G_FMT. @return 0, or -EINVAL for another buffer type. */
     int get(v4l2_format& format) const;
-    /** @return 0, or -EINVAL for a record that cannot even be adjusted. */
-    int check(const v4l2_format& format) const;
-    /** VIDIOC_S_FMT with a record that passed check(): adjusts to what the engine can do. */
+    /** VIDIOC_S_FMT: adjusts to what the engine can do. @return as get(). */
     int set(v4l2_format& format);
 
     uint32_t planeCount() const { return mLayout.num_planes; }

@@ -1,6 +1,54 @@
 #include "Client.h"
 
+#include <cstdlib>
+
 namespace NSVista::NSCorvane::sim {
+
+namespace {
+
+std::string driverPath(const std::string& entity) {
+    uint32_t index = 0;
+    while (vengine_ports[index].name != entity)
+        ++index;
+    return "/dev/video" + std::to_string(index);
+}
+
+}  // namespace
+
+bool onDriver() {
+    return getenv("CORVANE_TEST_MODEL");
+}
+
+Memory::Memory(size_t bytes) : size(bytes) {
+    static auto source = onDriver() ? client::makeVideoNodeSource(driverPath("vengine-stats"))
+                                    : client::makeMemoryFileSource();
+    EXPECT_EQ(source->allocate(bytes, buffer), 0);
+    fd = buffer.fd();
+    data = buffer.map(client::CpuAccess::ReadWrite).data();
+}
+
+Client::Client() {
+    if (!onDriver())
+        mKernel.emplace(mEngine);
+    mMedia = System::Open("/dev/media0", O_RDWR, 0);
+}
+
+Client::~Client() {
+    for (auto& [name, node] : mNodes)
+        System::Close(node.fd, 0);
+    for (int request : mRequests)
+        System::Close(request, 0);
+    System::Close(mMedia, 0);
+    DeviceCounts counts = device().counts();
+    EXPECT_EQ(counts.openFiles, 0u);
+    EXPECT_EQ(counts.requests, 0u);
+    EXPECT_EQ(counts.mappedPlanes, 0u);
+    EXPECT_EQ(counts.inFlight, 0u);
+}
+
+std::string Client::nodePath(const std::string& entity) {
+    return onDriver() ? driverPath(entity) : device().nodePath(entity);
+}
 
 int Client::setLink(const std::string& name, uint32_t flags) {
     uint32_t index = 0;
@@ -32,7 +80,7 @@ Node& Client::node(const std::string& name) {
     node.port = vengine_ports;
     while (node.port->name != name)
         ++node.port;
-    node.fd = System::Open(device().nodePath(name).c_str(), O_RDWR | O_NONBLOCK, 0);
+    node.fd = System::Open(nodePath(name).c_str(), O_RDWR | O_NONBLOCK, 0);
     if (!node.port->immutable) {
         EXPECT_EQ(setLink(name, MEDIA_LNK_FL_ENABLED), 0) << name;
     }

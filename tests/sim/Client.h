@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include <corvane/client/DmaBuf.h>
 #include <corvane/platform/System.h>
 #include <corvane/sim/Engine.h>
 
@@ -11,11 +12,11 @@
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
 #include <poll.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,18 +28,10 @@ inline int call(int fd, unsigned long code, void* arg) {
     return System::Ioctl(fd, static_cast<int>(code), arg, 3);
 }
 
-/** A memory file that stands for a dma-buf. */
+/** A dma-buf: a memory file on the virtual engine. */
 struct Memory {
-    explicit Memory(size_t bytes) : fd(memfd_create("memory", MFD_CLOEXEC)), size(bytes) {
-        EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
-        data =
-            static_cast<uint8_t*>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-    }
-    ~Memory() {
-        munmap(data, size);
-        ::close(fd);
-    }
-    Memory(const Memory&) = delete;
+    explicit Memory(size_t bytes);
+    client::DmaBuf buffer;
     int fd;
     size_t size;
     uint8_t* data;
@@ -96,27 +89,19 @@ struct Buffer {
     v4l2_plane planes[VIDEO_MAX_PLANES] = {};
 };
 
+/** Tests run on the driver of a real kernel, where the environment has CORVANE_TEST_MODEL. */
+bool onDriver();
+
 /** Engine, media device and nodes; closes what it opened and expects that nothing is left. */
 class Client : public testing::Test {
 protected:
     static constexpr uint32_t kWidth = 66, kHeight = 18;
 
-    Client() : mMedia(System::Open("/dev/media0", O_RDWR, 0)) {}
-    ~Client() override {
-        for (auto& [name, node] : mNodes)
-            System::Close(node.fd, 0);
-        for (int request : mRequests)
-            System::Close(request, 0);
-        System::Close(mMedia, 0);
-        DeviceCounts counts = device().counts();
-        EXPECT_EQ(counts.openFiles, 0u);
-        EXPECT_EQ(counts.requests, 0u);
-        EXPECT_EQ(counts.mappedPlanes, 0u);
-        EXPECT_EQ(counts.inFlight, 0u);
-    }
+    Client();
+    ~Client() override;
 
     Device& device() { return mEngine.device(); }
-
+    std::string nodePath(const std::string& entity);
     int setLink(const std::string& port, uint32_t flags);
     uint32_t entityId(const std::string& name);
     /** Opens a port's node, links it and sets the test's size. */
@@ -144,7 +129,7 @@ protected:
     }
 
     VirtualEngine mEngine;
-    ScopedKernel mKernel{mEngine};
+    std::optional<ScopedKernel> mKernel;  ///< empty on a driver
     int mMedia;
     std::map<std::string, Node> mNodes;
     std::vector<int> mRequests;
