@@ -19,22 +19,23 @@ void* countedAllocation(size_t size) {
 }
 }  // namespace
 
-void* operator new(size_t size) {
+// Not inlined: the compiler would see memory of operator new go to free(), and warn.
+[[gnu::noinline]] void* operator new(size_t size) {
     return countedAllocation(size);
 }
-void* operator new[](size_t size) {
+[[gnu::noinline]] void* operator new[](size_t size) {
     return countedAllocation(size);
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     free(memory);
 }
-void operator delete[](void* memory) noexcept {
+[[gnu::noinline]] void operator delete[](void* memory) noexcept {
     free(memory);
 }
-void operator delete(void* memory, size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
     free(memory);
 }
-void operator delete[](void* memory, size_t) noexcept {
+[[gnu::noinline]] void operator delete[](void* memory, size_t) noexcept {
     free(memory);
 }
 
