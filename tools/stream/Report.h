@@ -11,7 +11,7 @@
 
 namespace NSVista::NSCorvane::stream {
 
-/** Prints to stdout. @param session stopped. */
+/** Prints to stdout. @param session after its stop. */
 void printReport(const Options& options, const std::vector<NodePort>& ports,
                  const client::SceneSession& session, const Content& content,
                  const RunResult& result);
