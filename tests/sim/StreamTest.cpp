@@ -246,7 +246,11 @@ TEST_F(StreamTest, BuffersOutliveTheirRequestsDescriptor) {
     EXPECT_TRUE(done(submit({&node}, 2, memory)));
     EXPECT_EQ(dequeue(node), 0);
     EXPECT_EQ(queue({node, 1, request(), &memory}, node), -EINVAL) << "bound until stream-off";
-    EXPECT_EQ(node.stream(false), 0);
+    device().hold();
+    EXPECT_EQ(System::Close(submit({&node}, 3, memory), 0), 0);
+    mRequests.erase(mRequests.end() - 1);
+    EXPECT_EQ(node.stream(false), 0) << "ends the request that nobody else knows";
+    EXPECT_EQ(device().counts().cancelled, 1u);
     EXPECT_EQ(queue({node, 1, request(), &memory}, node), 0);
 }
 
