@@ -253,15 +253,17 @@ TEST_F(BufferMonitorTest, RestsBetweenEmptyPassesAndWakesAtOnce) {
     EXPECT_LT(passes, 30U);
 
     // 130 ms after a pass that found observers, an empty one rests for 64 ms; a notification ends
-    // that. The best of some rounds counts, as the machine may be busy.
+    // that. One prompt round will do, as the machine may be busy.
     auto fastest = 1000ms;
-    for (uint32_t round = 1; round <= 5; ++round) {
+    for (uint32_t round = 1; round <= 20 && fastest >= 30ms; ++round) {
         const auto begin = std::chrono::steady_clock::now();
         notify({0, 1, 2});
         while (mMonitor->determineInqueBufferCount() != ~(3 * round))
-            std::this_thread::yield();
+            std::this_thread::sleep_for(1ms);
         const auto took = std::chrono::steady_clock::now() - begin;
-        fastest = std::min(fastest, std::chrono::duration_cast<std::chrono::milliseconds>(took));
+        if (round > 1)  // the first meets a rest at any of its moments
+            fastest =
+                std::min(fastest, std::chrono::duration_cast<std::chrono::milliseconds>(took));
         std::this_thread::sleep_for(130ms);
     }
     EXPECT_LT(fastest, 30ms);
