@@ -167,6 +167,20 @@ public:
     int queueRequest(IRequest* request, int argument) override;
 
     /**
+     * @name Choices of how the scene streams
+     * Made before start() by its owner. @return 0, or -1 with an error line when the scene streams.
+     * @{
+     */
+    /**
+     * Dequeues a request's buffers on the completing thread, in port order, before the done
+     * callback, however many ports the request has; the buffer monitor's thread then sleeps. At
+     * first only requests over one port are dequeued so. The configuration mode of the system
+     * properties comes before this choice.
+     */
+    int setDirectDequeue(bool direct);
+    /** @} */
+
+    /**
      * Opens every port and enables every link. Once in a scene's life.
      * @return 0, or -1 when a port or a link failed; the scene is uninitialised again then.
      */
@@ -190,6 +204,7 @@ private:
 
     static const char* stateName(int32_t state);
     bool inState(State wanted, const char* operation) const;
+    bool beforeStart(const char* operation) const CORVANE_REQUIRES(mStreamLock);
     void startMonitor();
     void stopMonitor();
 

@@ -53,6 +53,11 @@ public:
     void detachRequestBuffer(int requestFd, unsigned int bufferIndex) override;
     void notifyRequestDone(int requestFd, int* portIndexes, size_t count) override;
 
+    /**
+     * Serves a request over several ports as one over a single port: in configuration mode 0 its
+     * observers are called in port order by notifyRequestDone(). Before the first request.
+     */
+    void setDirectDequeue(bool direct) { mDirectDequeue = direct; }
     /** Calls queued observers until nothing is due. The worker thread. */
     void notifyComplete();
 
@@ -82,6 +87,7 @@ private:
     int32_t mConfigMode;
     int32_t mTraceBuf;
     int32_t mLogV;
+    bool mDirectDequeue = false;
     std::condition_variable mCondition;
     Mutex mCountLock;
     std::atomic<uint32_t> mQBufCount{0};

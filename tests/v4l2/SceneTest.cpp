@@ -305,6 +305,25 @@ TEST_F(SceneTest, StreamsRequests) {
     EXPECT_THAT(dumpOf(*mScene)[1], HasSubstr(".mActive=0 }"));
 }
 
+TEST_F(SceneTest, DequeuesEveryPortBeforeTheCallbackWhenAsked) {
+    open({0, 1, 2});
+    EXPECT_EQ(mScene->setDirectDequeue(true), 0);
+    EXPECT_EQ(mScene->start(), 0);
+    mLog.take();
+    EXPECT_EQ(mScene->setDirectDequeue(false), -1);
+    EXPECT_EQ(log(), Lines({"E [setDirectDequeue] Only before start()"}));
+    Lines seen;
+    mScene->setRequestDoneCallback([&](IRequest*) { seen = calls(); });
+    const auto request = mScene->createRequest();
+    fill(*request, {1, 2, 0});
+    EXPECT_EQ(mScene->queueRequest(request.get(), 0), 0);
+    calls();
+    mMedia->request->done();
+    EXPECT_EQ(seen, Lines({"ioctl 101 0xc0585611", "ioctl 102 0xc0585611", "ioctl 100 0xc0585611"}))
+        << "in the order in which the ports were added";
+    EXPECT_THAT(dumpOf(*mScene)[1], HasSubstr("#DQBUF=3 #ReqDone=0 #QBUF=3"));
+}
+
 TEST_F(SceneTest, StartsAgainWithoutItsMonitor) {
     open({0});
     for (int round = 0; round < 2; ++round) {

@@ -2,6 +2,7 @@
 
 #include <corvane/IMediaDevice.h>
 #include <corvane/SceneDesc.h>
+#include <corvane/V4L2BufferMonitor.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/ThreadLoop.h>
@@ -190,6 +191,23 @@ bool Scene::inState(State wanted, const char* operation) const {
     if (state != wanted)
         CORVANE_LOGE_AS(operation, "state %d != %s", state, stateName(wanted));
     return state == wanted;
+}
+
+/** Whether choices of how to stream can still be made; reports for @p operation when not. */
+bool Scene::beforeStart(const char* operation) const {
+    if (mState.load(std::memory_order_relaxed) != kStarted)
+        return true;
+    CORVANE_LOGE_AS(operation, "Only before start()");
+    return false;
+}
+
+int Scene::setDirectDequeue(bool direct) {
+    const MutexLock streaming(mStreamLock);
+    if (!beforeStart("setDirectDequeue"))
+        return -1;
+    // What IV4L2BufferMonitor::make() made.
+    static_cast<V4L2BufferMonitor&>(*mBufferMonitor).setDirectDequeue(direct);
+    return 0;
 }
 
 void Scene::startMonitor() {

@@ -263,8 +263,9 @@ void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_
     if (count == 0)
         CORVANE_FATAL("requestFd:%d without buffer passed - %s %s", requestFd,
                       toString_runtime().c_str(), toString_debugtrace().c_str());
-    if (count == 1 && mConfigMode == 0) {
-        notifyDirectly(portIndexes[0]);
+    if (mConfigMode == 0 && (count == 1 || mDirectDequeue)) {
+        for (size_t i = 0; i < count; ++i)
+            notifyDirectly(portIndexes[i]);
         return;
     }
     int unknownIndex = 0;
