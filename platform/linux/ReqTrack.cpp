@@ -1,5 +1,5 @@
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/ReqTrack.h>
-#include <time.h>
 
 namespace NSVista::NSCorvane::reqtrack {
 
@@ -8,11 +8,8 @@ namespace {
 void pass(unsigned long* track, Station station) {
     if (track == nullptr)
         return;
-    struct timespec now {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const auto ns = static_cast<unsigned long>(now.tv_sec) * 1000000000UL +
-                    static_cast<unsigned long>(now.tv_nsec);
-    __atomic_store_n(&track[station], ns, __ATOMIC_RELAXED);
+    __atomic_store_n(&track[station], static_cast<unsigned long>(monotonicInNs()),
+                     __ATOMIC_RELAXED);
 }
 
 }  // namespace

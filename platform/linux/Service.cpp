@@ -1,3 +1,4 @@
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Service.h>
 #include <signal.h>
@@ -12,26 +13,6 @@
 #include "TraceBackend.h"
 
 CORVANE_LOG_UNIT("corvane-Service")
-
-namespace NSVista::NSCorvane {
-
-void getCurrentLogTime(struct timespec& now) {
-    clock_gettime(CLOCK_REALTIME, &now);
-}
-
-std::string convertToFormattedLogTime(const struct timespec& time) {
-    if (time.tv_sec == 0 && time.tv_nsec == 0)
-        return "-";
-    struct tm local {};
-    localtime_r(&time.tv_sec, &local);
-    char day[32] = {};
-    strftime(day, sizeof(day), "%m-%d %H:%M:%S", &local);
-    char text[64] = {};
-    snprintf(text, sizeof(text), "%s.%06ld", day, time.tv_nsec / 1000);
-    return text;
-}
-
-}  // namespace NSVista::NSCorvane
 
 namespace {
 

@@ -1,3 +1,4 @@
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
@@ -6,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cinttypes>
 #include <utility>
 
 #include "FdTable.h"
@@ -120,13 +122,11 @@ std::vector<OpenFd> openFds() {
 void dumpState(IPrinter* printer) {
     if (printer == nullptr)
         return;
-    struct timespec now {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t now = monotonicInNs();
     for (const OpenFd& entry : openFds()) {
-        const long ageInMs = (now.tv_sec - entry.opened.tv_sec) * 1000 +
-                             (now.tv_nsec - entry.opened.tv_nsec) / 1000000;
-        printer->printFormatLine("fd=%d path=%s owner=0x%lx age=%ld ms", entry.fd,
-                                 entry.path.c_str(), entry.owner, ageInMs);
+        const int64_t age = now - timeInNs(entry.opened);
+        printer->printFormatLine("fd=%d path=%s owner=0x%lx age=%" PRId64 " ms", entry.fd,
+                                 entry.path.c_str(), entry.owner, age / 1000000);
     }
 }
 

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <memory>
 
+#include <corvane/platform/UniqueFd.h>
+
 namespace NSVista::NSCorvane::trace {
 
 /** Kinds of events; the values are the letters of the kernel marker's text protocol. */
@@ -39,8 +41,8 @@ public:
 /** @param[out] error 0 or the negated errno. @return null on failure. */
 std::shared_ptr<Backend> makeFileBackend(const char* path, int& error);
 std::shared_ptr<Backend> openMarkerBackend(int& error);
-/** @param fd a marker, owned from now on. */
-std::shared_ptr<Backend> makeMarkerBackend(int fd);
+/** @param fd a marker. */
+std::shared_ptr<Backend> makeMarkerBackend(UniqueFd fd);
 
 /** The calling thread has a new name. */
 void nameThread(const char* name);

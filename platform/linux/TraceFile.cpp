@@ -1,9 +1,10 @@
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
 #include <corvane/platform/Thread.h>
+#include <corvane/platform/UniqueFd.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,12 +23,6 @@ namespace {
 
 constexpr size_t kFlushAt = 256 * 1024;
 constexpr const char kTail[] = "\n]}\n";
-
-uint64_t nowInNs() {
-    struct timespec now {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000U + static_cast<uint64_t>(now.tv_nsec);
-}
 
 /** Appends a JSON string; every byte beyond ASCII is escaped, so that the file is always valid. */
 void appendString(std::string& out, const char* text) {
@@ -71,8 +66,7 @@ int writeAt(int fd, const std::string& text, off_t offset) {
  */
 class FileBackend final : public Backend {
 public:
-    explicit FileBackend(int fd) : mFd(fd) {}
-    ~FileBackend() override { ::close(mFd); }
+    explicit FileBackend(UniqueFd fd) : mFd(std::move(fd)) {}
 
     /** @return 0 or the negated errno. */
     int begin() CORVANE_EXCLUDES(mLock);
@@ -83,12 +77,12 @@ public:
 
 private:
     int threadId() CORVANE_REQUIRES(mLock);
-    void append(char phase, int tid, uint64_t ns) CORVANE_REQUIRES(mLock);
+    void append(char phase, int tid, int64_t ns) CORVANE_REQUIRES(mLock);
     void appendThreadName(int tid, const char* name) CORVANE_REQUIRES(mLock);
     int writePending() CORVANE_REQUIRES(mLock);
     void report(int result) CORVANE_EXCLUDES(mLock);
 
-    const int mFd;
+    const UniqueFd mFd;
     const int mPid = getpid();
     Mutex mLock;
     std::string mPending CORVANE_GUARDED_BY(mLock);
@@ -111,7 +105,7 @@ int FileBackend::begin() {
 }
 
 void FileBackend::event(Kind kind, const char* name, int32_t value) {
-    const uint64_t now = nowInNs();
+    const int64_t now = monotonicInNs();
     MutexLock lock(mLock);
     if (mClosed)
         return;
@@ -168,7 +162,7 @@ void FileBackend::flush() {
 }
 
 void FileBackend::finish() {
-    const uint64_t now = nowInNs();
+    const int64_t now = monotonicInNs();
     MutexLock lock(mLock);
     if (mClosed)
         return;
@@ -196,9 +190,9 @@ int FileBackend::threadId() {
 }
 
 /** Appends what all events begin with; the caller appends the rest and the brace. */
-void FileBackend::append(char phase, int tid, uint64_t ns) {
+void FileBackend::append(char phase, int tid, int64_t ns) {
     char text[128];
-    snprintf(text, sizeof(text), ",\n{\"ph\":\"%c\",\"pid\":%d,\"tid\":%d,\"ts\":%" PRIu64 ".%03u",
+    snprintf(text, sizeof(text), ",\n{\"ph\":\"%c\",\"pid\":%d,\"tid\":%d,\"ts\":%" PRId64 ".%03u",
              phase, mPid, tid, ns / 1000, static_cast<unsigned>(ns % 1000));
     mPending += text;
 }
@@ -218,7 +212,7 @@ int FileBackend::writePending() {
     }
     const size_t length = mPending.size();
     mPending += kTail;
-    const int result = writeAt(mFd, mPending, mOffset);
+    const int result = writeAt(mFd.get(), mPending, mOffset);
     mPending.clear();
     mOffset += static_cast<off_t>(length);
     if (result != 0)
@@ -235,12 +229,12 @@ void FileBackend::report(int result) {
 }  // namespace
 
 std::shared_ptr<Backend> makeFileBackend(const char* path, int& error) {
-    const int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
+    UniqueFd fd(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd) {
         error = -errno;
         return nullptr;
     }
-    auto backend = std::make_shared<FileBackend>(fd);
+    auto backend = std::make_shared<FileBackend>(std::move(fd));
     error = backend->begin();
     return error == 0 ? backend : nullptr;
 }

@@ -15,8 +15,7 @@ namespace {
 /** Writes the text protocol of Android's tracing into the kernel's trace marker. */
 class MarkerBackend final : public Backend {
 public:
-    explicit MarkerBackend(int fd) : mFd(fd) {}
-    ~MarkerBackend() override { ::close(mFd); }
+    explicit MarkerBackend(UniqueFd fd) : mFd(std::move(fd)) {}
 
     void event(Kind kind, const char* name, int32_t value) override;
     /** The kernel knows its threads' names. */
@@ -25,7 +24,7 @@ public:
     void finish() override {}
 
 private:
-    const int mFd;
+    const UniqueFd mFd;
     const int mPid = getpid();
 };
 
@@ -50,22 +49,22 @@ void MarkerBackend::event(Kind kind, const char* name, int32_t value) {
     std::replace(text, text + std::max(length, 0), '\n', ' ');
     // One write is one event; one that the kernel does not take is lost.
     [[maybe_unused]] const ssize_t written =
-        ::write(mFd, text, static_cast<size_t>(std::max(length, 0)));
+        ::write(mFd.get(), text, static_cast<size_t>(std::max(length, 0)));
 }
 
 }  // namespace
 
-std::shared_ptr<Backend> makeMarkerBackend(int fd) {
-    return std::make_shared<MarkerBackend>(fd);
+std::shared_ptr<Backend> makeMarkerBackend(UniqueFd fd) {
+    return std::make_shared<MarkerBackend>(std::move(fd));
 }
 
 std::shared_ptr<Backend> openMarkerBackend(int& error) {
     for (const char* path :
          {"/sys/kernel/tracing/trace_marker", "/sys/kernel/debug/tracing/trace_marker"}) {
-        const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-        if (fd >= 0) {
+        UniqueFd fd(::open(path, O_WRONLY | O_CLOEXEC));
+        if (fd) {
             error = 0;
-            return makeMarkerBackend(fd);
+            return makeMarkerBackend(std::move(fd));
         }
         error = -errno;
     }

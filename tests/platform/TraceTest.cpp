@@ -140,7 +140,7 @@ TEST_F(TraceTest, WritesOneMarkerEventPerWrite) {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_DIRECT), 0);  // keeps writes apart
     {
-        const auto marker = trace::makeMarkerBackend(fds[1]);
+        const auto marker = trace::makeMarkerBackend(UniqueFd(fds[1]));
         marker->event(trace::Kind::Begin, "two\nlines", 0);
         marker->event(trace::Kind::End, "", 0);
         marker->event(trace::Kind::AsyncBegin, std::string(2000, 'n').c_str(), 5);

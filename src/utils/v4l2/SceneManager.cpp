@@ -39,7 +39,7 @@ void registerDefaultMediaConfigs(const DefaultMediaConfigs* configs) {
 }
 
 int64_t determineDiffTimespecInNs(const struct timespec& a, const struct timespec& b) {
-    return (int64_t{a.tv_sec} - b.tv_sec) * 1000000000 + (a.tv_nsec - b.tv_nsec);
+    return timeDiffInNs(a, b);
 }
 
 SceneManager::SceneManager() : mDeviceEnumerator(IDeviceEnumerator::instance()) {

@@ -4,9 +4,7 @@
  */
 #pragma once
 
-#include <corvane/platform/Service.h>
-
-#include <time.h>
+#include <corvane/platform/Clock.h>
 
 namespace NSVista::NSCorvane {
 

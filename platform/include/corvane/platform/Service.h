@@ -1,14 +1,12 @@
 /**
  * @file
- * Exception reports, service termination and the log clock.
+ * Exception reports and service termination; the log clock comes with it.
  */
 #pragma once
 
-#include <time.h>
-
 #include <functional>
-#include <string>
 
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/Export.h>
 
 /**
@@ -41,13 +39,3 @@ CORVANE_EXPORT void setExceptionHandler(
 CORVANE_EXPORT void setTerminateHandler(std::function<void()> handler);
 
 }  // namespace NSVista::Utils
-
-namespace NSVista::NSCorvane {
-
-/** Reads the log clock (CLOCK_REALTIME, as the log lines carry it). */
-CORVANE_EXPORT void getCurrentLogTime(struct timespec& now);
-
-/** A log time as "MM-DD hh:mm:ss.uuuuuu" in local time; "-" for the zero time. */
-CORVANE_EXPORT std::string convertToFormattedLogTime(const struct timespec& time);
-
-}  // namespace NSVista::NSCorvane
