@@ -10,28 +10,13 @@
 #include <string>
 
 #include <corvane/IV4L2BufferMonitor.h>
+#include <corvane/V4L2.h>
 #include <corvane/platform/Export.h>
 
 namespace NSVista::NSCorvane {
 
 class IMediaDevice;
 class IMediaRequest;
-
-/** A format: of v4l2_pix_format, v4l2_pix_format_mplane or v4l2_meta_format. */
-struct PixelFormat {
-    static constexpr uint32_t kMaxPlanes = 8;
-
-    struct Plane {
-        uint32_t stride;  ///< bytes per line
-        uint32_t size;    ///< bytes; of a meta node both are the buffer size
-    };
-
-    uint32_t format;      ///< fourcc
-    uint32_t width;       ///< pixels; 0 for a meta node
-    uint32_t height;      ///< lines; 0 for a meta node
-    uint32_t planeCount;  ///< valid entries of planes; 1 for single-plane and meta nodes
-    Plane planes[kMaxPlanes];
-};
 
 /** One buffer of a client. */
 struct FrameBuffer {

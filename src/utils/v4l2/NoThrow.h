@@ -1,0 +1,32 @@
+/**
+ * @file
+ * No exception leaves the interface.
+ */
+#pragma once
+
+#include <corvane/platform/Log.h>
+
+namespace NSVista::NSCorvane {
+
+/**
+ * Ends the process for the exception being handled, with a fatal line that names the operation and
+ * what was thrown. Call it in a handler only.
+ */
+[[noreturn, gnu::cold]] void endOnException(const log::Site& site) noexcept;
+
+}  // namespace NSVista::NSCorvane
+
+/**
+ * Follows the body of an operation of the interface, which `try` begins. Costs nothing while
+ * nothing is thrown.
+ * @code
+ * int Scene::start() try {
+ *     ...
+ * }
+ * CORVANE_NO_THROW
+ * @endcode
+ */
+#define CORVANE_NO_THROW                                                              \
+    catch (...) {                                                                     \
+        ::NSVista::NSCorvane::endOnException(CORVANE_LOG_SITE(CORVANE_LOG_FUNCTION)); \
+    }
