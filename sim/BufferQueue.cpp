@@ -291,8 +291,7 @@ vengine_picture BufferQueue::picture(uint32_t index) const {
 
 void BufferQueue::complete(uint32_t index, bool good, const timespec& time) {
     Buffer& buffer = mBuffers[index];
-    if (mFailIn > 0 && --mFailIn == 0)
-        good = false;
+    good = mDevice.faults().pass(Operation::BUFFER, 0, mName, {}) == 0 && good;
     buffer.state = good ? State::DONE : State::ERROR;
     buffer.sequence = mSequence++;
     buffer.timestamp = {time.tv_sec, time.tv_nsec / 1000};

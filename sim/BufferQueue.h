@@ -79,7 +79,6 @@ public:
     const Format& format() const { return mFormat; }
     uint64_t remaps() const { return mRemaps; }
     size_t mappedPlanes() const;
-    void failBuffer(unsigned nth) { mFailIn = nth; }
 
 private:
     enum class State {
@@ -133,7 +132,6 @@ private:
     uint32_t mSequence = 0;  ///< of the next buffer that is done
     bool mUsesRequests = false, mUsesPlain = false;
     uint64_t mRemaps = 0;
-    unsigned mFailIn = 0;  ///< buffers until the one that fails, 0 for none
 };
 
 }  // namespace NSVista::NSCorvane::sim

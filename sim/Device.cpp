@@ -45,11 +45,7 @@ void Device::resume() {
 }
 
 void Device::failBuffer(const std::string& entity, unsigned nth) {
-    std::lock_guard lock(mCore->mutex());
-    for (const auto& queue : mCore->queues()) {
-        if (queue->name() == entity)
-            queue->failBuffer(nth);
-    }
+    mCore->faults().fail({Operation::BUFFER, 0, entity}, EIO, nth);
 }
 
 int Device::linkFlags(const std::string& source, uint32_t sourcePad, const std::string& sink,

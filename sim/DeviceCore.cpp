@@ -5,9 +5,10 @@
 
 namespace NSVista::NSCorvane::sim {
 
-DeviceCore::DeviceCore(const DeviceDesc& description, Graph graph, FdTable& fds)
+DeviceCore::DeviceCore(const DeviceDesc& description, Graph graph, FdTable& fds, Faults& faults)
     : mInfo(description.info),
       mFds(fds),
+      mFaults(faults),
       mGraph(std::move(graph)),
       mBufferLimit(VENGINE_MAX_BUFFERS),
       mPipeline(*this) {

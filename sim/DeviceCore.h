@@ -30,8 +30,8 @@ namespace NSVista::NSCorvane::sim {
  */
 class DeviceCore {
 public:
-    /** @param fds the engine's descriptors; outlives the device. */
-    DeviceCore(const DeviceDesc& description, Graph graph, FdTable& fds);
+    /** @param fds the engine's descriptors. @param faults its faults; both outlive the device. */
+    DeviceCore(const DeviceDesc& description, Graph graph, FdTable& fds, Faults& faults);
     ~DeviceCore();
     DeviceCore(const DeviceCore&) = delete;
     DeviceCore& operator=(const DeviceCore&) = delete;
@@ -43,6 +43,7 @@ public:
      * @{ */
     const media_device_info& info() const { return mInfo; }
     FdTable& fds() { return mFds; }
+    Faults& faults() { return mFaults; }
     Pipeline& pipeline() { return mPipeline; }
     const std::vector<std::unique_ptr<BufferQueue>>& queues() const { return mQueues; }
     const std::vector<std::unique_ptr<SubDevice>>& subDevices() const { return mSubDevices; }
@@ -76,6 +77,7 @@ private:
     std::condition_variable mBuffersChanged;
     const media_device_info mInfo;
     FdTable& mFds;
+    Faults& mFaults;
     Graph mGraph;
     uint32_t mBufferLimit;
     std::vector<std::unique_ptr<BufferQueue>> mQueues;

@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "DevNodes.h"
@@ -68,7 +69,8 @@ Device* Engine::addDevice(const DeviceDesc& description) {
     std::optional<Graph> graph = Graph::make(description);
     if (!graph)
         return nullptr;
-    auto core = std::make_unique<DeviceCore>(description, std::move(*graph), mState->fds);
+    auto core =
+        std::make_unique<DeviceCore>(description, std::move(*graph), mState->fds, mState->faults);
     if (!mState->nodes.add(description, *core))
         return nullptr;
     std::lock_guard lock(mState->mutex);
@@ -122,7 +124,13 @@ int Engine::ioctl(int fd, unsigned long request, void* arg) {
     file->record(code, arg);
     std::unique_lock<std::mutex> serial = file->serialise(code);
     int fault = mState->faults.pass(Operation::IOCTL, code, file->name(), file->path());
-    return answer(fault < 0 ? fault : file->ioctl(code, arg));
+    if (fault < 0)
+        return answer(fault);
+    if (fault > 0 && code == VIDIOC_REQBUFS && arg) {
+        uint32_t& count = static_cast<v4l2_requestbuffers*>(arg)->count;
+        count = std::min(count, static_cast<uint32_t>(fault));
+    }
+    return answer(file->ioctl(code, arg));
 }
 
 int Engine::openDir(const char* path, DIR** dir) {

@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <condition_variable>
 #include <map>
-#include <mutex>
 #include <tuple>
 #include <utility>
 #include <vector>
+
+#include <corvane/platform/Mutex.h>
+
+#include "vengine-fault.h"
 
 namespace NSVista::NSCorvane::sim {
 
@@ -15,9 +18,10 @@ namespace {
 struct Rule {
     int id;
     Call call;
-    int error;  ///< 0: hangs
+    int result;  ///< what the call ends with; 0: it hangs
     unsigned left;
     Repeat repeat;
+    const char* word = nullptr;  ///< of an ordered one
     unsigned hanging = 0;
 
     bool concerns(Operation operation, uint32_t code, std::string_view name,
@@ -46,21 +50,26 @@ struct CountLess {
 }  // namespace
 
 struct Faults::State {
-    mutable std::mutex mutex;
-    mutable std::condition_variable changed;
-    std::vector<Rule> rules;
-    int lastId = 0;
-    std::map<CountKey, uint64_t, CountLess> counts;
+    mutable Mutex mutex;
+    std::condition_variable changed;
+    std::vector<Rule> rules CORVANE_GUARDED_BY(mutex);
+    int lastId CORVANE_GUARDED_BY(mutex) = 0;
+    std::map<CountKey, uint64_t, CountLess> counts CORVANE_GUARDED_BY(mutex);
 
-    int add(const Call& call, int error, unsigned nth, Repeat repeat) {
-        std::lock_guard lock(mutex);
-        rules.push_back({++lastId, call, error, std::max(nth, 1u), repeat});
+    int add(Rule rule) {
+        const MutexLock lock(mutex);
+        rule.id = ++lastId;
+        rule.left = std::max(rule.left, 1u);
+        rules.push_back(std::move(rule));
         return lastId;
     }
-    Rule* find(int id) {
+    Rule* find(int id) CORVANE_REQUIRES(mutex) {
         auto at = std::find_if(rules.begin(), rules.end(), [id](auto& r) { return r.id == id; });
         return at == rules.end() ? nullptr : &*at;
     }
+    /** Counts a call with the rules. @return the one that strikes, null for none. */
+    Rule* strike(Operation operation, uint32_t code, std::string_view name, std::string_view path)
+        CORVANE_REQUIRES(mutex);
 };
 
 Call Call::ioctl(unsigned long code, std::string subject) {
@@ -72,35 +81,71 @@ Faults::Faults() : mState(std::make_unique<State>()) {
 Faults::~Faults() = default;
 
 int Faults::fail(const Call& call, int error, unsigned nth, Repeat repeat) {
-    return mState->add(call, error, nth, repeat);
+    return mState->add({0, call, -error, nth, repeat});
 }
 
 int Faults::hang(const Call& call, unsigned nth) {
-    return mState->add(call, 0, nth, Repeat::ONCE);
+    return mState->add({0, call, 0, nth, Repeat::ONCE});
+}
+
+int Faults::order(const std::string& line) {
+    if (line == "clear") {
+        clear();
+        return 0;
+    }
+    vengine_fault_order order;
+    if (int result = vengine_parse_fault(line.c_str(), &order); result < 0)
+        return result;
+    const vengine_fault_word& word = vengine_fault_words[order.op];
+    Operation operation = order.op == VENGINE_OP_BUFFER ? Operation::BUFFER : Operation::IOCTL;
+    mState->add(
+        {0, {operation, word.code, order.entity}, order.value, order.nth, Repeat::ONCE, word.word});
+    return 0;
+}
+
+std::string Faults::ordered() const {
+    const MutexLock lock(mState->mutex);
+    std::string armed, hung;
+    for (const Rule& rule : mState->rules) {
+        if (!rule.word)
+            continue;
+        if (rule.hanging > 0)
+            hung += std::string(rule.word) + " hangs " + rule.call.subject + '\n';
+        else
+            armed += std::string(rule.word) + ' ' +
+                     (rule.result ? std::to_string(rule.result) : "hang") + ' ' +
+                     std::to_string(rule.left) + ' ' + rule.call.subject + '\n';
+    }
+    return armed + hung;
 }
 
 bool Faults::waitUntilHung(int id, std::chrono::milliseconds limit) const {
-    std::unique_lock lock(mState->mutex);
-    return mState->changed.wait_until(lock, std::chrono::system_clock::now() + limit, [&] {
-        Rule* rule = mState->find(id);
-        return rule && rule->hanging > 0;
-    });
+    const auto end = std::chrono::system_clock::now() + limit;
+    MutexLock lock(mState->mutex);
+    for (;;) {
+        const Rule* rule = mState->find(id);
+        if (rule && rule->hanging > 0)
+            return true;
+        if (std::chrono::system_clock::now() >= end)
+            return false;
+        mState->changed.wait_until(lock.native(), end);
+    }
 }
 
 void Faults::remove(int id) {
-    std::lock_guard lock(mState->mutex);
+    const MutexLock lock(mState->mutex);
     std::erase_if(mState->rules, [id](const Rule& rule) { return rule.id == id; });
     mState->changed.notify_all();
 }
 
 void Faults::clear() {
-    std::lock_guard lock(mState->mutex);
+    const MutexLock lock(mState->mutex);
     mState->rules.clear();
     mState->changed.notify_all();
 }
 
 uint64_t Faults::calls(const Call& call) const {
-    std::lock_guard lock(mState->mutex);
+    const MutexLock lock(mState->mutex);
     Rule pattern{0, call, 0, 0, Repeat::ONCE};
     uint64_t sum = 0;
     for (const auto& [key, count] : mState->counts) {
@@ -111,40 +156,45 @@ uint64_t Faults::calls(const Call& call) const {
     return sum;
 }
 
+Rule* Faults::State::strike(Operation operation, uint32_t code, std::string_view name,
+                            std::string_view path) {
+    Rule* hit = nullptr;
+    for (Rule& rule : rules) {
+        if (rule.left == 0 || !rule.concerns(operation, code, name, path))
+            continue;
+        if (rule.left > 1)
+            --rule.left;
+        else if (!hit)  // else it is due for the next call, since an older fault takes this one
+            hit = &rule;
+    }
+    if (hit && hit->repeat == Repeat::ONCE)
+        hit->left = 0;
+    return hit;
+}
+
 int Faults::pass(Operation operation, uint32_t code, std::string_view name, std::string_view path) {
-    std::unique_lock lock(mState->mutex);
-    auto at = mState->counts.find(CountView{operation, code, name, path});
-    if (at == mState->counts.end()) {
+    State& state = *mState;
+    MutexLock lock(state.mutex);
+    auto at = state.counts.find(CountView{operation, code, name, path});
+    if (at == state.counts.end()) {
         CountKey key{operation, code, name, path};
-        at = mState->counts.emplace(std::move(key), 0).first;
+        at = state.counts.emplace(std::move(key), 0).first;
     }
     ++at->second;
 
-    int hitId = 0;
-    int error = 0;
-    for (Rule& rule : mState->rules) {
-        if (!rule.concerns(operation, code, name, path) || rule.left == 0)
-            continue;
-        if (--rule.left > 0)
-            continue;
-        if (hitId != 0) {
-            ++rule.left;  // due for the next call, since an older fault takes this one
-            continue;
-        }
-        hitId = rule.id;
-        error = rule.error;
-        rule.left = rule.repeat == Repeat::FOR_GOOD ? 1 : 0;
-    }
-    if (hitId == 0)
+    Rule* hit = state.strike(operation, code, name, path);
+    if (!hit)
         return 0;
-    if (error != 0) {
-        std::erase_if(mState->rules, [](const Rule& rule) { return rule.error && rule.left == 0; });
-    } else {
-        ++mState->find(hitId)->hanging;
-        mState->changed.notify_all();
-        mState->changed.wait(lock, [&] { return mState->find(hitId) == nullptr; });
+    const int id = hit->id, result = hit->result;
+    if (result != 0) {
+        std::erase_if(state.rules, [](const Rule& rule) { return rule.result && rule.left == 0; });
+        return result;
     }
-    return -error;
+    ++hit->hanging;
+    state.changed.notify_all();
+    while (state.find(id))
+        state.changed.wait(lock.native());
+    return 0;
 }
 
 }  // namespace NSVista::NSCorvane::sim

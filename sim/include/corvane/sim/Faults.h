@@ -14,8 +14,8 @@
 
 namespace NSVista::NSCorvane::sim {
 
-/** The operations of System::Kernel. */
-enum class Operation { OPEN, CLOSE, IOCTL, OPEN_DIR, READ_DIR, CLOSE_DIR, STAT, READ_LINK };
+/** The operations of System::Kernel, and BUFFER: a node's engine completes one, which can fail. */
+enum class Operation { OPEN, CLOSE, IOCTL, OPEN_DIR, READ_DIR, CLOSE_DIR, STAT, READ_LINK, BUFFER };
 
 /** Which calls a fault strikes or a count counts. */
 struct CORVANE_EXPORT Call {
@@ -55,6 +55,16 @@ public:
     int fail(const Call& call, int error, unsigned nth = 1, Repeat repeat = Repeat::ONCE);
     /** Makes the @p nth call from now hang until remove() or clear(), then go its normal way. */
     int hang(const Call& call, unsigned nth = 1);
+    /**
+     * Sets a fault up as the driver's own test side takes it: "qbuf -5 2 vengine-main", "streamon
+     * hang", "reqbufs 1" (grants one buffer at most), "buffer -5" (the error flag); or "clear". The
+     * words and the grammar are those of driver/vengine-fault.h. A "request_reinit" strikes one
+     * call.
+     * @return 0, or -EINVAL for a line that the driver refuses.
+     */
+    int order(const std::string& line);
+    /** The faults set up by order(), as the driver shows them: those armed, then those hung in. */
+    std::string ordered() const;
     /** Waits until a call hangs in fault @p id. @return false when none does within @p limit. */
     bool waitUntilHung(int id, std::chrono::milliseconds limit) const;
     /** Takes a fault away; a call that hangs in it goes on. */
@@ -65,7 +75,10 @@ public:
     /** Calls made so far that @p call describes, failed ones included. */
     uint64_t calls(const Call& call) const;
 
-    /** @private Passes one call. @return 0, or the negated errno that it fails with. */
+    /**
+     * @private Passes one call.
+     * @return 0, the negated errno that it fails with, or how many buffers it may grant.
+     */
     int pass(Operation operation, uint32_t code, std::string_view name, std::string_view path);
 
 private:
