@@ -12,7 +12,7 @@
 #include <limits>
 #include <utility>
 
-#include "NodeFd.h"
+#include <corvane/client/NodeFd.h>
 
 namespace NSVista::NSCorvane::client {
 

@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <linux/videodev2.h>
 
-#include "NodeFd.h"
+#include <corvane/client/NodeFd.h>
 
 namespace NSVista::NSCorvane::client {
 

@@ -7,10 +7,10 @@
 #include <memory>
 #include <vector>
 
-#include "DeviceGraph.h"
+#include "PortChoice.h"
 #include "EngineContent.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 namespace {
 
 using namespace std::chrono_literals;
@@ -28,9 +28,9 @@ protected:
     /** Streams three requests of six ports; the second is spoilt. @return errors of each port. */
     template <class ContentUnderTest>
     std::vector<uint64_t> run(const Spoilt& spoilt) {
-        const auto graph = DeviceGraph::find(VENGINE_MODEL);
-        const std::vector<NodePort> ports = graph->choose("0,1,2,3,4,6");
-        client::SessionDesc desc{"test", {}, graph->linksOf(ports), 3, {192, 64}};
+        const Device device = findDevices(VENGINE_MODEL).front();
+        const std::vector<NodePort> ports = choosePorts(device, "0,1,2,3,4,6");
+        client::SessionDesc desc{"test", {}, device.linksOf(ports), 3, {192, 64}};
         for (const NodePort& port : ports)
             desc.ports.push_back({port.entity, port.index, port.entity, 0, 64, 16});
         int error = 0;
@@ -85,4 +85,4 @@ TEST_F(ContentTest, FindsWhatIsNotAsExpected) {
 }
 
 }  // namespace
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -2,9 +2,13 @@
 
 #include <corvane/V4L2SubDevice.h>
 
+#include <cstdio>
+#include <cstring>
+
+#include "Console.h"
 #include "vengine-desc.h"
 
-namespace corvane::info {
+namespace NSVista::NSCorvane::tools {
 
 KnownControls knownControls(const std::string& model) {
     if (model != VENGINE_MODEL)
@@ -21,7 +25,7 @@ KnownControls knownControls(const std::string& model) {
 
 int readControls(const Entity& entity, const std::vector<ControlId>& controls,
                  std::vector<ControlValue>& values) {
-    NSVista::NSCorvane::V4L2SubDevice subDevice(entity.devnode, entity.name);
+    V4L2SubDevice subDevice(entity.devnode, entity.name);
     if (const int r = subDevice.openDevice(); r < 0)
         return r;
     for (const ControlId& control : controls) {
@@ -33,4 +37,16 @@ int readControls(const Entity& entity, const std::vector<ControlId>& controls,
     return 0;
 }
 
-}  // namespace corvane::info
+void printControls(const Entity& entity, const std::vector<ControlValue>& values) {
+    printf("\nControls of %s  %s\n", entity.name.c_str(), entity.devnode.c_str());
+    std::vector<Row> rows = {{"id", "name", "value", "range"}};
+    for (const ControlValue& value : values) {
+        const bool known = !value.control.name.empty();
+        rows.push_back({std::to_string(value.control.id), known ? value.control.name : "-",
+                        value.error < 0 ? strerror(-value.error) : std::to_string(value.value),
+                        value.control.range});
+    }
+    printTable(rows, {0, 2});
+}
+
+}  // namespace NSVista::NSCorvane::tools

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "Devices.h"
+#include "Device.h"
 
-namespace corvane::info {
+namespace NSVista::NSCorvane::tools {
 
 /** A control to ask for. */
 struct ControlId {
@@ -40,4 +40,6 @@ KnownControls knownControls(const std::string& model);
 int readControls(const Entity& entity, const std::vector<ControlId>& controls,
                  std::vector<ControlValue>& values);
 
-}  // namespace corvane::info
+void printControls(const Entity& entity, const std::vector<ControlValue>& values);
+
+}  // namespace NSVista::NSCorvane::tools

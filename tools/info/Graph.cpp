@@ -1,17 +1,8 @@
 #include "Graph.h"
 
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "NodeFormats.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <memory>
-
-#include "Formats.h"
-
-namespace corvane::info {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -113,29 +104,6 @@ void addLink(std::string& graph, size_t device, const media_link_desc& link) {
              ":p" + std::to_string(link.sink.index) + ":w [" + look + "];\n";
 }
 
-struct Close {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using File = std::unique_ptr<FILE, Close>;
-
-int runDot(const char* format, int input, int output) {
-    char program[] = "dot";
-    std::string option = std::string("-T") + format;
-    char* arguments[] = {program, option.data(), nullptr};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    pid_t child = -1;
-    const int error = posix_spawnp(&child, program, &actions, nullptr, arguments, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0)
-        return error == ENOENT ? -ENOEXEC : -error;
-    int status = 0;
-    const bool drawn = waitpid(child, &status, 0) == child && status == 0;
-    return drawn ? 0 : -EIO;
-}
-
 }  // namespace
 
 std::string makeGraph(const std::vector<Device>& devices) {
@@ -160,19 +128,4 @@ std::string makeGraph(const std::vector<Device>& devices) {
     return graph + "}\n";
 }
 
-int drawGraph(const std::string& graph, const char* format, std::string& picture) {
-    const File input(tmpfile());
-    const File output(tmpfile());
-    if (!input || !output || fputs(graph.c_str(), input.get()) < 0 || fflush(input.get()) != 0)
-        return -errno;
-    lseek(fileno(input.get()), 0, SEEK_SET);
-    if (const int r = runDot(format, fileno(input.get()), fileno(output.get())); r < 0)
-        return r;
-    lseek(fileno(output.get()), 0, SEEK_SET);
-    char part[4096];
-    while (const size_t size = fread(part, 1, sizeof(part), output.get()))
-        picture.append(part, size);
-    return 0;
-}
-
-}  // namespace corvane::info
+}  // namespace NSVista::NSCorvane::tools

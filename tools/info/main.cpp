@@ -12,78 +12,39 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <optional>
 #include <set>
 
+#include "Console.h"
 #include "Controls.h"
-#include "Devices.h"
+#include "Device.h"
 #include "Graph.h"
-#include "Report.h"
+#include "Listing.h"
 
-namespace corvane::info {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
-using namespace NSVista;
-using namespace NSVista::NSCorvane;
-
-enum Exit { kDone = 0, kFailed = 1, kUsage = 2 };
-
 struct Options {
-    std::string model, dot, svg, png, subDevice;
+    std::string model, dot, subDevice;
     std::vector<int> controls;
     bool sim = false, dump = false;
 };
 
-/** Ends a run with one line. */
-int complain(Exit exit, const char* format, ...) __attribute__((format(printf, 2, 3)));
-int complain(Exit exit, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    fputs("corvane-info: ", stderr);
-    vfprintf(stderr, format, arguments);
-    fputc('\n', stderr);
-    va_end(arguments);
-    return exit;
-}
-
-int writeFile(const std::string& content, const std::string& path) {
-    FILE* file = fopen(path.c_str(), "w");
+ExitCode writeGraph(const std::string& graph, const std::string& path) {
+    if (path == "-") {
+        fputs(graph.c_str(), stdout);
+        return kSuccess;
+    }
+    FILE* const file = fopen(path.c_str(), "we");
     if (file == nullptr)
-        return complain(kFailed, "cannot write %s: %s", path.c_str(), strerror(errno));
-    const bool written = fwrite(content.data(), 1, content.size(), file) == content.size();
+        return complain(kRunFailed, "cannot write %s: %s", path.c_str(), strerror(errno));
+    const bool written = fputs(graph.c_str(), file) >= 0;
     if (fclose(file) != 0 || !written)
-        return complain(kFailed, "cannot write %s: %s", path.c_str(), strerror(errno));
-    printf("graph: %s\n", path.c_str());
-    return kDone;
-}
-
-int draw(const std::string& graph, const char* format, const std::string& path) {
-    std::string picture;
-    const int r = drawGraph(graph, format, picture);
-    if (r == -ENOEXEC)
-        return complain(kFailed, "cannot draw %s: 'dot' of graphviz is not installed",
-                        path.c_str());
-    if (r < 0)
-        return complain(kFailed, "cannot draw %s: %s", path.c_str(), strerror(-r));
-    return writeFile(picture, path);
-}
-
-int writeGraphs(const Options& options, const std::vector<Device>& devices) {
-    if (options.dot.empty() && options.svg.empty() && options.png.empty())
-        return kDone;
-    const std::string graph = makeGraph(devices);
-    int exit = kDone;
-    if (!options.dot.empty())
-        exit = std::max(exit, writeFile(graph, options.dot));
-    if (!options.svg.empty())
-        exit = std::max(exit, draw(graph, "svg", options.svg));
-    if (!options.png.empty())
-        exit = std::max(exit, draw(graph, "png", options.png));
-    return exit;
+        return complain(kRunFailed, "cannot write %s: %s", path.c_str(), strerror(errno));
+    return kSuccess;
 }
 
 /** The controls to read: the asked ones, with what is known of them, else all known. */
@@ -108,40 +69,29 @@ const Entity* controlledEntity(const Options& options, const Device& device) {
 }
 
 /** Tests that the wishes about controls can be met. */
-int checkControls(const Options& options, const std::vector<Device>& devices) {
+ExitCode checkControls(const Options& options, const std::vector<Device>& devices) {
     const auto controlled = [&](const Device& device) {
         return controlledEntity(options, device) != nullptr;
     };
     if (std::any_of(devices.begin(), devices.end(), controlled))
-        return kDone;
+        return kSuccess;
     if (!options.subDevice.empty())
-        return complain(kUsage, "no entity '%s' with a device node", options.subDevice.c_str());
+        return complain(kBadUse, "no entity '%s' with a device node", options.subDevice.c_str());
     if (!options.controls.empty())
-        return complain(kUsage, "--control needs --subdev: no sub-device is known");
-    return kDone;
+        return complain(kBadUse, "--control needs --subdev: no sub-device is known");
+    return kSuccess;
 }
 
-int showControls(const Options& options, const Device& device) {
+ExitCode showControls(const Options& options, const Device& device) {
     const Entity* entity = controlledEntity(options, device);
     const auto controls = chooseControls(options, knownControls(device.model));
     if (entity == nullptr || controls.empty())
-        return kDone;
+        return kSuccess;
     std::vector<ControlValue> values;
     if (const int r = readControls(*entity, controls, values); r < 0)
-        return complain(kFailed, "cannot open %s: %s", entity->devnode.c_str(), strerror(-r));
+        return complain(kRunFailed, "cannot open %s: %s", entity->devnode.c_str(), strerror(-r));
     printControls(*entity, values);
-    return kDone;
-}
-
-int report(const Options& options, const std::vector<Device>& devices) {
-    int exit = kDone;
-    for (const Device& device : devices) {
-        if (&device != &devices.front())
-            printf("\n\n");
-        printDevice(device);
-        exit = std::max(exit, showControls(options, device));
-    }
-    return exit;
+    return kSuccess;
 }
 
 /** Prints the library's state with every device searched for, so that its caches show. */
@@ -160,7 +110,7 @@ void dumpState(const std::vector<Device>& devices) {
     IDefaultSubDeviceProvider::instance()->dumpState(&printer);
 }
 
-int run(const Options& options) {
+ExitCode run(const Options& options) {
     std::optional<sim::VirtualEngine> engine;
     std::optional<sim::ScopedKernel> kernel;
     if (options.sim)
@@ -168,52 +118,53 @@ int run(const Options& options) {
 
     const std::vector<Device> devices = findDevices(options.model);
     if (devices.empty() && !options.model.empty())
-        return complain(kUsage, "no media device of model '%s'", options.model.c_str());
+        return complain(kBadUse, "no media device of model \"%s\"", options.model.c_str());
     if (devices.empty())
-        return complain(kFailed, "no media device found (--sim shows the virtual engine)");
-    if (options.dot == "-") {
-        fputs(makeGraph(devices).c_str(), stdout);
-        return kDone;
-    }
-    if (const int exit = checkControls(options, devices); exit != kDone)
-        return exit;
-    int exit = report(options, devices);
+        return complain(kRunFailed, "no media device found (--sim shows the virtual engine)");
+    if (!options.dot.empty())
+        return writeGraph(makeGraph(devices), options.dot);
+    if (const ExitCode code = checkControls(options, devices); code != kSuccess)
+        return code;
+    printDevices(devices);
+    ExitCode code = kSuccess;
+    for (const Device& device : devices)
+        code = std::max(code, showControls(options, device));
     if (options.dump)
         dumpState(devices);
-    exit = std::max(exit, writeGraphs(options, devices));
-    return exit;
+    return code;
 }
 
 }  // namespace
 
-}  // namespace corvane::info
+}  // namespace NSVista::NSCorvane::tools
 
 int main(int argc, char** argv) {
-    corvane::info::Options options;
+    using namespace NSVista::NSCorvane::tools;
+    setProgramName("corvane-info");
+    Options options;
     CLI::App app("Shows media devices: topology, formats of their nodes, controls.",
                  "corvane-info");
-    app.add_option("-m,--model", options.model, "only media devices of this model")
+    app.footer("Exit codes: 0 success, 1 a device could not be read, 2 bad use.");
+    app.add_option("-m,--model", options.model, "Only media devices of this model")
         ->type_name("NAME");
-    app.add_flag("--sim", options.sim, "show the virtual engine in place of this machine");
+    app.add_flag("--sim", options.sim, "Show the virtual engine in place of this machine");
     app.add_option("--dot", options.dot,
-                   "write the graph for graphviz; - for standard output alone")
-        ->type_name("FILE");
-    app.add_option("--svg", options.svg, "draw the graph as SVG (needs graphviz)")
-        ->type_name("FILE");
-    app.add_option("--png", options.png, "draw the graph as PNG (needs graphviz)")
-        ->type_name("FILE");
-    app.add_option("--subdev", options.subDevice, "entity of the driver's sub-device")
+                   "Write the graph for graphviz to a file, else to standard output, and end")
+        ->expected(0, 1)
+        ->default_str("-")
+        ->type_name("[FILE]");
+    app.add_option("--subdev", options.subDevice, "Entity of the driver's sub-device")
         ->type_name("NAME");
-    app.add_option("--control", options.controls, "ids of the sub-device's controls to read")
+    app.add_option("--control", options.controls, "Ids of the sub-device's controls to read")
         ->type_name("ID");
-    app.add_flag("--dump", options.dump, "print the library's state");
+    app.add_flag("--dump", options.dump, "Print the library's state");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        return corvane::info::complain(corvane::info::kUsage, "%s", error.what());
+        return complain(kBadUse, "%s; --help tells more", error.what());
     }
-    corvane::info::setUpTerminal();
-    return corvane::info::run(options);
+    setUpTerminal();
+    return finishOutput(run(options));
 }

@@ -11,7 +11,7 @@
 #include <span>
 #include <vector>
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /** Pseudo-random bytes that no picture is likely to hold at the same place. */
 class Canary {
@@ -50,4 +50,4 @@ private:
     std::vector<uint8_t> mPattern;
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

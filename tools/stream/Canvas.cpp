@@ -6,7 +6,9 @@
 #include <cctype>
 #include <cstdio>
 
-namespace NSVista::NSCorvane::stream {
+#include "Console.h"
+
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -80,8 +82,8 @@ bool Canvas::writePng(const std::string& path) const {
     image.format = PNG_FORMAT_RGB;
     if (png_image_write_to_file(&image, path.c_str(), 0, mPixels.data(), 0, nullptr) != 0)
         return true;
-    fprintf(stderr, "corvane-stream: %s: %s\n", path.c_str(), image.message);
+    say("%s: %s", path.c_str(), image.message);
     return false;
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -10,7 +10,7 @@
 
 #include "Picture.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /** An RGB picture in memory. What falls outside of it is cut. */
 class Canvas {
@@ -35,4 +35,4 @@ private:
     std::vector<Rgb> mPixels;
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstring>
 
-namespace NSVista::NSCorvane::stream {
+#include "Console.h"
+
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -87,10 +89,9 @@ std::string Content::checkGaps(const client::FrameMapping& planes) const {
 void Content::report(uint64_t number, size_t port, const std::string& error) {
     ++mErrors[port];
     if (++mReported <= kReportedErrors)
-        fprintf(stderr, "corvane-stream: request %" PRIu64 ", %s: %s\n", number,
-                mPorts[port].entity.c_str(), error.c_str());
+        say("request %" PRIu64 ", %s: %s", number, mPorts[port].entity.c_str(), error.c_str());
     if (mReported == kReportedErrors)
-        fprintf(stderr, "corvane-stream: further errors are only counted\n");
+        say("further errors are only counted");
 }
 
 void PlainContent::fillOutput(uint64_t number, size_t port, const client::FrameMapping& planes) {
@@ -119,4 +120,4 @@ std::string PlainContent::checkCapture(uint64_t /*number*/, size_t /*port*/,
     return {};
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -12,9 +12,9 @@
 #include <corvane/client/SceneSession.h>
 
 #include "Canary.h"
-#include "DeviceGraph.h"
+#include "Device.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /**
  * Fills and checks the frames of one session. What every device owes is checked here: captures are
@@ -84,4 +84,4 @@ protected:
                              const client::FrameMapping& planes) override;
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -62,8 +62,8 @@ std::string differenceOf(const vengine_picture& got, const vengine_picture& expe
 
 }  // namespace
 
-bool EngineContent::isFor(const DeviceGraph& graph) {
-    return graph.driver() == VENGINE_DRIVER;
+bool EngineContent::isFor(const Device& device) {
+    return device.driver == VENGINE_DRIVER;
 }
 
 std::string EngineContent::findStrangeFormat(const std::vector<NodePort>& ports,
@@ -216,4 +216,4 @@ uint32_t EngineContent::readFrameNumber(size_t port, const client::FrameMapping&
     return frame;
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

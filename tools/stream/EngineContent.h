@@ -10,7 +10,7 @@
 #include "Content.h"
 #include "vengine-picture.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /**
  * Feeds the virtual engine (in the process or as a kernel module) and knows what must come out: the
@@ -20,7 +20,7 @@ namespace NSVista::NSCorvane::stream {
 class EngineContent : public Content {
 public:
     /** Whether a device is the engine. */
-    static bool isFor(const DeviceGraph& graph);
+    static bool isFor(const Device& device);
     /** @return the port whose format is not laid out as the engine does, empty for none. */
     static std::string findStrangeFormat(const std::vector<NodePort>& ports,
                                          const client::SceneSession& session);
@@ -57,4 +57,4 @@ private:
     vengine_picture mMask{};
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -6,7 +6,9 @@
 
 #include <cstdio>
 
-namespace NSVista::NSCorvane::stream {
+#include "Console.h"
+
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -24,7 +26,7 @@ std::unique_ptr<EventPrinter> EventPrinter::start() {
     if (printer->mSubDevice && printer->mMonitor &&
         printer->mMonitor->attachObserver(printer.get(), EPOLLPRI) == 0)
         return printer;
-    fprintf(stderr, "corvane-stream: no events from the default sub-device\n");
+    say("no events from the default sub-device");
     return nullptr;
 }
 
@@ -49,4 +51,4 @@ void EventPrinter::onEvent(const OnEvent& /*event*/) {
     } while (event.pending != 0);
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -13,7 +13,7 @@ namespace NSVista::NSCorvane {
 class IV4L2SubDevice;
 }
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /** A user of the default sub-device that prints each frame-sync event to stdout as it comes. */
 class EventPrinter : public IEventObserver {
@@ -34,4 +34,4 @@ private:
     std::shared_ptr<client::EpollEventMonitor> mMonitor;
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -11,7 +11,7 @@
 #include <cmath>
 #include <cstdint>
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /**
  * Counts durations in buckets of less than one percent of their value: 128 buckets for each power
@@ -69,4 +69,4 @@ private:
     uint64_t mGreatest = 0;
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -3,11 +3,13 @@
 #include <linux/videodev2.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 
+#include "Console.h"
 #include "vengine-desc.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -35,19 +37,22 @@ std::string readFormat(const std::string& text, Options& options) {
     return {};
 }
 
-int badUse(const std::string& what) {
-    fprintf(stderr, "corvane-stream: %s; --help tells more\n", what.c_str());
-    return kBadUse;
+using Check = std::string (*)(const std::string&, Options&);
+
+/** An option whose value is read by a function that tells what is wrong with it. */
+CLI::Option* addRead(CLI::App& app, const char* name, Options& options, Check read,
+                     const char* help) {
+    return app.add_option_function<std::string>(
+        name,
+        [&options, read](const std::string& text) {
+            if (const std::string wrong = read(text, options); !wrong.empty())
+                throw CLI::ValidationError(wrong);
+        },
+        help);
 }
 
-}  // namespace
-
-std::optional<int> parseOptions(int argc, char** argv, Options& options) {
-    options = {};
-    CLI::App app("Streams requests through a media device and checks every frame.\n",
-                 "corvane-stream");
-    app.footer("Exit codes: 0 success, 1 the run failed, 2 bad use.");
-    app.add_flag("--list", options.list, "List media devices, entities and links, then end");
+void addStreamOptions(CLI::App& app, Options& options) {
+    app.add_flag("--list", options.list, "List media devices as corvane-info does, then end");
     app.add_option("--model", options.model, "Model name of the media device")
         ->default_str(VENGINE_MODEL);
     app.add_option("--ports", options.ports,
@@ -62,21 +67,9 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     app.add_option("--buffers", options.buffers, "Buffers per port")
         ->check(CLI::Range(1U, kMaxBuffers))
         ->default_str("twice those in flight");
-    app.add_option_function<std::string>(
-           "--size",
-           [&options](const std::string& text) {
-               if (const std::string wrong = readSize(text, options); !wrong.empty())
-                   throw CLI::ValidationError(wrong);
-           },
-           "Size of pictures, WIDTHxHEIGHT")
+    addRead(app, "--size", options, readSize, "Size of pictures, WIDTHxHEIGHT")
         ->default_str("the driver's");
-    app.add_option_function<std::string>(
-           "--format",
-           [&options](const std::string& text) {
-               if (const std::string wrong = readFormat(text, options); !wrong.empty())
-                   throw CLI::ValidationError(wrong);
-           },
-           "Four-character code of the video ports' format")
+    addRead(app, "--format", options, readFormat, "Four-character code of the video ports' format")
         ->default_str("the driver's");
     app.add_option("--fps", options.frameRate, "Frames per second of video captures")
         ->check(CLI::Range(1U, 1000U))
@@ -86,47 +79,61 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         ->check(CLI::Range(0U, 1U << 24))
         ->default_str("192 on the virtual engine, else 0");
     app.add_flag("--worker", options.worker, "Dequeue on the buffer monitor's thread always");
+}
 
-    const char* const simGroup = "Virtual engine";
+void addEngineOptions(CLI::App& app, Options& options) {
+    const char* const group = "Virtual engine";
     CLI::Option* const sim =
-        app.add_flag("--sim", options.sim, "Use the virtual engine in this process")
-            ->group(simGroup);
+        app.add_flag("--sim", options.sim, "Use the virtual engine in this process")->group(group);
     app.add_option("--latency-us", options.latencyUs, "Time that a request takes")
         ->check(CLI::NonNegativeNumber)
         ->default_val(500)
         ->needs(sim)
-        ->group(simGroup);
+        ->group(group);
     app.add_option("--order", options.order, "Order of completion")
         ->check(CLI::IsMember({"in-order", "reversed", "random"}))
         ->default_val("in-order")
         ->needs(sim)
-        ->group(simGroup);
+        ->group(group);
     app.add_option("--seed", options.seed, "Seed of the random order")
         ->check(CLI::NonNegativeNumber)
         ->default_val(1)
         ->needs(sim)
-        ->group(simGroup);
+        ->group(group);
+}
 
-    const char* const outputGroup = "Output";
+void addOutputOptions(CLI::App& app, Options& options) {
+    const char* const group = "Output";
     app.add_option("--snapshot", options.snapshot, "Write the last request's pictures to a PNG")
-        ->group(outputGroup);
+        ->group(group);
     app.add_option("--trace", options.trace,
                    "Write a timeline in the Chrome trace event format (Perfetto's viewer opens it)")
-        ->group(outputGroup);
+        ->group(group);
     app.add_flag("--dump", options.dump, "Print the whole state at the end, still streaming")
-        ->group(outputGroup);
+        ->group(group);
     app.add_flag("--events", options.events, "Print frame-sync events of the default sub-device")
-        ->group(outputGroup);
+        ->group(group);
     app.add_flag("-v,--verbose", options.verbose, "Log more: warnings, info, key events, debug")
-        ->group(outputGroup);
-    app.add_flag("-q,--quiet", options.quiet, "No progress")->group(outputGroup);
+        ->group(group);
+    app.add_flag("-q,--quiet", options.quiet, "No progress")->group(group);
+}
 
+}  // namespace
+
+std::optional<int> parseOptions(int argc, char** argv, Options& options) {
+    options = {};
+    CLI::App app("Streams requests through a media device and checks every frame.\n",
+                 "corvane-stream");
+    app.footer("Exit codes: 0 success, 1 the run failed, 2 bad use.");
+    addStreamOptions(app, options);
+    addEngineOptions(app, options);
+    addOutputOptions(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        return badUse(error.what());
+        return complain(kBadUse, "%s; --help tells more", error.what());
     }
     if (options.model.empty())
         options.model = VENGINE_MODEL;
@@ -134,9 +141,9 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     if (options.buffers == 0)
         options.buffers = std::max(options.inFlight, std::min(2 * options.inFlight, kUsualBuffers));
     if (options.buffers < options.inFlight)
-        return badUse("--buffers " + std::to_string(options.buffers) + " are fewer than the " +
-                      std::to_string(options.inFlight) + " requests in flight");
+        return complain(kBadUse, "--buffers %u are fewer than the %u requests in flight",
+                        options.buffers, options.inFlight);
     return std::nullopt;
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -8,10 +8,7 @@
 #include <optional>
 #include <string>
 
-namespace NSVista::NSCorvane::stream {
-
-/** Exit codes of the program. */
-enum ExitCode : int { kSuccess = 0, kRunFailed = 1, kBadUse = 2 };
+namespace NSVista::NSCorvane::tools {
 
 struct Options {
     bool list = false;
@@ -46,4 +43,4 @@ struct Options {
  */
 std::optional<int> parseOptions(int argc, char** argv, Options& options);
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cctype>
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -94,4 +94,4 @@ std::string formatName(uint32_t fourcc) {
     return name;
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

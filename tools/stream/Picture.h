@@ -10,7 +10,7 @@
 
 #include <corvane/IV4L2VideoDevice.h>
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 struct Rgb {
     uint8_t r, g, b;
@@ -31,4 +31,4 @@ struct Picture {
 /** The common name of a fourcc, or its four characters. */
 std::string formatName(uint32_t fourcc);
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

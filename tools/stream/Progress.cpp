@@ -5,7 +5,7 @@
 #include <cinttypes>
 #include <cstdio>
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 Progress::Progress(bool quiet, uint64_t total)
     : mQuiet(quiet), mTerminal(isatty(STDERR_FILENO) == 1), mTotal(total) {
@@ -50,4 +50,4 @@ void Progress::print(uint64_t done, uint64_t failed, double perSecond) const {
     fputs(mTerminal ? "\033[K" : "\n", stderr);
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

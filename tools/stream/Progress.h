@@ -7,7 +7,7 @@
 #include <chrono>
 #include <cstdint>
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /** Rewrites one line on a terminal, several times a second; elsewhere prints one each second. */
 class Progress {
@@ -34,4 +34,4 @@ private:
     bool mLineShown = false;
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

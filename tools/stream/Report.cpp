@@ -6,7 +6,7 @@
 
 #include "Picture.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -66,4 +66,4 @@ void printReport(const Options& options, const std::vector<NodePort>& ports,
     }
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

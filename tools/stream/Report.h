@@ -9,11 +9,11 @@
 #include "Content.h"
 #include "Runner.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /** Prints to stdout. @param session after its stop. */
 void printReport(const Options& options, const std::vector<NodePort>& ports,
                  const client::SceneSession& session, const Content& content,
                  const RunResult& result);
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

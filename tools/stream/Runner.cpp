@@ -7,7 +7,7 @@
 
 #include "Progress.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -86,4 +86,4 @@ void Runner::inspect(client::SessionRequest& request, RunResult& result) {
         mSnapshot->take(mPorts, request);
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

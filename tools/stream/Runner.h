@@ -16,7 +16,7 @@
 #include "Options.h"
 #include "Snapshot.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /** Requests to end the run; set from signal handlers and from the library's threads. */
 struct EndWish {
@@ -71,4 +71,4 @@ private:
     uint64_t mSubmitted = 0;
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

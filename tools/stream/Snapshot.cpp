@@ -5,8 +5,9 @@
 #include <cstdio>
 
 #include "Canvas.h"
+#include "Console.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -45,8 +46,7 @@ bool Snapshot::write(const std::string& path, const std::string& title) const {
             height = std::max(height, picture.format.height);
         }
     if (shown.empty()) {
-        fprintf(stderr, "corvane-stream: %s: no picture in a format that can be drawn\n",
-                path.c_str());
+        say("%s: no picture in a format that can be drawn", path.c_str());
         return false;
     }
     const auto count = static_cast<uint32_t>(shown.size());
@@ -78,4 +78,4 @@ bool Snapshot::write(const std::string& path, const std::string& title) const {
     return canvas.writePng(path);
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

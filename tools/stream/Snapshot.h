@@ -10,10 +10,10 @@
 
 #include <corvane/client/SceneSession.h>
 
-#include "DeviceGraph.h"
+#include "Device.h"
 #include "Picture.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /** Keeps the pictures of the last request it saw. */
 class Snapshot {
@@ -28,4 +28,4 @@ private:
     uint64_t mNumber = 0;
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

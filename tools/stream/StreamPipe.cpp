@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
-namespace NSVista::NSCorvane::stream {
+#include "Console.h"
+
+namespace NSVista::NSCorvane::tools {
 
 void StreamPipe::dumpState(IPrinter* printer) {
     printer->printFormatLine("<<StreamPipe>> %s, buffers from %s", mPlan.session.name.c_str(),
@@ -21,8 +23,7 @@ int StreamPipe::init() {
         client::SceneSession::open(mPlan.session, IDeviceEnumerator::instance().search(mPlan.model),
                                    *mPlan.source, error, getDebugInfo(mPlan.session.name));
     if (!mSession) {
-        fprintf(stderr, "corvane-stream: the scene cannot be set up: %s\n",
-                error == -1 ? "see the log" : strerror(-error));
+        say("the scene cannot be set up: %s", error == -1 ? "see the log" : strerror(-error));
         return error;
     }
     return addScene(mPlan.session.name, mSession->scene());
@@ -34,4 +35,4 @@ void StreamPipe::uninit() {
     mSession.reset();
 }
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

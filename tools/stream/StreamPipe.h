@@ -10,7 +10,7 @@
 #include <corvane/Pipe.h>
 #include <corvane/client/SceneSession.h>
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 /** What the pipe is to build. */
 struct Plan {
@@ -37,4 +37,4 @@ private:
     std::unique_ptr<client::SceneSession> mSession;
 };
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools

@@ -15,17 +15,21 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 
-#include "DeviceGraph.h"
+#include "Console.h"
+#include "Device.h"
 #include "EngineContent.h"
 #include "EventPrinter.h"
+#include "Listing.h"
 #include "Options.h"
+#include "PortChoice.h"
 #include "Report.h"
 #include "Runner.h"
 #include "Snapshot.h"
 #include "StreamPipe.h"
 
-namespace NSVista::NSCorvane::stream {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -82,7 +86,7 @@ bool prepareFile(const std::string& path) {
         std::filesystem::create_directories(folder, error);
     FILE* const file = fopen(path.c_str(), "we");
     if (file == nullptr) {
-        fprintf(stderr, "corvane-stream: %s: %s\n", path.c_str(), strerror(errno));
+        say("%s: %s", path.c_str(), strerror(errno));
         return false;
     }
     fclose(file);
@@ -90,11 +94,11 @@ bool prepareFile(const std::string& path) {
 }
 
 /** vivid shows an output buffer until the next one comes. */
-unsigned requestsKept(const DeviceGraph& graph, const std::vector<NodePort>& ports) {
+unsigned requestsKept(const Device& device, const std::vector<NodePort>& ports) {
     const bool showsOutput = std::any_of(ports.begin(), ports.end(), [](const NodePort& port) {
         return port.node.isOutput() && !port.node.isMeta();
     });
-    return graph.driver() == "vivid" && showsOutput ? 1 : 0;
+    return device.driver == "vivid" && showsOutput ? 1 : 0;
 }
 
 std::unique_ptr<client::IDmaBufSource> makeSource(const Options& options,
@@ -106,30 +110,28 @@ std::unique_ptr<client::IDmaBufSource> makeSource(const Options& options,
     return client::makeVideoNodeSource(ports.front().nodePath);
 }
 
-Plan makePlan(const Options& options, const DeviceGraph& graph,
-              const std::vector<NodePort>& ports) {
+Plan makePlan(const Options& options, const Device& device, const std::vector<NodePort>& ports) {
     Plan plan{options.model, {}, makeSource(options, ports)};
     plan.session.name = kSceneName;
     for (const NodePort& port : ports)
         plan.session.ports.push_back({port.entity, port.index, port.entity,
                                       port.node.isMeta() ? 0 : options.format, options.width,
                                       options.height});
-    plan.session.links = graph.linksOf(ports);
+    plan.session.links = device.linksOf(ports);
     plan.session.buffers = static_cast<int>(options.buffers);
-    const uint32_t offset = EngineContent::isFor(graph) ? kEngineOffset : 0;
+    const uint32_t offset = EngineContent::isFor(device) ? kEngineOffset : 0;
     plan.session.layout = {options.offset.value_or(offset), kGuard};
     return plan;
 }
 
-std::unique_ptr<Content> makeContent(const DeviceGraph& graph, const std::vector<NodePort>& ports,
+std::unique_ptr<Content> makeContent(const Device& device, const std::vector<NodePort>& ports,
                                      client::SceneSession& session) {
-    if (!EngineContent::isFor(graph))
+    if (!EngineContent::isFor(device))
         return std::make_unique<PlainContent>(ports, session);
     const std::string strange = EngineContent::findStrangeFormat(ports, session);
     if (strange.empty())
         return std::make_unique<EngineContent>(ports, session);
-    fprintf(stderr, "corvane-stream: %s lays its format out as the engine should not\n",
-            strange.c_str());
+    say("%s lays its format out as the engine should not", strange.c_str());
     return nullptr;
 }
 
@@ -141,9 +143,8 @@ void noteOtherFormats(const Options& options, const std::vector<NodePort>& ports
                               (options.width == 0 ||
                                (format.width == options.width && format.height == options.height));
         if (!asWished && !ports[port].node.isMeta())
-            fprintf(stderr, "corvane-stream: %s made %s %ux%u of the wanted format\n",
-                    ports[port].entity.c_str(), formatName(format.format).c_str(), format.width,
-                    format.height);
+            say("%s made %s %ux%u of the wanted format", ports[port].entity.c_str(),
+                formatName(format.format).c_str(), format.width, format.height);
     }
 }
 
@@ -154,8 +155,7 @@ void setFrameRates(const Options& options, const std::vector<NodePort>& ports) {
         const int result =
             client::setFrameRate(port.nodePath, port.node.bufferType, options.frameRate);
         if (result != 0 && !options.quiet)
-            fprintf(stderr, "corvane-stream: %s takes no frame rate: %s\n", port.entity.c_str(),
-                    strerror(-result));
+            say("%s takes no frame rate: %s", port.entity.c_str(), strerror(-result));
     }
 }
 
@@ -166,24 +166,23 @@ void dumpAll(const SceneManager& manager) {
 }
 
 /** Streams on a session that is set up. @return an exit code. */
-int streamOn(const Options& options, const DeviceGraph& graph, const std::vector<NodePort>& ports,
+int streamOn(const Options& options, const Device& device, const std::vector<NodePort>& ports,
              const SceneManager& manager, client::SceneSession& session) {
     noteOtherFormats(options, ports, session);
     setFrameRates(options, ports);
-    const std::unique_ptr<Content> content = makeContent(graph, ports, session);
+    const std::unique_ptr<Content> content = makeContent(device, ports, session);
     if (!content)
         return kRunFailed;
     std::unique_ptr<EventPrinter> events;
     if (options.events && !(events = EventPrinter::start()))
         return kRunFailed;
     if (session.start() != 0 || gWish.terminated) {
-        fprintf(stderr, "corvane-stream: streaming cannot be started (see the log)\n");
-        return kRunFailed;
+        return complain(kRunFailed, "streaming cannot be started (see the log)");
     }
 
     Snapshot snapshot;
     RunResult result;
-    const unsigned kept = requestsKept(graph, ports);
+    const unsigned kept = requestsKept(device, ports);
     Runner(options, ports, session, *content, gWish, kept,
            options.snapshot.empty() ? nullptr : &snapshot)
         .run(result);
@@ -199,38 +198,49 @@ int streamOn(const Options& options, const DeviceGraph& graph, const std::vector
     if (kept != 0)
         printf("\n  The device keeps its last output buffer, and %u request with it.\n", kept);
     if (!result.trouble.empty())
-        fprintf(stderr, "corvane-stream: %s\n", result.trouble.c_str());
+        say("%s", result.trouble.c_str());
     const bool drawn = options.snapshot.empty() || result.completed == 0 ||
                        snapshot.write(options.snapshot, options.model);
     return result.isGood() && drawn ? kSuccess : kRunFailed;
 }
 
+/** The first device of a model. @return empty, with a line on stderr, when there is none. */
+std::optional<Device> findDevice(const std::string& model) {
+    std::vector<Device> devices = findDevices(model);
+    if (!devices.empty())
+        return std::move(devices.front());
+    std::string others;
+    for (const std::string& other : findModels())
+        others += (others.empty() ? "" : ", ") + other;
+    say("no media device of model \"%s\" (there is %s)", model.c_str(),
+        others.empty() ? "none at all" : others.c_str());
+    return std::nullopt;
+}
+
 int stream(const Options& options) {
-    const std::unique_ptr<DeviceGraph> graph = DeviceGraph::find(options.model);
-    if (!graph)
+    const std::optional<Device> device = findDevice(options.model);
+    if (!device)
         return kBadUse;
-    const std::vector<NodePort> ports = graph->choose(options.ports);
+    const std::vector<NodePort> ports = choosePorts(*device, options.ports);
     if (ports.empty())
         return kBadUse;
-    if (options.inFlight <= requestsKept(*graph, ports)) {
-        fprintf(stderr, "corvane-stream: this device's output needs --in-flight 2 or more\n");
-        return kBadUse;
-    }
-    const DefaultMediaConfigs defaults{options.model, graph->subDevice()};
-    if (options.events && defaults.subdevice_entity_name.empty()) {
-        fprintf(stderr, "corvane-stream: %s has no sub-device\n", options.model.c_str());
-        return kBadUse;
-    }
+    if (options.inFlight <= requestsKept(*device, ports))
+        return complain(kBadUse, "this device's output needs --in-flight 2 or more");
+    const Entity* const subDevice = device->subDevice();
+    if (options.events && subDevice == nullptr)
+        return complain(kBadUse, "%s has no sub-device", options.model.c_str());
+    const DefaultMediaConfigs defaults{options.model,
+                                       subDevice != nullptr ? subDevice->name : std::string()};
     registerDefaultMediaConfigs(&defaults);
 
-    Plan plan = makePlan(options, *graph, ports);
+    Plan plan = makePlan(options, *device, ports);
     std::shared_ptr<StreamPipe> pipe;
     PipeFactory::Instance().Register(kSceneName, [&](SceneManager& manager) {
         return pipe = std::make_shared<StreamPipe>(manager, plan);
     });
     SceneManager manager;
     const int code = manager.init() == 0 && !gWish.terminated
-                         ? streamOn(options, *graph, ports, manager, pipe->session())
+                         ? streamOn(options, *device, ports, manager, pipe->session())
                          : kRunFailed;
     manager.uninit();
     return code;
@@ -247,14 +257,13 @@ int run(const Options& options) {
     if (options.sim)
         simulation = std::make_unique<Simulation>(options);
     if (options.list) {
-        listDevices();
+        printDevices(findDevices({}));
         return kSuccess;
     }
     if (!prepareFile(options.snapshot) || !prepareFile(options.trace))
         return kBadUse;
     if (const int result = trace::start(options.trace.c_str()); result != 0) {
-        fprintf(stderr, "corvane-stream: %s: %s\n", options.trace.c_str(), strerror(-result));
-        return kBadUse;
+        return complain(kBadUse, "%s: %s", options.trace.c_str(), strerror(-result));
     }
     customizeThreadReadyToRun(kThreadName, strlen(kThreadName));
     const int code = stream(options);
@@ -264,12 +273,14 @@ int run(const Options& options) {
 
 }  // namespace
 
-}  // namespace NSVista::NSCorvane::stream
+}  // namespace NSVista::NSCorvane::tools
 
 int main(int argc, char** argv) {
-    using namespace NSVista::NSCorvane::stream;
+    using namespace NSVista::NSCorvane::tools;
+    setProgramName(kSceneName);
+    setUpTerminal();
     Options options;
     if (const std::optional<int> code = parseOptions(argc, argv, options))
         return *code;
-    return run(options);
+    return finishOutput(static_cast<ExitCode>(run(options)));
 }

@@ -1,4 +1,4 @@
-#include "Report.h"
+#include "Listing.h"
 
 #include <langinfo.h>
 
@@ -7,9 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "Formats.h"
+#include "Console.h"
+#include "NodeFormats.h"
 
-namespace corvane::info {
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -20,43 +21,8 @@ constexpr Glyphs kUnicode = {"├─ ", "└─ ", "│  ", "──▶", "◀─
 constexpr Glyphs kAscii = {"|- ", "`- ", "|  ", "-->", "<--"};
 const Glyphs* sGlyphs = &kAscii;
 
-using Row = std::vector<std::string>;
-
-/**
- * Prints rows in columns as wide as needed.
- * @param rows the first one is the head; a column that is empty below it is left out.
- * @param right the columns to align on the right.
- */
-void printTable(const std::vector<Row>& rows, const std::vector<size_t>& right = {}) {
-    const Row& head = rows.front();
-    std::vector<size_t> widths(head.size());
-    for (const Row& row : rows) {
-        for (size_t i = 0; i < row.size() && &row != &head; i++)
-            widths[i] = std::max(widths[i], row[i].size());
-    }
-    for (size_t i = 0; i < head.size(); i++)
-        widths[i] = widths[i] == 0 ? 0 : std::max(widths[i], head[i].size());
-    for (const Row& row : rows) {
-        std::string line;
-        for (size_t i = 0; i < row.size(); i++) {
-            if (widths[i] == 0)
-                continue;
-            const std::string gap(widths[i] - row[i].size(), ' ');
-            const bool toRight = std::find(right.begin(), right.end(), i) != right.end();
-            line += "  " + (toRight ? gap + row[i] : row[i] + gap);
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        printf("%s\n", line.c_str());
-    }
-}
-
-/** A number of bytes with its thousands apart. */
-std::string bytesText(uint32_t bytes) {
-    std::string text = std::to_string(bytes);
-    for (size_t at = text.size(); at > 3; at -= 3)
-        text.insert(at - 3, ",");
-    return text;
-}
+/** On narrower terminals the topology's columns are not aligned. */
+constexpr size_t kAlignedFrom = 80;
 
 std::string versionText(uint32_t version) {
     return std::to_string(version >> 16) + "." + std::to_string(version >> 8 & 0xff) + "." +
@@ -78,12 +44,6 @@ std::string flagsText(uint32_t flags) {
     return text;
 }
 
-std::string endText(const Device& device, const media_pad_desc& pad) {
-    const Entity* entity = device.find(pad.entity);
-    return (entity != nullptr ? entity->name : "#" + std::to_string(pad.entity)) + ":" +
-           std::to_string(pad.index);
-}
-
 bool isPad(const media_pad_desc& a, const media_pad_desc& b) {
     return a.entity == b.entity && a.index == b.index;
 }
@@ -103,10 +63,10 @@ void addBranches(const Device& device, const media_pad_desc& pad, std::vector<Br
     for (const auto& link : device.links) {
         if (source && isPad(link.source, pad))
             branches.push_back(
-                {text, sGlyphs->out, endText(device, link.sink), flagsText(link.flags)});
+                {text, sGlyphs->out, device.endText(link.sink), flagsText(link.flags)});
         if (!source && isPad(link.sink, pad))
             branches.push_back(
-                {text, sGlyphs->in, endText(device, link.source), flagsText(link.flags)});
+                {text, sGlyphs->in, device.endText(link.source), flagsText(link.flags)});
     }
     if (branches.size() == before)
         branches.push_back({text, nullptr, {}, {}});
@@ -126,16 +86,17 @@ void printEntity(const Device& device, const Entity& entity, int nameWidth, bool
         if (branch.arrow == nullptr)
             printf("not linked\n");
         else
-            printf("%s %-*s  %s\n", branch.arrow, nameWidth + 3, branch.end.c_str(),
-                   branch.flags.c_str());
+            printf("%s %-*s  %s\n", branch.arrow, nameWidth == 0 ? 0 : nameWidth + 3,
+                   branch.end.c_str(), branch.flags.c_str());
     }
 }
 
 void printTopology(const Device& device) {
     printf("\nTopology: %zu entities, %zu links\n", device.entities.size(), device.links.size());
     size_t nameWidth = 0;
+    const bool isNarrow = outputWidth() != 0 && outputWidth() < kAlignedFrom;
     for (const Entity& entity : device.entities)
-        nameWidth = std::max(nameWidth, entity.name.size());
+        nameWidth = std::max(nameWidth, isNarrow ? 0 : entity.name.size());
     for (const Entity& entity : device.entities)
         printEntity(device, entity, static_cast<int>(nameWidth),
                     &entity == &device.entities.back());
@@ -178,27 +139,36 @@ void printOffers(const Entity& entity, const QueueFormat& queue) {
         printf("\n");
 }
 
-void addFormatRows(const Entity& entity, const NodeFormats& formats, std::vector<Row>& rows) {
+std::string portText(const Device& device, const Entity& entity) {
+    for (const NodePort& port : device.ports)
+        if (port.entity == entity.name)
+            return std::to_string(port.index);
+    return {};
+}
+
+void addFormatRows(const Device& device, const Entity& entity, const NodeFormats& formats,
+                   std::vector<Row>& rows) {
+    const std::string port = portText(device, entity);
     for (const QueueFormat& queue : formats.queues)
-        rows.push_back({entity.devnode, entity.name, queue.type, fourccText(queue.format),
+        rows.push_back({entity.name, port, entity.devnode, queue.type, fourccText(queue.format),
                         sizeText(queue), planesText(queue, strideText),
                         planesText(queue, planeSizeText)});
     if (formats.error < 0)
-        rows.push_back({entity.devnode, entity.name, strerror(-formats.error)});
+        rows.push_back({entity.name, port, entity.devnode, strerror(-formats.error)});
     else if (formats.queues.empty())
-        rows.push_back({entity.devnode, entity.name, "neither video nor metadata"});
+        rows.push_back({entity.name, port, entity.devnode, "neither video nor metadata"});
 }
 
 void printFormats(const Device& device) {
     std::vector<std::pair<const Entity*, NodeFormats>> nodes;
     std::vector<Row> rows = {
-        {"node", "entity", "queue", "format", "size", "stride, B", "planes, B"}};
+        {"entity", "port", "node", "queue", "format", "size", "stride, B", "planes, B"}};
     bool offers = false;
     for (const Entity& entity : device.entities) {
         if (!entity.isVideoNode() || entity.devnode.empty())
             continue;
         const auto& formats = nodes.emplace_back(&entity, readFormats(entity.devnode)).second;
-        addFormatRows(entity, formats, rows);
+        addFormatRows(device, entity, formats, rows);
         for (const QueueFormat& queue : formats.queues)
             offers = offers || !queue.supported.empty();
     }
@@ -234,16 +204,14 @@ void printDevice(const Device& device) {
     printFormats(device);
 }
 
-void printControls(const Entity& entity, const std::vector<ControlValue>& values) {
-    printf("\nControls of %s  %s\n", entity.name.c_str(), entity.devnode.c_str());
-    std::vector<Row> rows = {{"id", "name", "value", "range"}};
-    for (const ControlValue& value : values) {
-        const bool known = !value.control.name.empty();
-        rows.push_back({std::to_string(value.control.id), known ? value.control.name : "-",
-                        value.error < 0 ? strerror(-value.error) : std::to_string(value.value),
-                        value.control.range});
+void printDevices(const std::vector<Device>& devices) {
+    for (const Device& device : devices) {
+        if (&device != &devices.front())
+            printf("\n\n");
+        printDevice(device);
     }
-    printTable(rows, {0, 2});
+    if (devices.empty())
+        puts("no media device");
 }
 
-}  // namespace corvane::info
+}  // namespace NSVista::NSCorvane::tools

@@ -1,6 +1,6 @@
 /**
  * @file
- * What the tool knows of the system's media devices.
+ * A media device as a user of the tools sees it.
  */
 #pragma once
 
@@ -11,7 +11,10 @@
 #include <string>
 #include <vector>
 
-namespace corvane::info {
+#include <corvane/client/SceneSession.h>
+#include <corvane/client/VideoNode.h>
+
+namespace NSVista::NSCorvane::tools {
 
 /** An entity with its device node. */
 struct Entity {
@@ -25,17 +28,33 @@ struct Entity {
     const char* kind() const;
 };
 
+/** A node that streams with media requests. */
+struct NodePort {
+    int index;  ///< among the device's ports, in the order of the entities
+    std::string entity;
+    std::string nodePath;
+    client::VideoNode node;
+};
+
 /** A media device as it was found. */
 struct Device {
     std::string path;
     std::string model;
+    std::string driver;
     media_device_info info;
     std::vector<Entity> entities;
     std::vector<media_link_desc> links;  ///< each once
+    std::vector<NodePort> ports;
 
     /** @return null when absent. */
     const Entity* find(const std::string& name) const;
     const Entity* find(unsigned id) const;
+    /** A link's end as text, "entity:pad". */
+    std::string endText(const media_pad_desc& pad) const;
+    /** The first entity other than a video node that has a node; null when there is none. */
+    const Entity* subDevice() const;
+    /** The links that touch the ports and can be changed. */
+    std::vector<client::SessionLink> linksOf(const std::vector<NodePort>& chosen) const;
 };
 
 /** A kernel record's character array, which may lack its terminating zero. */
@@ -47,4 +66,7 @@ std::string textOf(const char (&field)[Size]) {
 /** All media devices in the order met; @p model keeps those of one model, empty all. */
 std::vector<Device> findDevices(const std::string& model);
 
-}  // namespace corvane::info
+/** The models of all media devices, in the order met. */
+std::vector<std::string> findModels();
+
+}  // namespace NSVista::NSCorvane::tools

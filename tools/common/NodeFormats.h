@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace corvane::info {
+namespace NSVista::NSCorvane::tools {
 
 /** One queue of a video node with its current format. */
 struct QueueFormat {
@@ -36,4 +36,4 @@ NodeFormats readFormats(const std::string& devnode);
 /** A fourcc as text. */
 std::string fourccText(uint32_t fourcc);
 
-}  // namespace corvane::info
+}  // namespace NSVista::NSCorvane::tools

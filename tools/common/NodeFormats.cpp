@@ -1,15 +1,13 @@
-#include "Formats.h"
+#include "NodeFormats.h"
 
 #include <fcntl.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
 
-#include "NodeFd.h"
+#include <corvane/client/NodeFd.h>
 
-namespace corvane::info {
-
-using NSVista::NSCorvane::client::NodeFd;
+namespace NSVista::NSCorvane::tools {
 
 namespace {
 
@@ -30,7 +28,7 @@ constexpr QueueType kQueueTypes[] = {
     {V4L2_CAP_META_OUTPUT, V4L2_BUF_TYPE_META_OUTPUT, "metadata output"},
 };
 
-std::vector<uint32_t> readSupported(NodeFd& node, uint32_t bufType) {
+std::vector<uint32_t> readSupported(client::NodeFd& node, uint32_t bufType) {
     std::vector<uint32_t> supported;
     v4l2_fmtdesc desc = {};
     desc.type = bufType;
@@ -61,7 +59,7 @@ QueueFormat makeFormat(const v4l2_format& format, const QueueType& type) {
 }  // namespace
 
 NodeFormats readFormats(const std::string& devnode) {
-    NodeFd node(devnode.c_str(), O_RDWR | O_NONBLOCK);
+    client::NodeFd node(devnode.c_str(), O_RDWR | O_NONBLOCK);
     if (!node)
         return {node.error(), {}};
     v4l2_capability capability = {};
@@ -96,4 +94,4 @@ std::string fourccText(uint32_t fourcc) {
     return (fourcc >> 31 & 1) != 0 ? text + "-BE" : text;
 }
 
-}  // namespace corvane::info
+}  // namespace NSVista::NSCorvane::tools
