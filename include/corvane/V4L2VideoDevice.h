@@ -9,6 +9,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -17,6 +18,8 @@
 #include <corvane/platform/Mutex.h>
 
 namespace NSVista::NSCorvane {
+
+struct DequeuedBuffer;
 
 /**
  * A V4L2 video node.
@@ -58,7 +61,48 @@ public:
     /** onNotify() without its trace section. */
     void startToDequeueBuffer();
 
+    /**
+     * Tells of every dequeue, also of a failed one. Before streaming, while nothing is queued.
+     * @param callback called on the thread that dequeued, once the index is free again and with no
+     *        lock held; must not throw. The record is the callback's until it returns. Empty (the
+     *        default): nobody is told.
+     */
+    void setDequeuedCallback(std::function<void(const DequeuedBuffer&)> callback);
+    /**
+     * Queues a buffer where its memory was queued last, so that the kernel need not map it anew.
+     * Before streaming, while nothing is queued; off by default.
+     *
+     * Memory is known by the descriptor and the offset of the first plane. It goes to a free index
+     * that was last queued with it, else to the lowest free one that had no memory since the
+     * import, else to the lowest free one. A descriptor's number that was closed and given to
+     * another dma-buf passes for the old one: that costs a remap which is not counted, no more, as
+     * the kernel compares the dma-bufs themselves.
+     */
+    void setKeepIndexes(bool keep);
+    /** Buffers that came with other memory than their index had; counted while indexes are kept. */
+    uint32_t remappedBuffers() const { return mLastMemory.remapped(); }
+
 private:
+    /** The memory that each index was last queued with. Any thread. */
+    class LastMemory {
+    public:
+        static constexpr uint64_t kNone = ~uint64_t{0};
+
+        LastMemory() { forget(); }
+        static uint64_t of(const FrameBuffer& buffer);
+        /** Forgets all memory; the count stays. */
+        void forget();
+        /** The bit of @p freeBits (not 0) that suits @p memory best. */
+        uint64_t choose(uint64_t freeBits, uint64_t memory) const;
+        /** Called by who holds the index. */
+        void note(unsigned int index, uint64_t memory);
+        uint32_t remapped() const { return mRemapped.load(std::memory_order_relaxed); }
+
+    private:
+        std::atomic<uint64_t> mMemory[kMaxBuffers];
+        std::atomic<uint32_t> mRemapped{0};
+    };
+
     /** A weak pointer that threads read while another replaces it. */
     class MonitorRef {
     public:
@@ -80,7 +124,9 @@ private:
     void fillBuffer(const FrameBuffer& from, v4l2_buffer& to, v4l2_plane* planes) const;
     void reportRefusedBuffer(const v4l2_buffer& refused, const FrameBuffer& buffer, int ret) const;
     int requestBuffers(unsigned int count, unsigned int memory, unsigned int& granted);
+    int acquireIndexFor(uint64_t memory);
     void waitForFreeIndex();
+    void tellDequeued(const v4l2_buffer& buffer, int result) const;
 
     const int32_t mPortIndex;
     const std::string mName;
@@ -97,6 +143,9 @@ private:
     std::atomic<uint64_t> mFreeBits{0};
     Mutex mFreeMutex;
     std::condition_variable mFreeCond;
+    std::function<void(const DequeuedBuffer&)> mDequeued;
+    std::atomic<bool> mKeepIndexes{false};
+    LastMemory mLastMemory;
 };
 
 }  // namespace NSVista::NSCorvane

@@ -1,8 +1,10 @@
-#include "VideoDeviceTest.h"
+#include <corvane/DequeuedBuffer.h>
 
 #include <algorithm>
 #include <future>
 #include <thread>
+
+#include "VideoDeviceTest.h"
 
 namespace NSVista::NSCorvane::test {
 namespace {
@@ -245,6 +247,139 @@ TEST_F(VideoDeviceTest, Dequeues) {
     EXPECT_EQ(mDevice->dequeBuffer(), -1);
     EXPECT_EQ(mLog.take(), Lines({"E [dequeBuffer] Failed to dequeue buffer: -32"}));
     EXPECT_EQ(mMonitor->take(), Lines());
+}
+
+TEST_F(VideoDeviceTest, TellsWhatEachDequeueBrought) {
+    Lines told;
+    std::thread::id thread;
+    const auto tell = [&](const DequeuedBuffer& buffer) {
+        thread = std::this_thread::get_id();
+        std::string text = std::to_string(buffer.portIndex) + " " + std::to_string(buffer.result);
+        if (buffer.bufferIndex == DequeuedBuffer::kNoIndex) {
+            EXPECT_EQ(buffer.requestFd, -1);
+            EXPECT_EQ(buffer.planeCount, 0U);
+            return told.push_back(text);
+        }
+        EXPECT_EQ(free(), "0x" + std::to_string(1 << buffer.bufferIndex)) << "not free yet";
+        for (const auto value :
+             {int64_t{buffer.bufferIndex}, int64_t{buffer.requestFd}, int64_t{buffer.flags},
+              int64_t{buffer.field}, int64_t{buffer.sequence}, int64_t{buffer.timestamp.tv_sec},
+              int64_t{buffer.timestamp.tv_usec}})
+            text += " " + std::to_string(value);
+        for (uint32_t i = 0; i < buffer.planeCount; ++i)
+            text += " | " + std::to_string(buffer.planes[i].bytesUsed) + "+" +
+                    std::to_string(buffer.planes[i].dataOffset);
+        told.push_back(text);
+    };
+    const struct {
+        uint32_t caps, flags, length;
+        int result;
+        std::string line;
+    } cases[] = {
+        {0x1000, 0x800000, 2, 0, "26 0 1 201 8388608 7 8 9 10 | 20+30 | 21+31"},
+        {0x1000, 0x40, 1, 0, "26 1 1 -1 64 7 8 9 10 | 20+30"},
+        {0x1, 0x800040, 500, 0, "26 1 1 201 8388672 7 8 9 10 | 19+0"},
+        {0x1, 0x800000, 500, -EIO, "26 -5"},
+        {0x1000, 0x800000, 2, -EAGAIN, "26 -11"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        mDevice->closeDevice();
+        setCaps(c.caps);
+        open(2);
+        mDevice->setDequeuedCallback(tell);
+        EXPECT_EQ(mDevice->acquireBufferIndex(), 0);
+        EXPECT_EQ(mDevice->acquireBufferIndex(), 1);
+        mKernel.on<v4l2_buffer>(VIDIOC_DQBUF, [&](int, v4l2_buffer& buffer) {
+            if (c.result < 0)
+                return c.result;
+            buffer.index = 1;
+            buffer.flags = c.flags;
+            buffer.request_fd = 201;
+            buffer.field = 7;
+            buffer.sequence = 8;
+            buffer.timestamp = {9, 10};
+            buffer.bytesused = 19;
+            if (V4L2_TYPE_IS_MULTIPLANAR(buffer.type))
+                for (uint32_t i = 0; i < c.length; ++i) {
+                    buffer.m.planes[i].bytesused = 20 + i;
+                    buffer.m.planes[i].data_offset = 30 + i;
+                }
+            buffer.length = c.length;
+            return 0;
+        });
+        std::async(std::launch::async, [this] { mDevice->onNotify(0); }).get();
+        EXPECT_EQ(std::exchange(told, {}), Lines({c.line}));
+        EXPECT_NE(thread, std::this_thread::get_id());
+        mDevice->setDequeuedCallback(nullptr);
+        mDevice->onNotify(0);
+        EXPECT_EQ(told, Lines());
+    }
+}
+
+TEST_F(VideoDeviceTest, KeepsMemoryAtItsIndex) {
+    open(4);
+    uint32_t index = 99;
+    mKernel.on<v4l2_buffer>(VIDIOC_QBUF, [&](int, v4l2_buffer& buffer) {
+        index = buffer.index;
+        return 0;
+    });
+    // Queues memory, then gives its index back: memory "3" is descriptor 3, "3+8" at an offset.
+    const auto indexOf = [&](int fd, uint32_t offset = 0) {
+        EXPECT_EQ(mDevice->queueBuffer({{{fd, offset, 1}}, 1}, &mRequest, 0), 0);
+        mDevice->releaseBufferIndex(index);
+        return index;
+    };
+    EXPECT_EQ(indexOf(5), 0U);
+    EXPECT_EQ(indexOf(6), 0U) << "the lowest free one unless told otherwise";
+    EXPECT_EQ(dumpOf(*mDevice).size(), 1U);
+
+    mDevice->setKeepIndexes(true);
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(indexOf(5), 0U);
+        EXPECT_EQ(indexOf(6), 1U);
+        EXPECT_EQ(indexOf(5, 8), 2U);
+    }
+    EXPECT_EQ(mDevice->acquireBufferIndex(), 0) << "by hand the lowest as ever";
+    EXPECT_EQ(mDevice->acquireBufferIndex(), 1);
+    EXPECT_EQ(indexOf(5, 8), 2U);
+    EXPECT_EQ(indexOf(5), 3U) << "its own is taken: one that had no memory yet";
+    EXPECT_EQ(mDevice->remappedBuffers(), 0U);
+    EXPECT_EQ(indexOf(0), 2U) << "all have had memory: the lowest free one";
+    mDevice->releaseBufferIndex(1);
+    EXPECT_EQ(indexOf(0), 2U);
+    EXPECT_EQ(indexOf(7), 1U);
+    EXPECT_EQ(mDevice->remappedBuffers(), 2U);
+    EXPECT_EQ(dumpOf(*mDevice), Lines({mDevice->toString(), "    indexes kept, #remapped=2"}));
+
+    mDevice->importBuffer(4);
+    EXPECT_EQ(indexOf(7), 0U) << "an import forgets all memory";
+    EXPECT_EQ(mDevice->remappedBuffers(), 2U);
+}
+
+TEST_F(VideoDeviceTest, TakesEachIndexOnceOnManyThreads) {
+    constexpr int kThreads = 4;
+    open(kThreads - 1);
+    mDevice->setKeepIndexes(true);
+    std::atomic<uint32_t> held{0};
+    mKernel.on<v4l2_buffer>(VIDIOC_QBUF, [&](int, v4l2_buffer& buffer) {
+        const uint32_t bit = 1U << buffer.index;
+        EXPECT_EQ(held.fetch_or(bit) & bit, 0U);
+        std::this_thread::yield();
+        held.fetch_and(~bit);
+        mDevice->releaseBufferIndex(buffer.index);
+        return 0;
+    });
+    const auto queueMany = [this](int fd) {
+        for (int i = 0; i < 2000; ++i)
+            mDevice->queueBuffer({{{fd + i % 2, 0, 1}}, 1}, nullptr, 0);
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i)
+        threads.emplace_back(queueMany, 3 + i);
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(free(), "0x7");
 }
 
 TEST_F(VideoDeviceTest, TakesTheTenthEagainForABuffer) {

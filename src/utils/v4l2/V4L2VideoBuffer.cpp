@@ -1,14 +1,16 @@
-// Buffers of a video node: import, free indexes, queue and dequeue.
+// Buffers of a video node: import, queue and dequeue.
 #include <corvane/V4L2VideoDevice.h>
 
+#include <corvane/DequeuedBuffer.h>
 #include <corvane/IMediaRequest.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
 
-#include <bit>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "TraceArea.h"
 
@@ -50,6 +52,7 @@ int V4L2VideoDevice::importBuffer(int count) {
     {
         const MutexLock lock(mFreeMutex);
         mFreeBits.store(lowestBits(count));
+        mLastMemory.forget();
     }
     {
         auto slots = std::make_unique<uint64_t[]>(static_cast<size_t>(count));
@@ -87,47 +90,6 @@ int V4L2VideoDevice::releaseBuffer() {
     return 0;
 }
 
-int V4L2VideoDevice::acquireBufferIndex() {
-    const TraceSection section(area::kQueue, "V4L2VideoDevice::acquireBufferIndex");
-    uint64_t bits = mFreeBits.load(std::memory_order_relaxed);
-    for (;;) {
-        while (!mFreeBits.compare_exchange_weak(bits, bits & (bits - 1), std::memory_order_acq_rel,
-                                                std::memory_order_relaxed)) {
-        }
-        if (bits != 0)
-            break;
-        waitForFreeIndex();
-        bits = mFreeBits.load(std::memory_order_relaxed);
-    }
-    const int index = std::countr_zero(bits);
-    if (static_cast<uint32_t>(index) >= mReqBufCount.load(std::memory_order_relaxed))
-        CORVANE_FATAL("index:%d out of range", index);
-    return index;
-}
-
-void V4L2VideoDevice::waitForFreeIndex() {
-    [this] {
-        MutexLock lock(mFreeMutex);
-        if (mFreeBits.load() != 0)
-            return;
-        CORVANE_LOGW("wait for buffer index");
-        mFreeCond.wait(lock.native());
-    }();
-}
-
-void V4L2VideoDevice::releaseBufferIndex(unsigned int index) {
-    const TraceSection section(area::kDriverCall, "V4L2VideoDevice::releaseBufferIndex");
-    const uint32_t count = mReqBufCount.load(std::memory_order_relaxed);
-    if (index >= count)
-        CORVANE_FATAL("Bad index:%d %d", index, count);
-    const uint64_t bit = uint64_t{1} << index % kMaxBuffers;
-    if (mFreeBits.fetch_or(bit) != 0)
-        return;
-    CORVANE_LOGW("free buf bitset: 0 -> 0x%lx", static_cast<unsigned long>(bit));
-    const MutexLock lock(mFreeMutex);
-    mFreeCond.notify_all();
-}
-
 void V4L2VideoDevice::fillBuffer(const FrameBuffer& from, v4l2_buffer& to,
                                  v4l2_plane* planes) const {
     const bool dmabuf = mMemory == V4L2_MEMORY_DMABUF;
@@ -163,7 +125,13 @@ int V4L2VideoDevice::queueBuffer(const FrameBuffer& buffer, IMediaRequest* reque
     }
     v4l2_plane planes[kMaxPlanes] = {};
     v4l2_buffer queued = {};
-    queued.index = static_cast<uint32_t>(acquireBufferIndex());
+    if (mKeepIndexes.load(std::memory_order_relaxed)) {
+        const uint64_t memory = LastMemory::of(buffer);
+        queued.index = static_cast<uint32_t>(acquireIndexFor(memory));
+        mLastMemory.note(queued.index, memory);
+    } else {
+        queued.index = static_cast<uint32_t>(acquireBufferIndex());
+    }
     queued.type = mBufType;
     queued.memory = mMemory;
     if (request != nullptr) {
@@ -233,6 +201,8 @@ int V4L2VideoDevice::dequeBuffer() {
         ret = System::DQueueVideoNodeBuf(mFd, &dequeued);
         if (ret < 0) {
             CORVANE_LOGE("Failed to dequeue buffer: %d", ret);
+            if (mDequeued)
+                tellDequeued(dequeued, ret);
             return -1;
         }
     } while (ret == EAGAIN && ++calls < kMaxDequeueCalls);
@@ -242,7 +212,40 @@ int V4L2VideoDevice::dequeBuffer() {
         monitor->detachRequestBuffer(dequeued.request_fd, dequeued.index);
     }
     releaseBufferIndex(dequeued.index);
-    return (dequeued.flags & V4L2_BUF_FLAG_ERROR) != 0 ? -1 : 0;
+    const bool broken = (dequeued.flags & V4L2_BUF_FLAG_ERROR) != 0;
+    if (mDequeued)
+        tellDequeued(dequeued, ret == EAGAIN ? -EAGAIN : broken ? DequeuedBuffer::kBroken : 0);
+    return broken ? -1 : 0;
+}
+
+void V4L2VideoDevice::setDequeuedCallback(std::function<void(const DequeuedBuffer&)> callback) {
+    mDequeued = std::move(callback);
+}
+
+void V4L2VideoDevice::tellDequeued(const v4l2_buffer& buffer, int result) const {
+    DequeuedBuffer told = {};
+    told.portIndex = mPortIndex;
+    told.bufferIndex = DequeuedBuffer::kNoIndex;
+    told.requestFd = -1;
+    told.result = result;
+    if (result >= 0) {
+        told.bufferIndex = buffer.index;
+        if ((buffer.flags & V4L2_BUF_FLAG_REQUEST_FD) != 0)
+            told.requestFd = buffer.request_fd;
+        told.flags = buffer.flags;
+        told.field = buffer.field;
+        told.sequence = buffer.sequence;
+        told.timestamp = buffer.timestamp;
+        if (isMultiPlanar()) {
+            told.planeCount = std::min(buffer.length, DequeuedBuffer::kMaxPlanes);
+            for (uint32_t i = 0; i < told.planeCount; ++i)
+                told.planes[i] = {buffer.m.planes[i].bytesused, buffer.m.planes[i].data_offset};
+        } else {
+            told.planeCount = 1;
+            told.planes[0] = {buffer.bytesused, 0};
+        }
+    }
+    mDequeued(told);
 }
 
 void V4L2VideoDevice::onNotify(int) {

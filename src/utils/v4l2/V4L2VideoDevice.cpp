@@ -260,8 +260,11 @@ std::string V4L2VideoDevice::toString() const {
 }
 
 void V4L2VideoDevice::dumpState(IPrinter* printer) const {
-    if (mQueued.load(std::memory_order_relaxed))
-        printer->printFormatLine("%s", toString().c_str());
+    if (!mQueued.load(std::memory_order_relaxed))
+        return;
+    printer->printFormatLine("%s", toString().c_str());
+    if (mKeepIndexes.load(std::memory_order_relaxed) || remappedBuffers() != 0)
+        printer->printFormatLine("    indexes kept, #remapped=%u", remappedBuffers());
 }
 
 }  // namespace NSVista::NSCorvane

@@ -1,0 +1,103 @@
+// Free buffer indexes of a video node, and the memory that each had last.
+#include <corvane/V4L2VideoDevice.h>
+
+#include <corvane/platform/Log.h>
+#include <corvane/platform/Trace.h>
+
+#include <bit>
+
+#include "TraceArea.h"
+
+CORVANE_LOG_UNIT("corvane-V4L2VideoDevice")
+
+namespace NSVista::NSCorvane {
+
+namespace {
+
+uint64_t lowestBit(uint64_t bits) {
+    return bits & -bits;
+}
+
+}  // namespace
+
+int V4L2VideoDevice::acquireBufferIndex() {
+    return acquireIndexFor(LastMemory::kNone);
+}
+
+/** Takes a free index: the lowest, or for a buffer that stays at its index the one that suits. */
+int V4L2VideoDevice::acquireIndexFor(uint64_t memory) {
+    const TraceSection section(area::kQueue, "V4L2VideoDevice::acquireBufferIndex");
+    uint64_t bits = mFreeBits.load(std::memory_order_acquire);
+    uint64_t taken = 0;
+    do {
+        while (bits == 0) {
+            waitForFreeIndex();
+            bits = mFreeBits.load(std::memory_order_acquire);
+        }
+        taken = memory == LastMemory::kNone ? lowestBit(bits) : mLastMemory.choose(bits, memory);
+    } while (!mFreeBits.compare_exchange_weak(bits, bits & ~taken, std::memory_order_acq_rel,
+                                              std::memory_order_acquire));
+    const int index = std::countr_zero(taken);
+    if (static_cast<uint32_t>(index) >= mReqBufCount.load(std::memory_order_relaxed))
+        CORVANE_FATAL_AS("acquireBufferIndex", "index:%d out of range", index);
+    return index;
+}
+
+void V4L2VideoDevice::waitForFreeIndex() {
+    [this] {
+        MutexLock lock(mFreeMutex);
+        if (mFreeBits.load() != 0)
+            return;
+        CORVANE_LOGW("wait for buffer index");
+        mFreeCond.wait(lock.native());
+    }();
+}
+
+void V4L2VideoDevice::releaseBufferIndex(unsigned int index) {
+    const TraceSection section(area::kDriverCall, "V4L2VideoDevice::releaseBufferIndex");
+    const uint32_t count = mReqBufCount.load(std::memory_order_relaxed);
+    if (index >= count)
+        CORVANE_FATAL("Bad index:%d %d", index, count);
+    const uint64_t bit = uint64_t{1} << index % kMaxBuffers;
+    if (mFreeBits.fetch_or(bit) != 0)
+        return;
+    CORVANE_LOGW("free buf bitset: 0 -> 0x%lx", static_cast<unsigned long>(bit));
+    const MutexLock lock(mFreeMutex);
+    mFreeCond.notify_all();
+}
+
+void V4L2VideoDevice::setKeepIndexes(bool keep) {
+    mLastMemory.forget();
+    mKeepIndexes.store(keep, std::memory_order_relaxed);
+}
+
+uint64_t V4L2VideoDevice::LastMemory::of(const FrameBuffer& buffer) {
+    const FrameBuffer::Plane& first = buffer.planes[0];
+    return uint64_t{static_cast<uint32_t>(first.fd)} << 32 | first.offset;
+}
+
+void V4L2VideoDevice::LastMemory::forget() {
+    for (auto& memory : mMemory)
+        memory.store(kNone, std::memory_order_relaxed);
+}
+
+uint64_t V4L2VideoDevice::LastMemory::choose(uint64_t freeBits, uint64_t memory) const {
+    uint64_t unused = 0;
+    for (uint64_t left = freeBits; left != 0; left &= left - 1) {
+        const uint64_t had = mMemory[std::countr_zero(left)].load(std::memory_order_relaxed);
+        if (had == memory)
+            return lowestBit(left);
+        if (had == kNone && unused == 0)
+            unused = lowestBit(left);
+    }
+    return unused != 0 ? unused : lowestBit(freeBits);
+}
+
+void V4L2VideoDevice::LastMemory::note(unsigned int index, uint64_t memory) {
+    const uint64_t had = mMemory[index].load(std::memory_order_relaxed);
+    mMemory[index].store(memory, std::memory_order_relaxed);
+    if (had != memory && had != kNone)
+        mRemapped.fetch_add(1, std::memory_order_relaxed);
+}
+
+}  // namespace NSVista::NSCorvane
