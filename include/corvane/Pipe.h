@@ -64,6 +64,8 @@ using PipeCreator = std::function<std::shared_ptr<PipeBase>(SceneManager&)>;
 class CORVANE_EXPORT PipeFactory {
 public:
     static PipeFactory& Instance();
+    PipeFactory(const PipeFactory&) = delete;
+    PipeFactory& operator=(const PipeFactory&) = delete;
 
     /** Registers a creator; a name registered again gets the new creator and is listed twice. */
     void Register(const std::string& name, const PipeCreator& creator);

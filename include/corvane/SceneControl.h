@@ -33,7 +33,9 @@ class ThreadLoopHandler;
 
 /**
  * One video node of a scene: owns the video device between init() and deinit() and names the port
- * in the log when the device refuses. Not locked; the scene serialises.
+ * in the log when the device refuses. The scene serialises the operations; getters, toString() and
+ * dumpState() may be called on any thread beside them. Without a device, format, import, streaming
+ * and monitor operations return -ENODEV with an error line.
  */
 class CORVANE_EXPORT Port : public IPort {
 public:
@@ -52,7 +54,7 @@ public:
     int importBuffer(int count) override;
 
     /** The device; empty before init() and after deinit(). */
-    virtual std::shared_ptr<IV4L2VideoDevice> getVideoDevice() const { return mVideoDevice; }
+    virtual std::shared_ptr<IV4L2VideoDevice> getVideoDevice() const;
     /**
      * Makes and opens the device; one held before is dropped, and must be closed by then.
      * A null media device is fatal.
@@ -69,14 +71,26 @@ public:
     virtual int stop();
 
 private:
-    std::string mName;
-    int32_t mIndex;
-    int32_t mType;
-    bool mSingleDevice;
-    [[maybe_unused]] bool mCtrlMeta;
-    std::string mDeviceName;
-    IMediaDevice* mMediaDevice;
-    std::shared_ptr<IV4L2VideoDevice> mVideoDevice;
+    friend class Request;
+
+    /** The device for queueing, without the lock: nothing is queued beside init() or deinit(). */
+    const std::shared_ptr<IV4L2VideoDevice>& queueingDevice() const
+        CORVANE_NO_THREAD_SAFETY_ANALYSIS {
+        return mVideoDevice;
+    }
+    void replaceDevice(std::shared_ptr<IV4L2VideoDevice> device);
+    template <class Call>
+    int onDevice(const char* operation, const char* action, Call call);
+
+    const std::string mName;
+    const int32_t mIndex;
+    const int32_t mType;
+    const bool mSingleDevice;
+    [[maybe_unused]] const bool mCtrlMeta;
+    const std::string mDeviceName;
+    IMediaDevice* const mMediaDevice;
+    std::shared_ptr<IV4L2VideoDevice> mVideoDevice CORVANE_GUARDED_BY(mDeviceLock);
+    mutable Mutex mDeviceLock;  ///< a leaf: held to copy or swap the pointer only
 };
 
 /**
@@ -103,9 +117,9 @@ public:
     std::string toString() const override;
     std::shared_ptr<RequestDebugInfo> getDebugInfo() const override;
     int getRequestFD() const override;
-    int getStatus() const override { return mStatus; }
-    void* getCookie() const override { return mCookie; }
-    void setCookie(void* cookie) override { mCookie = cookie; }
+    int getStatus() const override { return mStatus.load(std::memory_order_relaxed); }
+    void* getCookie() const override { return mCookie.load(std::memory_order_relaxed); }
+    void setCookie(void* cookie) override { mCookie.store(cookie, std::memory_order_relaxed); }
     unsigned long* getTrackBuffer() const override;
     void setTrackBuffer(unsigned long* track) override;
     int setMonitor(const std::shared_ptr<IEventMonitor>& monitor) override;
@@ -129,14 +143,17 @@ private:
     std::shared_ptr<IMediaRequest> mMediaRequest;
     QueryPort mQueryPort;
     RequestDone mRequestDone;
-    void* mCookie = nullptr;
+    std::atomic<void*> mCookie{nullptr};
     std::atomic<int32_t> mState{kIdle};
-    int32_t mStatus = 0;
+    std::atomic<int32_t> mStatus{0};
     std::vector<int32_t> mPortIndexes;
     std::unordered_map<int32_t, FrameBuffer> mBuffers;
 };
 
-/** A scene over a media device. See IScene for the order of calls. */
+/**
+ * A scene over a media device. See IScene for the order of calls. After uninit() or a failed init()
+ * formats, import, streaming and queueing are refused with an error line and -1.
+ */
 class CORVANE_EXPORT Scene : public IScene {
 public:
     /**
@@ -154,7 +171,7 @@ public:
     void dumpState(IPrinter* printer) const override;
     std::shared_ptr<SceneDebugInfo> getDebugInfo() const override { return mDebugInfo; }
     void setRequestDoneCallback(std::function<void(IRequest*)> callback) override;
-    size_t getNumOfPorts() const override { return mPorts.size(); }
+    size_t getNumOfPorts() const override;
     void iteratePorts(std::function<bool(std::shared_ptr<IPort>)> visit) override;
     std::shared_ptr<IRequest> createRequest() override;
     int acquire() override;
@@ -206,20 +223,29 @@ private:
     bool inState(State wanted, const char* operation) const;
     bool beforeStart(const char* operation) const CORVANE_REQUIRES(mStreamLock);
     void startMonitor();
-    void stopMonitor();
+    void stopMonitor() CORVANE_EXCLUDES(mThreadLock);
+
+    using Ports = std::unordered_map<int, std::shared_ptr<Port>>;
+    /** The table for its owner and for queueing, without the lock: it changes in init() only. */
+    const Ports& ports() const CORVANE_NO_THREAD_SAFETY_ANALYSIS { return mPorts; }
+    /** The ports in the table's order, for any thread. */
+    std::vector<std::shared_ptr<Port>> copyPorts() const;
 
     const SceneDesc& mDesc;
     std::shared_ptr<SceneDebugInfo> mDebugInfo;
     std::shared_ptr<IMediaDevice> mMediaDevice;
     std::shared_ptr<IV4L2BufferMonitor> mBufferMonitor;
-    std::unordered_map<int, std::shared_ptr<Port>> mPorts;
+    Ports mPorts CORVANE_GUARDED_BY(mPortsLock);
     std::function<void(IRequest*)> mRequestDoneCallback;
-    Mutex mStreamLock;
+    /** Orders start() and stop(), which hold it throughout, and what is chosen before them. */
+    Mutex mStreamLock CORVANE_ACQUIRED_BEFORE(mThreadLock);
     Mutex mThreadLock;
     std::shared_ptr<ThreadLoopHandler> mThreadLoopHandler CORVANE_GUARDED_BY(mThreadLock);
     std::atomic<int32_t> mState{kIdle};
     std::atomic<uint32_t> mQueuedCount{0};
     std::atomic<uint32_t> mDoneCount{0};
+    std::atomic<bool> mUninitialised{false};  ///< by uninit(), for good
+    mutable Mutex mPortsLock;                 ///< a leaf: held to insert into or copy the table
 };
 
 }  // namespace NSVista::NSCorvane

@@ -39,6 +39,7 @@ CORVANE_EXPORT int64_t determineDiffTimespecInNs(const struct timespec& a,
 class CORVANE_EXPORT SceneManager {
 public:
     SceneManager();
+    /** Drops the pipes, then the scenes; they may call the manager from their destructors. */
     ~SceneManager();
     SceneManager(const SceneManager&) = delete;
     SceneManager& operator=(const SceneManager&) = delete;
@@ -70,6 +71,7 @@ private:
     using Map = std::unordered_map<std::string, std::shared_ptr<T>>;
 
     size_t sceneCount() const;
+    Map<PipeBase> takePipes();
 
     IDeviceEnumerator& mDeviceEnumerator;
     mutable Mutex mPipeLock;

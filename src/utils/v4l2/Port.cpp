@@ -4,7 +4,9 @@
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Trace.h>
 
+#include <cerrno>
 #include <sstream>
+#include <utility>
 
 #include "Text.h"
 #include "TraceArea.h"
@@ -25,74 +27,87 @@ Port::Port(const PortDesc& desc, IMediaDevice* media)
 
 Port::~Port() = default;
 
+std::shared_ptr<IV4L2VideoDevice> Port::getVideoDevice() const {
+    const MutexLock lock(mDeviceLock);
+    return mVideoDevice;
+}
+
+/** What was held leaves after the lock: its end logs. */
+void Port::replaceDevice(std::shared_ptr<IV4L2VideoDevice> device) {
+    const MutexLock lock(mDeviceLock);
+    mVideoDevice.swap(device);
+}
+
+/** @return what @p call(device) returns, or -ENODEV without a device; a failure is logged. */
+template <class Call>
+int Port::onDevice(const char* operation, const char* action, Call call) {
+    const auto device = getVideoDevice();
+    if (device == nullptr)
+        CORVANE_LOGE_AS(operation, "%s: No video device before init() and after deinit()",
+                        mName.c_str());
+    const int ret = device != nullptr ? call(*device) : -ENODEV;
+    if (ret != 0)
+        CORVANE_LOGE_AS(operation, "%s: Failed to %s", mName.c_str(), action);
+    return ret;
+}
+
 int Port::init() {
     const TraceSection section(area::kStreaming, "Port::init");
-    mVideoDevice = mMediaDevice != nullptr
-                       ? IV4L2VideoDevice::make(*mMediaDevice, mName, mDeviceName, mIndex)
-                       : nullptr;
-    if (mVideoDevice == nullptr)
+    replaceDevice(mMediaDevice != nullptr
+                      ? IV4L2VideoDevice::make(*mMediaDevice, mName, mDeviceName, mIndex)
+                      : nullptr);
+    if (getVideoDevice() == nullptr)
         CORVANE_FATAL("IV4L2VideoDevice::make: %s", mName.c_str());
-    const int ret = mVideoDevice->openDevice();
-    if (ret != 0)
-        CORVANE_LOGE("%s: Failed to open port", mName.c_str());
-    return ret;
+    return onDevice("init", "open port", [](auto& device) { return device.openDevice(); });
 }
 
 void Port::deinit() {
     const TraceSection section(area::kStreaming, "Port::deinit");
-    if (mVideoDevice == nullptr)
+    const auto device = getVideoDevice();
+    if (device == nullptr)
         return;
-    mVideoDevice->closeDevice();
-    mVideoDevice.reset();
+    device->closeDevice();
+    replaceDevice(nullptr);
 }
 
 int Port::getFormat(PixelFormat& format) {
     const TraceSection section(area::kFormat, "Port::getFormat");
-    const int ret = mVideoDevice->getFormat(format);
-    if (ret != 0)
-        CORVANE_LOGE("%s: Failed to get format", mName.c_str());
-    return ret;
+    return onDevice("getFormat", "get format",
+                    [&format](auto& device) { return device.getFormat(format); });
 }
 
 int Port::setFormat(PixelFormat& format) {
     const TraceSection section(area::kFormat, "Port::setFormat");
-    const int ret = mVideoDevice->setFormat(format);
-    if (ret != 0)
-        CORVANE_LOGE("%s: Failed to set format", mName.c_str());
-    return ret;
+    return onDevice("setFormat", "set format",
+                    [&format](auto& device) { return device.setFormat(format); });
 }
 
 int Port::importBuffer(int count) {
     const TraceSection section(area::kStreaming, "Port::importBuffer");
-    const int ret = mVideoDevice->importBuffer(count);
-    if (ret != 0)
-        CORVANE_LOGE("%s: Failed to import buffer", mName.c_str());
-    return ret;
+    return onDevice("importBuffer", "import buffer",
+                    [count](auto& device) { return device.importBuffer(count); });
 }
 
 int Port::start() {
     const TraceSection section(area::kStreaming, "Port::start");
-    const int ret = mVideoDevice->streamOn();
-    if (ret != 0)
-        CORVANE_LOGE("%s: Failed to start port (streamOn)", mName.c_str());
-    return ret;
+    return onDevice("start", "start port (streamOn)",
+                    [](auto& device) { return device.streamOn(); });
 }
 
 int Port::stop() {
     const TraceSection section(area::kStreaming, "Port::stop");
-    const int ret = mVideoDevice->streamOff();
-    if (ret != 0)
-        CORVANE_LOGE("%s: Failed to stop port (streamOff)", mName.c_str());
-    return ret;
+    return onDevice("stop", "stop port (streamOff)",
+                    [](auto& device) { return device.streamOff(); });
 }
 
 int Port::setMonitor(const std::shared_ptr<IV4L2BufferMonitor>& monitor) {
-    return mVideoDevice->setMonitor(monitor);
+    const auto device = getVideoDevice();
+    return device != nullptr ? device->setMonitor(monitor) : -ENODEV;
 }
 
 void Port::dumpState(IPrinter* printer) const {
-    if (mVideoDevice != nullptr)
-        mVideoDevice->dumpState(printer);
+    if (const auto device = getVideoDevice())
+        device->dumpState(printer);
 }
 
 std::string Port::toString() const {

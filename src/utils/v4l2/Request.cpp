@@ -111,7 +111,7 @@ int Request::queueBuffers(int argument) {
         const auto port = mQueryPort(portIndex);
         if (port == nullptr)
             CORVANE_FATAL("Bad port index:%#x", portIndex);
-        const auto device = port->getVideoDevice();
+        const auto device = port->queueingDevice();
         if (device == nullptr)
             CORVANE_FATAL("Bad VideoDevice");
         if (const int ret = device->queueBuffer(buffer, mMediaRequest.get(), argument); ret != 0) {
@@ -154,7 +154,7 @@ void Request::requestDone() {
     }
     std::copy(mPortIndexes.begin(), mPortIndexes.end(), indexes);
     mPortIndexes.clear();
-    mStatus = 0;
+    mStatus.store(0, std::memory_order_relaxed);
     // From here on the request may be filled again.
     mState.store(kIdle, std::memory_order_release);
     CORVANE_LOGD("[Request::requestDone] %s", toString().c_str());

@@ -53,8 +53,7 @@ Scene::Scene(std::shared_ptr<SceneDebugInfo> debugInfo, const SceneDesc& desc,
 
 Scene::~Scene() {
     const TraceSection section(area::kLifecycle, "Scene::~Scene");
-    const MutexLock lock(mThreadLock);
-    mThreadLoopHandler.reset();
+    stopMonitor();
 }
 
 int Scene::init() {
@@ -71,6 +70,7 @@ int Scene::init() {
 
 void Scene::uninit() {
     const TraceSection section(area::kLifecycle, "Scene::uninit");
+    mUninitialised.store(true, std::memory_order_relaxed);
     CORVANE_LOGD("Scene::uninit + %s  #DECKEY", nameOrEmpty(mDesc.scene_name));
     const CpuTimer timer;
     {
@@ -81,8 +81,8 @@ void Scene::uninit() {
     }
     {
         const TraceSection ports(area::kLifecycle,
-                                 CORVANE_TRACE_NAME("deinit ports #%zu", mPorts.size()));
-        for (const auto& [index, port] : mPorts)
+                                 CORVANE_TRACE_NAME("deinit ports #%zu", this->ports().size()));
+        for (const auto& [index, port] : this->ports())
             port->deinit();
     }
     CORVANE_LOGK("Scene::uninit - %s (cputime %s ns)  #DECKEY", nameOrEmpty(mDesc.scene_name),
@@ -103,7 +103,7 @@ bool Scene::initPorts() {
         // A port that is not taken in does not fail the scene, but an open device must not be
         // dropped.
         addPort(port);
-        if (mPorts.at(port->getIndex()) != port)
+        if (ports().at(port->getIndex()) != port)
             port->deinit();
     }
     return true;
@@ -124,7 +124,12 @@ int Scene::addPort(const std::shared_ptr<Port>& port) {
     if (port == nullptr)
         return 0;
     const int index = port->getIndex();
-    if (!mPorts.emplace(index, port).second) {
+    bool inserted = false;
+    {
+        const MutexLock lock(mPortsLock);
+        inserted = mPorts.emplace(index, port).second;
+    }
+    if (!inserted) {
         CORVANE_LOGE("Port index %#x has already existed", index);
         return -1;
     }
@@ -138,18 +143,32 @@ int Scene::addPort(const std::shared_ptr<Port>& port) {
 }
 
 std::shared_ptr<Port> Scene::queryPort(int index) const {
-    const auto found = mPorts.find(index);
-    if (found == mPorts.end()) {
+    const auto found = ports().find(index);
+    if (found == ports().end()) {
         CORVANE_LOGE("Invalid port index: %#x", index);
         return nullptr;
     }
     return found->second;
 }
 
+std::vector<std::shared_ptr<Port>> Scene::copyPorts() const {
+    std::vector<std::shared_ptr<Port>> copies;
+    const MutexLock lock(mPortsLock);
+    copies.reserve(mPorts.size());
+    for (const auto& [index, port] : mPorts)
+        copies.push_back(port);
+    return copies;
+}
+
+size_t Scene::getNumOfPorts() const {
+    const MutexLock lock(mPortsLock);
+    return mPorts.size();
+}
+
 void Scene::iteratePorts(std::function<bool(std::shared_ptr<IPort>)> visit) {
     if (!visit)
         CORVANE_FATAL("Bad function");
-    for (const auto& [index, port] : mPorts)
+    for (const auto& port : copyPorts())
         if (!visit(port))
             return;
 }
@@ -185,12 +204,18 @@ const char* Scene::stateName(int32_t state) {
     }
 }
 
-/** Whether the scene is in the wanted state; reports it for @p operation when it is not. */
+/** Whether the scene is usable and in the wanted state; reports for @p operation when not. */
 bool Scene::inState(State wanted, const char* operation) const {
     const int32_t state = mState.load(std::memory_order_relaxed);
+    const bool usable = !mUninitialised.load(std::memory_order_relaxed);
+    if (state == wanted && usable)
+        return true;
     if (state != wanted)
         CORVANE_LOGE_AS(operation, "state %d != %s", state, stateName(wanted));
-    return state == wanted;
+    else
+        CORVANE_LOGE_AS(operation, "%s: uninitialised, or its init() failed: build a new scene",
+                        nameOrEmpty(mDesc.scene_name));
+    return false;
 }
 
 /** Whether choices of how to stream can still be made; reports for @p operation when not. */
@@ -217,7 +242,13 @@ void Scene::startMonitor() {
     if (handler == nullptr)
         CORVANE_FATAL_AS("start", "ThreadLoopHandler::make");
     handler->setThreadName(mBufferMonitor->getThreadName());
-    handler->run(mBufferMonitor);
+    auto guard =
+        timeguard::TimeBomb::make(mBufferMonitor->getThreadName(), kGuardLimitNs, kGuardPeriodNs,
+                                  "The buffer monitor's thread is not ready to run.");
+    const int ret = handler->run(mBufferMonitor);
+    guard.reset();
+    if (ret != 0)
+        CORVANE_FATAL_AS("start", "ThreadLoopHandler::make");
     const MutexLock lock(mThreadLock);
     mThreadLoopHandler.swap(handler);
 }
@@ -243,7 +274,7 @@ int Scene::start() {
     startMonitor();
     stampLogTime(mDebugInfo->streamOnBegin);
     auto guard = armGuard("VIDIOC_STREAMON timed out.");
-    for (const auto& [index, port] : mPorts) {
+    for (const auto& [index, port] : ports()) {
         CORVANE_LOGD("Start port: %s  #DECKEY", port->getName().c_str());
         const int ret = port->start();
         if (ret >= 0)
@@ -269,7 +300,7 @@ int Scene::stop() {
         return -1;
     stampLogTime(mDebugInfo->streamOffBegin);
     auto guard = armGuard("VIDIOC_STREAMOFF timed out.");
-    for (const auto& [index, port] : mPorts) {
+    for (const auto& [index, port] : ports()) {
         const int ret = port->stop();
         if (ret >= 0)
             continue;
@@ -352,7 +383,7 @@ void Scene::dumpState(IPrinter* printer) const {
                              mDoneCount.load(std::memory_order_relaxed));
     if (mBufferMonitor != nullptr)
         mBufferMonitor->dumpState(printer);
-    for (const auto& [index, port] : mPorts)
+    for (const auto& port : copyPorts())
         port->dumpState(printer);
 }
 

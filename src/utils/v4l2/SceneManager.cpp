@@ -45,7 +45,19 @@ int64_t determineDiffTimespecInNs(const struct timespec& a, const struct timespe
 SceneManager::SceneManager() : mDeviceEnumerator(IDeviceEnumerator::instance()) {
 }
 
-SceneManager::~SceneManager() = default;
+SceneManager::~SceneManager() {
+    takePipes().clear();
+    Map<IScene> scenes;
+    const MutexLock lock(mSceneLock);
+    scenes.swap(mScenes);
+}
+
+SceneManager::Map<PipeBase> SceneManager::takePipes() {
+    Map<PipeBase> pipes;
+    const MutexLock lock(mPipeLock);
+    pipes.swap(mPipes);
+    return pipes;
+}
 
 size_t SceneManager::sceneCount() const {
     const MutexLock lock(mSceneLock);
@@ -78,11 +90,7 @@ void SceneManager::uninit() {
     const TraceSection section(area::kLifecycle, "SceneManager::uninit");
     CORVANE_LOGI("+ SceneManager::uninit");
     const CpuTimer timer;
-    Map<PipeBase> pipes;
-    {
-        const MutexLock lock(mPipeLock);
-        pipes.swap(mPipes);
-    }
+    Map<PipeBase> pipes = takePipes();
     for (const auto& [name, pipe] : pipes)
         pipe->uninit();
     pipes.clear();
