@@ -100,7 +100,7 @@ void VideoFile::released() {
 }
 
 int MediaFile::ioctl(uint32_t code, void* arg) {
-    if (!arg)
+    if (!arg && _IOC_SIZE(code) > 0)
         return -EFAULT;
     if (code == MEDIA_IOC_REQUEST_ALLOC) {
         int fd = RequestFile::open(mDevice);

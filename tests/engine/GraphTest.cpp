@@ -1,0 +1,166 @@
+/**
+ * @file
+ * What an engine consists of: nodes, capabilities, formats, links.
+ */
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <cstring>
+
+#include "Bench.h"
+
+namespace NSVista::NSCorvane::test {
+
+using GraphTest = EngineTest;
+using GraphInProcess = ProcessTest;
+
+TEST_F(GraphTest, TellsWhatTheNodesAre) {
+    const uint32_t types[VENGINE_PORTS] = {
+        V4L2_CAP_VIDEO_CAPTURE_MPLANE, V4L2_CAP_VIDEO_OUTPUT_MPLANE, V4L2_CAP_VIDEO_CAPTURE_MPLANE,
+        V4L2_CAP_META_CAPTURE,         V4L2_CAP_VIDEO_CAPTURE,       V4L2_CAP_META_OUTPUT,
+        V4L2_CAP_VIDEO_CAPTURE_MPLANE, V4L2_CAP_VIDEO_CAPTURE,       V4L2_CAP_VIDEO_OUTPUT};
+    for (unsigned n = 0; n < VENGINE_PORTS; ++n) {
+        const Fd node(vengine_ports[n].name);
+        v4l2_capability capability = {};
+        ASSERT_EQ(call(node, VIDIOC_QUERYCAP, &capability), 0);
+        EXPECT_STREQ(reinterpret_cast<char*>(capability.driver), VENGINE_DRIVER);
+        EXPECT_STREQ(reinterpret_cast<char*>(capability.card), vengine_ports[n].name);
+        EXPECT_EQ(capability.device_caps,
+                  types[n] | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_IO_MC);
+        EXPECT_EQ(capability.capabilities, capability.device_caps | V4L2_CAP_DEVICE_CAPS);
+    }
+    media_device_info info = {};
+    ASSERT_EQ(call(media, MEDIA_IOC_DEVICE_INFO, &info), 0);
+    EXPECT_STREQ(info.model, VENGINE_MODEL);
+    EXPECT_STREQ(info.bus_info, "platform:" VENGINE_DRIVER);
+}
+
+TEST_F(GraphTest, FormatsAreAdjustedAndPersist) {
+    for (unsigned n : {kMain, kGrey}) {
+        const bool multi = V4L2_TYPE_IS_MULTIPLANAR(vengine_ports[n].buf_type);
+        v4l2_format format = {};
+        format.type = vengine_ports[n].buf_type;
+        format.fmt.pix.width = 67;  // the first fields of both records are the same
+        format.fmt.pix.height = 5000;
+        format.fmt.pix.pixelformat = 1;
+        format.fmt.pix_mp.num_planes = multi ? 9 : 0;
+        ASSERT_EQ(call(Fd(vengine_ports[n].name), VIDIOC_S_FMT, &format), 0);
+        memset(&format.fmt, 0xff, sizeof(format.fmt));
+        ASSERT_EQ(call(Fd(vengine_ports[n].name), VIDIOC_G_FMT, &format), 0);
+        const vengine_layout wanted =
+            vengine_layout_of(vengine_ports[n].format, 66, VENGINE_MAX_HEIGHT);
+        EXPECT_EQ(format.fmt.pix.width, 66u);
+        EXPECT_EQ(format.fmt.pix.height, wanted.height);
+        EXPECT_EQ(format.fmt.pix.pixelformat, wanted.fourcc);
+        EXPECT_EQ(format.fmt.pix.field, static_cast<uint32_t>(V4L2_FIELD_NONE));
+        if (!multi) {
+            EXPECT_EQ(format.fmt.pix.bytesperline, wanted.bytesperline[0]);
+            EXPECT_EQ(format.fmt.pix.sizeimage, wanted.sizeimage[0]);
+        }
+        for (uint32_t i = 0; multi && i < 2; ++i) {
+            EXPECT_EQ(format.fmt.pix_mp.num_planes, wanted.num_planes);
+            EXPECT_EQ(format.fmt.pix_mp.plane_fmt[i].bytesperline, wanted.bytesperline[i]);
+            EXPECT_EQ(format.fmt.pix_mp.plane_fmt[i].sizeimage, wanted.sizeimage[i]);
+        }
+        format.type = V4L2_BUF_TYPE_VBI_CAPTURE;
+        EXPECT_EQ(call(Fd(vengine_ports[n].name), VIDIOC_G_FMT, &format), -EINVAL);
+        EXPECT_EQ(call(Fd(vengine_ports[n].name), VIDIOC_S_FMT, &format), -EINVAL);
+    }
+    v4l2_format meta = {};
+    meta.type = V4L2_BUF_TYPE_META_CAPTURE;
+    ASSERT_EQ(call(Fd(vengine_ports[kStats].name), VIDIOC_S_FMT, &meta), 0);
+    EXPECT_EQ(meta.fmt.meta.dataformat, VENGINE_META_FMT_STATS);
+    EXPECT_EQ(meta.fmt.meta.buffersize, uint32_t{VENGINE_META_SIZE});
+}
+
+TEST_F(GraphTest, LinksAreSetUpAsTheKernelDoes) {
+    constexpr uint32_t kOn = MEDIA_LNK_FL_ENABLED, kFixed = kOn | MEDIA_LNK_FL_IMMUTABLE;
+    media_entity_desc entity = {};
+    entity.id = entityId(media, VENGINE_CORE_ENTITY);
+    ASSERT_EQ(call(media, MEDIA_IOC_ENUM_ENTITIES, &entity), 0);
+    EXPECT_EQ(entity.pads, VENGINE_PORTS + 1);
+    ASSERT_EQ(entity.links, 6u) << "only those that begin here: the captures'";
+    media_link_desc links[6];
+    media_pad_desc pads[VENGINE_PORTS + 1];
+    media_links_enum all = {entity.id, pads, links, {}};
+    const struct {
+        unsigned port;
+        uint32_t flags;
+        int result;
+    } steps[] = {{kMain, kOn, 0},
+                 {kMain, kFixed, -EINVAL},
+                 {kTuning, kFixed, 0},  // no change of an immutable link
+                 {kTuning, MEDIA_LNK_FL_IMMUTABLE, -EINVAL},
+                 {kMirror, kOn, 0},
+                 {kMirror, 0, 0}};
+    for (const auto& step : steps)
+        EXPECT_EQ(setLink(media, step.port, step.flags), step.result) << step.port;
+    ASSERT_EQ(call(media, MEDIA_IOC_ENUM_LINKS, &all), 0);
+    EXPECT_EQ(links[0].flags, kOn);
+    EXPECT_EQ(links[1].flags, 0u);
+    EXPECT_EQ(links[1].source.index, 2);
+    EXPECT_EQ(links[1].sink.entity, entityId(media, "vengine-mirror"));
+    EXPECT_EQ(pads[1].flags, MEDIA_PAD_FL_SINK);
+    EXPECT_EQ(pads[2].flags, MEDIA_PAD_FL_SOURCE);
+    media_link_desc none = {};
+    EXPECT_EQ(call(media, MEDIA_IOC_SETUP_LINK, &none), -EINVAL);
+    all.entity = 9999;
+    EXPECT_EQ(call(media, MEDIA_IOC_ENUM_LINKS, &all), -EINVAL);
+
+    Port& main = start(kMain);
+    EXPECT_EQ(setLink(media, kMain, 0), -EBUSY) << "its node streams";
+    EXPECT_EQ(setLink(media, kMirror, kOn), 0);
+    EXPECT_EQ(main.stream(false), 0);
+    EXPECT_EQ(setLink(media, kMain, 0), 0);
+}
+
+TEST_F(GraphInProcess, ShowsNodesInDirectoriesAndSysfs) {
+    System::Kernel& kernel = bench.kernel();
+    sim::DeviceDesc odd;
+    odd.setNames("odd", std::string(40, 'm'));
+    odd.mediaNode = "media";
+    odd.addVideoNode("capture", {V4L2_BUF_TYPE_VIDEO_CAPTURE, 1, 0}).video->deviceCaps = 0;
+    ASSERT_NE(bench.engine().addDevice(odd), nullptr);
+    EXPECT_EQ(bench.engine().addDevice(odd), nullptr) << "the media node's name is taken";
+    odd.mediaNode.clear();
+    odd.links.push_back({"capture", 1, "capture", 0, 0});
+    EXPECT_EQ(bench.engine().addDevice(odd), nullptr) << "no such pad";
+
+    using Names = std::vector<std::string>;
+    const std::pair<sim::DirectoryOrder, Names> orders[] = {
+        {sim::DirectoryOrder::NEWEST_FIRST, {"media", "media0"}},
+        {sim::DirectoryOrder::OLDEST_FIRST, {"media0", "media"}}};
+    for (const auto& [order, expected] : orders) {
+        bench.engine().setDirectoryOrder(order);
+        Names found;
+        DIR* dir = nullptr;
+        ASSERT_EQ(kernel.openDir("/dev", &dir), 0);
+        for (dirent* entry = nullptr; kernel.readDir(dir, &entry) == 0 && entry;)
+            if (strncmp(entry->d_name, "media", 5) == 0)
+                found.push_back(entry->d_name);
+        EXPECT_EQ(kernel.closeDir(dir), 0);
+        EXPECT_EQ(found, expected);
+    }
+    media_entity_desc entity = {};
+    entity.id = entityId(media, "vengine-flip");
+    ASSERT_EQ(call(media, MEDIA_IOC_ENUM_ENTITIES, &entity), 0);
+    const std::string sysfs = "/sys/dev/char/" + std::to_string(entity.dev.major) + ":" +
+                              std::to_string(entity.dev.minor);
+    char target[256] = {};
+    ASSERT_GT(kernel.readLink(sysfs.c_str(), target, sizeof(target)), 0);
+    EXPECT_EQ("/dev/" + std::string(strrchr(target, '/') + 1), bench.path("vengine-flip"));
+    EXPECT_EQ(kernel.readLink(sysfs.c_str(), target, 5), 5);
+    struct stat info;
+    EXPECT_EQ(kernel.stat(bench.path("vengine-flip").c_str(), &info), 0);
+    EXPECT_TRUE(S_ISCHR(info.st_mode));
+    EXPECT_EQ(info.st_rdev, makedev(entity.dev.major, entity.dev.minor));
+    for (const char* missing : {"/dev/media7", "/dev/video99", "/dev/v4l-subdev9"}) {
+        EXPECT_EQ(kernel.open(missing, O_RDWR), -ENOENT);
+        EXPECT_EQ(kernel.stat(missing, &info), -ENOENT);
+    }
+    EXPECT_EQ(kernel.stat("/dev/null", &info), 0) << "what is not the engine's goes on";
+    EXPECT_EQ(kernel.close(-1), -EBADF);
+    EXPECT_EQ(call(-1, VIDIOC_QUERYCAP, &entity), -EBADF);
+}
+
+}  // namespace NSVista::NSCorvane::test

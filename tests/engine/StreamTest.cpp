@@ -1,0 +1,464 @@
+/**
+ * @file
+ * Pictures, requests and buffers on their way.
+ */
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <thread>
+
+#include "Bench.h"
+
+namespace {
+
+std::atomic<size_t> allocations{0};
+
+void* countedAllocation(size_t size) {
+    ++allocations;
+    if (void* memory = malloc(size ? size : 1))
+        return memory;
+    throw std::bad_alloc();
+}
+
+}  // namespace
+
+// Not inlined: the compiler would see memory of operator new go to free(), and warn.
+[[gnu::noinline]] void* operator new(size_t size) {
+    return countedAllocation(size);
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
+    free(memory);
+}
+
+namespace NSVista::NSCorvane::test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using StreamTest = EngineTest;
+using StreamInProcess = ProcessTest;
+using StreamOnDriver = DriverTest;
+
+constexpr uint8_t kUntouched = 0xa5;
+constexpr int kControl = 7;
+
+/** Puts the input, mask and tuning of a run into its buffers and paints all others over. */
+void fill(std::deque<Port>& ports, unsigned buffer, uint32_t run) {
+    for (Port& port : ports) {
+        for (unsigned plane = 0; plane < port.layout.num_planes; ++plane)
+            memset(port.data(buffer, plane), kUntouched, port.bytes(plane));
+        vengine_picture picture = port.picture(buffer);
+        vengine_tuning tuning = {VENGINE_TUNING_MAGIC, run, static_cast<int>(run % 31), {}};
+        if (port.desc.role == VENGINE_ROLE_TUNING)
+            memcpy(picture.data[0], &tuning, sizeof(tuning));
+        else if (port.output())
+            vengine_draw_test(&picture, run * (port.desc.role + 1));
+    }
+}
+
+/** Compares whole dma-bufs: the picture, its padding, and what lies before and behind it. */
+void checkPicture(Port& port, unsigned buffer, const vengine_source& source, uint32_t run) {
+    std::vector<uint8_t> wanted[3];
+    uint8_t* planes[3] = {};
+    for (unsigned n = 0; n < port.layout.num_planes; ++n) {
+        wanted[n].assign(port.bytes(n), kUntouched);
+        planes[n] = wanted[n].data() + port.offset(n);
+    }
+    vengine_picture picture = vengine_map(&port.layout, planes);
+    const vengine_stats stats = {
+        VENGINE_STATS_MAGIC, source.frame, 0x1ff, run, vengine_checksum(source.input), {}};
+    if (port.desc.role == VENGINE_ROLE_STATS)
+        memcpy(planes[0], &stats, sizeof(stats));
+    else
+        vengine_capture(&source, port.desc.role, &picture);
+    for (unsigned n = 0; n < port.layout.num_planes; ++n)
+        EXPECT_EQ(memcmp(port.data(buffer, n), wanted[n].data(), wanted[n].size()), 0)
+            << port.name << " plane " << n << " frame " << source.frame;
+}
+
+/** What the engine wrote into the record of the buffer just dequeued. */
+void checkRecord(const Port& port, int request, uint32_t run) {
+    const v4l2_buffer& record = port.record;
+    SCOPED_TRACE(port.name);
+    EXPECT_EQ(record.flags,
+              static_cast<uint32_t>(V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_REQUEST_FD));
+    EXPECT_EQ(record.request_fd, request);
+    EXPECT_EQ(record.sequence, run);
+    EXPECT_EQ(record.field, static_cast<uint32_t>(V4L2_FIELD_NONE));
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    EXPECT_TRUE(record.timestamp.tv_sec <= now.tv_sec && record.timestamp.tv_sec + 60 > now.tv_sec);
+    for (unsigned n = 0; n < port.layout.num_planes; ++n)
+        EXPECT_EQ(port.multiplanar() ? port.planes[n].bytesused : record.bytesused,
+                  port.layout.sizeimage[n]);
+}
+
+TEST_F(StreamTest, ShowsPicturesOnAllPortsAtTheirOffsets) {
+    constexpr unsigned kDepth = 8;
+    const char* runs = getenv("CORVANE_TEST_RUNS");
+    const uint32_t count = runs ? static_cast<uint32_t>(atoi(runs)) : 24;
+    const Fd sub(VENGINE_SUBDEV_ENTITY);
+    kvxdip_control control = {VENGINE_CTRL_BRIGHTNESS, kControl};
+    ASSERT_EQ(call(sub, KVXDIP_IOC_SET_CONTROL, &control), 0);
+    std::vector<Port*> all;
+    for (unsigned n = 0; n < VENGINE_PORTS; ++n)
+        all.push_back(&add(n, kDepth));
+    for (Port* port : all)
+        ASSERT_EQ(port->stream(true), 0);
+    std::vector<Fd> requests;
+    for (unsigned n = 0; n < kDepth; ++n)
+        requests.push_back(newRequest(media));
+    uint32_t frame = 0;
+    for (uint32_t next = 0; next < count + kDepth; ++next) {
+        const unsigned buffer = next % kDepth;
+        if (next >= kDepth) {
+            const uint32_t run = next - kDepth;
+            ASSERT_TRUE(done(requests[buffer]));
+            for (Port* port : all) {
+                ASSERT_EQ(port->dequeue(), static_cast<int>(buffer));
+                checkRecord(*port, requests[buffer], run);
+            }
+            vengine_stats stats;
+            memcpy(&stats, ports[kStats].picture(buffer).data[0], sizeof(stats));
+            frame = run == 0 ? stats.frame : frame + 1;
+            vengine_picture input = ports[kInput].picture(buffer);
+            vengine_picture mask = ports[kMask].picture(buffer);
+            const int brightness = static_cast<int>(run % 31) + kControl;
+            for (Port* port : all)
+                if (!port->output())
+                    checkPicture(*port, buffer, {&input, &mask, frame, brightness}, run);
+            ASSERT_FALSE(HasFailure());
+            ASSERT_EQ(call(requests[buffer], MEDIA_REQUEST_IOC_REINIT), 0);
+        }
+        if (next < count) {
+            fill(ports, buffer, next);
+            ASSERT_EQ(submit(requests[buffer], all, buffer), 0);
+        }
+    }
+    control.value = 0;
+    ASSERT_EQ(call(sub, KVXDIP_IOC_SET_CONTROL, &control), 0);
+}
+
+TEST_F(StreamTest, CompletesInTheOrderAskedFor) {
+    using Order = std::vector<int>;
+    constexpr unsigned kBuffers = 6;
+    Port& port = start(kMain, kBuffers);
+    auto run = [&](int order, unsigned delayUs) {
+        bench.setOrder(order, delayUs);
+        const auto begin = Clock::now();
+        std::vector<Fd> requests;
+        for (unsigned n = 0; n < kBuffers; ++n)
+            requests.push_back(submitNew({&port}, n));
+        for (const Fd& request : requests)
+            EXPECT_TRUE(done(request));
+        EXPECT_GE(Clock::now() - begin, std::chrono::microseconds(delayUs));
+        Order ended;
+        for (unsigned n = 0; n < kBuffers; ++n)
+            ended.push_back(port.dequeue());
+        return ended;
+    };
+    EXPECT_EQ(run(1, 20000), (Order{0, 1, 2, 3, 4, 5}));
+    EXPECT_EQ(run(3, 0), (Order{2, 1, 0, 5, 4, 3}));
+    EXPECT_EQ(run(4, 1000), (Order{3, 2, 1, 0, 5, 4})) << "a short group goes in the end";
+    bool shuffled = false;
+    for (int round = 0; round < 5 && !shuffled; ++round) {
+        Order ended = run(-static_cast<int>(kBuffers), 0);
+        shuffled = !std::is_sorted(ended.begin(), ended.end());
+        std::sort(ended.begin(), ended.end());
+        EXPECT_EQ(ended, (Order{0, 1, 2, 3, 4, 5}));
+    }
+    EXPECT_TRUE(shuffled);
+}
+
+TEST_F(StreamInProcess, CompletesWhenToldTo) {
+    Port& port = start(kMain);
+    bench.device().hold();
+    const Fd first = submitNew({&port}, 0), second = submitNew({&port}, 1);
+    EXPECT_FALSE(done(first, 20));
+    bench.device().completeNext();
+    EXPECT_TRUE(done(first));
+    EXPECT_FALSE(done(second, 20));
+    bench.device().resume();
+    EXPECT_TRUE(done(second));
+    bench.device().setTiming({.onQueueingThread = true});
+    EXPECT_TRUE(done(submitNew({&port}, 2), 0)) << "inside the ioctl";
+    constexpr auto kJitter = std::chrono::milliseconds(40);
+    bench.device().setTiming({.jitter = kJitter, .seed = 2});
+    const auto begin = Clock::now();
+    EXPECT_TRUE(done(submitNew({&port}, 3)));
+    EXPECT_GT(Clock::now() - begin, kJitter / 20);
+    EXPECT_EQ(bench.device().nextFrame(), 4u);
+}
+
+TEST_F(StreamTest, WaitsForEveryNodeAndLetsGoOfThoseThatStop) {
+    Port &main = start(kMain), &stats = add(kStats), &grey = add(kGrey);
+    const std::vector<Port*> all = {&main, &stats, &grey};
+    const Fd request = submitNew(all, 0);
+    EXPECT_EQ(pollFor(request, POLLPRI, 100), 0) << "two nodes do not stream yet";
+    EXPECT_EQ(call(request, MEDIA_REQUEST_IOC_REINIT), -EBUSY);
+    EXPECT_EQ(call(request, MEDIA_REQUEST_IOC_QUEUE), -EBUSY);
+    EXPECT_EQ(stats.queue(1, request), -EBUSY) << "it is queued";
+    EXPECT_EQ(stats.queue(0, -1), -EBUSY) << "a node that has seen a request takes no plain buffer";
+    const Fd overtaking = submitNew({&main}, 1);
+    EXPECT_TRUE(done(overtaking)) << "waits for nobody";
+    EXPECT_EQ(main.dequeue(), 1);
+    EXPECT_EQ(main.record.sequence, 0u);
+    ASSERT_EQ(stats.stream(true), 0);
+    ASSERT_EQ(grey.stream(false), 0) << "takes its buffer out of the request";
+    EXPECT_TRUE(done(request));
+    EXPECT_EQ(main.dequeue(), 0);
+    EXPECT_EQ(main.record.sequence, 1u);
+    EXPECT_EQ(stats.dequeue(), 0);
+    EXPECT_EQ(grey.dequeue(), -EINVAL);
+    EXPECT_EQ(call(request, MEDIA_REQUEST_IOC_REINIT), 0);
+
+    ASSERT_EQ(submit(request, all, 1), 0);
+    for (Port* port : all)
+        EXPECT_EQ(port->stream(false), 0);
+    EXPECT_TRUE(done(request)) << "the last stream-off ends a request";
+    ASSERT_EQ(call(request, MEDIA_REQUEST_IOC_REINIT), 0);
+    EXPECT_EQ(pollFor(request, POLLPRI, 0) & POLLPRI, 0);
+    for (unsigned round = 0; round < 20; ++round) {
+        for (Port* port : all)
+            ASSERT_EQ(port->stream(true), 0);
+        std::vector<Fd> requests;
+        for (unsigned n = 0; n < 4; ++n)
+            requests.push_back(submitNew(all, n));
+        requests.resize(round % 4);
+        for (Port* port : all)
+            ASSERT_EQ(port->stream(false), 0) << "whatever is in flight, and whoever holds it";
+    }
+    ASSERT_EQ(main.stream(true), 0);
+    const Fd again = submitNew({&main}, 0);
+    ASSERT_TRUE(done(again));
+    EXPECT_EQ(main.dequeue(), 0);
+    EXPECT_EQ(main.record.sequence, 0u) << "counted from the stream's start";
+    ASSERT_EQ(submit(request, {&stats, &grey}, 2), 0);
+    ports.clear();
+    EXPECT_TRUE(done(request)) << "closing the nodes ends it as well";
+}
+
+TEST_F(StreamTest, StreamOffDropsWhatIsDoneAndForgetsTheWayOfQueueing) {
+    Port& main = start(kMain);
+    const Fd request = submitNew({&main}, 0);
+    ASSERT_TRUE(done(request));
+    ASSERT_EQ(main.stream(false), 0);
+    ASSERT_EQ(main.stream(true), 0);
+    EXPECT_EQ(main.dequeue(), -EAGAIN) << "the buffer that was done is the client's again";
+    EXPECT_EQ(main.queue(0, -1), 0) << "without a request from now on";
+    EXPECT_EQ(main.record.flags & V4L2_BUF_FLAG_REQUEST_FD, 0u);
+    EXPECT_EQ(main.queue(1, newRequest(media)), -EBUSY);
+    EXPECT_EQ(main.queue(0, -1), -EINVAL) << "queued or done";
+}
+
+TEST_F(StreamTest, PlainBuffersAreRunsOfTheirOwn) {
+    Port& main = start(kMain);
+    main.node = Fd();
+    main.node = Fd(main.name, O_RDWR);
+    ASSERT_EQ(main.requestBuffers(4), 4);
+    ASSERT_EQ(main.queue(2, -1), 0) << "before the start";
+    EXPECT_EQ(main.queue(3, -1, [](Port& p) { p.planes[1].m.fd = -1; }), -EINVAL) << "at once";
+    ASSERT_EQ(main.stream(true), 0);
+    ASSERT_EQ(main.queue(3, -1), 0) << "the refused one is free";
+    EXPECT_EQ(main.dequeue(), 2) << "waits";
+    EXPECT_EQ(main.dequeue(), 3);
+    EXPECT_EQ(main.record.sequence, 1u);
+    EXPECT_EQ(main.record.flags, static_cast<uint32_t>(V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC));
+    int result = 0;
+    std::thread waiting([&] { result = main.dequeue(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    uint32_t type = main.type();
+    EXPECT_EQ(call(main.node, VIDIOC_STREAMOFF, &type), 0);
+    waiting.join();
+    EXPECT_EQ(result, -EINVAL) << "stream-off ends the wait";
+}
+
+TEST_F(StreamTest, BuffersOutliveTheirRequestsDescriptor) {
+    Port &main = start(kMain), &gate = add(kGrey);
+    {
+        const Fd queued = submitNew({&main, &gate}, 0);
+        const Fd idle = newRequest(media);
+        ASSERT_EQ(main.queue(1, idle), 0);
+    }
+    EXPECT_EQ(main.dequeue(), -EAGAIN);
+    ASSERT_EQ(gate.stream(true), 0);
+    EXPECT_EQ(cycle(main, 2), 0) << "processed though nobody knows it";
+    EXPECT_EQ(main.dequeue(), 2);
+    EXPECT_EQ(main.queue(1, newRequest(media)), -EINVAL) << "bound until stream-off";
+    ASSERT_EQ(gate.stream(false), 0);
+    submitNew({&main, &gate}, 3);
+    EXPECT_EQ(main.stream(false), 0);
+    EXPECT_EQ(gate.stream(false), 0) << "ends the request that nobody else knows";
+    const Fd last = newRequest(media);
+    EXPECT_EQ(main.queue(1, last), 0);
+    EXPECT_EQ(main.queue(3, last), 0);
+}
+
+TEST_F(StreamTest, KeepsTheMemoryOfAnIndex) {
+    Port& main = start(kMain);
+    auto written = [&](unsigned buffer) { return main.data(buffer, 0)[Port::kGuard] != 0; };
+    auto forget = [&] {
+        for (unsigned n : {0, 1})
+            memset(main.data(n, 0), 0, main.bytes(0));
+    };
+    auto exchange = [&] {
+        for (unsigned n : {0, 1})
+            std::swap(main.memory[n], main.memory[main.layout.num_planes + n]);
+    };
+    EXPECT_EQ(cycle(main), 0);
+    EXPECT_EQ(cycle(main), 0);
+    exchange();
+    EXPECT_EQ(cycle(main), 0);
+    if (bench.inProcess()) {
+        EXPECT_EQ(bench.device().counts().remaps, 2u) << "one for each plane, at the third cycle";
+        EXPECT_EQ(bench.device().counts().mappedPlanes, 2u);
+    }
+    exchange();
+    // What a refused request prepared stays so: the index keeps the memory of then.
+    const Fd refused = newRequest(media);
+    ASSERT_EQ(main.queue(0, refused), 0);
+    ASSERT_EQ(main.queue(1, refused, [](Port& p) { p.planes[1].m.fd = -1; }), 0);
+    ASSERT_EQ(call(refused, MEDIA_REQUEST_IOC_QUEUE), -EINVAL);
+    ASSERT_EQ(call(refused, MEDIA_REQUEST_IOC_REINIT), 0);
+    exchange();
+    forget();
+    EXPECT_EQ(cycle(main), 0);
+    EXPECT_FALSE(written(0)) << "the memory that was queued";
+    EXPECT_TRUE(written(1)) << "the memory that was prepared";
+    forget();
+    EXPECT_EQ(cycle(main), 0);
+    EXPECT_TRUE(written(0)) << "dequeued in between";
+    EXPECT_EQ(cycle(main, 1), 1) << "the one that was refused is as new";
+}
+
+TEST_F(StreamTest, QueueingRewritesTheCallersRecord) {
+    const Fd request = newRequest(media);
+    for (unsigned n : {kMain, kGrey, kInput}) {
+        Port& port = start(n);
+        SCOPED_TRACE(port.name);
+        ASSERT_EQ(port.queue(0, request), 0);
+        EXPECT_EQ(port.record.reserved2, 0u);
+        EXPECT_EQ(port.record.sequence, 0u);
+        EXPECT_EQ(port.record.request_fd, request);
+        EXPECT_EQ(port.record.flags,
+                  static_cast<uint32_t>(V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC |
+                                        V4L2_BUF_FLAG_REQUEST_FD | V4L2_BUF_FLAG_IN_REQUEST));
+        EXPECT_EQ(port.multiplanar() ? port.planes[0].m.fd : port.record.m.fd, 0);
+        EXPECT_EQ(port.planes[0].reserved[2], port.multiplanar() ? 0u : port.offset(0));
+        EXPECT_EQ(port.multiplanar() ? port.planes[0].length : port.record.length,
+                  port.layout.sizeimage[0]);
+    }
+}
+
+TEST_F(StreamTest, BuffersInErrorAreTheRightOnes) {
+    Port &main = start(kMain), &tuning = start(kTuning);
+    ASSERT_TRUE(bench.fault("buffer -5 2 vengine-main"));
+    EXPECT_EQ(cycle(tuning), -EIO) << "not a buffer of the node that is meant, but without magic";
+    for (int expected : {0, -EIO, 0})
+        EXPECT_EQ(cycle(main), expected);
+    EXPECT_EQ(main.record.sequence, 2u);
+    // The captures of a run that its tuning spoils are given back untouched.
+    memset(main.data(3, 0), kUntouched, main.bytes(0));
+    const Fd spoilt = submitNew({&main, &tuning}, 3);
+    EXPECT_TRUE(done(spoilt));
+    EXPECT_EQ(main.dequeue(), -EIO);
+    EXPECT_EQ(main.record.index, 3u);
+    EXPECT_EQ(tuning.dequeue(), -EIO);
+    EXPECT_EQ(main.data(3, 0)[Port::kGuard], kUntouched);
+}
+
+TEST_F(StreamInProcess, QueuesTakeRequestsAsTheyAreDescribed) {
+    using Results = std::vector<int>;
+    const std::pair<sim::RequestUse, Results> cases[] = {
+        {sim::RequestUse::OPTIONAL, {0, 0, -EBUSY}},
+        {sim::RequestUse::REQUIRED, {-EBADR, -EBADR, -EINVAL}},
+        {sim::RequestUse::REFUSED, {0, 0, -EBADR}},
+    };
+    sim::DeviceDesc described;
+    described.setNames("plain", "plain");
+    for (size_t i = 0; i < std::size(cases); ++i)
+        described.addVideoNode(std::to_string(i), {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY,
+                                                   VENGINE_ROLE_MAIN, cases[i].first});
+    sim::Device& plain = *bench.engine().addDevice(described);
+    const vengine_port desc = {"", V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, 0, 0};
+    const Fd request = newRequest(media);
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        Port port(desc, "", 3);
+        port.node = Fd(bench.kernel().open(plain.nodePath(std::to_string(i)).c_str(), O_RDWR));
+        v4l2_format format = {};
+        format.type = port.type();
+        format.fmt.pix.width = port.layout.width;
+        format.fmt.pix.height = port.layout.height;
+        ASSERT_EQ(call(port.node, VIDIOC_S_FMT, &format), 0);
+        ASSERT_EQ(port.requestBuffers(3), 3);
+        ASSERT_EQ(port.stream(true), 0);
+        // Of another device's request only a queue hears that takes one at all.
+        const Results results = {port.queue(0, -1), port.queue(1, -1), port.queue(2, request)};
+        EXPECT_EQ(results, cases[i].second) << i;
+        for (int index = 0; index < 2 && results[0] == 0; ++index)
+            EXPECT_EQ(port.dequeue(), index);
+    }
+    EXPECT_EQ(plain.counts().completed, 4u);
+    EXPECT_EQ(plain.counts().mappedPlanes, 0u);
+}
+
+TEST_F(StreamInProcess, AllocatesNothingInTheSteadyState) {
+    Port &main = start(kMain), &stats = start(kStats);
+    const Fd request = newRequest(media);
+    size_t before = 0;
+    for (unsigned n = 0; n < 200; ++n) {
+        if (n == 10)
+            before = allocations;
+        for (Port* port : {&main, &stats})
+            ASSERT_EQ(port->queue(n % 4, request), 0);
+        ASSERT_EQ(call(request, MEDIA_REQUEST_IOC_QUEUE), 0);
+        ASSERT_TRUE(done(request));
+        ASSERT_EQ(call(request, MEDIA_REQUEST_IOC_REINIT), 0);
+        ASSERT_EQ(main.dequeue(), static_cast<int>(n % 4));
+        ASSERT_EQ(stats.dequeue(), static_cast<int>(n % 4));
+    }
+    EXPECT_EQ(allocations - before, 0u);
+}
+
+TEST_F(StreamTest, SurvivesManyThreadsThatStartAndStop) {
+    constexpr int kRounds = 30;
+    std::vector<std::thread> threads;
+    for (unsigned n : {kMain, kFlip, kGrey, kStats})
+        add(n);
+    for (Port& port : ports) {
+        threads.emplace_back([&port, this] {
+            for (int round = 0; round < kRounds; ++round) {
+                ASSERT_EQ(port.requestBuffers(4), 4);
+                ASSERT_EQ(port.stream(true), 0);
+                std::vector<Fd> requests;
+                for (unsigned n = 0; n < 4; ++n)
+                    requests.push_back(submitNew({&port}, n));
+                ASSERT_TRUE(done(requests[0]));
+                ASSERT_EQ(port.stream(false), 0);
+                for (const Fd& request : requests)
+                    ASSERT_TRUE(done(request));
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    if (bench.inProcess()) {
+        const sim::DeviceCounts counts = bench.device().counts();
+        EXPECT_EQ(counts.queued, 4u * 4 * kRounds);
+        EXPECT_EQ(counts.completed + counts.cancelled, counts.queued);
+    }
+}
+
+TEST_F(StreamOnDriver, AnIdleRequestPollsAsAnError) {
+    EXPECT_EQ(pollFor(newRequest(media), POLLPRI, 0), POLLERR);
+}
+
+}  // namespace
+
+}  // namespace NSVista::NSCorvane::test
