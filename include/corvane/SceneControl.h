@@ -27,6 +27,7 @@ struct SceneDesc;
 
 namespace NSVista::NSCorvane {
 
+struct DequeuedBuffer;
 class IMediaDevice;
 class IMediaRequest;
 class ThreadLoopHandler;
@@ -195,6 +196,19 @@ public:
      * properties comes before this choice.
      */
     int setDirectDequeue(bool direct);
+    /**
+     * Tells of every dequeue of every port, also of a failed one, whose index is lost for good.
+     * @param callback called on the thread that dequeued, the buffer monitor's or the completing
+     *        one, once the index is free again and with no lock held; where requests over one and
+     *        over several ports are mixed, on both at once. It must not block or throw; the record
+     *        is valid until it returns. Empty (at first): nobody is told, at no cost.
+     */
+    int setBufferDequeuedCallback(std::function<void(const DequeuedBuffer&)> callback);
+    /**
+     * Lets memory stay at its buffer index (V4L2VideoDevice::setKeepIndexes()) on every port, which
+     * spares the kernel mapping it anew. At first a buffer always takes the lowest free index.
+     */
+    int setKeepIndexes(bool keep);
     /** @} */
 
     /**
@@ -222,7 +236,8 @@ private:
     static const char* stateName(int32_t state);
     bool inState(State wanted, const char* operation) const;
     bool beforeStart(const char* operation) const CORVANE_REQUIRES(mStreamLock);
-    void startMonitor();
+    void applyChoices() CORVANE_REQUIRES(mStreamLock);
+    void startMonitor() CORVANE_REQUIRES(mStreamLock);
     void stopMonitor() CORVANE_EXCLUDES(mThreadLock);
 
     using Ports = std::unordered_map<int, std::shared_ptr<Port>>;
@@ -244,6 +259,9 @@ private:
     std::atomic<int32_t> mState{kIdle};
     std::atomic<uint32_t> mQueuedCount{0};
     std::atomic<uint32_t> mDoneCount{0};
+    std::function<void(const DequeuedBuffer&)> mBufferDequeuedCallback
+        CORVANE_GUARDED_BY(mStreamLock);
+    bool mKeepIndexes CORVANE_GUARDED_BY(mStreamLock) = false;
     std::atomic<bool> mUninitialised{false};  ///< by uninit(), for good
     mutable Mutex mPortsLock;                 ///< a leaf: held to insert into or copy the table
 };

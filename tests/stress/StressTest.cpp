@@ -1,9 +1,8 @@
 // Scenes of two devices are built, streamed, failed and torn down on one event monitor, while other
 // threads look at everything there is to be looked at.
-#include <corvane/IDefaultSubDeviceProvider.h>
+#include <corvane/DequeuedBuffer.h>
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/IMediaDevice.h>
-#include <corvane/IV4L2SubDevice.h>
 #include <corvane/SceneControl.h>
 #include <corvane/SceneDesc.h>
 #include <corvane/SceneManager.h>
@@ -123,6 +122,7 @@ public:
     Shown shown;
     std::atomic<uint64_t> scenes{0};
     std::atomic<uint64_t> completed{0};
+    std::atomic<uint64_t> dequeued{0};
 
 private:
     bool prepare(Scene& scene) {
@@ -153,6 +153,8 @@ private:
 
     void stream(Scene& scene) {
         scene.setDirectDequeue(mRandom.below(2) == 0);
+        scene.setKeepIndexes(mRandom.below(2) == 0);
+        scene.setBufferDequeuedCallback([this](const DequeuedBuffer&) { ++dequeued; });
         mIdle = {0, 1, 2, 3};
         scene.setRequestDoneCallback([this](IRequest* request) {
             const std::lock_guard lock(mLock);
@@ -318,6 +320,7 @@ TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
         for (const auto& worker : workers) {
             EXPECT_GT(worker->scenes, 0U);
             EXPECT_GT(worker->completed, 0U);
+            EXPECT_GT(worker->dequeued, worker->completed);
             printf("%lu scenes, %lu requests\n", worker->scenes.load(), worker->completed.load());
         }
     }

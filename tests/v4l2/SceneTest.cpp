@@ -1,6 +1,8 @@
+#include <corvane/DequeuedBuffer.h>
 #include <corvane/IPort.h>
 #include <corvane/SceneControl.h>
 #include <corvane/SceneDesc.h>
+#include <corvane/V4L2VideoDevice.h>
 #include <corvane/platform/TimeBomb.h>
 #include <linux/videodev2.h>
 
@@ -305,23 +307,42 @@ TEST_F(SceneTest, StreamsRequests) {
     EXPECT_THAT(dumpOf(*mScene)[1], HasSubstr(".mActive=0 }"));
 }
 
-TEST_F(SceneTest, DequeuesEveryPortBeforeTheCallbackWhenAsked) {
+TEST_F(SceneTest, StreamsAsItWasChosenBefore) {
     open({0, 1, 2});
+    Lines told;
     EXPECT_EQ(mScene->setDirectDequeue(true), 0);
+    EXPECT_EQ(mScene->setKeepIndexes(true), 0);
+    const auto tell = [&](const DequeuedBuffer& buffer) {
+        told.push_back(std::to_string(buffer.portIndex) + " " + std::to_string(buffer.result));
+    };
+    EXPECT_EQ(mScene->setBufferDequeuedCallback(tell), 0);
     EXPECT_EQ(mScene->start(), 0);
     mLog.take();
     EXPECT_EQ(mScene->setDirectDequeue(false), -1);
-    EXPECT_EQ(log(), Lines({"E [setDirectDequeue] Only before start()"}));
-    Lines seen;
-    mScene->setRequestDoneCallback([&](IRequest*) { seen = calls(); });
+    EXPECT_EQ(mScene->setKeepIndexes(false), -1);
+    EXPECT_EQ(mScene->setBufferDequeuedCallback(nullptr), -1);
+    EXPECT_EQ(log(), Lines({"E [setDirectDequeue] Only before start()",
+                            "E [setKeepIndexes] Only before start()",
+                            "E [setBufferDequeuedCallback] Only before start()"}));
+    Lines toldByThen;
+    mScene->setRequestDoneCallback([&](IRequest*) { toldByThen = std::exchange(told, {}); });
     const auto request = mScene->createRequest();
-    fill(*request, {1, 2, 0});
-    EXPECT_EQ(mScene->queueRequest(request.get(), 0), 0);
-    calls();
-    mMedia->request->done();
-    EXPECT_EQ(seen, Lines({"ioctl 101 0xc0585611", "ioctl 102 0xc0585611", "ioctl 100 0xc0585611"}))
-        << "in the order in which the ports were added";
-    EXPECT_THAT(dumpOf(*mScene)[1], HasSubstr("#DQBUF=3 #ReqDone=0 #QBUF=3"));
+    for (int cycle = 0; cycle < 3; ++cycle) {
+        for (const int port : {1, 2, 0})
+            request->addBuffer(port, [cycle](FrameBuffer& buffer) {
+                buffer = {{{cycle, 0, 0}, {}, {}}, 1};
+            });
+        EXPECT_EQ(mScene->queueRequest(request.get(), 0), 0);
+        mMedia->request->done();
+        EXPECT_EQ(toldByThen, Lines({"1 0", "2 0", "0 0"})) << "in the order of addBuffer()";
+    }
+    EXPECT_THAT(dumpOf(*mScene)[1], HasSubstr("#DQBUF=9 #ReqDone=0 #QBUF=9"));
+    mScene->iteratePorts([](const auto& port) {
+        const auto device = std::static_pointer_cast<Port>(port)->getVideoDevice();
+        EXPECT_EQ(std::static_pointer_cast<V4L2VideoDevice>(device)->remappedBuffers(), 1U)
+            << "the third memory at two indexes";
+        return true;
+    });
 }
 
 TEST_F(SceneTest, StartsAgainWithoutItsMonitor) {

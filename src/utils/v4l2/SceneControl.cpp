@@ -3,6 +3,7 @@
 #include <corvane/IMediaDevice.h>
 #include <corvane/SceneDesc.h>
 #include <corvane/V4L2BufferMonitor.h>
+#include <corvane/V4L2VideoDevice.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/ThreadLoop.h>
@@ -235,6 +236,34 @@ int Scene::setDirectDequeue(bool direct) {
     return 0;
 }
 
+int Scene::setBufferDequeuedCallback(std::function<void(const DequeuedBuffer&)> callback) {
+    const MutexLock streaming(mStreamLock);
+    if (!beforeStart("setBufferDequeuedCallback"))
+        return -1;
+    mBufferDequeuedCallback = std::move(callback);
+    return 0;
+}
+
+int Scene::setKeepIndexes(bool keep) {
+    const MutexLock streaming(mStreamLock);
+    if (!beforeStart("setKeepIndexes"))
+        return -1;
+    mKeepIndexes = keep;
+    return 0;
+}
+
+/** Tells the ports' devices, which exist by now, what was chosen for them. */
+void Scene::applyChoices() {
+    for (const auto& [index, port] : ports()) {
+        // What IV4L2VideoDevice::make() made.
+        const auto device = std::static_pointer_cast<V4L2VideoDevice>(port->getVideoDevice());
+        if (device == nullptr)
+            continue;
+        device->setDequeuedCallback(mBufferDequeuedCallback);
+        device->setKeepIndexes(mKeepIndexes);
+    }
+}
+
 void Scene::startMonitor() {
     if (mBufferMonitor == nullptr)
         return;
@@ -270,6 +299,7 @@ int Scene::start() {
     const CpuTimer timer;
     if (!inState(kAcquired, "start"))
         return -1;
+    applyChoices();
     // The monitor's thread runs before any port streams.
     startMonitor();
     stampLogTime(mDebugInfo->streamOnBegin);
