@@ -2,7 +2,6 @@
 #include <linux/dma-buf.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -56,24 +55,22 @@ DmaBuf& DmaBuf::operator=(DmaBuf&& other) noexcept {
 DmaBuf::~DmaBuf() {
     if (mData != nullptr)
         munmap(mData, mSize);
-    if (mFd >= 0)
-        close(mFd);
 }
 
 DmaBufMapping DmaBuf::map(CpuAccess access) {
     DmaBufMapping mapping;
     if (mData == nullptr) {
-        void* const pages = mmap(nullptr, mSize, PROT_READ | PROT_WRITE, MAP_SHARED, mFd, 0);
+        void* const pages = mmap(nullptr, mSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd(), 0);
         if (pages == MAP_FAILED)
             return mapping;
         mData = static_cast<uint8_t*>(pages);
     }
     if (mSynchronised) {
-        const int result = synchronise(mFd, DMA_BUF_SYNC_START | static_cast<uint64_t>(access));
+        const int result = synchronise(fd(), DMA_BUF_SYNC_START | static_cast<uint64_t>(access));
         if (result == 0)
-            mapping.mSyncFd = mFd;
-        else if (result == -ENOTTY)
-            mSynchronised = false;
+            mapping.mSyncFd = fd();
+        else if (result == -ENOTTY || result == -ENOSYS)
+            mSynchronised = false;  // A memory file, or a kernel that emulates none of this.
         else
             return mapping;
     }

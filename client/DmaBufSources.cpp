@@ -34,14 +34,11 @@ public:
 
 class DmaHeapSource : public IDmaBufSource {
 public:
-    DmaHeapSource(int fd, const char* path) : mFd(fd), mPath(path) {}
-    ~DmaHeapSource() override { close(mFd); }
-    DmaHeapSource(const DmaHeapSource&) = delete;
-    DmaHeapSource& operator=(const DmaHeapSource&) = delete;
+    DmaHeapSource(UniqueFd fd, const char* path) : mFd(std::move(fd)), mPath(path) {}
 
     int allocate(size_t size, DmaBuf& buffer) override {
         dma_heap_allocation_data data{size, 0, O_RDWR | O_CLOEXEC, 0};
-        if (ioctl(mFd, DMA_HEAP_IOCTL_ALLOC, &data) != 0)
+        if (ioctl(mFd.get(), DMA_HEAP_IOCTL_ALLOC, &data) != 0)
             return -errno;
         buffer = DmaBuf(static_cast<int>(data.fd), size);
         return 0;
@@ -49,8 +46,8 @@ public:
     std::string toString() const override { return mPath; }
 
 private:
-    int mFd;
-    std::string mPath;
+    const UniqueFd mFd;
+    const std::string mPath;
 };
 
 /** Enlarges the (first) plane of a node's format to @p size. */
@@ -109,8 +106,8 @@ std::unique_ptr<IDmaBufSource> makeMemoryFileSource() {
 }
 
 std::unique_ptr<IDmaBufSource> openDmaHeapSource(const char* path) {
-    const int fd = open(path, O_RDWR | O_CLOEXEC);
-    return fd < 0 ? nullptr : std::make_unique<DmaHeapSource>(fd, path);
+    UniqueFd fd(open(path, O_RDWR | O_CLOEXEC));
+    return fd ? std::make_unique<DmaHeapSource>(std::move(fd), path) : nullptr;
 }
 
 std::unique_ptr<IDmaBufSource> makeVideoNodeSource(std::string nodePath) {

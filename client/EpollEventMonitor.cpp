@@ -3,10 +3,10 @@
 #include <corvane/platform/Mutex.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/Thread.h>
+#include <corvane/platform/UniqueFd.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -36,15 +36,17 @@ bool isDeferred(int fd, uint32_t events) {
     return poll(&watched, 1, 0) > 0 && (watched.revents & POLLERR) != 0;
 }
 
+/** A hang-up or an error stays until the descriptor is closed, and is reported unasked. */
+bool isLasting(uint32_t events) {
+    return (events & (EPOLLHUP | EPOLLERR)) != 0;
+}
+
 }  // namespace
 
 /** What the monitor and its thread share; it outlives the monitor when that dies on the thread. */
 class EpollEventMonitor::Loop : public IThreadLoop {
 public:
     explicit Loop(std::string name) : mName(std::move(name)) {}
-    ~Loop() override;
-    Loop(const Loop&) = delete;
-    Loop& operator=(const Loop&) = delete;
 
     /** @return 0 or the negated errno. */
     int open();
@@ -74,11 +76,12 @@ private:
     };
 
     int control(int operation, Watch& watch) CORVANE_REQUIRES(mLock);
+    void unwatch(Watch& watch) CORVANE_REQUIRES(mLock);
     void dispatch(uint64_t id, uint32_t events) CORVANE_EXCLUDES(mLock);
 
     const std::string mName;
-    int mEpollFd = -1;
-    int mWakeFd = -1;
+    UniqueFd mEpollFd;
+    UniqueFd mWakeFd;
     std::atomic<bool> mExit{false};
     std::atomic<std::thread::id> mThread{};
     mutable Mutex mLock;
@@ -89,26 +92,20 @@ private:
     IEventObserver* mCalled CORVANE_GUARDED_BY(mLock) = nullptr;
 };
 
-EpollEventMonitor::Loop::~Loop() {
-    for (const int fd : {mEpollFd, mWakeFd})
-        if (fd != -1)
-            close(fd);
-}
-
 int EpollEventMonitor::Loop::open() {
-    mEpollFd = epoll_create1(EPOLL_CLOEXEC);
-    if (mEpollFd < 0)
+    mEpollFd.reset(epoll_create1(EPOLL_CLOEXEC));
+    if (!mEpollFd)
         return -errno;
-    mWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (mWakeFd < 0)
+    mWakeFd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!mWakeFd)
         return -errno;
     epoll_event event{EPOLLIN, {.u64 = kWakeId}};
-    return epoll_ctl(mEpollFd, EPOLL_CTL_ADD, mWakeFd, &event) == 0 ? 0 : -errno;
+    return epoll_ctl(mEpollFd.get(), EPOLL_CTL_ADD, mWakeFd.get(), &event) == 0 ? 0 : -errno;
 }
 
 void EpollEventMonitor::Loop::requestExit() {
     mExit = true;
-    eventfd_write(mWakeFd, 1);
+    eventfd_write(mWakeFd.get(), 1);
 }
 
 int EpollEventMonitor::Loop::readyToRun(const std::string& threadName) {
@@ -119,7 +116,7 @@ int EpollEventMonitor::Loop::readyToRun(const std::string& threadName) {
 
 bool EpollEventMonitor::Loop::threadLoop() {
     epoll_event events[kBatch];
-    const int count = epoll_wait(mEpollFd, events, kBatch, -1);
+    const int count = epoll_wait(mEpollFd.get(), events, kBatch, -1);
     if (count < 0 && errno != EINTR) {
         CORVANE_LOGE("epoll_wait: %s", strerror(errno));
         return false;
@@ -138,7 +135,10 @@ void EpollEventMonitor::Loop::dispatch(uint64_t id, uint32_t events) {
         if (found == mObservers.end())
             return;
         observer = found->second;
-        ++mWatches.find(observer)->second.reports;
+        Watch& watch = mWatches.find(observer)->second;
+        ++watch.reports;
+        if (isLasting(events) && (watch.events & EPOLLONESHOT) == 0)
+            unwatch(watch);
         mCalled = observer;
     }
     observer->onEvent({events});
@@ -150,7 +150,12 @@ void EpollEventMonitor::Loop::dispatch(uint64_t id, uint32_t events) {
 
 int EpollEventMonitor::Loop::control(int operation, Watch& watch) {
     epoll_event event{watch.events, {.u64 = watch.id}};
-    return epoll_ctl(mEpollFd, operation, watch.fd, &event) == 0 ? 0 : -errno;
+    return epoll_ctl(mEpollFd.get(), operation, watch.fd, &event) == 0 ? 0 : -errno;
+}
+
+void EpollEventMonitor::Loop::unwatch(Watch& watch) {
+    control(EPOLL_CTL_DEL, watch);
+    watch.added = false;
 }
 
 int EpollEventMonitor::Loop::attach(IEventObserver* observer, uint32_t events) {
@@ -219,7 +224,7 @@ void EpollEventMonitor::Loop::dumpState(IPrinter* printer) const {
     for (const Watch& watch : watches)
         printer->printFormatLine("    fd=%d events=%#x reports=%llu%s", watch.fd, watch.events,
                                  static_cast<unsigned long long>(watch.reports),
-                                 watch.added ? "" : " (not watched before its first re-arm)");
+                                 watch.added ? "" : " (not watched before it is re-armed)");
 }
 
 EpollEventMonitor::EpollEventMonitor(std::shared_ptr<Loop> loop) : mLoop(std::move(loop)) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 
 namespace NSVista::NSCorvane::client {
 
@@ -10,9 +11,12 @@ namespace {
 /** Planes that share a DMA-buf begin at multiples of this many bytes. */
 constexpr uint32_t kPlaneAlignment = 64;
 
-uint32_t alignedUp(uint32_t value) {
+uint64_t alignedUp(uint64_t value) {
     return (value + kPlaneAlignment - 1) / kPlaneAlignment * kPlaneAlignment;
 }
+
+/** Drivers take offsets and sizes in 32 bits. */
+constexpr uint64_t kMostBytes = std::numeric_limits<uint32_t>::max();
 
 }  // namespace
 
@@ -26,11 +30,13 @@ int Frame::allocate(const PixelFormat& format, const FrameLayout& layout, IDmaBu
 }
 
 int Frame::allocateShared(const FrameLayout& layout, IDmaBufSource& source) {
-    uint32_t end = layout.offset;
+    uint64_t end = layout.offset;
     for (size_t i = 0; i < mBuffer.planeCount; ++i) {
-        const uint32_t offset = i == 0 ? end : alignedUp(end);
-        mBuffer.planes[i] = {-1, offset, mFormat.planes[i].size};
+        const uint64_t offset = i == 0 ? end : alignedUp(end);
+        mBuffer.planes[i] = {-1, static_cast<uint32_t>(offset), mFormat.planes[i].size};
         end = offset + mFormat.planes[i].size + layout.guard;
+        if (end > kMostBytes)
+            return -EOVERFLOW;
     }
     if (const int result = source.allocate(end, mMemory[0]); result != 0)
         return result;
@@ -42,6 +48,8 @@ int Frame::allocateShared(const FrameLayout& layout, IDmaBufSource& source) {
 int Frame::allocateApart(const FrameLayout& layout, IDmaBufSource& source) {
     for (size_t i = 0; i < mBuffer.planeCount; ++i) {
         const uint32_t size = mFormat.planes[i].size;
+        if (uint64_t{size} + layout.guard > kMostBytes)
+            return -EOVERFLOW;
         if (const int result = source.allocate(size_t{size} + layout.guard, mMemory[i]);
             result != 0)
             return result;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <future>
 #include <memory>
@@ -94,6 +95,58 @@ TEST_F(EpollEventMonitorTest, WatchesFromTheAttachOrFromTheFirstRearm) {
         }
         EXPECT_EQ(mMonitor->detachObserver(&observer), 0);
     }
+}
+
+TEST_F(EpollEventMonitorTest, TellsOfAHangUpOnce) {
+    int ends[2] = {};
+    ASSERT_EQ(pipe(ends), 0);
+    Observer observer({}, ends[0]);
+    EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN), 0);
+    close(ends[1]);
+    for (int calls = 1; calls <= 2; ++calls) {
+        observer.waitForCalls(calls);
+        EXPECT_EQ(observer.events(), EPOLLHUP);
+        std::this_thread::sleep_for(kShort);
+        EXPECT_EQ(observer.calls(), calls);
+        EXPECT_EQ(mMonitor->rearmObserver(&observer, EPOLLIN), 0);
+    }
+    EXPECT_EQ(mMonitor->detachObserver(&observer), 0);
+}
+
+TEST_F(EpollEventMonitorTest, ASignalEndsNothing) {
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, &before);
+    pthread_t thread{};
+    Observer observer([&] { thread = pthread_self(); });
+    EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN | kOneShot), 0);
+    EXPECT_EQ(mMonitor->rearmObserver(&observer, EPOLLIN | kOneShot), 0);
+    observer.raise();
+    observer.waitForCalls(1);
+    std::this_thread::sleep_for(kShort);  // It waits again.
+    EXPECT_EQ(pthread_kill(thread, SIGUSR1), 0);
+    std::this_thread::sleep_for(kShort);
+    EXPECT_EQ(mMonitor->rearmObserver(&observer, EPOLLIN | kOneShot), 0);
+    observer.waitForCalls(2);
+    EXPECT_EQ(mMonitor->detachObserver(&observer), 0);
+    sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST_F(EpollEventMonitorTest, LateDetachLeavesTheDescriptorsNewOwnerWatched) {
+    Observer late({}, eventfd(0, EFD_CLOEXEC));
+    EXPECT_EQ(mMonitor->attachObserver(&late, EPOLLIN), 0);
+    // Takes the number away from its observer, as a client does that closes too early.
+    const int fd = late.getEventFD();
+    const int fresh = eventfd(0, EFD_CLOEXEC);
+    dup2(fresh, fd);
+    close(fresh);
+    Observer successor({}, fd);
+    EXPECT_EQ(mMonitor->attachObserver(&successor, EPOLLIN), 0);
+    EXPECT_EQ(mMonitor->detachObserver(&late), 0);
+    successor.raise();
+    successor.waitForCalls(1);
+    EXPECT_EQ(mMonitor->detachObserver(&successor), 0);
 }
 
 TEST_F(EpollEventMonitorTest, RefusesWhatMakesNoSense) {

@@ -1,5 +1,6 @@
 #include "Device.h"
 
+#include <corvane/V4L2.h>
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/mc/MediaTopology.h>
 
@@ -10,7 +11,7 @@ namespace NSVista::NSCorvane::tools {
 namespace {
 
 Entity readEntity(const mc::MediaTopology& topology, const media_entity_desc& desc) {
-    Entity entity = {desc, textOf(desc.name), {}, {}};
+    Entity entity = {desc, v4l2::fixedText(desc.name), {}, {}};
     const auto found = topology.findEntity(entity.name.c_str());
     if (!found)
         return entity;
@@ -113,8 +114,14 @@ std::vector<client::SessionLink> Device::linksOf(const std::vector<NodePort>& ch
 std::vector<Device> findDevices(const std::string& model) {
     std::vector<Device> devices;
     mc::enumerateMediaDevices([&](const media_device_info& info, const std::string& path) {
-        if (model.empty() || model == textOf(info.model))
-            devices.push_back({path, textOf(info.model), textOf(info.driver), info, {}, {}, {}});
+        if (model.empty() || model == v4l2::fixedText(info.model))
+            devices.push_back({path,
+                               v4l2::fixedText(info.model),
+                               v4l2::fixedText(info.driver),
+                               info,
+                               {},
+                               {},
+                               {}});
         return false;
     });
     for (Device& device : devices) {
@@ -127,7 +134,7 @@ std::vector<Device> findDevices(const std::string& model) {
 std::vector<std::string> findModels() {
     std::vector<std::string> models;
     mc::enumerateMediaDevices([&](const media_device_info& info, const std::string&) {
-        models.push_back(textOf(info.model));
+        models.push_back(v4l2::fixedText(info.model));
         return false;
     });
     return models;

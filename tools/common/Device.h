@@ -6,8 +6,6 @@
 
 #include <linux/media.h>
 
-#include <cstddef>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -56,12 +54,6 @@ struct Device {
     /** The links that touch the ports and can be changed. */
     std::vector<client::SessionLink> linksOf(const std::vector<NodePort>& chosen) const;
 };
-
-/** A kernel record's character array, which may lack its terminating zero. */
-template <size_t Size>
-std::string textOf(const char (&field)[Size]) {
-    return std::string(field, strnlen(field, Size));
-}
 
 /** All media devices in the order met; @p model keeps those of one model, empty all. */
 std::vector<Device> findDevices(const std::string& model);

@@ -81,12 +81,12 @@ void printEntity(const Device& device, const Entity& entity, int nameWidth, bool
         addBranches(device, pad, branches);
     for (size_t i = 0; i < branches.size(); i++) {
         const Branch& branch = branches[i];
-        printf("  %s%spad %-10s ", last ? "   " : sGlyphs->bar,
+        printf("  %s%spad %-8s ", last ? "   " : sGlyphs->bar,
                i + 1 == branches.size() ? sGlyphs->last : sGlyphs->branch, branch.pad.c_str());
         if (branch.arrow == nullptr)
             printf("not linked\n");
         else
-            printf("%s %-*s  %s\n", branch.arrow, nameWidth == 0 ? 0 : nameWidth + 3,
+            printf("%s %-*s %s\n", branch.arrow, nameWidth == 0 ? 0 : nameWidth + 4,
                    branch.end.c_str(), branch.flags.c_str());
     }
 }
@@ -102,26 +102,20 @@ void printTopology(const Device& device) {
                     &entity == &device.entities.back());
 }
 
-std::string sizeText(const QueueFormat& queue) {
-    if (queue.width == 0)
-        return "-";
-    return std::to_string(queue.width) + "x" + std::to_string(queue.height);
-}
-
 /** One number of each plane, in order. */
 template <class Number>
-std::string planesText(const QueueFormat& queue, Number number) {
+std::string planesText(const PixelFormat& format, Number number) {
     std::string text;
-    for (const auto& plane : queue.planes)
-        text += (text.empty() ? "" : " + ") + number(plane);
+    for (uint32_t i = 0; i < std::min(format.planeCount, PixelFormat::kMaxPlanes); ++i)
+        text += (text.empty() ? "" : " + ") + number(format.planes[i]);
     return text;
 }
 
-std::string strideText(const QueueFormat::Plane& plane) {
-    return plane.stride == 0 ? "-" : std::to_string(plane.stride);
+std::string strideText(const PixelFormat::Plane& plane) {
+    return std::to_string(plane.stride);
 }
 
-std::string planeSizeText(const QueueFormat::Plane& plane) {
+std::string planeSizeText(const PixelFormat::Plane& plane) {
     return bytesText(plane.size);
 }
 
@@ -133,7 +127,7 @@ void printOffers(const Entity& entity, const QueueFormat& queue) {
             printf("  %-15s  ", entity.devnode.c_str());
         else if (i % kPerLine == 0)
             printf("\n  %-15s  ", "");
-        printf("%s ", fourccText(queue.supported[i]).c_str());
+        printf("%s ", v4l2::formatName(queue.supported[i]).c_str());
     }
     if (!queue.supported.empty())
         printf("\n");
@@ -150,9 +144,10 @@ void addFormatRows(const Device& device, const Entity& entity, const NodeFormats
                    std::vector<Row>& rows) {
     const std::string port = portText(device, entity);
     for (const QueueFormat& queue : formats.queues)
-        rows.push_back({entity.name, port, entity.devnode, queue.type, fourccText(queue.format),
-                        sizeText(queue), planesText(queue, strideText),
-                        planesText(queue, planeSizeText)});
+        rows.push_back({entity.name, port, entity.devnode, queue.type->inWords,
+                        v4l2::formatName(queue.format.format), sizeText(queue.format),
+                        queue.format.width == 0 ? "-" : planesText(queue.format, strideText),
+                        planesText(queue.format, planeSizeText)});
     if (formats.error < 0)
         rows.push_back({entity.name, port, entity.devnode, strerror(-formats.error)});
     else if (formats.queues.empty())
@@ -195,9 +190,9 @@ void setUpTerminal() {
 void printDevice(const Device& device) {
     const auto& info = device.info;
     printf("%s  %s\n", device.model.c_str(), device.path.c_str());
-    printFact("driver", textOf(info.driver) + " " + versionText(info.driver_version));
-    printFact("bus", textOf(info.bus_info));
-    printFact("serial", textOf(info.serial));
+    printFact("driver", v4l2::fixedText(info.driver) + " " + versionText(info.driver_version));
+    printFact("bus", v4l2::fixedText(info.bus_info));
+    printFact("serial", v4l2::fixedText(info.serial));
     printFact("hardware", "revision " + std::to_string(info.hw_revision));
     printFact("interface", "media " + versionText(info.media_version));
     printTopology(device);

@@ -8,32 +8,27 @@
 #include <string>
 #include <vector>
 
+#include <corvane/V4L2.h>
+
 namespace NSVista::NSCorvane::tools {
 
 /** One queue of a video node with its current format. */
 struct QueueFormat {
-    struct Plane {
-        uint32_t stride;  ///< bytes per line; 0 for metadata
-        uint32_t size;    ///< bytes
-    };
-
-    std::string type;        ///< in words
-    uint32_t format;         ///< fourcc
-    uint32_t width, height;  ///< pixels; 0 for metadata
-    std::vector<Plane> planes;
+    const v4l2::BufferType* type;
+    PixelFormat format;
     std::vector<uint32_t> supported;  ///< fourccs the node offers; empty when it tells none
 };
 
 /** What a video node told. */
 struct NodeFormats {
-    int error;  ///< 0 or the negated errno of the first refused call
+    int error;  ///< 0 or the negated errno of the last refused call
     std::vector<QueueFormat> queues;
 };
 
 /** Reads the formats of all queues of a node. Changes nothing. */
 NodeFormats readFormats(const std::string& devnode);
 
-/** A fourcc as text. */
-std::string fourccText(uint32_t fourcc);
+/** "640x480", or "-" for metadata. */
+std::string sizeText(const PixelFormat& format);
 
 }  // namespace NSVista::NSCorvane::tools

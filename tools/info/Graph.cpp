@@ -42,9 +42,9 @@ std::string title(const Entity& entity) {
     if (!entity.isVideoNode())
         return text;
     for (const QueueFormat& queue : readFormats(entity.devnode).queues) {
-        std::string line = fourccText(queue.format);
-        if (queue.width != 0)
-            line += " " + std::to_string(queue.width) + "x" + std::to_string(queue.height);
+        std::string line = v4l2::formatName(queue.format.format);
+        if (queue.format.width != 0)
+            line += " " + sizeText(queue.format);
         text += smallLine(line);
     }
     return text;

@@ -31,7 +31,8 @@ std::unique_ptr<EventPrinter> EventPrinter::start() {
 }
 
 EventPrinter::~EventPrinter() {
-    mMonitor.reset();
+    if (mMonitor)
+        mMonitor->detachObserver(this);
     IDefaultSubDeviceProvider::instance()->release(kUser, mSubDevice);
 }
 

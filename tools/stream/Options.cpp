@@ -1,6 +1,6 @@
 #include "Options.h"
 
-#include <linux/videodev2.h>
+#include <corvane/V4L2.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -30,11 +30,9 @@ std::string readSize(const std::string& text, Options& options) {
 }
 
 std::string readFormat(const std::string& text, Options& options) {
-    if (text.size() != 4)
-        return "a format is a four-character code, not \"" + text + "\"";
-    options.format = v4l2_fourcc(static_cast<uint32_t>(text[0]), static_cast<uint32_t>(text[1]),
-                                 static_cast<uint32_t>(text[2]), static_cast<uint32_t>(text[3]));
-    return {};
+    options.format = v4l2::fourccOf(text);
+    return options.format != 0 ? std::string()
+                               : "a format is NV12M, NM12 and the like, not \"" + text + "\"";
 }
 
 using Check = std::string (*)(const std::string&, Options&);
@@ -69,7 +67,7 @@ void addStreamOptions(CLI::App& app, Options& options) {
         ->default_str("twice those in flight");
     addRead(app, "--size", options, readSize, "Size of pictures, WIDTHxHEIGHT")
         ->default_str("the driver's");
-    addRead(app, "--format", options, readFormat, "Four-character code of the video ports' format")
+    addRead(app, "--format", options, readFormat, "Format of the video ports, as --list names it")
         ->default_str("the driver's");
     app.add_option("--fps", options.frameRate, "Frames per second of video captures")
         ->check(CLI::Range(1U, 1000U))

@@ -3,7 +3,6 @@
 #include <linux/videodev2.h>
 
 #include <algorithm>
-#include <cctype>
 
 namespace NSVista::NSCorvane::tools {
 
@@ -73,25 +72,6 @@ Rgb Picture::colorAt(uint32_t x, uint32_t y) const {
         default:
             return fromYuv(row[x], 128, 128);
     }
-}
-
-std::string formatName(uint32_t fourcc) {
-    switch (fourcc) {
-        case V4L2_PIX_FMT_NV12M:
-            return "NV12M";
-        case V4L2_PIX_FMT_YUV420M:
-            return "YUV420M";
-        case V4L2_PIX_FMT_YUV420:
-            return "YUV420";
-        default:
-            break;
-    }
-    std::string name;
-    for (unsigned shift = 0; shift < 32; shift += 8) {
-        const auto c = static_cast<unsigned char>(fourcc >> shift);
-        name += std::isprint(c) != 0 ? static_cast<char>(c) : '?';
-    }
-    return name;
 }
 
 }  // namespace NSVista::NSCorvane::tools

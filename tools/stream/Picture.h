@@ -28,7 +28,4 @@ struct Picture {
     Rgb colorAt(uint32_t x, uint32_t y) const;
 };
 
-/** The common name of a fourcc, or its four characters. */
-std::string formatName(uint32_t fourcc);
-
 }  // namespace NSVista::NSCorvane::tools

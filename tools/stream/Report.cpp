@@ -60,7 +60,7 @@ void printReport(const Options& options, const std::vector<NodePort>& ports,
     for (size_t port = 0; port < ports.size(); ++port) {
         const PixelFormat& format = session.format(port);
         printf("  %-*s  %-8s  %-11s  %9" PRIu64 "  %9" PRIu64 "  %6" PRIu64 "\n", width,
-               ports[port].entity.c_str(), formatName(format.format).c_str(),
+               ports[port].entity.c_str(), v4l2::formatName(format.format).c_str(),
                sizeOf(format).c_str(), statistics[port].queued, statistics[port].dequeued,
                content.errors()[port]);
     }

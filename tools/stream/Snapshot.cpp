@@ -69,7 +69,7 @@ bool Snapshot::write(const std::string& path, const std::string& title) const {
         const uint32_t h = picture.format.height * scale;
         canvas.fill(x - 1, y - 1, w + 2, h + 2, kFrame);
         canvas.picture(x, y, picture, scale);
-        const std::string format = formatName(picture.format.format);
+        const std::string format = v4l2::formatName(picture.format.format);
         const auto formatWidth = static_cast<uint32_t>(format.size()) * Canvas::kCharWidth;
         canvas.text(x, y + h + 8, picture.name, kBright);
         if (picture.name.size() * Canvas::kCharWidth + formatWidth < w)

@@ -144,7 +144,7 @@ void noteOtherFormats(const Options& options, const std::vector<NodePort>& ports
                                (format.width == options.width && format.height == options.height));
         if (!asWished && !ports[port].node.isMeta())
             say("%s made %s %ux%u of the wanted format", ports[port].entity.c_str(),
-                formatName(format.format).c_str(), format.width, format.height);
+                v4l2::formatName(format.format).c_str(), format.width, format.height);
     }
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include <corvane/platform/Export.h>
+#include <corvane/platform/UniqueFd.h>
 
 namespace NSVista::NSCorvane::client {
 
@@ -52,18 +53,19 @@ public:
     /** Unmaps and closes. */
     ~DmaBuf();
 
-    int fd() const { return mFd; }
+    int fd() const { return mFd.get(); }
     size_t size() const { return mSize; }
-    explicit operator bool() const { return mFd >= 0; }
+    explicit operator bool() const { return static_cast<bool>(mFd); }
 
     /**
      * Begins processor access. The pages are mapped at the first call and stay so; a memory file,
      * which has nothing to synchronise, costs no system call from the second one on.
+     * @return null data on failure; errno tells why.
      */
     DmaBufMapping map(CpuAccess access);
 
 private:
-    int mFd = -1;
+    UniqueFd mFd;
     size_t mSize = 0;
     uint8_t* mData = nullptr;
     bool mSynchronised = true;

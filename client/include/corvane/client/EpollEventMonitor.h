@@ -27,6 +27,9 @@ namespace NSVista::NSCorvane::client {
  * is attached. A media request is both, attached long before it is queued: watched at once, it
  * would report its idle error, or complete while it is still being queued.
  *
+ * A descriptor that hung up or is in error is reported once and then not watched until it is
+ * re-armed: the state lasts, so that a level-triggered watch would report it without end.
+ *
  * A completion costs one epoll_ctl (the re-arm) and one epoll_wait, and no allocation.
  */
 class CORVANE_EXPORT EpollEventMonitor : public IEventMonitor {

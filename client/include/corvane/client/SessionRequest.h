@@ -56,7 +56,10 @@ private:
 /** The memory of one port's buffer. */
 class CORVANE_EXPORT Frame {
 public:
-    /** @return 0, -EINVAL for a format of no plane or more than a FrameBuffer has, or an errno. */
+    /**
+     * @return 0, -EINVAL for a format of no plane or more than a FrameBuffer has, -EOVERFLOW when
+     *         the layout takes 4 GiB or more, or an errno.
+     */
     int allocate(const PixelFormat& format, const FrameLayout& layout, IDmaBufSource& source);
 
     const PixelFormat& format() const { return mFormat; }

@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
-#include "PortChoice.h"
 #include "EngineContent.h"
+#include "PortChoice.h"
 
 namespace NSVista::NSCorvane::tools {
 namespace {

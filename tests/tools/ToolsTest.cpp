@@ -1,0 +1,160 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace {
+
+using testing::AllOf;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+
+const std::string kStream = CORVANE_STREAM " ";
+const std::string kInfo = CORVANE_INFO " ";
+
+struct Outcome {
+    int code;
+    std::string output;
+};
+
+/** Runs a command line of the shell. */
+Outcome run(const std::string& command) {
+    FILE* const tool = popen(command.c_str(), "r");
+    Outcome result{-1, {}};
+    std::array<char, 512> text{};
+    while (fgets(text.data(), text.size(), tool) != nullptr)
+        result.output += text.data();
+    const int status = pclose(tool);
+    if (WIFEXITED(status))
+        result.code = WEXITSTATUS(status);
+    return result;
+}
+
+/** Its output has both streams. */
+Outcome runStream(const std::string& arguments) {
+    return run(kStream + arguments + " 2>&1");
+}
+
+/** A folder that goes with its test. */
+class ToolsTest : public testing::Test {
+protected:
+    ToolsTest() { std::filesystem::create_directories(mFolder); }
+    ~ToolsTest() override { std::filesystem::remove_all(mFolder); }
+
+    std::string file(const char* name) const { return mFolder + "/" + name; }
+    static std::string contentOf(const std::string& path) {
+        std::ifstream stream(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), {}};
+    }
+
+    const std::string mFolder = testing::TempDir() + "corvane-tools-" + std::to_string(getpid());
+};
+
+TEST_F(ToolsTest, BadUseIsOneLineAndExitCode2) {
+    for (const char* arguments :
+         {"--bogus", "--model nothing", "--sim --model nothing", "--sim --ports nobody",
+          "--sim --ports 0", "--sim --requests -3", "--sim --ports 10", "--sim --ports 3,3",
+          "--sim --in-flight 0", "--sim --size 5", "--sim --format NV120", "--sim --buffers 2",
+          "--latency-us 5", "--sim --trace /dev/null/none.json"}) {
+        const Outcome result = runStream(arguments);
+        EXPECT_EQ(result.code, 2) << arguments;
+        EXPECT_THAT(result.output, ContainsRegex("^corvane-stream: [^\n]*\n$")) << arguments;
+    }
+    for (const char* arguments : {"--bogus", "--sim --model nothing", "--sim --subdev nobody"}) {
+        const Outcome result = run(kInfo + arguments + " 2>&1");
+        EXPECT_EQ(result.code, 2) << arguments;
+        EXPECT_THAT(result.output, ContainsRegex("^corvane-info: [^\n]*\n$")) << arguments;
+    }
+}
+
+TEST_F(ToolsTest, GoodRunsCountEveryBuffer) {
+    for (const char* arguments :
+         {"--ports all --in-flight 5 --order random --seed 7", "--ports 3 --worker",
+          "--ports vengine-flip,vengine-mask --offset 0 --order reversed", "--ports 7,0,8,5",
+          "--ports 0,1 --format YUV420M", "--ports 0,1 --format YM12"}) {
+        const Outcome result =
+            runStream(std::string("--sim --quiet --size 64x48 --requests 60 ") + arguments);
+        EXPECT_EQ(result.code, 0) << arguments << '\n' << result.output;
+        EXPECT_THAT(result.output, ContainsRegex("60 requests .* 0 failed, 0 lost\n"));
+        EXPECT_THAT(result.output, ContainsRegex("vengine-[a-z]+ .* 60 +60 +0\n"));
+    }
+}
+
+TEST_F(ToolsTest, FailedRunIsExitCode1) {
+    const Outcome result = runStream("--sim --ports 1 --buffers 40");
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.output, ContainsRegex("the scene cannot be set up: Cannot allocate memory"));
+}
+
+TEST_F(ToolsTest, LostOutputIsExitCode1) {
+    for (const std::string& command : {kStream + "--sim --requests 3", kInfo + "--sim"})
+        EXPECT_EQ(run(command + " 2>&1 >/dev/full").code, 1) << command;
+    EXPECT_THAT(run(kInfo + "--sim 2>&1 >/dev/full").output,
+                "corvane-info: output was lost: No space left on device\n");
+}
+
+TEST_F(ToolsTest, ShowsPicturesStateAndEventsOfARun) {
+    const Outcome result = runStream("--sim --quiet --requests 5 --ports 4 --dump --events " +
+                                     ("--snapshot " + file("shot.png")));
+    EXPECT_EQ(result.code, 0) << result.output;
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("frame sync: frame 4 at "),
+                      HasSubstr("<<Scene>> state=STARTED #Request(Queued,Done)=(5,5)"),
+                      HasSubstr("<<StreamPipe>> corvane-stream, buffers from memory files")));
+    // Three pictures in two columns, or one row; the size stands in the file's first chunk.
+    const std::string png = contentOf(file("shot.png"));
+    EXPECT_THAT(png.substr(0, 16), StartsWith(std::string("\x89PNG\r\n\x1a\n")));
+    EXPECT_EQ(png.substr(16, 8), std::string("\x00\x00\x04\x10\x00\x00\x01\x5a", 8));
+}
+
+TEST_F(ToolsTest, ListsDevicesTheSameWayInBothTools) {
+    const Outcome info = run("LC_ALL=C " + kInfo + "--sim --subdev vengine-subdev");
+    EXPECT_EQ(info.code, 0);
+    EXPECT_THAT(
+        info.output,
+        AllOf(HasSubstr("vengine  /dev/media0\n  driver     vengine 6."),
+              HasSubstr("Topology: 11 entities, 10 links\n"),
+              HasSubstr("  |  |- pad 5 sink   <-- vengine-tuning:0     enabled, immutable\n"),
+              HasSubstr("  `- vengine-mask      video node  /dev/video8\n"),
+              HasSubstr("  vengine-mirror    2     /dev/video2  video capture, multi-planar  "
+                        "YUV420M  320x240  320 + 160 + 160  76,800 + 19,200 + 19,200\n"),
+              HasSubstr("  vengine-stats     3     /dev/video3  metadata capture             "
+                        "VEST     -        -                64\n"),
+              HasSubstr("brightness      0  -64 to 64, default 0\n")));
+    const Outcome list = run("LC_ALL=C " + kStream + "--sim --list");
+    EXPECT_EQ(list.code, 0);
+    EXPECT_THAT(info.output, StartsWith(list.output));
+
+    std::istringstream narrow(run("LC_ALL=C COLUMNS=60 " + kInfo + "--sim").output);
+    for (std::string line; std::getline(narrow, line);)
+        EXPECT_LE(line.size(), 60U) << line;
+}
+
+TEST_F(ToolsTest, DrawsTheTopologyForGraphviz) {
+    const Outcome piped = run(kInfo + "--sim --dot");
+    EXPECT_EQ(piped.code, 0);
+    EXPECT_THAT(piped.output,
+                AllOf(StartsWith("digraph media {\n"), HasSubstr("<b>vengine-core</b>"),
+                      HasSubstr("NV12M 320x240"), ContainsRegex(":p0:e -> [^\n]*:p9:w .penwidth=2"),
+                      ContainsRegex("style=dashed"), testing::EndsWith("  }\n}\n")));
+    EXPECT_EQ(run(kInfo + "--sim --dot " + file("graph.dot")).code, 0);
+    EXPECT_EQ(contentOf(file("graph.dot")), piped.output);
+    EXPECT_EQ(run(kInfo + "--sim --dot /dev/full 2>/dev/null").code, 1);
+}
+
+TEST_F(ToolsTest, InfoDumpsTheLibrary) {
+    const Outcome result = run(kInfo + "--sim --dump");
+    EXPECT_EQ(result.code, 0);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("\nState\n"), HasSubstr("<<DeviceEnumerator>> "),
+                                     HasSubstr("<<DefaultSubDeviceProvider>> ")));
+}
+
+}  // namespace
