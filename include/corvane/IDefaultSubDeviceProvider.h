@@ -32,9 +32,9 @@ struct EIGHTCC {
     EIGHTCC(std::string_view code) {  // NOLINT(google-explicit-constructor): a code is a text
         code.copy(reinterpret_cast<char*>(&value), sizeof(value));
     }
-    /** @param code may be null: the empty code. */
+    /** @param code may be null: the empty code. Not read beyond eight characters or its zero. */
     EIGHTCC(const char* code)  // NOLINT
-    : EIGHTCC(code != nullptr ? std::string_view(code) : std::string_view()) {}
+    : EIGHTCC(std::string_view(code, code != nullptr ? strnlen(code, sizeof(value)) : 0)) {}
 
     /** The characters up to the first zero. */
     std::string toString() const {
@@ -49,7 +49,9 @@ struct EIGHTCC {
  * Owns the default sub-device: the first user opens it and subscribes it to frame-sync events, the
  * last one to leave unsubscribes and closes it.
  *
- * Any thread; the transitions exclude each other, ioctls included.
+ * Any thread; the transitions exclude each other, ioctls included. A refused ioctl of a transition
+ * is reported while they do: an exception or a terminate handler must not call the provider, not
+ * even its dumpState(), which would wait for itself.
  */
 class CORVANE_EXPORT IDefaultSubDeviceProvider {
 public:

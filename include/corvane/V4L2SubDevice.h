@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -23,7 +24,8 @@ namespace NSVista::NSCorvane {
  * A sub-device node and the driver's private ioctls on it.
  *
  * Its owner opens, subscribes, unsubscribes and closes it, one call at a time and none while a user
- * is inside an operation of IV4L2SubDevice. Nothing checks their order: an ioctl on a closed
+ * is inside an operation of IV4L2SubDevice that makes an ioctl; toString(), dumpState() and
+ * getDeviceFd() may run beside anything. Nothing checks their order: an ioctl on a closed
  * sub-device fails in the system layer. Destroying an open one leaves its descriptor open.
  */
 class CORVANE_EXPORT V4L2SubDevice : public IV4L2SubDevice {
@@ -53,20 +55,20 @@ public:
     int acquireFenceFd(std::vector<int>& fences) override;
     int releaseFenceFd(const std::vector<int>& fences) override;
 
-    /** @return 0, -EEXIST when it is open, or the negated errno (logged only). */
+    /** Opens the node. @return 0, -EEXIST when it is open, or the negated errno (logged only). */
     int openDevice();
     /** VIDIOC_SUBSCRIBE_EVENT for frame-sync events. A refusal is reported and ends the service. */
     int subscribe();
     /** VIDIOC_UNSUBSCRIBE_EVENT. A refusal is reported and ends the service. */
     int unsubscribe();
-    /** @return 0, -EINVAL when it is closed, or the negated errno; the descriptor is kept then. */
+    /** @return 0, -EINVAL when it is closed, or the negated errno, and it stays open. */
     int closeDevice();
 
 private:
     std::string mDevnodePath;
     std::string mEntityName;
     int32_t mFlags = O_RDWR | O_NONBLOCK;
-    int32_t mFd = -1;
+    std::atomic<int32_t> mFd{-1};
 };
 
 /** The process's owner of the default sub-device. Its end does not close the node. */

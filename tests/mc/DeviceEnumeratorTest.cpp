@@ -163,11 +163,12 @@ TEST(DeviceEnumerator, ConcurrentSearchesShareOneTopology) {
 TEST(DeviceEnumerator, TracesItsSections) {
     const std::map<unsigned, Lines> expected = {
         {4,
-         {"DeviceEnumerator::findMediaTopologyFromCache /dev/media0",
+         {"DeviceEnumerator::determineMediaDeviceInfoAndTopologyByModelName",
+          "DeviceEnumerator::findMediaTopologyFromCache /dev/media0",
           "DeviceEnumerator::search model", "MediaDevice::close /dev/media0 fd=102",
           "MediaDevice::initLinks #1", "MediaDevice::open /dev/media0",
-          "MediaRequest::~MediaRequest close fd=200", kSearch, "enumAllMediaLinks",
-          "enumerateMediaDevices", "enumerateMediaEntity"}},
+          "MediaRequest::~MediaRequest close fd=200", "enumAllMediaLinks", "enumerateMediaDevices",
+          "enumerateMediaEntity"}},
         {6, {"MediaDevice::enableLink"}},
         {9, {"MediaRequest::queueRequest"}},
         {13, {"MediaRequest::reinit"}},

@@ -1,6 +1,8 @@
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/mc/MediaTopology.h>
 
+#include <algorithm>
+
 #include "MediaGraph.h"
 #include "support/Capture.h"
 
@@ -42,6 +44,8 @@ TEST_F(Enumeration, TakesMediaNodesByNameSkipsFailuresAndStops) {
             "E [enumerateMediaDevices] Failed to find path: /dev/media7",
             "D [FileDescriptor] + mFd=-13 /dev/media8",
             "E [enumerateMediaDevices] Failed to open /dev/media8: -13",
+            "E [enumerateMediaDevices] /dev/media8: permission denied: its group is root, its mode "
+            "0000; the process must be in that group",
             "D [~FileDescriptor] - mFd=-13",
             "D [FileDescriptor] + mFd=101 /dev/media999",
             std::string("I [enumerateMediaDevices] [STILL ENUMERATING] '/dev/media999': ") + kInfo,
@@ -94,6 +98,32 @@ TEST_F(Enumeration, SnapshotsATopology) {
     EXPECT_EQ(mLog.take(), Lines({"E [enumMediaTopology] Failed to open /dev/media0: -19"}));
     EXPECT_TRUE(mc::enumAllMediaLinks(
         -1, {}, [](const media_entity_desc&, const media_link_desc*, const media_pad_desc*) {}));
+}
+
+TEST_F(Enumeration, WarnsOfAWalkThatEndsEarly) {
+    MediaKernel kernel{{"media0", smallGraph("m")}};
+    mLog.setLevel(Utils::ULog::kWarning);
+    kernel.answer(MEDIA_IOC_ENUM_ENTITIES, -EIO);
+    EXPECT_EQ(mc::enumMediaTopology("/dev/media0")->entityDescs().size(), 0U);
+    EXPECT_EQ(mLog.take(),
+              Lines({"W [enumerateMediaEntity] MEDIA_IOC_ENUM_ENTITIES fails after 0 entities, "
+                     "there may be more: -5(Input/output error)"}));
+}
+
+TEST_F(Enumeration, TakesInLinksThatComeUpWhileItCounts) {
+    const std::pair<size_t, int> cases[] = {{1, 3}, {2, 3}, {64, 3}, {65, 4}};
+    for (const auto& [found, walks] : cases) {  // no room left: it asks once more
+        SCOPED_TRACE(found);
+        MediaGraph graph = smallGraph("m");
+        graph.links[0].assign(found, graph.links[0][0]);  // where the entity tells of one
+        MediaKernel kernel{{"media0", graph}};
+        const auto topology = mc::enumMediaTopology("/dev/media0");
+        EXPECT_EQ(topology->findEntity("sensor")->links().size(), found);
+        EXPECT_EQ(topology->linkDescs().size(), found);
+        EXPECT_EQ(topology->linkDescs().back().sink.entity, 2U);
+        const Lines calls = kernel.takeCalls();
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "ioctl 100 0xc0287c02"), walks);
+    }
 }
 
 TEST_F(Enumeration, EndsOnConsistencyErrors) {

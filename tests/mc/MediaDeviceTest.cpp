@@ -45,7 +45,8 @@ protected:
 TEST_F(MediaDeviceTest, OpensOnceAndClosesAtTheFirstRelease) {
     mKernel.openResults["/dev/media0"] = -EBUSY;
     EXPECT_EQ(mDevice.acquire(), -EBUSY);
-    EXPECT_EQ(mLog.take(), Lines({"E [open] Failed to open /dev/media0: -16"}));
+    EXPECT_EQ(mLog.take(), Lines({"E [open] Failed to open /dev/media0: -16",
+                                  "E [open] /dev/media0 is in use and takes one user at a time"}));
     mKernel.openResults.clear();
     EXPECT_EQ(mDevice.acquire(), 0);
     EXPECT_EQ(mDevice.acquire(), 0);
@@ -100,14 +101,21 @@ TEST_F(MediaDeviceTest, WarnsOnceOfAnImmutableLink) {
 }
 
 TEST_F(MediaDeviceTest, ReportsARefusedLinkAndKeepsItsFlags) {
+    const std::string fail = "MEDIA_IOC_SETUP_LINK fail err=";
+    mSetupResult = -EBADF;
+    EXPECT_FALSE(mDevice.enableLink(true, "a", 0, "b", 3));
+    EXPECT_EQ(mLog.take(), Lines({"E [enableLink] " + fail + "-9",
+                                  "E [enableLink] /dev/media0 is not acquired: acquire it before "
+                                  "links are set and scenes run on it"}));
+    EXPECT_EQ(mReports.take(), ReportCapture::of(fail + "-9(Bad file descriptor)"));
+    mDevice.acquire();
     mSetupResult = -EBUSY;
     EXPECT_FALSE(mDevice.enableLink(true, "a", 0, "b", 3));
-    EXPECT_EQ(mLog.take(), Lines({"E [enableLink] MEDIA_IOC_SETUP_LINK fail err=-16"}));
-    EXPECT_EQ(mReports.take(), ReportCapture::of("MEDIA_IOC_SETUP_LINK fail err=-16"
-                                                 "(Device or resource busy)"));
-    mDevice.enableLink(true, "a", 0, "b", 3);
+    EXPECT_EQ(mLog.take(), Lines({"E [enableLink] " + fail + "-16",
+                                  "E [enableLink] /dev/media0: link(a:0-b:3) is in use: links "
+                                  "change while nothing streams"}));
     ASSERT_EQ(mSent.size(), 2U);
-    EXPECT_EQ(mSent[1], mSent[0]);
+    EXPECT_EQ(mSent[1], mSent[0]) << "the flag stays set";
     EXPECT_EQ(mSent[1][10], 5U);
 }
 

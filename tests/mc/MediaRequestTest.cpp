@@ -20,20 +20,22 @@ public:
     void dumpState(IPrinter*) const override {}
     const char* getThreadName() const override { return "fake"; }
     int attachObserver(IEventObserver* o, uint32_t events) override {
-        return note("attach", o, events);
+        return note("attach", o, events), attachResult;
     }
     int rearmObserver(IEventObserver* o, uint32_t events) override {
-        return note("rearm", o, events);
+        return note("rearm", o, events), rearmResult;
     }
-    int detachObserver(IEventObserver* o) override { return note("detach", o, 0); }
+    int detachObserver(IEventObserver* o) override { return note("detach", o, 0), -EINVAL; }
+
+    int attachResult = 0;
+    int rearmResult = 0;
 
 private:
-    int note(const char* what, const IEventObserver* observer, uint32_t events) {
+    void note(const char* what, const IEventObserver* observer, uint32_t events) {
         char text[64];
         snprintf(text, sizeof(text), "%s %s %d %#x", mName.c_str(), what, observer->getEventFD(),
                  events);
         mKernel.note(text);
-        return -EINVAL;  // a monitor's refusal changes nothing
     }
     FakeKernel& mKernel;
     std::string mName;
@@ -110,6 +112,27 @@ TEST_F(MediaRequestTest, ARefusedQueueIsUndoneByReinitAlone) {
     mKernel.answer(MEDIA_REQUEST_IOC_QUEUE, 0);
     EXPECT_EQ(mRequest->queueRequest(), 0);
     EXPECT_EQ(mKernel.takeCalls(), Lines({kQueue, kReinit, kQueue, "m rearm 200 0x40000002"}));
+}
+
+TEST_F(MediaRequestTest, TellsOfAMonitorThatCannotWatchIt) {
+    const std::string refusal =
+        "fake cannot watch request fd=200, so it cannot be queued: -9(Bad "
+        "file descriptor)";
+    mMonitor->attachResult = -EBADF;
+    EXPECT_EQ(mRequest->setMonitor(mMonitor), -EBADF);
+    EXPECT_EQ(mRequest->queueRequest(), -EBADF);
+    EXPECT_EQ(mLog.take(), Lines({"E [setMonitor] " + refusal,
+                                  "E [queueRequest] Failed to queue media request(200): -9"}));
+    EXPECT_EQ(mKernel.takeCalls(), Lines({"m attach 200 0x40000002"})) << "nothing for the driver";
+
+    const auto other = std::make_shared<NotingMonitor>(mKernel, "n");
+    EXPECT_EQ(mRequest->setMonitor(other), 0);
+    mRequest->reinit();
+    other->rearmResult = -ENOMEM;
+    EXPECT_EQ(mRequest->queueRequest(), 0) << "the driver has it";
+    EXPECT_EQ(mLog.take(),
+              Lines({"E [queueRequest] Request fd=200 is queued, but fake cannot watch it: its "
+                     "completion will not be reported: -12(Cannot allocate memory)"}));
 }
 
 TEST_F(MediaRequestTest, ChangesItsMonitor) {

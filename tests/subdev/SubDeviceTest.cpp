@@ -264,7 +264,10 @@ TEST_F(SubDeviceTest, OpensAndClosesOnce) {
 
     mEngine.faults().fail({sim::Operation::OPEN}, EACCES);
     EXPECT_EQ(mDev.openDevice(), -EACCES);
-    EXPECT_THAT(mLog.take(), ElementsAre("W [openDevice] Failed to open " + path + " ret=-13"));
+    EXPECT_THAT(mLog.take(), ElementsAre("W [openDevice] Failed to open " + path + " ret=-13",
+                                         "W [openDevice] " + path +
+                                             ": permission denied: its group is root, its mode "
+                                             "0660; the process must be in that group"));
     EXPECT_EQ(mDev.getDeviceFd(), -1);
 
     EXPECT_EQ(mDev.openDevice(), 0);

@@ -34,13 +34,19 @@ CORVANE_EXPORT std::string toString(const media_device_info& info);
 CORVANE_EXPORT void enumerateMediaDevices(
     std::function<bool(const media_device_info&, const std::string& path)> onDevice);
 
-/** Walks a device's entities (MEDIA_IOC_ENUM_ENTITIES). @return their number. */
+/**
+ * Walks a device's entities (MEDIA_IOC_ENUM_ENTITIES). A walk that ends with another error than
+ * EINVAL, its normal end, is warned of: it may have missed entities.
+ * @return the number of entities met.
+ */
 CORVANE_EXPORT size_t enumerateMediaEntity(int fd,
                                            std::function<void(const media_entity_desc&)> onEntity);
 
 /**
  * Reads the pads and links of entities (MEDIA_IOC_ENUM_LINKS).
  * @param onLinks gets an entity's arrays, null where there are none; valid during the call only.
+ * Its record's link count is what was found, which may be more than @p entities tells when links
+ *        came up meanwhile.
  * @return false when the device refuses; the walk ends there.
  */
 CORVANE_EXPORT bool enumAllMediaLinks(
@@ -54,6 +60,12 @@ CORVANE_EXPORT bool enumAllMediaLinks(
  * @return null when the device cannot be opened; a refused link enumeration is fatal.
  */
 CORVANE_EXPORT std::shared_ptr<MediaTopology> enumMediaTopology(const std::string& path);
+
+/** A media device that is there. */
+struct FoundMediaDevice {
+    std::string path;  ///< its node
+    media_device_info info;
+};
 
 /**
  * Finds media devices and caches what it met; caches only grow. Any thread. The configuration's
@@ -71,6 +83,13 @@ public:
     std::string determineDefaultSubDevnodePath() override;
     std::shared_ptr<IMediaDevice> makeDefaultMediaDevice() override;
 
+    /**
+     * Looks which media devices are there now, in directory order, without the consequences of
+     * search(): nothing is fatal, reported or cached. A device that cannot be read is logged and
+     * skipped.
+     * @param modelName empty for every model.
+     */
+    std::vector<FoundMediaDevice> find(const std::string& modelName) const;
     /** @param configs must not be null; copied, the last call wins. */
     void registerDefaultMediaConfigs(const DefaultMediaConfigs* configs);
     /**

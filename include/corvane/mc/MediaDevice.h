@@ -19,7 +19,10 @@
 
 namespace NSVista::NSCorvane::mc {
 
-/** A media device node. Not locked: used by the one scene, or client, that holds it. */
+/**
+ * A media device node. Not locked: used by the one scene, or client, that holds it; dumpState() and
+ * the getters may run beside anything.
+ */
 class CORVANE_EXPORT MediaDevice : public IMediaDevice {
 public:
     /**
@@ -28,7 +31,7 @@ public:
      */
     MediaDevice(const std::string& path, const std::shared_ptr<media_device_info>& info,
                 const std::shared_ptr<MediaTopology>& topology);
-    /** Closes the node. */
+    /** Closes the node if it is open. */
     ~MediaDevice() override;
     MediaDevice(const MediaDevice&) = delete;
     MediaDevice& operator=(const MediaDevice&) = delete;
@@ -56,14 +59,15 @@ private:
     std::shared_ptr<media_device_info> mDeviceInfo;
     std::shared_ptr<MediaTopology> mTopology;
     std::map<std::string, MediaLink> mLinks;
-    int32_t mFd = -1;
+    std::atomic<int32_t> mFd{-1};
 };
 
 /**
  * A request of the Media Request API, made by MediaDevice::makeRequest().
  *
  * queueRequest() runs on the client's thread, onEvent() on the event monitor's; the state is all
- * that they share. A request whose queueing was refused stays failed until reinit().
+ * that they share. The getters may run beside anything. A request whose queueing was refused stays
+ * failed until reinit().
  */
 class CORVANE_EXPORT MediaRequest : public IEventObserver, public IMediaRequest {
 public:
@@ -78,8 +82,12 @@ public:
     void onEvent(const OnEvent& event) override;
 
     std::shared_ptr<RequestDebugInfo> getDebugInfo() const override { return mDebugInfo; }
-    unsigned long* getTrackBuffer() const override { return mTrackBuffer; }
-    void setTrackBuffer(unsigned long* track) override { mTrackBuffer = track; }
+    unsigned long* getTrackBuffer() const override {
+        return mTrackBuffer.load(std::memory_order_relaxed);
+    }
+    void setTrackBuffer(unsigned long* track) override {
+        mTrackBuffer.store(track, std::memory_order_relaxed);
+    }
     int getRequestFD() const override { return mFd; }
     void setRequestDone(std::function<void()> done) override { mRequestDone = std::move(done); }
     int setMonitor(const std::shared_ptr<IEventMonitor>& monitor) override;
@@ -94,10 +102,11 @@ private:
     std::string mName = "request";
     int32_t mFd = -1;
     std::shared_ptr<RequestDebugInfo> mDebugInfo;
-    unsigned long* mTrackBuffer = nullptr;
+    std::atomic<unsigned long*> mTrackBuffer{nullptr};
     std::function<void()> mRequestDone;
     std::weak_ptr<IEventMonitor> mMonitor;
     std::atomic<int32_t> mState{kIdle};
+    int mWatched = 0;  ///< what the monitor said to the attachment
 };
 
 }  // namespace NSVista::NSCorvane::mc

@@ -10,6 +10,7 @@
 
 #include <new>
 
+#include "NoThrow.h"
 #include "TraceArea.h"
 
 CORVANE_LOG_UNIT("corvane-V4L2SubDevice")
@@ -21,7 +22,7 @@ IDefaultSubDeviceProvider* IDefaultSubDeviceProvider::instance() {
     return &provider;
 }
 
-std::shared_ptr<IV4L2SubDevice> DefaultSubDeviceProvider::acquire(const EIGHTCC& user) {
+std::shared_ptr<IV4L2SubDevice> DefaultSubDeviceProvider::acquire(const EIGHTCC& user) try {
     const MutexLock lock(mLock);
     if (!mUsers.insert(user).second)
         CORVANE_FATAL("A same user id %s has existed.", user.toString().c_str());
@@ -30,17 +31,19 @@ std::shared_ptr<IV4L2SubDevice> DefaultSubDeviceProvider::acquire(const EIGHTCC&
         return nullptr;
     return mSubDev;
 }
+CORVANE_NO_THROW
 
 void DefaultSubDeviceProvider::release(const EIGHTCC& user,
-                                       std::shared_ptr<IV4L2SubDevice>& subDevice) {
+                                       std::shared_ptr<IV4L2SubDevice>& subDevice) try {
     const MutexLock lock(mLock);
     subDevice.reset();
     mUsers.erase(user);
     if (mUsers.empty())
         deinitSubDevice();
 }
+CORVANE_NO_THROW
 
-void DefaultSubDeviceProvider::dumpState(IPrinter* printer) const {
+void DefaultSubDeviceProvider::dumpState(IPrinter* printer) const try {
     const MutexLock lock(mLock);
     std::string users = "{";
     for (const EIGHTCC& user : mUsers)
@@ -51,6 +54,7 @@ void DefaultSubDeviceProvider::dumpState(IPrinter* printer) const {
     if (mSubDev)
         mSubDev->dumpState(printer);
 }
+CORVANE_NO_THROW
 
 bool DefaultSubDeviceProvider::initSubDevice() {
     const TraceSection trace(area::kStreaming, "DefaultSubDeviceProvider::initSubDevice");

@@ -24,6 +24,11 @@ inline int driverCall(int fd, unsigned long request, void* record) {
     return System::Ioctl(fd, static_cast<int>(request), record, 3);
 }
 
+/** An ioctl that is one step of a walk: as driverCall(), without a trace section of its own. */
+inline int walkStep(int fd, unsigned long request, void* record) {
+    return System::Ioctl(fd, static_cast<int>(request), record, 0);
+}
+
 /**
  * Ends a refused call that leaves the driver in an unknown state: reports it, then ends the
  * service. The caller has logged it.

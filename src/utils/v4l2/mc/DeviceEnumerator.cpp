@@ -1,5 +1,6 @@
 #include <corvane/mc/DeviceEnumerator.h>
 
+#include <corvane/V4L2.h>
 #include <corvane/mc/MediaDevice.h>
 #include <corvane/mc/MediaTopology.h>
 #include <corvane/platform/Log.h>
@@ -10,10 +11,13 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <sstream>
 
-#include "Text.h"
+#include "DriverCall.h"
+#include "NoThrow.h"
+#include "RefusedOpen.h"
 #include "TraceArea.h"
 
 CORVANE_LOG_UNIT("corvane-DeviceEnumerator")
@@ -28,15 +32,14 @@ const int32_t sDumpStateDetail = Utils::Properties::property_get_int32(
 /** A media device node that is open while it is looked at. */
 class FileDescriptor {
 public:
-    FileDescriptor(const char* path, int flags)
-        : mFd(System::Open(path, flags, reinterpret_cast<unsigned long>(this))) {
+    FileDescriptor(const char* path, int flags) : mFd(System::Open(path, flags, ownerToken(this))) {
         CORVANE_LOGD("+ mFd=%d %s", mFd, path);
     }
     ~FileDescriptor() {
         if (mFd == -1)
             return;
         CORVANE_LOGD("- mFd=%d", mFd);
-        System::Close(mFd, reinterpret_cast<unsigned long>(this));
+        System::Close(mFd, ownerToken(this));
         mFd = -1;
     }
     FileDescriptor(const FileDescriptor&) = delete;
@@ -61,10 +64,11 @@ bool isMediaNode(const char* name) {
 
 }  // namespace
 
-std::string toString(const DefaultMediaConfigs& configs) {
+std::string toString(const DefaultMediaConfigs& configs) try {
     return " .mediadevice_model_name=" + configs.mediadevice_model_name +
            " .subdevice_entity_name=" + configs.subdevice_entity_name;
 }
+CORVANE_NO_THROW
 
 IDeviceEnumerator& IDeviceEnumerator::instance() {
     return mc::DeviceEnumerator::instance();
@@ -74,16 +78,25 @@ IDeviceEnumerator& IDeviceEnumerator::instance() {
 
 namespace NSVista::NSCorvane::mc {
 
-std::string toString(const media_device_info& info) {
-    std::ostringstream text;
-    text << " .driver=" << fixedText(info.driver) << " .model=" << fixedText(info.model)
-         << " .serial=" << fixedText(info.serial) << " .bus_info=" << fixedText(info.bus_info)
-         << std::hex << std::showbase << " .media_version=" << info.media_version
-         << " .hw_revision=" << info.hw_revision << " .driver_version=" << info.driver_version;
-    return text.str();
+using v4l2::fixedText;
+
+std::string toString(const media_device_info& info) try {
+    char versions[96];
+    snprintf(versions, sizeof(versions), " .media_version=%#x .hw_revision=%#x .driver_version=%#x",
+             info.media_version, info.hw_revision, info.driver_version);
+    return " .driver=" + fixedText(info.driver) + " .model=" + fixedText(info.model) +
+           " .serial=" + fixedText(info.serial) + " .bus_info=" + fixedText(info.bus_info) +
+           versions;
 }
+CORVANE_NO_THROW
 
 namespace {
+
+/** Logs the likely cause of a refused open beside the refusal itself. */
+void logOpenCause(const char* operation, const std::string& path, int r) {
+    if (const std::string cause = refusedOpenCause(path, r); !cause.empty())
+        CORVANE_LOGE_AS(operation, "%s", cause.c_str());
+}
 
 /** Shows one node to @p onDevice while it is open; one that cannot be read is skipped (logged). */
 bool showMediaNode(
@@ -98,11 +111,11 @@ bool showMediaNode(
     const FileDescriptor fd(path.c_str(), O_RDWR);
     if (fd < 0) {
         CORVANE_LOGE_AS(kOperation, "Failed to open %s: %d", path.c_str(), static_cast<int>(fd));
+        logOpenCause(kOperation, path, fd);
         return false;
     }
     media_device_info info = {};
-    const int ret = System::Ioctl(fd, static_cast<int>(MEDIA_IOC_DEVICE_INFO), &info, 3);
-    if (ret < 0) {
+    if (const int ret = driverCall(fd, MEDIA_IOC_DEVICE_INFO, &info); ret < 0) {
         CORVANE_LOGE_AS(kOperation, "Failed on MEDIA_IOC_DEVICE_INFO: %s", strerror(-ret));
         return false;
     }
@@ -115,7 +128,7 @@ bool showMediaNode(
 }  // namespace
 
 void enumerateMediaDevices(
-    std::function<bool(const media_device_info&, const std::string& path)> onDevice) {
+    std::function<bool(const media_device_info&, const std::string& path)> onDevice) try {
     const TraceSection section(area::kLifecycle, "enumerateMediaDevices");
     if (!onDevice)
         CORVANE_FATAL("Bad function");
@@ -129,8 +142,9 @@ void enumerateMediaDevices(
             showMediaNode(std::string("/dev/") + entry->d_name, onDevice))
             return;
 }
+CORVANE_NO_THROW
 
-size_t enumerateMediaEntity(int fd, std::function<void(const media_entity_desc&)> onEntity) {
+size_t enumerateMediaEntity(int fd, std::function<void(const media_entity_desc&)> onEntity) try {
     const TraceSection section(area::kLifecycle, "enumerateMediaEntity");
     if (!onEntity)
         CORVANE_FATAL("Bad function");
@@ -139,44 +153,80 @@ size_t enumerateMediaEntity(int fd, std::function<void(const media_entity_desc&)
     size_t count = 0;
     // The kernel leaves the found entity's id; the flag asks for the next one. An error ends the
     // walk, which is its normal end.
-    while (System::Ioctl(fd, static_cast<int>(MEDIA_IOC_ENUM_ENTITIES), &desc, 0) >= 0) {
+    int ret = 0;
+    while ((ret = walkStep(fd, MEDIA_IOC_ENUM_ENTITIES, &desc)) >= 0) {
         onEntity(desc);
         ++count;
         desc.id |= MEDIA_ENT_ID_FLAG_NEXT;
     }
     CORVANE_LOGD("MEDIA_IOC_ENUM_ENTITIES ends: no entity id %#x", desc.id);
     CORVANE_LOGD("%zu entities found", count);
+    if (ret != -EINVAL)
+        CORVANE_LOGW("MEDIA_IOC_ENUM_ENTITIES fails after %zu entities, there may be more: %d(%s)",
+                     count, ret, strerror(-ret));
     return count;
 }
+CORVANE_NO_THROW
+
+namespace {
+
+using LinksCallback =
+    std::function<void(const media_entity_desc&, const media_link_desc*, const media_pad_desc*)>;
+
+/** Links may come up between the count and their enumeration, which knows no bound. */
+constexpr size_t kRoomForLinks = 64;
+
+/** @return how many of @p links the kernel wrote, but no fewer than the @p told ones. */
+size_t countLinks(const std::vector<media_link_desc>& links, size_t told) {
+    while (told < links.size() && links[told].source.entity != 0)
+        ++told;
+    return told;
+}
+
+/** Shows one entity's links and pads. @return a negated errno when the device refuses. */
+int showLinks(int fd, const media_entity_desc& entity, const LinksCallback& onLinks) {
+    std::vector<media_pad_desc> pads(entity.pads);
+    std::vector<media_link_desc> links;
+    media_links_enum request = {};
+    request.entity = entity.id;
+    request.pads = pads.empty() ? nullptr : pads.data();
+    size_t count = entity.links;
+    do {
+        links.assign(count != 0 ? count + kRoomForLinks : 0, {});
+        request.links = links.empty() ? nullptr : links.data();
+        if (const int ret = driverCall(fd, MEDIA_IOC_ENUM_LINKS, &request); ret < 0)
+            return ret;
+        count = countLinks(links, count);
+    } while (count != 0 && count == links.size());  // no room was left: there may be more
+    media_entity_desc current = entity;
+    current.links = static_cast<uint16_t>(count);
+    onLinks(current, request.links, request.pads);
+    return 0;
+}
+
+}  // namespace
 
 bool enumAllMediaLinks(int fd, const std::vector<media_entity_desc>& entities,
                        std::function<void(const media_entity_desc&, const media_link_desc* links,
                                           const media_pad_desc* pads)>
-                           onLinks) {
+                           onLinks) try {
     const TraceSection section(area::kLifecycle, "enumAllMediaLinks");
     if (!onLinks)
         CORVANE_FATAL("Bad function");
-    for (const auto& entity : entities) {
-        std::vector<media_pad_desc> pads(entity.pads);
-        std::vector<media_link_desc> links(entity.links);
-        media_links_enum request = {};
-        request.entity = entity.id;
-        request.pads = pads.empty() ? nullptr : pads.data();
-        request.links = links.empty() ? nullptr : links.data();
-        const int ret = System::Ioctl(fd, static_cast<int>(MEDIA_IOC_ENUM_LINKS), &request, 3);
-        if (ret < 0) {
+    for (const auto& entity : entities)
+        if (const int ret = showLinks(fd, entity, onLinks); ret < 0) {
             CORVANE_LOGE("Failed on MEDIA_IOC_ENUM_LINKS: %s", strerror(-ret));
             return false;
         }
-        onLinks(entity, request.links, request.pads);
-    }
     return true;
 }
+CORVANE_NO_THROW
 
-std::shared_ptr<MediaTopology> enumMediaTopology(const std::string& path) {
+std::shared_ptr<MediaTopology> enumMediaTopology(const std::string& path) try {
     const FileDescriptor fd(path.c_str(), O_RDWR);
     if (fd < 0) {
         CORVANE_LOGE("Failed to open %s: %d", path.c_str(), static_cast<int>(fd));
+        logOpenCause("enumMediaTopology", path, fd);
         return nullptr;
     }
     auto topology = std::make_shared<MediaTopology>(path);
@@ -197,26 +247,41 @@ std::shared_ptr<MediaTopology> enumMediaTopology(const std::string& path) {
                  topology->linkDescs().size());
     return topology;
 }
+CORVANE_NO_THROW
 
 DeviceEnumerator& DeviceEnumerator::instance() {
     static DeviceEnumerator enumerator;
     return enumerator;
 }
 
-void DeviceEnumerator::registerDefaultMediaConfigs(const DefaultMediaConfigs* configs) {
+void DeviceEnumerator::registerDefaultMediaConfigs(const DefaultMediaConfigs* configs) try {
     const MutexLock lock(mConfigLock);
     mDefaultMediaConfigs = *configs;
 }
+CORVANE_NO_THROW
 
 DefaultMediaConfigs DeviceEnumerator::defaultConfigs() const {
     const MutexLock lock(mConfigLock);
     return mDefaultMediaConfigs;
 }
 
-std::string DeviceEnumerator::getDefaultSubDevEntityName() const {
+std::string DeviceEnumerator::getDefaultSubDevEntityName() const try {
     const MutexLock lock(mConfigLock);
     return mDefaultMediaConfigs.subdevice_entity_name;
 }
+CORVANE_NO_THROW
+
+std::vector<FoundMediaDevice> DeviceEnumerator::find(const std::string& modelName) const try {
+    const TraceSection section(area::kLifecycle, "DeviceEnumerator::find");
+    std::vector<FoundMediaDevice> devices;
+    enumerateMediaDevices([&](const media_device_info& info, const std::string& path) {
+        if (modelName.empty() || fixedText(info.model) == modelName)
+            devices.push_back({path, info});
+        return false;
+    });
+    return devices;
+}
+CORVANE_NO_THROW
 
 DeviceEnumerator::DeviceInfo DeviceEnumerator::findMediaDeviceInfoByModelNameFromCache(
     const std::string& modelName) const {
@@ -253,7 +318,8 @@ std::shared_ptr<MediaTopology> DeviceEnumerator::cacheMediaTopology(
 bool DeviceEnumerator::determineMediaDeviceInfoAndTopologyByModelName(
     const std::string& modelName,
     const std::function<void(const DeviceInfo&, const std::shared_ptr<MediaTopology>&)>& onFound) {
-    const TraceSection section(area::kLifecycle, static_cast<const char*>(__func__));
+    const TraceSection section(area::kLifecycle,
+                               "DeviceEnumerator::determineMediaDeviceInfoAndTopologyByModelName");
     CORVANE_LOGI("Searching: %s", modelName.c_str());
     DeviceInfo found = findMediaDeviceInfoByModelNameFromCache(modelName);
     if (found.first.empty() || found.second == nullptr) {
@@ -280,7 +346,7 @@ bool DeviceEnumerator::determineMediaDeviceInfoAndTopologyByModelName(
     return true;
 }
 
-std::shared_ptr<IMediaDevice> DeviceEnumerator::search(const std::string& modelName) {
+std::shared_ptr<IMediaDevice> DeviceEnumerator::search(const std::string& modelName) try {
     const TraceSection section(
         area::kLifecycle, CORVANE_TRACE_NAME("DeviceEnumerator::search %s", modelName.c_str()));
     std::shared_ptr<IMediaDevice> device;
@@ -292,8 +358,9 @@ std::shared_ptr<IMediaDevice> DeviceEnumerator::search(const std::string& modelN
         CORVANE_FATAL("Bad MediaDevice. ret=%d", ret);
     return device;
 }
+CORVANE_NO_THROW
 
-std::string DeviceEnumerator::findMediaEntityDevnodePath(const char* entityName) const {
+std::string DeviceEnumerator::findMediaEntityDevnodePath(const char* entityName) const try {
     std::shared_ptr<MediaEntity> entity;
     size_t count = 0;
     {
@@ -306,8 +373,9 @@ std::string DeviceEnumerator::findMediaEntityDevnodePath(const char* entityName)
         CORVANE_FATAL("mMediaTopologyList.size=%zu != 1", count);
     return entity != nullptr ? entity->determineDevnodePath() : std::string();
 }
+CORVANE_NO_THROW
 
-std::string DeviceEnumerator::determineDefaultSubDevnodePath() {
+std::string DeviceEnumerator::determineDefaultSubDevnodePath() try {
     const MutexLock lock(mConfigLock);
     const bool ret = determineMediaDeviceInfoAndTopologyByModelName(
         mDefaultMediaConfigs.mediadevice_model_name,
@@ -318,15 +386,17 @@ std::string DeviceEnumerator::determineDefaultSubDevnodePath() {
         CORVANE_FATAL("No subdev path for %s. ret=%d", toString(mDefaultMediaConfigs).c_str(), ret);
     return path;
 }
+CORVANE_NO_THROW
 
-std::shared_ptr<IMediaDevice> DeviceEnumerator::makeDefaultMediaDevice() {
+std::shared_ptr<IMediaDevice> DeviceEnumerator::makeDefaultMediaDevice() try {
     const MutexLock lock(mConfigLock);
     if (mDefaultMediaConfigs.mediadevice_model_name.empty())
         CORVANE_FATAL("No default model name: %s", toString(mDefaultMediaConfigs).c_str());
     return search(mDefaultMediaConfigs.mediadevice_model_name);
 }
+CORVANE_NO_THROW
 
-void DeviceEnumerator::dumpState(IPrinter* printer) const {
+void DeviceEnumerator::dumpState(IPrinter* printer) const try {
     const DefaultMediaConfigs configs = defaultConfigs();
     std::vector<DeviceInfo> infos;
     std::vector<Topology> topologies;
@@ -344,5 +414,6 @@ void DeviceEnumerator::dumpState(IPrinter* printer) const {
         if (topology != nullptr)
             topology->dumpState(printer, sDumpStateDetail);
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane::mc

@@ -8,8 +8,12 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
 #include <cstring>
 
+#include "DriverCall.h"
+#include "NoThrow.h"
+#include "RefusedOpen.h"
 #include "Text.h"
 #include "TraceArea.h"
 
@@ -18,7 +22,7 @@ CORVANE_LOG_UNIT("corvane-MediaDevice")
 namespace NSVista::NSCorvane::mc {
 
 MediaDevice::MediaDevice(const std::string& path, const std::shared_ptr<media_device_info>& info,
-                         const std::shared_ptr<MediaTopology>& topology)
+                         const std::shared_ptr<MediaTopology>& topology) try
     : mPath(path), mDeviceInfo(info), mTopology(topology) {
     if (mPath.empty())
         CORVANE_FATAL("Bad device path");
@@ -27,9 +31,11 @@ MediaDevice::MediaDevice(const std::string& path, const std::shared_ptr<media_de
     if (mTopology != nullptr)
         initLinks();
 }
+CORVANE_NO_THROW
 
 MediaDevice::~MediaDevice() {
-    close();
+    if (mFd != -1)
+        close();
 }
 
 void MediaDevice::initLinks() {
@@ -48,41 +54,47 @@ bool MediaDevice::hasEntity(const std::string& name) const {
     return findEntity(name) != nullptr;
 }
 
-std::string MediaDevice::getEntityDevnodePath(const std::string& name) const {
+std::string MediaDevice::getEntityDevnodePath(const std::string& name) const try {
     const auto entity = findEntity(name);
     return entity != nullptr ? entity->determineDevnodePath() : std::string();
 }
+CORVANE_NO_THROW
 
-int MediaDevice::open() {
+int MediaDevice::open() try {
     const TraceSection section(area::kLifecycle,
                                CORVANE_TRACE_NAME("MediaDevice::open %s", mPath.c_str()));
     if (mFd != -1)
         return 0;
-    const int fd = System::Open(mPath.c_str(), O_RDWR, reinterpret_cast<unsigned long>(this));
+    const int fd = System::Open(mPath.c_str(), O_RDWR, ownerToken(this));
     if (fd < 0) {
         CORVANE_LOGE("Failed to open %s: %d", mPath.c_str(), fd);
+        if (const std::string cause = refusedOpenCause(mPath, fd); !cause.empty())
+            CORVANE_LOGE("%s", cause.c_str());
         return fd;
     }
     mFd = fd;
     return 0;
 }
+CORVANE_NO_THROW
 
 int MediaDevice::close() {
+    const int fd = mFd;
     const TraceSection section(
-        area::kLifecycle, CORVANE_TRACE_NAME("MediaDevice::close %s fd=%d", mPath.c_str(), mFd));
-    if (mFd == -1)
+        area::kLifecycle, CORVANE_TRACE_NAME("MediaDevice::close %s fd=%d", mPath.c_str(), fd));
+    if (fd == -1)
         return 0;
-    const int ret = System::Close(mFd, reinterpret_cast<unsigned long>(this));
+    const int ret = System::Close(fd, ownerToken(this));
     mFd = -1;
     return ret;
 }
 
-std::shared_ptr<IMediaRequest> MediaDevice::makeRequest() {
+std::shared_ptr<IMediaRequest> MediaDevice::makeRequest() try {
     return std::make_shared<MediaRequest>(mFd);
 }
+CORVANE_NO_THROW
 
 bool MediaDevice::enableLink(bool enable, const char* sourceEntity, unsigned int sourcePad,
-                             const char* sinkEntity, unsigned int sinkPad) {
+                             const char* sinkEntity, unsigned int sinkPad) try {
     const TraceSection section(area::kFormat, "MediaDevice::enableLink");
     const auto found = mLinks.find(MediaLink::key(sourcePad, sinkPad));
     if (found == mLinks.end()) {
@@ -94,18 +106,28 @@ bool MediaDevice::enableLink(bool enable, const char* sourceEntity, unsigned int
     if (link.enable(enable) < 0)
         return true;
     media_link_desc desc = link.copyLinkDesc();
-    const int ret = System::Ioctl(mFd, static_cast<int>(MEDIA_IOC_SETUP_LINK), &desc, 3);
+    const int fd = mFd;
+    const int ret = driverCall(fd, MEDIA_IOC_SETUP_LINK, &desc);
     if (ret < 0) {
         CORVANE_LOGE("MEDIA_IOC_SETUP_LINK fail err=%d", ret);
-        CORVANE_DRIVER_EXCEPTION("MEDIA_IOC_SETUP_LINK fail err=%d(%s)", ret, strerror(-ret));
+        if (fd == -1)
+            CORVANE_LOGE("%s is not acquired: acquire it before links are set and scenes run on it",
+                         mPath.c_str());
+        else if (ret == -EBUSY)
+            CORVANE_LOGE("%s: link(%s:%u-%s:%u) is in use: links change while nothing streams",
+                         mPath.c_str(), nameOrEmpty(sourceEntity), sourcePad,
+                         nameOrEmpty(sinkEntity), sinkPad);
+        driverRefused("MEDIA_IOC_SETUP_LINK fail", ret);
         return false;
     }
     return true;
 }
+CORVANE_NO_THROW
 
-void MediaDevice::dumpState(IPrinter* printer, signed char) const {
-    printer->printFormatLine("<<MediaDevice>> fd=%d '%s' %s", mFd, mPath.c_str(),
+void MediaDevice::dumpState(IPrinter* printer, signed char) const try {
+    printer->printFormatLine("<<MediaDevice>> fd=%d '%s' %s", mFd.load(), mPath.c_str(),
                              mc::toString(*mDeviceInfo).c_str());
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane::mc

@@ -7,6 +7,11 @@
 
 #include <sys/epoll.h>
 
+#include <algorithm>
+#include <cstring>
+
+#include "DriverCall.h"
+#include "NoThrow.h"
 #include "Stamp.h"
 #include "TraceArea.h"
 
@@ -20,58 +25,77 @@ namespace {
 constexpr uint32_t kWatchedEvents = static_cast<uint32_t>(EPOLLPRI) | EPOLLONESHOT;
 constexpr int kSubflow = 3;
 
+/** Stamps a station where a request is tracked; most are not. */
+template <class... Subflow>
+void track(void (*station)(unsigned long*, Subflow...), unsigned long* buffer, Subflow... subflow) {
+    if (buffer != nullptr)
+        station(buffer, subflow...);
+}
+
 }  // namespace
 
-MediaRequest::MediaRequest(int mediaFd)
-    : mFd(System::AllocMediaRequest(mediaFd, reinterpret_cast<unsigned long>(this))) {
+MediaRequest::MediaRequest(int mediaFd) try
+    : mFd(System::AllocMediaRequest(mediaFd, ownerToken(this))) {
     if (mFd < 0)
         CORVANE_FATAL("Bad request fd < 0");
     mDebugInfo = std::make_shared<RequestDebugInfo>();
 }
+CORVANE_NO_THROW
 
-MediaRequest::~MediaRequest() {
+MediaRequest::~MediaRequest() try {
     const TraceSection section(area::kLifecycle,
                                CORVANE_TRACE_NAME("MediaRequest::~MediaRequest close fd=%d", mFd));
     if (const auto monitor = mMonitor.lock())
         monitor->detachObserver(this);
     if (mFd != -1) {
-        System::Close(mFd, reinterpret_cast<unsigned long>(this));
+        System::Close(mFd, ownerToken(this));
         mFd = -1;
     }
 }
+CORVANE_NO_THROW
 
-int MediaRequest::setMonitor(const std::shared_ptr<IEventMonitor>& monitor) {
+int MediaRequest::setMonitor(const std::shared_ptr<IEventMonitor>& monitor) try {
     if (const auto previous = mMonitor.lock())
         previous->detachObserver(this);
     mMonitor = monitor;
-    if (monitor != nullptr)
-        monitor->attachObserver(this, kWatchedEvents);
-    return 0;
+    mWatched = monitor != nullptr ? monitor->attachObserver(this, kWatchedEvents) : 0;
+    if (mWatched < 0)
+        CORVANE_LOGE("%s cannot watch request fd=%d, so it cannot be queued: %d(%s)",
+                     monitor->getThreadName(), mFd, mWatched, strerror(-mWatched));
+    return std::min(mWatched, 0);
 }
+CORVANE_NO_THROW
 
-int MediaRequest::queueRequest() {
+int MediaRequest::queueRequest() try {
     const TraceSection section(area::kQueueRequest, "MediaRequest::queueRequest");
-    reqtrack::enqueToSubmodule(mTrackBuffer, kSubflow);
+    unsigned long* const tracked = getTrackBuffer();
+    track(reqtrack::enqueToSubmodule, tracked, kSubflow);
     if (const int32_t previous = mState.exchange(kQueuing); previous != kIdle)
         CORVANE_FATAL("Bad media request state:%d -> QUEUING", previous);
     stampLogTime(mDebugInfo->queueStart);
-    reqtrack::enqueToKernel(mTrackBuffer);
-    if (const int ret = System::QueueMediaRequest(mFd); ret < 0) {
+    track(reqtrack::enqueToKernel, tracked);
+    // What nobody watches must not reach the driver: its completion would never be reported.
+    if (const int ret = mWatched < 0 ? mWatched : System::QueueMediaRequest(mFd); ret < 0) {
         mState.store(kFailed);
         CORVANE_LOGE("Failed to queue media request(%d): %d", mFd, ret);
         return ret;
     }
-    reqtrack::enqueFromKernelToSubmodule(mTrackBuffer, kSubflow);
+    track(reqtrack::enqueFromKernelToSubmodule, tracked, kSubflow);
     stampLogTime(mDebugInfo->queued);
     mState.store(kQueued, std::memory_order_release);
     const auto monitor = mMonitor.lock();
     if (monitor == nullptr)
         CORVANE_FATAL("Bad monitor");
-    monitor->rearmObserver(this, kWatchedEvents);
+    if (const int ret = monitor->rearmObserver(this, kWatchedEvents); ret < 0)
+        CORVANE_LOGE(
+            "Request fd=%d is queued, but %s cannot watch it: its completion will not be "
+            "reported: %d(%s)",
+            mFd, monitor->getThreadName(), ret, strerror(-ret));
     return 0;
 }
+CORVANE_NO_THROW
 
-void MediaRequest::onEvent(const OnEvent& event) {
+void MediaRequest::onEvent(const OnEvent& event) try {
     const TraceSection section(area::kDriverCall, "MediaRequest::onNotify");
     if ((event.events & EPOLLERR) != 0) {
         // An idle request reports an error by its nature.
@@ -88,7 +112,7 @@ void MediaRequest::onEvent(const OnEvent& event) {
         return;
     }
     stampLogTime(mDebugInfo->done);
-    reqtrack::doneFromKernelToSubmodule(mTrackBuffer, kSubflow);
+    track(reqtrack::doneFromKernelToSubmodule, getTrackBuffer(), kSubflow);
     mState.store(kDone, std::memory_order_release);
     reinit();
     if (!mRequestDone)
@@ -96,6 +120,7 @@ void MediaRequest::onEvent(const OnEvent& event) {
     const TraceSection callback(area::kDriverCall, "MediaRequest: request done callback");
     mRequestDone();
 }
+CORVANE_NO_THROW
 
 bool MediaRequest::reinit() {
     const TraceSection section(area::kDone, "MediaRequest::reinit");

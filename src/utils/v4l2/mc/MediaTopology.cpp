@@ -1,39 +1,41 @@
 #include <corvane/mc/MediaTopology.h>
 
+#include <corvane/V4L2.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 
-#include <sstream>
-
+#include "NoThrow.h"
 #include "Text.h"
 
 CORVANE_LOG_UNIT("corvane-DeviceEnumerator")
 
 namespace NSVista::NSCorvane::mc {
 
-std::string toString(const media_entity_desc& entity) {
-    std::ostringstream text;
-    text << " .id=" << entity.id << " .name=" << fixedText(entity.name) << " .type=" << entity.type;
-    if (entity.flags != 0)
-        text << " .flags=" << entity.flags;
-    text << " .pads=" << entity.pads << " .links=" << entity.links
-         << " .dev.major=" << entity.dev.major << " .dev.minor=" << entity.dev.minor;
-    return text.str();
-}
+using std::to_string;
+using v4l2::fixedText;
 
-std::string toString(const media_pad_desc& pad) {
-    std::ostringstream text;
-    text << " .entity=" << pad.entity << " .index=" << pad.index << " .flags=" << pad.flags;
-    return text.str();
+std::string toString(const media_entity_desc& entity) try {
+    return " .id=" + to_string(entity.id) + " .name=" + fixedText(entity.name) +
+           " .type=" + to_string(entity.type) +
+           (entity.flags != 0 ? " .flags=" + to_string(entity.flags) : "") +
+           " .pads=" + to_string(entity.pads) + " .links=" + to_string(entity.links) +
+           " .dev.major=" + to_string(entity.dev.major) +
+           " .dev.minor=" + to_string(entity.dev.minor);
 }
+CORVANE_NO_THROW
 
-std::string toString(const media_link_desc& link) {
-    std::ostringstream text;
-    text << " .source=" << toString(link.source) << " .sink=" << toString(link.sink)
-         << " .flags=" << link.flags;
-    return text.str();
+std::string toString(const media_pad_desc& pad) try {
+    return " .entity=" + to_string(pad.entity) + " .index=" + to_string(pad.index) +
+           " .flags=" + to_string(pad.flags);
 }
+CORVANE_NO_THROW
+
+std::string toString(const media_link_desc& link) try {
+    return " .source=" + toString(link.source) + " .sink=" + toString(link.sink) +
+           " .flags=" + to_string(link.flags);
+}
+CORVANE_NO_THROW
 
 MediaEntity::MediaEntity(const media_entity_desc& desc, const media_link_desc* links,
                          const media_pad_desc* pads)
