@@ -44,6 +44,7 @@ void replaceBackend(std::shared_ptr<Backend> next) {
         gEnabledTags.store(next ? ATRACE_TAG_CAMERA : 0, std::memory_order_relaxed);
         Running::instance().backend.swap(next);
     }
+    Gates::update();
     if (next)
         next->finish();
 }
@@ -132,6 +133,7 @@ namespace NSVista::NSCorvane {
 
 void set_corvane_enabled_tracebits(uint64_t bits) {
     trace::gTraceBits.store(bits, std::memory_order_relaxed);
+    Gates::update();
 }
 
 }  // namespace NSVista::NSCorvane

@@ -1,3 +1,4 @@
+#include <corvane/platform/Gates.h>
 #include <corvane/platform/Properties.h>
 #include <corvane/platform/ULog.h>
 
@@ -7,9 +8,9 @@ namespace NSVista::Utils::ULog {
 
 // Constant-initialised, so that a static initialiser that logs before loadState() has run finds
 // the defaults; loadState() then puts the configured values in.
-constinit std::atomic<uint32_t> ULogger::sMode{2};
-constinit std::atomic<uint32_t> ULogger::sDetailsLevel{1};
-constinit std::atomic<uint32_t> ULogger::sNormalDetailsMask{~uint32_t{0}};
+constinit Setting ULogger::sMode{2};
+constinit Setting ULogger::sDetailsLevel{2};
+constinit Setting ULogger::sNormalDetailsMask{~uint32_t{0}};
 constinit std::atomic<ULogger*> ULogger::sULogger{nullptr};
 
 namespace {
@@ -20,10 +21,9 @@ ULogger& defaultSink() {
     return *logger;
 }
 
-void loadProperty(const char* key, std::atomic<uint32_t>& value) {
-    const auto byDefault = static_cast<int32_t>(value.load(std::memory_order_relaxed));
-    value.store(static_cast<uint32_t>(Properties::property_get_int32(key, byDefault)),
-                std::memory_order_relaxed);
+void loadProperty(const char* key, Setting& setting) {
+    const auto byDefault = static_cast<int32_t>(uint32_t{setting});
+    setting = static_cast<uint32_t>(Properties::property_get_int32(key, byDefault));
 }
 
 bool loadState() {
@@ -37,6 +37,12 @@ bool loadState() {
 [[maybe_unused]] const bool gStateLoaded = loadState();
 
 }  // namespace
+
+uint32_t Setting::exchange(uint32_t value) {
+    const uint32_t before = mValue.exchange(value, std::memory_order_relaxed);
+    NSCorvane::Gates::update();
+    return before;
+}
 
 ULogger& sink() {
     ULogger* const installed = ULogger::sULogger.load(std::memory_order_acquire);

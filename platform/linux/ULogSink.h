@@ -15,7 +15,7 @@ inline constexpr size_t kTextMax = 1023;
 ULogger& sink();
 
 inline bool unifiedLogOn() {
-    return (ULogger::sMode.load(std::memory_order_relaxed) & 0xA) != 0;
+    return (ULogger::sMode & 0xA) != 0;
 }
 
 }  // namespace NSVista::Utils::ULog

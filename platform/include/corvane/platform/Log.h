@@ -11,14 +11,15 @@
 #include <cstdint>
 
 #include <corvane/platform/Export.h>
+#include <corvane/platform/Gates.h>
 #include <corvane/platform/Properties.h>
 #include <corvane/platform/Service.h>
 #include <corvane/platform/ULog.h>
 
 namespace NSVista::NSCorvane::log {
 
-inline constexpr uint32_t kModuleWord = 0x8002000;
-inline constexpr uint32_t kModule = kModuleWord + 1;
+/** Module identifier of the library's lines. */
+inline constexpr uint32_t kModule = 0x8002001;
 
 /** A severity's codes in the two sinks. */
 struct Severity {
@@ -41,18 +42,16 @@ struct Site {
 
 /** The unified log's detail level is at least @p level. */
 inline bool detailed(uint32_t level) {
-    return Utils::ULog::ULogger::sDetailsLevel.load(std::memory_order_relaxed) >= level;
+    return Utils::ULog::ULogger::sDetailsLevel >= level;
 }
 
-/** Debug lines of the library pass. */
-inline bool debugging() {
-    return detailed(5) &&
-           (Utils::ULog::ULogger::sNormalDetailsMask.load(std::memory_order_relaxed) &
-            kModuleWord) == kModuleWord;
+/** Lines of @p severity pass. */
+inline bool passes(const Severity& severity) {
+    return __builtin_expect(gGates.logged(severity.unified), false);
 }
 
 inline uint32_t mode() {
-    return Utils::ULog::ULogger::sMode.load(std::memory_order_relaxed);
+    return Utils::ULog::ULogger::sMode;
 }
 
 /** The debug print is on for @p severity. */
@@ -74,7 +73,8 @@ void checkFormat(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /** Writes one statement to the sinks that are on. */
 template <class... Args>
-void write(const Severity& severity, const Site& site, const char* format, Args... args) {
+[[gnu::cold, gnu::noinline]] void write(const Severity& severity, const Site& site,
+                                        const char* format, Args... args) {
     if (debugPrintOn(severity)) {
         char composed[1024] = {};
         if (composeFormat(composed, severity, site, format))
@@ -87,7 +87,8 @@ void write(const Severity& severity, const Site& site, const char* format, Args.
 /** Writes one error; the debug print's line carries its location. @p located is @p format with it.
  */
 template <class... Args>
-void writeError(const Site& site, const char* format, const char* located, Args... args) {
+[[gnu::cold, gnu::noinline]] void writeError(const Site& site, const char* format,
+                                             const char* located, Args... args) {
     if (debugPrintOn(kError)) {
         char composed[1024] = {};
         if (composeFormat(composed, kError, site, located))
@@ -128,11 +129,12 @@ template <class... Args>
     if (false)                         \
     ::NSVista::NSCorvane::log::checkFormat("[%s] " format, "" __VA_OPT__(, ) __VA_ARGS__)
 
-#define CORVANE_LOG_GATED(gate, severity, function, format, ...)                         \
+#define CORVANE_LOG_GATED(severity, function, format, ...)                               \
     do {                                                                                 \
         CORVANE_LOG_CHECK(format, __VA_ARGS__);                                          \
-        if (gate)                                                                        \
-            ::NSVista::NSCorvane::log::write(severity, CORVANE_LOG_SITE(function),       \
+        if (::NSVista::NSCorvane::log::passes(::NSVista::NSCorvane::log::severity))      \
+            ::NSVista::NSCorvane::log::write(::NSVista::NSCorvane::log::severity,        \
+                                             CORVANE_LOG_SITE(function),                 \
                                              "[%s] " format __VA_OPT__(, ) __VA_ARGS__); \
     } while (false)
 
@@ -144,39 +146,32 @@ template <class... Args>
                                              __VA_ARGS__);                             \
     } while (false)
 
-/** Logs a failure that the caller survives. */
-#define CORVANE_LOGE(...) CORVANE_LOG_LOCATED(writeError, CORVANE_LOG_FUNCTION, __VA_ARGS__)
-
-/** Logs a programming or consistency error and aborts the process with its location. */
-#define CORVANE_FATAL(...) CORVANE_LOG_LOCATED(fatal, CORVANE_LOG_FUNCTION, __VA_ARGS__)
-
-#define CORVANE_LOGW(...)                                                                          \
-    CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(2), ::NSVista::NSCorvane::log::kWarning, \
-                      CORVANE_LOG_FUNCTION, __VA_ARGS__)
-#define CORVANE_LOGI(...)                                                                       \
-    CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(3), ::NSVista::NSCorvane::log::kInfo, \
-                      CORVANE_LOG_FUNCTION, __VA_ARGS__)
-/** Logs a key lifecycle event. */
-#define CORVANE_LOGK(...)                                     \
-    CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(4), \
-                      ::NSVista::NSCorvane::log::kKeyEvent, CORVANE_LOG_FUNCTION, __VA_ARGS__)
-#define CORVANE_LOGD(...)                                                                        \
-    CORVANE_LOG_GATED(::NSVista::NSCorvane::log::debugging(), ::NSVista::NSCorvane::log::kDebug, \
-                      CORVANE_LOG_FUNCTION, __VA_ARGS__)
-
 /**
  * @name On behalf of an operation
- * The same for helpers that log under the name of the operation they serve.
+ * For helpers that log under the name of the operation they serve.
  * @{
  */
+/** Logs a failure that the caller survives. */
 #define CORVANE_LOGE_AS(function, ...) CORVANE_LOG_LOCATED(writeError, function, __VA_ARGS__)
+/** Logs a programming or consistency error and aborts the process with its location. */
 #define CORVANE_FATAL_AS(function, ...) CORVANE_LOG_LOCATED(fatal, function, __VA_ARGS__)
-#define CORVANE_LOGW_AS(function, ...)                                                             \
-    CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(2), ::NSVista::NSCorvane::log::kWarning, \
-                      function, __VA_ARGS__)
-#define CORVANE_LOGI_AS(function, ...)                                                          \
-    CORVANE_LOG_GATED(::NSVista::NSCorvane::log::detailed(3), ::NSVista::NSCorvane::log::kInfo, \
-                      function, __VA_ARGS__)
+#define CORVANE_LOGW_AS(function, ...) CORVANE_LOG_GATED(kWarning, function, __VA_ARGS__)
+#define CORVANE_LOGI_AS(function, ...) CORVANE_LOG_GATED(kInfo, function, __VA_ARGS__)
+/** Logs a key lifecycle event. */
+#define CORVANE_LOGK_AS(function, ...) CORVANE_LOG_GATED(kKeyEvent, function, __VA_ARGS__)
+#define CORVANE_LOGD_AS(function, ...) CORVANE_LOG_GATED(kDebug, function, __VA_ARGS__)
+/** @} */
+
+/**
+ * @name Under the name of the function they stand in
+ * @{
+ */
+#define CORVANE_LOGE(...) CORVANE_LOGE_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
+#define CORVANE_FATAL(...) CORVANE_FATAL_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
+#define CORVANE_LOGW(...) CORVANE_LOGW_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
+#define CORVANE_LOGI(...) CORVANE_LOGI_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
+#define CORVANE_LOGK(...) CORVANE_LOGK_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
+#define CORVANE_LOGD(...) CORVANE_LOGD_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
 /** @} */
 
 /**

@@ -9,10 +9,11 @@
 #include <cstdio>
 
 #include <corvane/platform/Export.h>
+#include <corvane/platform/Gates.h>
 
 namespace NSVista::NSCorvane::trace {
 
-/** @private The enabled tags and trace bits, here so that a section that is off costs no call. */
+/** @private The enabled tags and trace bits; sections test what Gates makes of them. */
 extern CORVANE_EXPORT std::atomic<uint64_t> gEnabledTags;
 /** @private */
 extern CORVANE_EXPORT std::atomic<uint64_t> gTraceBits;
@@ -26,7 +27,7 @@ extern CORVANE_EXPORT std::atomic<uint64_t> gTraceBits;
  * @name Trace backend
  * The backend is chosen by trace::start() or, at load, by the property
  * "persist.vendor.camera.corvane.trace" ("none", "marker" or the path of a file). With none, a
- * section costs two integer tests. Any thread.
+ * section costs one integer test at each end. Any thread.
  * @{
  */
 inline uint64_t atrace_get_enabled_tags() {
@@ -71,10 +72,12 @@ CORVANE_EXPORT void stop();
 
 }  // namespace trace
 
-/** Whether an area is traced now. @param bit the area's bit number. */
+/**
+ * Whether an area is traced now: the trace bits have its bit and the enabled tags the camera's.
+ * @param bit the area's bit number.
+ */
 inline bool traceEnabled(unsigned bit) {
-    return (get_corvane_enabled_tracebits() >> bit & 1) != 0 &&
-           (atrace_get_enabled_tags() & ATRACE_TAG_CAMERA) != 0;
+    return __builtin_expect(gGates.traced(bit), false);
 }
 
 /**
@@ -99,26 +102,31 @@ private:
     char mText[128] = {};
 };
 
-/** A section of the calling thread, from construction to destruction or end(). */
+/**
+ * A section of the calling thread, from construction to destruction or end().
+ *
+ * Inlined also where the compiler thinks it too cold (unwinding): one call would put the object
+ * into memory, and every section's end would read its area from there.
+ */
 class TraceSection {
 public:
-    TraceSection(unsigned bit, const char* name) : mBit(bit) {
+    [[gnu::always_inline]] TraceSection(unsigned bit, const char* name) : mBit(bit) {
         if (traceEnabled(bit))
             atrace_begin_body(name);
     }
     /** @param makeName returns a TraceName; called only when the area is traced. */
     template <class MakeName>
     requires requires(MakeName make) { make().text(); }
-    TraceSection(unsigned bit, MakeName makeName) : mBit(bit) {
+    [[gnu::always_inline]] TraceSection(unsigned bit, MakeName makeName) : mBit(bit) {
         if (traceEnabled(bit))
             atrace_begin_body(makeName().text());
     }
-    ~TraceSection() { end(); }
+    [[gnu::always_inline]] ~TraceSection() { end(); }
     TraceSection(const TraceSection&) = delete;
     TraceSection& operator=(const TraceSection&) = delete;
 
     /** Ends the section early. */
-    void end() {
+    [[gnu::always_inline]] void end() {
         if (mOpen && traceEnabled(mBit))
             atrace_end_body();
         mOpen = false;

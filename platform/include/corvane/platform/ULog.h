@@ -66,6 +66,25 @@ enum Level : int {
     kVerbose = 6,
 };
 
+/** A number that steers the log. Read and set by any thread; it holds from the next line on. */
+class CORVANE_EXPORT Setting {
+public:
+    constexpr explicit Setting(uint32_t value) : mValue(value) {}
+    Setting(const Setting&) = delete;
+    Setting& operator=(const Setting&) = delete;
+
+    operator uint32_t() const { return mValue.load(std::memory_order_relaxed); }
+    Setting& operator=(uint32_t value) {
+        exchange(value);
+        return *this;
+    }
+    /** @return the value before. */
+    uint32_t exchange(uint32_t value);
+
+private:
+    std::atomic<uint32_t> mValue;
+};
+
 /**
  * A sink of the unified log, and the log's process-wide state.
  *
@@ -76,11 +95,11 @@ enum Level : int {
 class CORVANE_EXPORT ULogger {
 public:
     /** Enabled sinks: bit 0 the debug print, bit 1 or bit 3 the unified log. */
-    static std::atomic<uint32_t> sMode;
+    static Setting sMode;
     /** Highest unified-log level that passes; errors always pass. */
-    static std::atomic<uint32_t> sDetailsLevel;
+    static Setting sDetailsLevel;
     /** Module bits whose debug lines pass. */
-    static std::atomic<uint32_t> sNormalDetailsMask;
+    static Setting sNormalDetailsMask;
     /** The sink; never null. */
     static std::atomic<ULogger*> sULogger;
 
