@@ -18,7 +18,7 @@
 #include <deque>
 #include <vector>
 
-#include "FakeKernel.h"
+#include "support/FakeKernel.h"
 #include "vengine-desc.h"
 
 namespace {

@@ -1,0 +1,30 @@
+# What the folders of tests share. How long a test may take is the runner's to say (the presets do, and
+# ctest --timeout before them): a property would overrule it.
+find_package(GTest REQUIRED)
+find_program(QEMU qemu-system-x86_64)
+if(NOT QEMU)
+    message(STATUS "no tests on a real kernel: qemu-system-x86_64 is missing")
+endif()
+include(GoogleTest)
+
+# corvane_test(NAME SOURCES...): a program of tests; the caller links the libraries under test.
+function(corvane_test name)
+    add_executable(${name} ${ARGN})
+    target_link_libraries(${name} PRIVATE corvane_build corvane_test_support GTest::gtest_main)
+    gtest_discover_tests(${name})
+endfunction()
+
+# corvane_vm_test(NAME MODULE [OPTION...] -- COMMAND...): a test of the label vm, in a guest with the
+# driver of that name; the guest's runner limits its time. Not there without QEMU, and not on the
+# virtual engine's driver where that is not built.
+function(corvane_vm_test name module)
+    if(NOT QEMU OR module STREQUAL vengine AND NOT TARGET vengine_module)
+        return()
+    endif()
+    if(module STREQUAL vengine)
+        set(module ${PROJECT_BINARY_DIR}/driver/vengine.ko)
+    endif()
+    add_test(NAME vm.${name} WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
+        COMMAND ${PROJECT_SOURCE_DIR}/tools/vm/run --module ${module} ${ARGN})
+    set_tests_properties(vm.${name} PROPERTIES LABELS vm TIMEOUT 400)
+endfunction()
