@@ -456,7 +456,7 @@ void vengine_debugfs_init(struct vengine *engine)
 /* Once everything that the files show is there. */
 void vengine_debugfs_register(struct vengine *engine)
 {
-	struct dentry *dir = debugfs_create_dir(VENGINE_DRIVER, NULL);
+	struct dentry *dir = debugfs_create_dir(dev_name(engine->dev), NULL);
 
 	engine->debugfs = dir;
 	debugfs_create_file("fault", 0600, dir, engine, &vengine_fault_fops);

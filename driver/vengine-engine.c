@@ -419,7 +419,7 @@ void vengine_engine_cleanup(struct vengine *engine)
 
 /* Media requests */
 
-/* A request holds the module: its descriptor may outlive every other one. */
+/* A request holds engine and module: its descriptor may outlive every other one. */
 static struct media_request *vengine_req_alloc(struct media_device *mdev)
 {
 	struct vengine *engine = container_of(mdev, struct vengine, mdev);
@@ -432,13 +432,17 @@ static struct media_request *vengine_req_alloc(struct media_device *mdev)
 		module_put(THIS_MODULE);
 		return NULL;
 	}
+	v4l2_device_get(&engine->v4l2_dev);
 	vengine_count(VENGINE_COUNT_REQUESTS, 1);
 	return &request->req;
 }
 
 static void vengine_req_free(struct media_request *req)
 {
+	struct vengine *engine = container_of(req->mdev, struct vengine, mdev);
+
 	kfree(container_of(req, struct vengine_request, req));
+	v4l2_device_put(&engine->v4l2_dev);
 	vengine_count(VENGINE_COUNT_REQUESTS, -1);
 	module_put(THIS_MODULE);
 }

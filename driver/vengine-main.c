@@ -1,20 +1,56 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * The virtual engine: module, platform device, media device and topology.
+ * The virtual engine: module, platform devices, media devices and their topology.
  */
+#include <linux/delay.h>
 #include <linux/module.h>
 #include <linux/platform_device.h>
+#include <linux/rcupdate.h>
 #include <linux/slab.h>
 
 #include "vengine.h"
 
+#define VENGINE_MAX_DEVICES 8
+
 static char *model = VENGINE_MODEL;
 module_param(model, charp, 0444);
-MODULE_PARM_DESC(model, "model name of the media device");
+MODULE_PARM_DESC(model, "model name of the media devices");
+
+static int n_devs = 1;
+module_param(n_devs, int, 0444);
+MODULE_PARM_DESC(n_devs, "media devices, all of the same model");
+
+static unsigned int fail_probe;
+module_param(fail_probe, uint, 0444);
+MODULE_PARM_DESC(fail_probe, "step of a device's set-up that fails, a moment late");
 
 atomic_t vengine_counts[VENGINE_COUNTS];
 
-static int vengine_core_init(struct vengine *engine)
+/*
+ * To be asked before each step of the set-up. The pause lets whoever waits for the nodes open those
+ * that are there.
+ */
+static int vengine_step(struct vengine *engine)
+{
+	if (++engine->steps != fail_probe)
+		return 0;
+	msleep(100);
+	return -ENOMEM;
+}
+
+/* Topology */
+
+static int vengine_add_entity(struct vengine *engine, struct media_entity *entity)
+{
+	int ret = vengine_step(engine) ?: media_device_register_entity(&engine->mdev, entity);
+
+	/* A failed registration leaves the entity looking as if it were to be unregistered. */
+	if (ret)
+		entity->graph_obj.mdev = NULL;
+	return ret;
+}
+
+static int vengine_add_core(struct vengine *engine)
 {
 	struct media_entity *core = &engine->core;
 	unsigned int pad;
@@ -28,7 +64,7 @@ static int vengine_core_init(struct vengine *engine)
 	core->function = VENGINE_CORE_FUNCTION;
 	core->name = VENGINE_CORE_ENTITY;
 	ret = media_entity_pads_init(core, VENGINE_CORE_PADS, engine->core_pads);
-	return ret ?: media_device_register_entity(&engine->mdev, core);
+	return ret ?: vengine_add_entity(engine, core);
 }
 
 static int vengine_link_port(struct vengine *engine, u32 n)
@@ -41,49 +77,129 @@ static int vengine_link_port(struct vengine *engine, u32 n)
 	return media_create_pad_link(&engine->core, n, node, 0, flags);
 }
 
-static int vengine_topology_init(struct vengine *engine)
+static int vengine_add_entities(struct vengine *engine)
 {
 	u32 n;
 	int ret;
 
-	ret = vengine_core_init(engine);
-	if (ret)
-		return ret;
-	ret = vengine_subdev_init(engine);
-	if (ret)
-		return ret;
-	for (n = 0; n < VENGINE_PORTS; n++) {
+	ret = vengine_add_core(engine);
+	if (!ret)
+		ret = vengine_subdev_init(engine);
+	if (!ret)
+		ret = vengine_add_entity(engine, &engine->sd.entity);
+	if (!ret)
+		ret = media_create_pad_link(&engine->sd.entity, 0, &engine->core,
+					    VENGINE_SUBDEV_CORE_PAD,
+					    MEDIA_LNK_FL_ENABLED | MEDIA_LNK_FL_IMMUTABLE);
+	for (n = 0; n < VENGINE_PORTS && !ret; n++) {
 		ret = vengine_port_init(engine, n);
-		if (ret)
-			return ret;
-		ret = vengine_link_port(engine, n);
-		if (ret)
-			return ret;
+		if (!ret)
+			ret = vengine_add_entity(engine, &engine->ports[n].vdev.entity);
+		if (!ret)
+			ret = vengine_link_port(engine, n);
 	}
-	ret = media_create_pad_link(&engine->sd.entity, 0, &engine->core, VENGINE_SUBDEV_CORE_PAD,
-				    MEDIA_LNK_FL_ENABLED | MEDIA_LNK_FL_IMMUTABLE);
+	return ret;
+}
+
+/* Nodes */
+
+static int vengine_add_interface(struct vengine *engine, struct media_entity *entity,
+				 struct video_device *vdev, u32 type)
+{
+	int ret = vengine_step(engine);
+
 	if (ret)
 		return ret;
-	ret = vengine_subdev_register_node(engine);
-	return ret ?: media_device_register(&engine->mdev);
+	entity->info.dev.major = VIDEO_MAJOR;
+	entity->info.dev.minor = vdev->minor;
+	vdev->intf_devnode = media_devnode_create(&engine->mdev, type, 0, VIDEO_MAJOR,
+						  vdev->minor);
+	if (!vdev->intf_devnode ||
+	    !media_create_intf_link(entity, &vdev->intf_devnode->intf,
+				    MEDIA_LNK_FL_ENABLED | MEDIA_LNK_FL_IMMUTABLE))
+		return -ENOMEM;
+	return 0;
+}
+
+/*
+ * Nodes can be opened once they are registered, so they come last. The core would add their
+ * entities and interfaces as well, but ignores failures to do so and then trips over what is not
+ * there. It is therefore shown the media device only when all is complete.
+ */
+static int vengine_add_nodes(struct vengine *engine)
+{
+	u32 n;
+	int ret;
+
+	ret = vengine_step(engine) ?: vengine_subdev_register(engine);
+	if (!ret)
+		ret = vengine_add_interface(engine, &engine->sd.entity, engine->sd.devnode,
+					    MEDIA_INTF_T_V4L_SUBDEV);
+	for (n = 0; n < VENGINE_PORTS && !ret; n++) {
+		struct video_device *vdev = &engine->ports[n].vdev;
+
+		ret = vengine_step(engine) ?: video_register_device(vdev, VFL_TYPE_VIDEO, -1);
+		if (!ret)
+			ret = vengine_add_interface(engine, &vdev->entity, vdev,
+						    MEDIA_INTF_T_V4L_VIDEO);
+	}
+	if (!ret)
+		ret = vengine_step(engine) ?: media_device_register(&engine->mdev);
+	if (!ret)
+		engine->v4l2_dev.mdev = &engine->mdev;
+	return ret;
+}
+
+static void vengine_remove_interface(struct video_device *vdev)
+{
+	if (vdev && vdev->intf_devnode) {
+		media_devnode_remove(vdev->intf_devnode);
+		vdev->intf_devnode = NULL;
+	}
+}
+
+/* What the core does itself once it has been shown the media device. */
+static void vengine_remove_entities(struct vengine *engine)
+{
+	u32 n;
+
+	for (n = 0; n < VENGINE_PORTS; n++) {
+		vengine_remove_interface(&engine->ports[n].vdev);
+		media_device_unregister_entity(&engine->ports[n].vdev.entity);
+	}
+	vengine_remove_interface(engine->sd.devnode);
+	media_device_unregister_entity(&engine->sd.entity);
+	media_device_unregister_entity(&engine->core);
+}
+
+/* Device */
+
+/* The last node, request or fence is gone, and the device. */
+static void vengine_release(struct v4l2_device *v4l2_dev)
+{
+	struct vengine *engine = container_of(v4l2_dev, struct vengine, v4l2_dev);
+
+	media_device_cleanup(&engine->mdev);
+	put_device(engine->dev);
+	kfree(engine);
 }
 
 /* Undoes all that probing may have done, whether or not it has come so far. */
-static void vengine_teardown(struct vengine *engine)
+static void vengine_teardown(void *data)
 {
+	struct vengine *engine = data;
 	u32 n;
 
 	vengine_debugfs_cleanup(engine);
 	media_device_unregister(&engine->mdev);
+	if (!engine->v4l2_dev.mdev)
+		vengine_remove_entities(engine);
 	for (n = 0; n < VENGINE_PORTS; n++)
-		vengine_port_cleanup(&engine->ports[n]);
-	vengine_subdev_cleanup(engine);
+		vb2_video_unregister_device(&engine->ports[n].vdev);
+	v4l2_device_unregister_subdev(&engine->sd);
 	vengine_engine_cleanup(engine);
-	media_device_unregister_entity(&engine->core);
 	v4l2_device_unregister(&engine->v4l2_dev);
-	media_device_cleanup(&engine->mdev);
-	WARN_ON(!vengine_counts_clean());
-	kfree(engine);
+	v4l2_device_put(&engine->v4l2_dev);
 }
 
 static int vengine_probe(struct platform_device *pdev)
@@ -94,70 +210,94 @@ static int vengine_probe(struct platform_device *pdev)
 	engine = kzalloc(sizeof(*engine), GFP_KERNEL);
 	if (!engine)
 		return -ENOMEM;
-	engine->dev = &pdev->dev;
+	engine->dev = get_device(&pdev->dev);
 	engine->mdev.dev = &pdev->dev;
 	engine->mdev.ops = &vengine_media_ops;
 	engine->mdev.hw_revision = 1;
 	strscpy(engine->mdev.model, model, sizeof(engine->mdev.model));
 	media_device_init(&engine->mdev);
-	engine->v4l2_dev.mdev = &engine->mdev;
+	engine->v4l2_dev.release = vengine_release;
+	vengine_debugfs_init(engine);
 	ret = v4l2_device_register(&pdev->dev, &engine->v4l2_dev);
 	if (ret) {
-		media_device_cleanup(&engine->mdev);
-		kfree(engine);
+		vengine_release(&engine->v4l2_dev);
 		return ret;
 	}
-	vengine_debugfs_init(engine);
-	ret = vengine_engine_init(engine);
+	ret = devm_add_action_or_reset(&pdev->dev, vengine_teardown, engine);
 	if (!ret)
-		ret = vengine_topology_init(engine);
-	if (ret) {
-		vengine_teardown(engine);
-		return ret;
-	}
-	vengine_debugfs_register(engine);
-	platform_set_drvdata(pdev, engine);
-	return 0;
-}
-
-static int vengine_remove(struct platform_device *pdev)
-{
-	vengine_teardown(platform_get_drvdata(pdev));
-	return 0;
+		ret = vengine_step(engine) ?: vengine_engine_init(engine);
+	if (!ret)
+		ret = vengine_add_entities(engine);
+	if (!ret)
+		ret = vengine_add_nodes(engine);
+	if (!ret)
+		vengine_debugfs_register(engine);
+	return ret;
 }
 
 static struct platform_driver vengine_driver = {
 	.probe = vengine_probe,
-	.remove = vengine_remove,
 	.driver = {
 		.name = VENGINE_DRIVER,
+		.probe_type = PROBE_FORCE_SYNCHRONOUS,
 		/* Open nodes, requests and fences hold the module, but nothing holds a binding. */
 		.suppress_bind_attrs = true,
 	},
 };
 
-static struct platform_device *vengine_device;
+/* Module */
+
+static struct platform_device *vengine_devices[VENGINE_MAX_DEVICES];
+
+static int vengine_add_device(int n)
+{
+	struct platform_device *pdev;
+
+	pdev = platform_device_register_simple(VENGINE_DRIVER, n ? n : PLATFORM_DEVID_NONE, NULL,
+					       0);
+	if (IS_ERR(pdev))
+		return PTR_ERR(pdev);
+	vengine_devices[n] = pdev;
+	return pdev->dev.driver ? 0 : -ENODEV;
+}
+
+/*
+ * A load that fails frees the module whoever still has a node open, so this waits for them. What
+ * drops a reference to the module as its last act has to return before the code goes.
+ */
+static void vengine_unload(void)
+{
+	int n;
+
+	for (n = 0; n < VENGINE_MAX_DEVICES; n++)
+		platform_device_unregister(vengine_devices[n]);
+	platform_driver_unregister(&vengine_driver);
+	while (module_refcount(THIS_MODULE) > 1)
+		msleep(20);
+	synchronize_rcu_tasks();
+	WARN_ON(!vengine_counts_clean());
+}
 
 static int __init vengine_module_init(void)
 {
-	int ret = platform_driver_register(&vengine_driver);
+	int n, ret;
 
+	if (n_devs < 1 || n_devs > VENGINE_MAX_DEVICES)
+		return -EINVAL;
+	ret = platform_driver_register(&vengine_driver);
 	if (ret)
 		return ret;
-	vengine_device = platform_device_register_simple(VENGINE_DRIVER, PLATFORM_DEVID_NONE,
-							 NULL, 0);
-	if (IS_ERR(vengine_device)) {
-		platform_driver_unregister(&vengine_driver);
-		return PTR_ERR(vengine_device);
-	}
-	return 0;
+	for (n = 0; n < n_devs && !ret; n++)
+		ret = vengine_add_device(n);
+	if (ret)
+		vengine_unload();
+	return ret;
 }
 module_init(vengine_module_init);
 
 static void __exit vengine_module_exit(void)
 {
-	platform_device_unregister(vengine_device);
-	platform_driver_unregister(&vengine_driver);
+	vengine_unload();
 }
 module_exit(vengine_module_exit);
 

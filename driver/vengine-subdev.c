@@ -3,6 +3,7 @@
  * The virtual engine's sub-device: frame-sync events, controls and the private ioctls, whose
  * answers vengine-desc.h lists.
  */
+#include <linux/compat.h>
 #include <linux/dma-buf.h>
 #include <linux/dma-fence.h>
 #include <linux/file.h>
@@ -20,31 +21,45 @@
 
 #define VENGINE_MEMORY_SIZE 4096
 
-/* A dma-buf in a table of a file; coherence is 0 in the KVA table. */
+/* What the structures of all that a file holds begin with: whose it is. */
+struct vengine_holding {
+	struct list_head node;		/* in vengine_table.holdings */
+	u64 user;			/* named by S_INIT_INFO */
+	pid_t process;
+};
+
+/* Holdings of one kind, and how many they are with those that are being obtained. */
+struct vengine_table {
+	struct list_head holdings;
+	unsigned int count;
+};
+
+/* A dma-buf; coherence is 0 in the KVA table. */
 struct vengine_mapping {
-	struct list_head node;
+	struct vengine_holding holding;	/* first */
 	struct dma_buf *dmabuf;
 	u8 coherence;
 };
 
 struct vengine_memory {
-	struct list_head node;
+	struct vengine_holding holding;	/* first */
 	struct kvxdip_memory flags;
 	void *data;
 };
 
 struct vengine_fence {
 	struct dma_fence base;		/* first: freed by it */
-	struct list_head node;
+	struct vengine_holding holding;
+	struct list_head pending;	/* in vengine.pending until it is signalled */
 	spinlock_t lock;		/* the base's */
 };
 
-/* What one open file of the sub-device holds. */
+/* One open file of the sub-device. */
 struct vengine_file {
 	struct list_head node;
 	struct v4l2_fh *fh;
-	struct list_head kva, iova, memory, fences;
-	unsigned int num_kva, num_iova, num_memory, num_fences;
+	u64 user;
+	struct vengine_table kva, iova, memory, fences;
 };
 
 union vengine_args {
@@ -57,14 +72,55 @@ union vengine_args {
 	struct kvxdip_user_resource user;
 };
 
+/* Tables */
+
+/*
+ * Takes room for what is about to be obtained, outside the lock: that may sleep for as long as it
+ * likes. It is then either kept or given back.
+ */
+static int vengine_reserve(struct vengine *engine, struct vengine_table *table, unsigned int count,
+			   unsigned int limit)
+{
+	int ret = 0;
+
+	mutex_lock(&engine->sub_lock);
+	if (count > limit - table->count)
+		ret = -ENOSPC;
+	else
+		table->count += count;
+	mutex_unlock(&engine->sub_lock);
+	return ret;
+}
+
+static void vengine_give_back(struct vengine *engine, struct vengine_table *table,
+			      unsigned int count)
+{
+	mutex_lock(&engine->sub_lock);
+	table->count -= count;
+	mutex_unlock(&engine->sub_lock);
+}
+
+static void vengine_keep(struct vengine *engine, struct vengine_file *file,
+			 struct vengine_table *table, struct list_head *obtained)
+{
+	struct vengine_holding *holding;
+
+	mutex_lock(&engine->sub_lock);
+	list_for_each_entry(holding, obtained, node) {
+		holding->user = file->user;
+		holding->process = task_tgid_nr(current);
+	}
+	list_splice_tail(obtained, &table->holdings);
+	mutex_unlock(&engine->sub_lock);
+}
+
 /* Mappings */
 
 static void vengine_free_mappings(struct list_head *mappings, enum vengine_count what)
 {
 	struct vengine_mapping *mapping, *next;
 
-	list_for_each_entry_safe(mapping, next, mappings, node) {
-		list_del(&mapping->node);
+	list_for_each_entry_safe(mapping, next, mappings, holding.node) {
 		dma_buf_put(mapping->dmabuf);
 		kfree(mapping);
 		vengine_count(what, -1);
@@ -86,7 +142,7 @@ static int vengine_map_fd(struct list_head *mappings, enum vengine_count what, s
 	}
 	mapping->dmabuf = dmabuf;
 	mapping->coherence = coherence;
-	list_add_tail(&mapping->node, mappings);
+	list_add_tail(&mapping->holding.node, mappings);
 	vengine_count(what, 1);
 	return 0;
 }
@@ -100,9 +156,9 @@ static int vengine_find_fd(struct list_head *from, struct list_head *to, s32 fd,
 
 	if (IS_ERR(dmabuf))
 		return PTR_ERR(dmabuf);
-	list_for_each_entry(mapping, from, node) {
+	list_for_each_entry(mapping, from, holding.node) {
 		if (mapping->dmabuf == dmabuf && mapping->coherence == coherence) {
-			list_move_tail(&mapping->node, to);
+			list_move_tail(&mapping->holding.node, to);
 			ret = 0;
 			break;
 		}
@@ -111,109 +167,125 @@ static int vengine_find_fd(struct list_head *from, struct list_head *to, s32 fd,
 	return ret;
 }
 
-static int vengine_add_kva(struct vengine *engine, struct vengine_file *file,
-			   union vengine_args *args)
+/* The records that descriptors come from are packed. */
+static s32 vengine_fd_at(const void *fds, unsigned int n)
 {
-	LIST_HEAD(added);
+	s32 fd;
+
+	memcpy(&fd, fds + n * sizeof(fd), sizeof(fd));
+	return fd;
+}
+
+/* All of the descriptors, or none. */
+static int vengine_map_fds(struct vengine *engine, struct vengine_file *file,
+			   struct vengine_table *table, enum vengine_count what,
+			   unsigned int limit, const void *fds, u8 count, u8 coherence)
+{
+	LIST_HEAD(obtained);
+	int ret = vengine_reserve(engine, table, count, limit);
+	u8 n;
+
+	if (ret)
+		return ret;
+	for (n = 0; n < count && !ret; n++)
+		ret = vengine_map_fd(&obtained, what, vengine_fd_at(fds, n), coherence);
+	if (ret) {
+		vengine_free_mappings(&obtained, what);
+		vengine_give_back(engine, table, count);
+		return ret;
+	}
+	vengine_keep(engine, file, table, &obtained);
+	return 0;
+}
+
+static int vengine_unmap_fds(struct vengine *engine, struct vengine_table *table,
+			     enum vengine_count what, const void *fds, u8 count, u8 coherence)
+{
+	LIST_HEAD(gone);
 	int ret = 0;
 	u8 n;
 
+	mutex_lock(&engine->sub_lock);
+	for (n = 0; n < count && !ret; n++)
+		ret = vengine_find_fd(&table->holdings, &gone, vengine_fd_at(fds, n), coherence);
+	if (ret)
+		list_splice_tail_init(&gone, &table->holdings);
+	else
+		table->count -= count;
+	mutex_unlock(&engine->sub_lock);
+	vengine_free_mappings(&gone, what);
+	return ret;
+}
+
+static int vengine_add_kva(struct vengine *engine, struct vengine_file *file,
+			   union vengine_args *args)
+{
 	if (!args->kva.count || args->kva.count > KVXDIP_KVA_MAX)
 		return -EINVAL;
-	if (file->num_kva + args->kva.count > VENGINE_MAX_KVA)
-		return -ENOSPC;
-	for (n = 0; n < args->kva.count && !ret; n++)
-		ret = vengine_map_fd(&added, VENGINE_COUNT_KVA, args->kva.fd[n], 0);
-	if (ret) {
-		vengine_free_mappings(&added, VENGINE_COUNT_KVA);
-		return ret;
-	}
-	list_splice_tail(&added, &file->kva);
-	file->num_kva += args->kva.count;
-	return 0;
+	return vengine_map_fds(engine, file, &file->kva, VENGINE_COUNT_KVA, VENGINE_MAX_KVA,
+			       args->kva.fd, args->kva.count, 0);
 }
 
 static int vengine_del_kva(struct vengine *engine, struct vengine_file *file,
 			   union vengine_args *args)
 {
-	LIST_HEAD(gone);
-	int ret = 0;
-	u8 n;
-
 	if (!args->kva.count || args->kva.count > KVXDIP_KVA_MAX)
 		return -EINVAL;
-	for (n = 0; n < args->kva.count && !ret; n++)
-		ret = vengine_find_fd(&file->kva, &gone, args->kva.fd[n], 0);
-	if (ret) {
-		list_splice_tail(&gone, &file->kva);
-		return ret;
-	}
-	vengine_free_mappings(&gone, VENGINE_COUNT_KVA);
-	file->num_kva -= args->kva.count;
-	return 0;
+	return vengine_unmap_fds(engine, &file->kva, VENGINE_COUNT_KVA, args->kva.fd,
+				 args->kva.count, 0);
 }
 
 static int vengine_acquire_iova(struct vengine *engine, struct vengine_file *file,
 				union vengine_args *args)
 {
-	int ret;
-
 	if (args->iova.count != 1 || args->iova.coherence > 1)
 		return -EINVAL;
-	if (file->num_iova == VENGINE_MAX_IOVA)
-		return -ENOSPC;
-	ret = vengine_map_fd(&file->iova, VENGINE_COUNT_IOVA, args->iova.fd, args->iova.coherence);
-	if (!ret)
-		file->num_iova++;
-	return ret;
+	return vengine_map_fds(engine, file, &file->iova, VENGINE_COUNT_IOVA, VENGINE_MAX_IOVA,
+			       &args->iova.fd, 1, args->iova.coherence);
 }
 
 static int vengine_release_iova(struct vengine *engine, struct vengine_file *file,
 				union vengine_args *args)
 {
-	LIST_HEAD(gone);
-	int ret;
-
 	if (args->iova.count != 1 || args->iova.coherence > 1)
 		return -EINVAL;
-	ret = vengine_find_fd(&file->iova, &gone, args->iova.fd, args->iova.coherence);
-	if (ret)
-		return ret;
-	vengine_free_mappings(&gone, VENGINE_COUNT_IOVA);
-	file->num_iova--;
-	return 0;
+	return vengine_unmap_fds(engine, &file->iova, VENGINE_COUNT_IOVA, &args->iova.fd, 1,
+				 args->iova.coherence);
 }
 
 /* Working memory */
 
-static void vengine_free_memory(struct vengine_file *file, struct vengine_memory *memory)
+static void vengine_free_memory(struct list_head *memories)
 {
-	list_del(&memory->node);
-	vfree(memory->data);
-	kfree(memory);
-	file->num_memory--;
-	vengine_count(VENGINE_COUNT_MEMORY, -1);
+	struct vengine_memory *memory, *next;
+
+	list_for_each_entry_safe(memory, next, memories, holding.node) {
+		vfree(memory->data);
+		kfree(memory);
+		vengine_count(VENGINE_COUNT_MEMORY, -1);
+	}
 }
 
 static int vengine_aloc_buf(struct vengine *engine, struct vengine_file *file,
 			    union vengine_args *args)
 {
 	struct vengine_memory *memory;
+	LIST_HEAD(obtained);
 
-	if (file->num_memory == VENGINE_MAX_MEMORY)
+	if (vengine_reserve(engine, &file->memory, 1, VENGINE_MAX_MEMORY))
 		return -ENOMEM;
 	memory = kzalloc(sizeof(*memory), GFP_KERNEL);
-	if (!memory)
-		return -ENOMEM;
-	memory->data = vzalloc(VENGINE_MEMORY_SIZE);
-	if (!memory->data) {
+	if (memory)
+		memory->data = vzalloc(VENGINE_MEMORY_SIZE);
+	if (!memory || !memory->data) {
 		kfree(memory);
+		vengine_give_back(engine, &file->memory, 1);
 		return -ENOMEM;
 	}
 	memory->flags = args->memory;
-	list_add_tail(&memory->node, &file->memory);
-	file->num_memory++;
 	vengine_count(VENGINE_COUNT_MEMORY, 1);
+	list_add(&memory->holding.node, &obtained);
+	vengine_keep(engine, file, &file->memory, &obtained);
 	return 0;
 }
 
@@ -221,14 +293,21 @@ static int vengine_free_buf(struct vengine *engine, struct vengine_file *file,
 			    union vengine_args *args)
 {
 	struct vengine_memory *memory;
+	LIST_HEAD(gone);
+	int ret = -ENOENT;
 
-	list_for_each_entry(memory, &file->memory, node) {
+	mutex_lock(&engine->sub_lock);
+	list_for_each_entry(memory, &file->memory.holdings, holding.node) {
 		if (!memcmp(&memory->flags, &args->memory, sizeof(memory->flags))) {
-			vengine_free_memory(file, memory);
-			return 0;
+			list_move(&memory->holding.node, &gone);
+			file->memory.count--;
+			ret = 0;
+			break;
 		}
 	}
-	return -ENOENT;
+	mutex_unlock(&engine->sub_lock);
+	vengine_free_memory(&gone);
+	return ret;
 }
 
 /* Fences */
@@ -252,8 +331,11 @@ static const struct dma_fence_ops vengine_fence_ops = {
 	.release = vengine_fence_release,
 };
 
-/* A file that stands for a new fence, which the list refers to. */
-static struct sync_file *vengine_make_fence(struct vengine *engine, struct list_head *fences)
+/*
+ * A file that stands for a new fence, which the list refers to. Fences are deleted, and so
+ * signalled, in any order: each is a timeline of its own.
+ */
+static struct sync_file *vengine_make_fence(struct list_head *fences)
 {
 	struct vengine_fence *fence = kzalloc(sizeof(*fence), GFP_KERNEL);
 	struct sync_file *sync;
@@ -262,25 +344,30 @@ static struct sync_file *vengine_make_fence(struct vengine *engine, struct list_
 		return NULL;
 	__module_get(THIS_MODULE);
 	vengine_count(VENGINE_COUNT_FENCES, 1);
+	INIT_LIST_HEAD(&fence->pending);
 	spin_lock_init(&fence->lock);
-	dma_fence_init(&fence->base, &vengine_fence_ops, &fence->lock, engine->fence_context,
-		       ++engine->fence_seqno);
+	dma_fence_init(&fence->base, &vengine_fence_ops, &fence->lock, dma_fence_context_alloc(1),
+		       1);
 	sync = sync_file_create(&fence->base);
 	if (sync)
-		list_add_tail(&fence->node, fences);
+		list_add_tail(&fence->holding.node, fences);
 	else
 		dma_fence_put(&fence->base);
 	return sync;
 }
 
 /* Drops the references of a list; no fence may stay pending with nobody left to signal it. */
-static void vengine_drop_fences(struct list_head *fences)
+static void vengine_drop_fences(struct vengine *engine, struct list_head *fences)
 {
 	struct vengine_fence *fence, *next;
+	bool pending;
 
-	list_for_each_entry_safe(fence, next, fences, node) {
-		list_del(&fence->node);
-		if (!dma_fence_is_signaled(&fence->base)) {
+	list_for_each_entry_safe(fence, next, fences, holding.node) {
+		spin_lock_irq(&engine->fence_lock);
+		pending = !list_empty(&fence->pending);
+		list_del_init(&fence->pending);
+		spin_unlock_irq(&engine->fence_lock);
+		if (pending) {
 			dma_fence_set_error(&fence->base, -ECANCELED);
 			dma_fence_signal(&fence->base);
 		}
@@ -288,15 +375,35 @@ static void vengine_drop_fences(struct list_head *fences)
 	}
 }
 
-static int vengine_make_fences(struct vengine *engine, struct vengine_file *file, s32 __user *user,
+/* Signals what waits for the next request to complete, a fence at a time: others may drop them. */
+static void vengine_signal_fences(struct vengine *engine)
+{
+	struct vengine_fence *fence;
+	LIST_HEAD(due);
+
+	spin_lock_irq(&engine->fence_lock);
+	list_splice_init(&engine->pending, &due);
+	while (!list_empty(&due)) {
+		fence = list_first_entry(&due, struct vengine_fence, pending);
+		list_del_init(&fence->pending);
+		dma_fence_get(&fence->base);
+		spin_unlock_irq(&engine->fence_lock);
+		dma_fence_signal(&fence->base);
+		dma_fence_put(&fence->base);
+		spin_lock_irq(&engine->fence_lock);
+	}
+	spin_unlock_irq(&engine->fence_lock);
+}
+
+/* New fences, and their descriptors in the user's array: all of them, or none. */
+static int vengine_make_fences(s32 __user *user, struct list_head *fences,
 			       struct sync_file **syncs, s32 *fds, unsigned int count)
 {
-	LIST_HEAD(fences);
 	unsigned int made, n;
 	int ret = 0;
 
 	for (made = 0; made < count; made++) {
-		syncs[made] = vengine_make_fence(engine, &fences);
+		syncs[made] = vengine_make_fence(fences);
 		fds[made] = syncs[made] ? get_unused_fd_flags(O_CLOEXEC) : -ENOMEM;
 		if (fds[made] < 0) {
 			ret = fds[made];
@@ -307,21 +414,27 @@ static int vengine_make_fences(struct vengine *engine, struct vengine_file *file
 	}
 	if (!ret && copy_to_user(user, fds, count * sizeof(*fds)))
 		ret = -EFAULT;
-	for (n = 0; n < made; n++) {
-		if (!ret) {
-			fd_install(fds[n], syncs[n]->file);
-		} else {
-			put_unused_fd(fds[n]);
-			fput(syncs[n]->file);
-		}
+	for (n = 0; ret && n < made; n++) {
+		put_unused_fd(fds[n]);
+		fput(syncs[n]->file);
 	}
-	if (ret) {
-		vengine_drop_fences(&fences);
-		return ret;
-	}
-	list_splice_tail(&fences, &file->fences);
-	file->num_fences += count;
-	return 0;
+	return ret;
+}
+
+static void vengine_publish_fences(struct vengine *engine, struct vengine_file *file,
+				   struct list_head *fences, struct sync_file **syncs, s32 *fds,
+				   unsigned int count)
+{
+	struct vengine_fence *fence;
+	unsigned int n;
+
+	spin_lock_irq(&engine->fence_lock);
+	list_for_each_entry(fence, fences, holding.node)
+		list_add_tail(&fence->pending, &engine->pending);
+	spin_unlock_irq(&engine->fence_lock);
+	vengine_keep(engine, file, &file->fences, fences);
+	for (n = 0; n < count; n++)
+		fd_install(fds[n], syncs[n]->file);
 }
 
 static int vengine_add_fence(struct vengine *engine, struct vengine_file *file,
@@ -329,18 +442,24 @@ static int vengine_add_fence(struct vengine *engine, struct vengine_file *file,
 {
 	unsigned int count = args->fence.count;
 	struct sync_file **syncs;
-	int ret = -ENOMEM;
+	LIST_HEAD(fences);
 	s32 *fds;
+	int ret = vengine_reserve(engine, &file->fences, count, VENGINE_MAX_FENCES);
 
-	if (file->num_fences + count > VENGINE_MAX_FENCES)
-		return -ENOSPC;
-	if (!count)
-		return 0;
+	if (ret || !count)
+		return ret;
 	syncs = kcalloc(count, sizeof(*syncs), GFP_KERNEL);
 	fds = kcalloc(count, sizeof(*fds), GFP_KERNEL);
+	ret = -ENOMEM;
 	if (syncs && fds)
-		ret = vengine_make_fences(engine, file, u64_to_user_ptr(args->fence.fds), syncs,
-					  fds, count);
+		ret = vengine_make_fences(u64_to_user_ptr(args->fence.fds), &fences, syncs, fds,
+					  count);
+	if (ret) {
+		vengine_drop_fences(engine, &fences);
+		vengine_give_back(engine, &file->fences, count);
+	} else {
+		vengine_publish_fences(engine, file, &fences, syncs, fds, count);
+	}
 	kfree(fds);
 	kfree(syncs);
 	return ret;
@@ -355,9 +474,9 @@ static int vengine_find_fence(struct list_head *from, struct list_head *to, s32 
 
 	if (!wanted)
 		return -EINVAL;
-	list_for_each_entry(fence, from, node) {
+	list_for_each_entry(fence, from, holding.node) {
 		if (&fence->base == wanted) {
-			list_move_tail(&fence->node, to);
+			list_move_tail(&fence->holding.node, to);
 			ret = 0;
 			break;
 		}
@@ -379,16 +498,17 @@ static int vengine_del_fence(struct vengine *engine, struct vengine_file *file,
 	fds = memdup_user(u64_to_user_ptr(args->fence.fds), count * sizeof(*fds));
 	if (IS_ERR(fds))
 		return PTR_ERR(fds);
+	mutex_lock(&engine->sub_lock);
 	for (n = 0; n < count && !ret; n++)
-		ret = vengine_find_fence(&file->fences, &gone, fds[n]);
+		ret = vengine_find_fence(&file->fences.holdings, &gone, fds[n]);
+	if (ret)
+		list_splice_tail_init(&gone, &file->fences.holdings);
+	else
+		file->fences.count -= count;
+	mutex_unlock(&engine->sub_lock);
 	kfree(fds);
-	if (ret) {
-		list_splice_tail(&gone, &file->fences);
-		return ret;
-	}
-	vengine_drop_fences(&gone);
-	file->num_fences -= count;
-	return 0;
+	vengine_drop_fences(engine, &gone);
+	return ret;
 }
 
 /* Controls, init info, user resources */
@@ -424,30 +544,60 @@ static int vengine_get_control(struct vengine *engine, struct vengine_file *file
 
 	if (n < 0)
 		return n;
-	args->control.value = engine->controls[n];
+	args->control.value = READ_ONCE(engine->controls[n]);
 	return 0;
 }
 
+/* What is obtained through the file from now on belongs to the user that this names. */
 static int vengine_s_init_info(struct vengine *engine, struct vengine_file *file,
 			       union vengine_args *args)
 {
+	mutex_lock(&engine->sub_lock);
 	memcpy(engine->init_info, args->init_info.data, sizeof(engine->init_info));
+	memcpy(&file->user, args->init_info.data, sizeof(file->user));
+	mutex_unlock(&engine->sub_lock);
 	return 0;
+}
+
+/* Moves to a list what the calling process holds for a user, or everything for no one's. */
+static void vengine_withdraw(struct vengine_table *table, const u64 *user, struct list_head *gone)
+{
+	struct vengine_holding *holding, *next;
+
+	list_for_each_entry_safe(holding, next, &table->holdings, node) {
+		if (user && (holding->user != *user ||
+			     holding->process != task_tgid_nr(current)))
+			continue;
+		list_move_tail(&holding->node, gone);
+		table->count--;
+	}
+}
+
+static void vengine_clear(struct vengine *engine, struct vengine_file *file, const u64 *user)
+{
+	LIST_HEAD(kva);
+	LIST_HEAD(iova);
+	LIST_HEAD(memory);
+	LIST_HEAD(fences);
+
+	mutex_lock(&engine->sub_lock);
+	vengine_withdraw(&file->kva, user, &kva);
+	vengine_withdraw(&file->iova, user, &iova);
+	vengine_withdraw(&file->memory, user, &memory);
+	vengine_withdraw(&file->fences, user, &fences);
+	mutex_unlock(&engine->sub_lock);
+	vengine_free_mappings(&kva, VENGINE_COUNT_KVA);
+	vengine_free_mappings(&iova, VENGINE_COUNT_IOVA);
+	vengine_free_memory(&memory);
+	vengine_drop_fences(engine, &fences);
 }
 
 static int vengine_clear_user_resource(struct vengine *engine, struct vengine_file *file,
 				       union vengine_args *args)
 {
-	struct vengine_memory *memory, *next;
+	u64 user = args->user.user_id;
 
-	vengine_free_mappings(&file->kva, VENGINE_COUNT_KVA);
-	vengine_free_mappings(&file->iova, VENGINE_COUNT_IOVA);
-	vengine_drop_fences(&file->fences);
-	list_for_each_entry_safe(memory, next, &file->memory, node)
-		vengine_free_memory(file, memory);
-	file->num_kva = 0;
-	file->num_iova = 0;
-	file->num_fences = 0;
+	vengine_clear(engine, file, &user);
 	return 0;
 }
 
@@ -478,15 +628,22 @@ static struct vengine *vengine_of_subdev(struct v4l2_subdev *sd)
 	return container_of(sd, struct vengine, sd);
 }
 
+/* The file of a handle, which stays for as long as the handle. */
 static struct vengine_file *vengine_find_file(struct vengine *engine, struct v4l2_fh *fh)
 {
-	struct vengine_file *file;
+	struct vengine_file *file, *found = NULL;
 
-	lockdep_assert_held(&engine->sub_lock);
+	mutex_lock(&engine->sub_lock);
 	list_for_each_entry(file, &engine->files, node)
 		if (file->fh == fh)
-			return file;
-	return NULL;
+			found = file;
+	mutex_unlock(&engine->sub_lock);
+	return found;
+}
+
+static void vengine_table_init(struct vengine_table *table)
+{
+	INIT_LIST_HEAD(&table->holdings);
 }
 
 static int vengine_subdev_open(struct v4l2_subdev *sd, struct v4l2_subdev_fh *fh)
@@ -497,10 +654,10 @@ static int vengine_subdev_open(struct v4l2_subdev *sd, struct v4l2_subdev_fh *fh
 	if (!file)
 		return -ENOMEM;
 	file->fh = &fh->vfh;
-	INIT_LIST_HEAD(&file->kva);
-	INIT_LIST_HEAD(&file->iova);
-	INIT_LIST_HEAD(&file->memory);
-	INIT_LIST_HEAD(&file->fences);
+	vengine_table_init(&file->kva);
+	vengine_table_init(&file->iova);
+	vengine_table_init(&file->memory);
+	vengine_table_init(&file->fences);
 	mutex_lock(&engine->sub_lock);
 	list_add_tail(&file->node, &engine->files);
 	mutex_unlock(&engine->sub_lock);
@@ -511,11 +668,10 @@ static int vengine_subdev_open(struct v4l2_subdev *sd, struct v4l2_subdev_fh *fh
 static int vengine_subdev_close(struct v4l2_subdev *sd, struct v4l2_subdev_fh *fh)
 {
 	struct vengine *engine = vengine_of_subdev(sd);
-	struct vengine_file *file;
+	struct vengine_file *file = vengine_find_file(engine, &fh->vfh);
 
+	vengine_clear(engine, file, NULL);
 	mutex_lock(&engine->sub_lock);
-	file = vengine_find_file(engine, &fh->vfh);
-	vengine_clear_user_resource(engine, file, NULL);
 	list_del(&file->node);
 	mutex_unlock(&engine->sub_lock);
 	kfree(file);
@@ -541,9 +697,7 @@ static long vengine_private_ioctl(struct vengine *engine, struct v4l2_fh *fh,
 	ret = vengine_fault(engine, private->op, VENGINE_SUBDEV_ENTITY);
 	if (ret)
 		return ret;
-	mutex_lock(&engine->sub_lock);
 	ret = private->handler(engine, vengine_find_file(engine, fh), &args);
-	mutex_unlock(&engine->sub_lock);
 	if (!ret && (_IOC_DIR(private->cmd) & _IOC_READ) && copy_to_user(user, &args, size))
 		ret = -EFAULT;
 	return ret;
@@ -571,6 +725,14 @@ static long vengine_subdev_ioctl(struct file *file, unsigned int cmd, unsigned l
 	}
 	return engine->core_fops->unlocked_ioctl(file, cmd, arg);
 }
+
+#ifdef CONFIG_COMPAT
+/* Comes here with private ioctls only, whose records are the same in a 32-bit program. */
+static long vengine_subdev_compat_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
+{
+	return vengine_subdev_ioctl(file, cmd, (unsigned long)compat_ptr(arg));
+}
+#endif
 
 /* Events */
 
@@ -621,14 +783,8 @@ void vengine_subdev_completed(struct vengine *engine, u32 frame)
 		.type = V4L2_EVENT_FRAME_SYNC,
 		.u.frame_sync.frame_sequence = frame,
 	};
-	struct vengine_fence *fence;
-	struct vengine_file *file;
 
-	mutex_lock(&engine->sub_lock);
-	list_for_each_entry(file, &engine->files, node)
-		list_for_each_entry(fence, &file->fences, node)
-			dma_fence_signal(&fence->base);
-	mutex_unlock(&engine->sub_lock);
+	vengine_signal_fences(engine);
 	v4l2_event_queue(engine->sd.devnode, &event);
 }
 
@@ -649,9 +805,10 @@ int vengine_subdev_init(struct vengine *engine)
 
 	mutex_init(&engine->sub_lock);
 	INIT_LIST_HEAD(&engine->files);
+	spin_lock_init(&engine->fence_lock);
+	INIT_LIST_HEAD(&engine->pending);
 	for (n = 0; n < VENGINE_CONTROLS; n++)
 		engine->controls[n] = vengine_controls[n].def;
-	engine->fence_context = dma_fence_context_alloc(1);
 	v4l2_subdev_init(sd, &vengine_subdev_ops);
 	sd->internal_ops = &vengine_subdev_internal_ops;
 	sd->owner = THIS_MODULE;
@@ -664,7 +821,7 @@ int vengine_subdev_init(struct vengine *engine)
 	return ret ?: v4l2_device_register_subdev(&engine->v4l2_dev, sd);
 }
 
-int vengine_subdev_register_node(struct vengine *engine)
+int vengine_subdev_register(struct vengine *engine)
 {
 	int ret = v4l2_device_register_subdev_nodes(&engine->v4l2_dev);
 
@@ -673,14 +830,10 @@ int vengine_subdev_register_node(struct vengine *engine)
 	engine->core_fops = engine->sd.devnode->fops;
 	engine->sd_fops = *engine->core_fops;
 	engine->sd_fops.unlocked_ioctl = vengine_subdev_ioctl;
+#ifdef CONFIG_COMPAT
+	engine->sd_fops.compat_ioctl32 = vengine_subdev_compat_ioctl;
+#endif
 	/* Both tables work: whoever opens the node before this only gets no private ioctls yet. */
 	WRITE_ONCE(engine->sd.devnode->fops, &engine->sd_fops);
 	return 0;
-}
-
-void vengine_subdev_cleanup(struct vengine *engine)
-{
-	if (engine->sd.v4l2_dev)
-		v4l2_device_unregister_subdev(&engine->sd);
-	media_entity_cleanup(&engine->sd.entity);
 }

@@ -301,12 +301,28 @@ static const struct v4l2_file_operations vengine_video_fops = {
 	.unlocked_ioctl = video_ioctl2,
 };
 
+/* Bytes that may still be allocated for buffers. */
+static u64 vengine_room(struct vb2_queue *queue)
+{
+	u64 used = 0;
+	unsigned int index, plane;
+
+	for (index = 0; index < VENGINE_MAX_BUFFERS; index++) {
+		struct vb2_buffer *vb = vb2_get_buffer(queue, index);
+
+		for (plane = 0; vb && plane < vb->num_planes; plane++)
+			used += PAGE_ALIGN((u64)vb->planes[plane].length);
+	}
+	return VENGINE_MAX_ALLOCATED - min_t(u64, used, VENGINE_MAX_ALLOCATED);
+}
+
 static int vengine_queue_setup(struct vb2_queue *queue, unsigned int *num_buffers,
 			       unsigned int *num_planes, unsigned int sizes[],
 			       struct device *alloc_devs[])
 {
 	const struct vengine_port_dev *port = vb2_get_drv_priv(queue);
 	unsigned int n, planes = vengine_num_planes(port);
+	u64 bytes = 0;
 
 	if (*num_planes && *num_planes != planes)
 		return -EINVAL;
@@ -315,9 +331,12 @@ static int vengine_queue_setup(struct vb2_queue *queue, unsigned int *num_buffer
 			return -EINVAL;
 		if (!*num_planes)
 			sizes[n] = vengine_plane_size(port, n);
+		bytes += PAGE_ALIGN((u64)sizes[n]);
 	}
 	*num_planes = planes;
-	return 0;
+	if (queue->memory == VB2_MEMORY_MMAP)
+		*num_buffers = min_t(u64, *num_buffers, div64_u64(vengine_room(queue), bytes));
+	return *num_buffers ? 0 : -ENOMEM;
 }
 
 static int vengine_buf_out_validate(struct vb2_buffer *vb)
@@ -436,6 +455,7 @@ static int vengine_queue_init(struct vengine_port_dev *port)
 	return vb2_queue_init(queue);
 }
 
+/* All but registering the node. */
 int vengine_port_init(struct vengine *engine, u32 index)
 {
 	struct vengine_port_dev *port = &engine->ports[index];
@@ -466,17 +486,13 @@ int vengine_port_init(struct vengine *engine, u32 index)
 	vdev->vfl_dir = output ? VFL_DIR_TX : VFL_DIR_RX;
 	vdev->device_caps = vengine_device_caps(port->desc->buf_type) | V4L2_CAP_STREAMING |
 			    V4L2_CAP_IO_MC;
+	vdev->entity.obj_type = MEDIA_ENTITY_TYPE_VIDEO_DEVICE;
+	vdev->entity.function = MEDIA_ENT_F_IO_V4L;
+	vdev->entity.name = vdev->name;
 	vdev->entity.ops = &vengine_video_entity_ops;
 	video_set_drvdata(vdev, port);
 	port->pad.flags = output ? MEDIA_PAD_FL_SOURCE : MEDIA_PAD_FL_SINK;
-	ret = media_entity_pads_init(&vdev->entity, 1, &port->pad);
-	return ret ?: video_register_device(vdev, VFL_TYPE_VIDEO, -1);
-}
-
-void vengine_port_cleanup(struct vengine_port_dev *port)
-{
-	vb2_video_unregister_device(&port->vdev);
-	media_entity_cleanup(&port->vdev.entity);
+	return media_entity_pads_init(&vdev->entity, 1, &port->pad);
 }
 
 /* The dma-bufs that the queue's buffers keep, each as often as it is kept. */

@@ -2,9 +2,9 @@
 /*
  * The virtual engine's driver: what its parts share.
  *
- * Locks, outermost first: the media device's req_queue_mutex, a port's queue_lock, the engine's
- * run_lock, the engine's lock; sub_lock and test_lock are never held together with these, except
- * that the worker takes sub_lock under run_lock.
+ * Locks, outermost first: the media device's req_queue_mutex, a port's queue_lock, the media
+ * device's graph_mutex, the engine's run_lock, its lock. sub_lock stands alone: nothing that may
+ * wait for a user or for memory is done under it. fence_lock and test_lock are innermost.
  */
 #ifndef VENGINE_H
 #define VENGINE_H
@@ -123,6 +123,7 @@ struct vengine {
 	struct media_entity core;
 	struct media_pad core_pads[VENGINE_CORE_PADS];
 	struct vengine_port_dev ports[VENGINE_PORTS];
+	unsigned int steps;		/* of the set-up that were begun */
 
 	spinlock_t lock;		/* jobs, their lists, frames and burst */
 	u32 frames;			/* accepted so far */
@@ -137,12 +138,12 @@ struct vengine {
 	struct media_pad sd_pad;
 	const struct v4l2_file_operations *core_fops;	/* the sub-device core's */
 	struct v4l2_file_operations sd_fops;		/* the same with our ioctl */
-	struct mutex sub_lock;		/* files and all they hold, controls, fence_seqno */
+	struct mutex sub_lock;		/* files, all they hold, and init_info */
 	struct list_head files;
+	spinlock_t fence_lock;		/* pending, and each fence's place in it */
+	struct list_head pending;	/* fences that the next completion signals */
 	s32 controls[VENGINE_CONTROLS];
 	u8 init_info[8];
-	u64 fence_context;
-	u64 fence_seqno;
 
 	struct dentry *debugfs;
 	struct mutex test_lock;		/* all that follows */
@@ -173,7 +174,6 @@ static inline struct vengine_buffer *vengine_buffer_of(struct vb2_buffer *vb)
 
 /* vengine-video.c: the video nodes */
 int vengine_port_init(struct vengine *engine, u32 index);
-void vengine_port_cleanup(struct vengine_port_dev *port);
 unsigned int vengine_port_dmabufs(struct vengine_port_dev *port);
 unsigned int vengine_num_planes(const struct vengine_port_dev *port);
 u32 vengine_plane_size(const struct vengine_port_dev *port, unsigned int plane);
@@ -190,8 +190,7 @@ void *vengine_plane_address(struct vengine_buffer *buf, unsigned int plane);
 
 /* vengine-subdev.c: the sub-device */
 int vengine_subdev_init(struct vengine *engine);
-int vengine_subdev_register_node(struct vengine *engine);
-void vengine_subdev_cleanup(struct vengine *engine);
+int vengine_subdev_register(struct vengine *engine);
 void vengine_subdev_completed(struct vengine *engine, u32 frame);
 
 /* vengine-debugfs.c: faults, hangs, records and counts */

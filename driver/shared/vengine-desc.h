@@ -103,9 +103,11 @@ static const struct vengine_control vengine_controls[VENGINE_CONTROLS] = {
 
 /*
  * What the sub-device's private ioctls answer, beside -EFAULT and -ENOMEM. A call that fails
- * changes nothing, however many descriptors it names. What a call obtains belongs to the open file
- * it came through, since records name no user: it is found, cleared and limited by file, and given
- * back when the file is closed.
+ * changes nothing, however many descriptors it names. What a call obtains is found and limited by
+ * the open file that it came through, and given back when the file is closed.
+ *
+ * S_INIT_INFO: its eight bytes, read as a number, name the user for whom everything is obtained
+ * through the file from then on, since the other records name none; 0 at first.
  *
  * ADD_KVA, DEL_KVA: a count of 0 or above KVXDIP_KVA_MAX gives -EINVAL, a descriptor that is closed
  * -EBADF, one that is no dma-buf -EINVAL. A dma-buf may be added several times and is deleted as
@@ -123,7 +125,8 @@ static const struct vengine_control vengine_controls[VENGINE_CONTROLS] = {
  * ALOC_BUF, FREE_BUF: a pair of flags may be allocated several times and is freed as often, else
  * -ENOENT. -ENOMEM when full.
  *
- * CLEAR_USER_RESOURCE takes back everything above, S_INIT_INFO is kept: they never fail.
+ * CLEAR_USER_RESOURCE takes back what the calling process obtained through the file for the user
+ * that it names; the instance is not looked at. It and S_INIT_INFO never fail.
  */
 #define VENGINE_MAX_KVA 256
 #define VENGINE_MAX_IOVA 256
@@ -159,5 +162,8 @@ struct vengine_stats {
 #define VENGINE_STRIDE_ALIGN 32
 
 #define VENGINE_MAX_BUFFERS 32
+
+/* Bytes that a node allocates for its buffers, eight of the largest pictures; -ENOMEM beyond. */
+#define VENGINE_MAX_ALLOCATED (256u << 20)
 
 #endif /* VENGINE_DESC_H */
