@@ -1,7 +1,7 @@
 #include "BufferQueue.h"
 
-#include <errno.h>
-#include <string.h>
+#include <cerrno>
+#include <cstring>
 
 #include <algorithm>
 
@@ -25,8 +25,7 @@ int BufferQueue::setFormat(v4l2_format& format) {
     return mFormat.set(format);
 }
 
-int BufferQueue::requestBuffers(std::unique_lock<std::mutex>& lock, const void* owner,
-                                v4l2_requestbuffers& request) {
+int BufferQueue::requestBuffers(DeviceLock& lock, const void* owner, v4l2_requestbuffers& request) {
     request.capabilities = V4L2_BUF_CAP_SUPPORTS_DMABUF | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
     if (mVideo.requests != RequestUse::REFUSED)
         request.capabilities |= V4L2_BUF_CAP_SUPPORTS_REQUESTS;
@@ -50,7 +49,7 @@ int BufferQueue::requestBuffers(std::unique_lock<std::mutex>& lock, const void* 
 }
 
 int BufferQueue::checkPlanes(const v4l2_buffer& buffer) const {
-    if (!isMultiPlanar(mVideo.bufType))
+    if (!v4l2::isMultiPlanar(mVideo.bufType))
         return 0;
     if (buffer.length > VIDEO_MAX_PLANES)
         return -EINVAL;
@@ -71,9 +70,9 @@ int BufferQueue::checkRequestUse(bool withRequest) const {
 }
 
 int BufferQueue::takePlanes(const v4l2_buffer& buffer, Buffer& into) const {
-    std::array<Plane, kMaxPlanes> planes;
+    std::array<Plane, kPicturePlanes> planes;
     for (uint32_t i = 0; i < mFormat.planeCount(); ++i) {
-        if (isMultiPlanar(mVideo.bufType)) {
+        if (v4l2::isMultiPlanar(mVideo.bufType)) {
             const v4l2_plane& plane = buffer.m.planes[i];
             planes[i] = {plane.m.fd, plane.length, plane.bytesused, plane.data_offset,
                          plane.reserved[2]};
@@ -85,7 +84,8 @@ int BufferQueue::takePlanes(const v4l2_buffer& buffer, Buffer& into) const {
             continue;
         }
         // A single plane's payload is held against the last length, the kernel's slip.
-        uint32_t length = isMultiPlanar(mVideo.bufType) ? planes[i].length : into.planes[i].length;
+        uint32_t length =
+            v4l2::isMultiPlanar(mVideo.bufType) ? planes[i].length : into.planes[i].length;
         if (planes[i].bytesUsed > length)
             return -EINVAL;
         if (planes[i].bytesUsed == 0)
@@ -197,8 +197,8 @@ void BufferQueue::abandon(uint32_t index) {
     buffer.request.reset();
 }
 
-int BufferQueue::dequeueBuffer(std::unique_lock<std::mutex>& lock, const void* owner,
-                               v4l2_buffer& user, bool nonBlocking) {
+int BufferQueue::dequeueBuffer(DeviceLock& lock, const void* owner, v4l2_buffer& user,
+                               bool nonBlocking) {
     if (busyFor(owner))
         return -EBUSY;
     if (user.type != mVideo.bufType)
@@ -214,7 +214,7 @@ int BufferQueue::dequeueBuffer(std::unique_lock<std::mutex>& lock, const void* o
         return result;
 
     uint32_t index = mDone[mDoneFirst];
-    mDoneFirst = (mDoneFirst + 1) % kMaxBuffers;
+    mDoneFirst = (mDoneFirst + 1) % kQueueCapacity;
     --mDoneCount;
     Buffer& buffer = mBuffers[index];
     fill(buffer, user);
@@ -241,7 +241,7 @@ int BufferQueue::streamOn(const void* owner, uint32_t type) {
     return 0;
 }
 
-int BufferQueue::streamOff(std::unique_lock<std::mutex>& lock, const void* owner, uint32_t type) {
+int BufferQueue::streamOff(DeviceLock& lock, const void* owner, uint32_t type) {
     if (busyFor(owner))
         return -EBUSY;
     if (type != mVideo.bufType)
@@ -250,7 +250,7 @@ int BufferQueue::streamOff(std::unique_lock<std::mutex>& lock, const void* owner
     return 0;
 }
 
-void BufferQueue::release(std::unique_lock<std::mutex>& lock, const void* owner) {
+void BufferQueue::release(DeviceLock& lock, const void* owner) {
     if (mOwner != owner)
         return;
     cancel(lock);
@@ -258,7 +258,7 @@ void BufferQueue::release(std::unique_lock<std::mutex>& lock, const void* owner)
     mOwner = nullptr;
 }
 
-void BufferQueue::cancel(std::unique_lock<std::mutex>& lock) {
+void BufferQueue::cancel(DeviceLock& lock) {
     mDevice.pipeline().waitWhileRunning(*this, lock);
     mStreaming = false;
     mUsesRequests = mUsesPlain = false;
@@ -283,7 +283,7 @@ uint8_t* BufferQueue::planeData(uint32_t index, uint32_t plane) const {
 }
 
 vengine_picture BufferQueue::picture(uint32_t index) const {
-    uint8_t* planes[kMaxPlanes] = {};
+    uint8_t* planes[kPicturePlanes] = {};
     for (uint32_t i = 0; i < mFormat.planeCount(); ++i)
         planes[i] = planeData(index, i);
     return vengine_map(&mFormat.layout(), planes);
@@ -296,7 +296,7 @@ void BufferQueue::complete(uint32_t index, bool good, const timespec& time) {
     buffer.sequence = mSequence++;
     buffer.timestamp = {time.tv_sec, time.tv_nsec / 1000};
     buffer.bound = false;
-    mDone[(mDoneFirst + mDoneCount) % kMaxBuffers] = index;
+    mDone[(mDoneFirst + mDoneCount) % kQueueCapacity] = index;
     ++mDoneCount;
 }
 
@@ -319,7 +319,7 @@ void BufferQueue::fill(const Buffer& buffer, v4l2_buffer& user) const {
     user.reserved2 = 0;
     user.request_fd = 0;
     user.bytesused = 0;
-    if (isMultiPlanar(mVideo.bufType)) {
+    if (v4l2::isMultiPlanar(mVideo.bufType)) {
         user.length = mFormat.planeCount();
         for (uint32_t i = 0; i < user.length; ++i) {
             const Plane& plane = buffer.planes[i];

@@ -9,25 +9,26 @@
 #include <array>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <corvane/sim/Description.h>
 
 #include "Format.h"
+#include "Locks.h"
 #include "Mapping.h"
 #include "Request.h"
 
 namespace NSVista::NSCorvane::sim {
 
-inline constexpr uint32_t kMaxBuffers = 64;
-inline constexpr uint32_t kMaxPlanes = 3;
+/** Most buffers that a queue can be told to grant, and most planes that a format has. */
+inline constexpr uint32_t kQueueCapacity = 64;
+inline constexpr uint32_t kPicturePlanes = 3;
 
 /**
  * A video node's format and buffers, which outlive its descriptors. It keeps to the rules of the
- * kernel's own queues, the odd ones included: see the comments. Everything is guarded by the
- * device's mutex; an owner is the address of the open file that requested the buffers.
+ * kernel's own queues, the odd ones included: see the comments. An owner is the address of the open
+ * file that requested the buffers.
  */
 class BufferQueue {
 public:
@@ -37,48 +38,52 @@ public:
 
     /** @name Ioctls. Results are 0 or a negated errno.
      * @{ */
-    int setFormat(v4l2_format& format);
-    int requestBuffers(std::unique_lock<std::mutex>& lock, const void* owner,
-                       v4l2_requestbuffers& request);
+    int setFormat(v4l2_format& format) CORVANE_REQUIRES(deviceState);
+    int requestBuffers(DeviceLock& lock, const void* owner, v4l2_requestbuffers& request)
+        CORVANE_REQUIRES(deviceState);
     /** @param request the media request that the buffer names, null for none. */
-    int queueBuffer(const void* owner, v4l2_buffer& buffer, std::shared_ptr<Request> request);
-    int dequeueBuffer(std::unique_lock<std::mutex>& lock, const void* owner, v4l2_buffer& buffer,
-                      bool nonBlocking);
-    int streamOn(const void* owner, uint32_t type);
-    int streamOff(std::unique_lock<std::mutex>& lock, const void* owner, uint32_t type);
+    int queueBuffer(const void* owner, v4l2_buffer& buffer, std::shared_ptr<Request> request)
+        CORVANE_REQUIRES(deviceState);
+    int dequeueBuffer(DeviceLock& lock, const void* owner, v4l2_buffer& buffer, bool nonBlocking)
+        CORVANE_REQUIRES(deviceState);
+    int streamOn(const void* owner, uint32_t type) CORVANE_REQUIRES(deviceState);
+    int streamOff(DeviceLock& lock, const void* owner, uint32_t type) CORVANE_REQUIRES(deviceState);
     /** @} */
     /** An open file is closed: its owner's buffers go. */
-    void release(std::unique_lock<std::mutex>& lock, const void* owner);
+    void release(DeviceLock& lock, const void* owner) CORVANE_REQUIRES(deviceState);
 
     /** @name What a media request does with its buffers
      * @{ */
     /** Takes hold of the planes' dma-bufs and checks them. */
-    int prepare(uint32_t index);
+    int prepare(uint32_t index) CORVANE_REQUIRES(deviceState);
     /** Hands a prepared buffer to the engine. */
-    void enqueue(uint32_t index);
+    void enqueue(uint32_t index) CORVANE_REQUIRES(deviceState);
     /** Takes a buffer out of a request that is not queued. */
-    void abandon(uint32_t index);
+    void abandon(uint32_t index) CORVANE_REQUIRES(deviceState);
     /** @} */
 
     /** @name What the engine sees and does
      * @{ */
-    bool streaming() const { return mStreaming; }
+    bool streaming() const CORVANE_REQUIRES(deviceState) { return mStreaming; }
     size_t entity() const { return mEntity; }
-    bool capture() const { return !V4L2_TYPE_IS_OUTPUT(mVideo.bufType); }
+    bool capture() const { return !v4l2::isOutput(mVideo.bufType); }
     uint32_t role() const { return mVideo.role; }
     uint32_t ordinal() const { return mOrdinal; }
-    /** First byte of a plane of a prepared buffer; stays valid while the engine has the buffer. */
-    uint8_t* planeData(uint32_t index, uint32_t plane) const;
-    vengine_picture picture(uint32_t index) const;
+    /**
+     * First byte of a plane, and the picture, of a buffer that the engine has. No lock is needed:
+     * until the engine gives it back nobody changes its planes or the format.
+     */
+    uint8_t* planeData(uint32_t index, uint32_t plane) const CORVANE_NO_THREAD_SAFETY_ANALYSIS;
+    vengine_picture picture(uint32_t index) const CORVANE_NO_THREAD_SAFETY_ANALYSIS;
     /** Ends the processing of a buffer, whose request still has to be told. */
-    void complete(uint32_t index, bool good, const timespec& time);
+    void complete(uint32_t index, bool good, const timespec& time) CORVANE_REQUIRES(deviceState);
     /** @} */
 
     const std::string& name() const { return mName; }
     const VideoDesc& video() const { return mVideo; }
-    const Format& format() const { return mFormat; }
-    uint64_t remaps() const { return mRemaps; }
-    size_t mappedPlanes() const;
+    const Format& format() const CORVANE_REQUIRES(deviceState) { return mFormat; }
+    uint64_t remaps() const CORVANE_REQUIRES(deviceState) { return mRemaps; }
+    size_t mappedPlanes() const CORVANE_REQUIRES(deviceState);
 
 private:
     enum class State {
@@ -104,34 +109,39 @@ private:
         int requestFd = -1;
         uint32_t sequence = 0;
         timeval timestamp = {};
-        std::array<Plane, kMaxPlanes> given;   ///< as the last QBUF named them
-        std::array<Plane, kMaxPlanes> planes;  ///< as prepared
-        std::array<Mapping, kMaxPlanes> mappings;
+        std::array<Plane, kPicturePlanes> given;   ///< as the last QBUF named them
+        std::array<Plane, kPicturePlanes> planes;  ///< as prepared
+        std::array<Mapping, kPicturePlanes> mappings;
         Job job;  ///< of a buffer without a request
     };
 
-    bool busyFor(const void* owner) const { return mOwner && mOwner != owner; }
-    int checkPlanes(const v4l2_buffer& buffer) const;
-    int checkRequestUse(bool withRequest) const;
-    int takePlanes(const v4l2_buffer& buffer, Buffer& into) const;
-    int mapPlanes(Buffer& buffer);
-    void fill(const Buffer& buffer, v4l2_buffer& user) const;
-    void cancel(std::unique_lock<std::mutex>& lock);
+    bool busyFor(const void* owner) const CORVANE_REQUIRES(deviceState) {
+        return mOwner != nullptr && mOwner != owner;
+    }
+    int checkPlanes(const v4l2_buffer& buffer) const CORVANE_REQUIRES(deviceState);
+    int checkRequestUse(bool withRequest) const CORVANE_REQUIRES(deviceState);
+    int takePlanes(const v4l2_buffer& buffer, Buffer& into) const CORVANE_REQUIRES(deviceState);
+    int mapPlanes(Buffer& buffer) CORVANE_REQUIRES(deviceState);
+    void fill(const Buffer& buffer, v4l2_buffer& user) const CORVANE_REQUIRES(deviceState);
+    void cancel(DeviceLock& lock) CORVANE_REQUIRES(deviceState);
 
     DeviceCore& mDevice;
     const std::string mName;
     const size_t mEntity;
     const VideoDesc mVideo;
     const uint32_t mOrdinal;
-    Format mFormat;
-    const void* mOwner = nullptr;
-    std::vector<Buffer> mBuffers;
-    std::array<uint32_t, kMaxBuffers> mDone;  ///< ring of indexes
-    uint32_t mDoneFirst = 0, mDoneCount = 0;
-    bool mStreaming = false;
-    uint32_t mSequence = 0;  ///< of the next buffer that is done
-    bool mUsesRequests = false, mUsesPlain = false;
-    uint64_t mRemaps = 0;
+    Format mFormat CORVANE_GUARDED_BY(deviceState);
+    const void* mOwner CORVANE_GUARDED_BY(deviceState) = nullptr;
+    std::vector<Buffer> mBuffers CORVANE_GUARDED_BY(deviceState);
+    std::array<uint32_t, kQueueCapacity> mDone
+        CORVANE_GUARDED_BY(deviceState);  ///< ring of indexes
+    uint32_t mDoneFirst CORVANE_GUARDED_BY(deviceState) = 0;
+    uint32_t mDoneCount CORVANE_GUARDED_BY(deviceState) = 0;
+    bool mStreaming CORVANE_GUARDED_BY(deviceState) = false;
+    uint32_t mSequence CORVANE_GUARDED_BY(deviceState) = 0;  ///< of the next buffer that is done
+    bool mUsesRequests CORVANE_GUARDED_BY(deviceState) = false;
+    bool mUsesPlain CORVANE_GUARDED_BY(deviceState) = false;
+    uint64_t mRemaps CORVANE_GUARDED_BY(deviceState) = 0;
 };
 
 }  // namespace NSVista::NSCorvane::sim

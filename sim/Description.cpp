@@ -1,9 +1,11 @@
 #include <corvane/sim/Description.h>
 
 #include <linux/videodev2.h>
-#include <string.h>
+#include <cstring>
 
 #include <algorithm>
+
+#include <corvane/V4L2.h>
 
 #include "vengine-desc.h"
 
@@ -17,7 +19,7 @@ void DeviceDesc::setNames(const std::string& driver, const std::string& model) {
 }
 
 EntityDesc& DeviceDesc::addVideoNode(const std::string& name, const VideoDesc& video) {
-    uint32_t pad = V4L2_TYPE_IS_OUTPUT(video.bufType) ? MEDIA_PAD_FL_SOURCE : MEDIA_PAD_FL_SINK;
+    uint32_t pad = v4l2::isOutput(video.bufType) ? MEDIA_PAD_FL_SOURCE : MEDIA_PAD_FL_SINK;
     return entities.emplace_back(EntityDesc{name, MEDIA_ENT_F_IO_V4L, {pad}, video});
 }
 
@@ -30,8 +32,8 @@ DeviceDesc describeVirtualEngine(const char* model) {
 
     EntityDesc core{VENGINE_CORE_ENTITY, VENGINE_CORE_FUNCTION, {}};
     for (const vengine_port& port : vengine_ports) {
-        core.padFlags.push_back(V4L2_TYPE_IS_OUTPUT(port.buf_type) ? MEDIA_PAD_FL_SINK
-                                                                   : MEDIA_PAD_FL_SOURCE);
+        core.padFlags.push_back(v4l2::isOutput(port.buf_type) ? MEDIA_PAD_FL_SINK
+                                                              : MEDIA_PAD_FL_SOURCE);
     }
     core.padFlags.push_back(MEDIA_PAD_FL_SINK);
     device.entities.push_back(core);
@@ -43,7 +45,7 @@ DeviceDesc describeVirtualEngine(const char* model) {
         const vengine_port& port = vengine_ports[n];
         device.addVideoNode(port.name, VideoDesc{port.buf_type, port.format, port.role});
         GraphLinkDesc link{VENGINE_CORE_ENTITY, n, port.name, 0, port.immutable ? kFixed : 0};
-        if (V4L2_TYPE_IS_OUTPUT(port.buf_type)) {
+        if (v4l2::isOutput(port.buf_type)) {
             std::swap(link.source, link.sink);
             std::swap(link.sourcePad, link.sinkPad);
         }

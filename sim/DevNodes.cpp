@@ -1,7 +1,7 @@
 #include "DevNodes.h"
 
-#include <errno.h>
 #include <sys/sysmacros.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <cstring>
@@ -31,7 +31,7 @@ std::string_view DevNode::subject() const {
 }
 
 bool DevNodes::add(const DeviceDesc& description, DeviceCore& device) {
-    std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     DevNode media{description.mediaNode.empty() ? freeName("media") : description.mediaNode,
                   "../../devices/platform/" + std::string(device.info().driver) + ".0/",
                   kMediaMajor, mMediaMinor, &device};
@@ -53,6 +53,7 @@ bool DevNodes::add(const DeviceDesc& description, DeviceCore& device) {
         else
             node.subDevice = (subDevice++)->get();
         device.entityPaths[i] = node.path();
+        const DeviceLock deviceLock(device.mutex());
         device.graph().setDevnode(i, node.major, node.minor);
         mNodes.push_back(std::move(node));
     }
@@ -62,7 +63,7 @@ bool DevNodes::add(const DeviceDesc& description, DeviceCore& device) {
 }
 
 void DevNodes::setOrder(DirectoryOrder order) {
-    std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     mOrder = order;
 }
 
@@ -84,7 +85,7 @@ const DevNode* DevNodes::find(std::string_view path) const {
 }
 
 std::optional<DevNode> DevNodes::findPath(std::string_view path) const {
-    std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     const DevNode* node = find(path);
     return node ? std::optional(*node) : std::nullopt;
 }
@@ -95,9 +96,9 @@ bool DevNodes::reserved(std::string_view path) {
 }
 
 int DevNodes::stat(std::string_view path, struct stat* info) const {
-    std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     const DevNode* node = find(path);
-    if (!node)
+    if (node == nullptr)
         return -ENOENT;
     *info = {};
     info->st_mode = S_IFCHR | 0660;
@@ -109,7 +110,7 @@ int DevNodes::stat(std::string_view path, struct stat* info) const {
 int DevNodes::readLink(std::string_view path, char* buffer, size_t size) const {
     if (size == 0)
         return -EINVAL;
-    std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     for (const DevNode& node : mNodes) {
         std::string number = std::to_string(node.major) + ":" + std::to_string(node.minor);
         if (path.starts_with(kSysfs) && path.substr(kSysfs.size()) == number)
@@ -123,7 +124,7 @@ bool DevNodes::isDirectory(std::string_view path) {
 }
 
 DIR* DevNodes::openDir() {
-    std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     auto directory = std::make_unique<Directory>();
     directory->entries = {makeEntry(".", DT_DIR), makeEntry("..", DT_DIR)};
     for (const DevNode& node : mNodes)
@@ -141,7 +142,7 @@ std::vector<std::unique_ptr<DevNodes::Directory>>::iterator DevNodes::findDirect
 }
 
 bool DevNodes::readDir(DIR* dir, dirent** entry) {
-    std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     auto at = findDirectory(dir);
     if (at == mDirectories.end())
         return false;
@@ -152,7 +153,7 @@ bool DevNodes::readDir(DIR* dir, dirent** entry) {
 }
 
 bool DevNodes::closeDir(DIR* dir) {
-    std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     auto at = findDirectory(dir);
     if (at == mDirectories.end())
         return false;

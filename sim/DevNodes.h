@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,15 +59,17 @@ private:
         std::vector<dirent> entries;
         size_t next = 0;
     };
-    std::vector<std::unique_ptr<Directory>>::iterator findDirectory(DIR* dir);
-    std::string freeName(std::string_view prefix) const;
-    const DevNode* find(std::string_view path) const;
+    std::vector<std::unique_ptr<Directory>>::iterator findDirectory(DIR* dir)
+        CORVANE_REQUIRES(mMutex);
+    std::string freeName(std::string_view prefix) const CORVANE_REQUIRES(mMutex);
+    const DevNode* find(std::string_view path) const CORVANE_REQUIRES(mMutex);
 
-    mutable std::mutex mMutex;
-    DirectoryOrder mOrder = DirectoryOrder::NEWEST_FIRST;
-    std::vector<DevNode> mNodes;  ///< oldest first
-    std::vector<std::unique_ptr<Directory>> mDirectories;
-    unsigned mMediaMinor = 0, mVideoMinor = 0;
+    mutable Mutex mMutex;
+    DirectoryOrder mOrder CORVANE_GUARDED_BY(mMutex) = DirectoryOrder::NEWEST_FIRST;
+    std::vector<DevNode> mNodes CORVANE_GUARDED_BY(mMutex);  ///< oldest first
+    std::vector<std::unique_ptr<Directory>> mDirectories CORVANE_GUARDED_BY(mMutex);
+    unsigned mMediaMinor CORVANE_GUARDED_BY(mMutex) = 0;
+    unsigned mVideoMinor CORVANE_GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace NSVista::NSCorvane::sim

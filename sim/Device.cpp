@@ -1,5 +1,5 @@
-#include <errno.h>
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "DeviceCore.h"
@@ -15,32 +15,33 @@ std::string Device::path() const {
 }
 
 std::string Device::nodePath(const std::string& entity) const {
+    const DeviceLock lock(mCore->mutex());
     std::optional<size_t> index = mCore->graph().find(entity);
     return index ? mCore->entityPaths[*index] : std::string();
 }
 
 void Device::setBufferLimit(unsigned limit) {
-    std::lock_guard lock(mCore->mutex());
-    mCore->setBufferLimit(std::clamp(limit, 1u, kMaxBuffers));
+    const DeviceLock lock(mCore->mutex());
+    mCore->setBufferLimit(std::clamp(limit, 1u, kQueueCapacity));
 }
 
 void Device::setTiming(const Timing& timing) {
-    std::lock_guard lock(mCore->mutex());
+    const DeviceLock lock(mCore->mutex());
     mCore->pipeline().setTiming(timing);
 }
 
 void Device::hold() {
-    std::lock_guard lock(mCore->mutex());
+    const DeviceLock lock(mCore->mutex());
     mCore->pipeline().hold();
 }
 
 void Device::completeNext(unsigned count) {
-    std::lock_guard lock(mCore->mutex());
+    const DeviceLock lock(mCore->mutex());
     mCore->pipeline().completeNext(count);
 }
 
 void Device::resume() {
-    std::lock_guard lock(mCore->mutex());
+    const DeviceLock lock(mCore->mutex());
     mCore->pipeline().resume();
 }
 
@@ -50,17 +51,17 @@ void Device::failBuffer(const std::string& entity, unsigned nth) {
 
 int Device::linkFlags(const std::string& source, uint32_t sourcePad, const std::string& sink,
                       uint32_t sinkPad) const {
-    std::lock_guard lock(mCore->mutex());
+    const DeviceLock lock(mCore->mutex());
     return mCore->graph().linkFlags({source, sourcePad, sink, sinkPad, 0});
 }
 
 uint32_t Device::nextFrame() const {
-    std::lock_guard lock(mCore->mutex());
+    const DeviceLock lock(mCore->mutex());
     return mCore->pipeline().nextFrame();
 }
 
 DeviceCounts Device::counts() const {
-    std::lock_guard lock(mCore->mutex());
+    const DeviceLock lock(mCore->mutex());
     DeviceCounts counts;
     mCore->pipeline().count(counts);
     for (const auto& queue : mCore->queues()) {

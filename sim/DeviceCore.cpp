@@ -5,9 +5,9 @@
 
 namespace NSVista::NSCorvane::sim {
 
-DeviceCore::DeviceCore(const DeviceDesc& description, Graph graph, FdTable& fds, Faults& faults)
+DeviceCore::DeviceCore(const DeviceDesc& description, Graph graph, FileTable& files, Faults& faults)
     : mInfo(description.info),
-      mFds(fds),
+      mFiles(files),
       mFaults(faults),
       mGraph(std::move(graph)),
       mBufferLimit(VENGINE_MAX_BUFFERS),
@@ -28,10 +28,11 @@ DeviceCore::~DeviceCore() {
 }
 
 int DeviceCore::setupLink(const media_link_desc& link) {
-    return mGraph.setupLink(link, [this](size_t entity) {
-        return std::any_of(mQueues.begin(), mQueues.end(), [entity](const auto& queue) {
-            return queue->entity() == entity && queue->streaming();
-        });
+    return mGraph.setupLink(link, [this](size_t entity) CORVANE_REQUIRES(deviceState) {
+        return std::any_of(mQueues.begin(), mQueues.end(),
+                           [entity](const auto& queue) CORVANE_REQUIRES(deviceState) {
+                               return queue->entity() == entity && queue->streaming();
+                           });
     });
 }
 

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -16,6 +15,7 @@
 #include "BufferQueue.h"
 #include "File.h"
 #include "Graph.h"
+#include "Locks.h"
 #include "Pipeline.h"
 #include "SubDevice.h"
 
@@ -30,19 +30,19 @@ namespace NSVista::NSCorvane::sim {
  */
 class DeviceCore {
 public:
-    /** @param fds the engine's descriptors. @param faults its faults; both outlive the device. */
-    DeviceCore(const DeviceDesc& description, Graph graph, FdTable& fds, Faults& faults);
+    /** @param files the engine's descriptors. @param faults its faults; both outlive the device. */
+    DeviceCore(const DeviceDesc& description, Graph graph, FileTable& files, Faults& faults);
     ~DeviceCore();
     DeviceCore(const DeviceCore&) = delete;
     DeviceCore& operator=(const DeviceCore&) = delete;
 
-    std::mutex& requestMutex() { return mRequestMutex; }
-    std::mutex& mutex() { return mMutex; }
+    Mutex& requestMutex() CORVANE_RETURN_CAPABILITY(mRequestMutex) { return mRequestMutex; }
+    Mutex& mutex() CORVANE_RETURN_CAPABILITY(mMutex) { return mMutex; }
 
     /** @name Fixed once the device is added
      * @{ */
     const media_device_info& info() const { return mInfo; }
-    FdTable& fds() { return mFds; }
+    FileTable& files() { return mFiles; }
     Faults& faults() { return mFaults; }
     Pipeline& pipeline() { return mPipeline; }
     const std::vector<std::unique_ptr<BufferQueue>>& queues() const { return mQueues; }
@@ -54,17 +54,19 @@ public:
 
     /** @name With mutex() held
      * @{ */
-    Graph& graph() { return mGraph; }
+    Graph& graph() CORVANE_REQUIRES(deviceState) { return mGraph; }
     /** MEDIA_IOC_SETUP_LINK: no change of a link whose node streams. */
-    int setupLink(const media_link_desc& link);
-    uint32_t bufferLimit() const { return mBufferLimit; }
-    void setBufferLimit(uint32_t limit) { mBufferLimit = limit; }
+    int setupLink(const media_link_desc& link) CORVANE_REQUIRES(deviceState);
+    uint32_t bufferLimit() const CORVANE_REQUIRES(deviceState) { return mBufferLimit; }
+    void setBufferLimit(uint32_t limit) CORVANE_REQUIRES(deviceState) { mBufferLimit = limit; }
     /** The brightness control of the first sub-device. */
     int32_t brightness() const;
     /** A request is done: events and fences. */
     void frameDone(uint32_t frame, const timespec& time);
     /** Waits for a buffer to become done or its queue to stop. */
-    void waitForBuffer(std::unique_lock<std::mutex>& lock) { mBuffersChanged.wait(lock); }
+    void waitForBuffer(DeviceLock& lock) CORVANE_REQUIRES(deviceState) {
+        mBuffersChanged.wait(lock.native());
+    }
     void buffersChanged() { mBuffersChanged.notify_all(); }
     /** @} */
 
@@ -72,14 +74,15 @@ public:
     std::atomic<size_t> requestsAlive{0};
 
 private:
-    std::mutex mRequestMutex;
-    std::mutex mMutex;
+    /** Guards nothing named: it puts the calls that the kernel serialises in order. */
+    Mutex mRequestMutex CORVANE_ACQUIRED_BEFORE(mMutex);
+    Mutex mMutex;
     std::condition_variable mBuffersChanged;
     const media_device_info mInfo;
-    FdTable& mFds;
+    FileTable& mFiles;
     Faults& mFaults;
-    Graph mGraph;
-    uint32_t mBufferLimit;
+    Graph mGraph CORVANE_GUARDED_BY(deviceState);
+    uint32_t mBufferLimit CORVANE_GUARDED_BY(deviceState);
     std::vector<std::unique_ptr<BufferQueue>> mQueues;
     std::vector<std::unique_ptr<SubDevice>> mSubDevices;
     Pipeline mPipeline;

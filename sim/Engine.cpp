@@ -1,9 +1,9 @@
 #include <corvane/sim/Engine.h>
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <utility>
@@ -24,17 +24,17 @@ int answer(int result) {
 }
 
 /** Opens a media device or a video node, neither of which is polled. */
-int openNode(const DevNode& node, int flags, FdTable& fds) {
+int openNode(const DevNode& node, int flags, FileTable& files) {
     bool nonBlocking = flags & O_NONBLOCK;
     int fd = eventfd(0, EFD_CLOEXEC | (nonBlocking ? EFD_NONBLOCK : 0));
     if (fd < 0)
         return -errno;
     ++node.device->filesOpen;
     if (node.queue)
-        fds.insert(
+        files.insert(
             fd, std::make_shared<VideoFile>(*node.device, *node.queue, node.path(), nonBlocking));
     else
-        fds.insert(fd, std::make_shared<MediaFile>(*node.device));
+        files.insert(fd, std::make_shared<MediaFile>(*node.device));
     return fd;
 }
 
@@ -42,11 +42,21 @@ int openNode(const DevNode& node, int flags, FdTable& fds) {
 
 struct Engine::State {
     Faults faults;
-    FdTable fds;
+    FileTable files;
     DevNodes nodes;
-    std::mutex mutex;  ///< guards devices
-    std::vector<std::unique_ptr<Device>> devices;
+    Mutex mutex;
+    std::vector<std::unique_ptr<Device>> devices CORVANE_GUARDED_BY(mutex);
 
+    int perform(File& file, uint32_t code, void* arg) {
+        int fault = faults.pass(Operation::IOCTL, code, file.name(), file.path());
+        if (fault < 0)
+            return fault;
+        if (fault > 0 && code == VIDIOC_REQBUFS && arg != nullptr) {
+            uint32_t& count = static_cast<v4l2_requestbuffers*>(arg)->count;
+            count = std::min(count, static_cast<uint32_t>(fault));
+        }
+        return file.ioctl(code, arg);
+    }
     void release(int fd, File& file) {
         // The number is free before the driver is done with the file, as everywhere on Linux.
         ::close(fd);
@@ -59,8 +69,8 @@ Engine::Engine() : mState(std::make_unique<State>()) {
 
 Engine::~Engine() {
     mState->faults.clear();
-    for (int fd : mState->fds.descriptors()) {
-        if (auto file = mState->fds.take(fd))
+    for (int fd : mState->files.descriptors()) {
+        if (auto file = mState->files.take(fd))
             mState->release(fd, *file);
     }
 }
@@ -70,10 +80,10 @@ Device* Engine::addDevice(const DeviceDesc& description) {
     if (!graph)
         return nullptr;
     auto core =
-        std::make_unique<DeviceCore>(description, std::move(*graph), mState->fds, mState->faults);
+        std::make_unique<DeviceCore>(description, std::move(*graph), mState->files, mState->faults);
     if (!mState->nodes.add(description, *core))
         return nullptr;
-    std::lock_guard lock(mState->mutex);
+    const MutexLock lock(mState->mutex);
     mState->devices.push_back(std::make_unique<Device>(std::move(core)));
     return mState->devices.back().get();
 }
@@ -87,7 +97,7 @@ Faults& Engine::faults() {
 }
 
 size_t Engine::openFiles() const {
-    return mState->fds.descriptors().size();
+    return mState->files.descriptors().size();
 }
 
 int Engine::open(const char* path, int flags) {
@@ -98,16 +108,16 @@ int Engine::open(const char* path, int flags) {
     if (!node)
         return DevNodes::reserved(path) ? answer(-ENOENT) : System::linuxKernel().open(path, flags);
     if (node->subDevice)
-        return answer(node->subDevice->open(flags, node->path(), mState->fds));
-    return answer(openNode(*node, flags, mState->fds));
+        return answer(node->subDevice->open(flags, node->path(), mState->files));
+    return answer(openNode(*node, flags, mState->files));
 }
 
 int Engine::close(int fd) {
-    std::shared_ptr<File> file = mState->fds.find(fd);
+    std::shared_ptr<File> file = mState->files.find(fd);
     int fault = mState->faults.pass(Operation::CLOSE, 0, file ? file->name() : "",
                                     file ? file->path() : "");
     int result = 0;
-    if (std::shared_ptr<File> taken = mState->fds.take(fd))
+    if (std::shared_ptr<File> taken = mState->files.take(fd))
         mState->release(fd, *taken);
     else
         result = System::linuxKernel().close(fd);
@@ -116,21 +126,17 @@ int Engine::close(int fd) {
 
 int Engine::ioctl(int fd, unsigned long request, void* arg) {
     uint32_t code = static_cast<uint32_t>(request);
-    std::shared_ptr<File> file = mState->fds.find(fd);
-    if (!file) {
+    std::shared_ptr<File> file = mState->files.find(fd);
+    if (file == nullptr) {
         int fault = mState->faults.pass(Operation::IOCTL, code, "", "");
         return fault < 0 ? answer(fault) : System::linuxKernel().ioctl(fd, request, arg);
     }
     file->record(code, arg);
-    std::unique_lock<std::mutex> serial = file->serialise(code);
-    int fault = mState->faults.pass(Operation::IOCTL, code, file->name(), file->path());
-    if (fault < 0)
-        return answer(fault);
-    if (fault > 0 && code == VIDIOC_REQBUFS && arg) {
-        uint32_t& count = static_cast<v4l2_requestbuffers*>(arg)->count;
-        count = std::min(count, static_cast<uint32_t>(fault));
-    }
-    return answer(file->ioctl(code, arg));
+    Mutex* serialiser = file->serialiser(code);
+    if (serialiser == nullptr)
+        return answer(mState->perform(*file, code, arg));
+    const MutexLock lock(*serialiser);
+    return answer(mState->perform(*file, code, arg));
 }
 
 int Engine::openDir(const char* path, DIR** dir) {

@@ -6,11 +6,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <corvane/platform/Mutex.h>
 
 namespace NSVista::NSCorvane::sim {
 
@@ -22,10 +22,10 @@ public:
     /** Carries an ioctl out. @return >= 0 or the negated errno. */
     virtual int ioctl(uint32_t code, void* arg) = 0;
     /**
-     * Takes the lock that the kernel holds through the whole of such a call: the one which starts,
-     * stops and reconfigures queues and queues requests, one at a time for a device.
+     * The lock that the kernel holds through the whole of such a call, null for none: the one which
+     * starts, stops and reconfigures queues and queues requests, one at a time for a device.
      */
-    virtual std::unique_lock<std::mutex> serialise(uint32_t code) const = 0;
+    virtual Mutex* serialiser(uint32_t code) const = 0;
     /** Whom faults and counts know the file by: entity or "request", and path of the node. */
     virtual std::string_view name() const = 0;
     virtual std::string_view path() const = 0;
@@ -36,7 +36,7 @@ public:
 };
 
 /** Descriptors and their files. Any thread; a file found stays alive while it is held. */
-class FdTable {
+class FileTable {
 public:
     void insert(int fd, std::shared_ptr<File> file);
     std::shared_ptr<File> find(int fd) const;
@@ -45,8 +45,8 @@ public:
     std::vector<int> descriptors() const;
 
 private:
-    mutable std::shared_mutex mMutex;
-    std::vector<std::shared_ptr<File>> mFiles;  ///< by descriptor
+    mutable Mutex mMutex;
+    std::vector<std::shared_ptr<File>> mFiles CORVANE_GUARDED_BY(mMutex);  ///< by descriptor
 };
 
 }  // namespace NSVista::NSCorvane::sim

@@ -1,7 +1,7 @@
 #include "Format.h"
 
-#include <errno.h>
-#include <string.h>
+#include <cerrno>
+#include <cstring>
 
 #include <algorithm>
 #include <iterator>
@@ -14,7 +14,8 @@ bool knownFormat(uint32_t bufType, uint32_t fourcc) {
     auto holds = [&](const auto& formats) {
         return std::find(std::begin(formats), std::end(formats), fourcc) != std::end(formats);
     };
-    return isMultiPlanar(bufType) ? holds(vengine_mplane_formats) : holds(vengine_splane_formats);
+    return v4l2::isMultiPlanar(bufType) ? holds(vengine_mplane_formats)
+                                        : holds(vengine_splane_formats);
 }
 
 vengine_layout metaLayout(uint32_t fourcc) {
@@ -23,21 +24,14 @@ vengine_layout metaLayout(uint32_t fourcc) {
 
 }  // namespace
 
-bool isMultiPlanar(uint32_t bufType) {
-    return V4L2_TYPE_IS_MULTIPLANAR(bufType);
-}
-
-bool isMeta(uint32_t bufType) {
-    return bufType == V4L2_BUF_TYPE_META_CAPTURE || bufType == V4L2_BUF_TYPE_META_OUTPUT;
-}
-
 Format::Format(const VideoDesc& video) : mBufType(video.bufType), mDefault(video.format) {
-    if (isMeta(mBufType)) {
+    if (v4l2::isMeta(mBufType)) {
         mLayout = metaLayout(mDefault);
         return;
     }
     if (!knownFormat(mBufType, mDefault))
-        mDefault = isMultiPlanar(mBufType) ? vengine_mplane_formats[0] : vengine_splane_formats[0];
+        mDefault =
+            v4l2::isMultiPlanar(mBufType) ? vengine_mplane_formats[0] : vengine_splane_formats[0];
     mLayout = vengine_layout_of(mDefault, VENGINE_DEFAULT_WIDTH, VENGINE_DEFAULT_HEIGHT);
 }
 
@@ -45,10 +39,10 @@ int Format::get(v4l2_format& format) const {
     if (format.type != mBufType)
         return -EINVAL;
     memset(&format.fmt, 0, sizeof(format.fmt));
-    if (isMeta(mBufType)) {
+    if (v4l2::isMeta(mBufType)) {
         format.fmt.meta.dataformat = mLayout.fourcc;
         format.fmt.meta.buffersize = mLayout.sizeimage[0];
-    } else if (isMultiPlanar(mBufType)) {
+    } else if (v4l2::isMultiPlanar(mBufType)) {
         v4l2_pix_format_mplane& pix = format.fmt.pix_mp;
         pix.width = mLayout.width;
         pix.height = mLayout.height;
@@ -76,7 +70,7 @@ int Format::get(v4l2_format& format) const {
 int Format::set(v4l2_format& format) {
     if (format.type != mBufType)
         return -EINVAL;
-    if (!isMeta(mBufType)) {
+    if (!v4l2::isMeta(mBufType)) {
         // Width, height and pixel format begin both kinds of record.
         const v4l2_pix_format& pix = format.fmt.pix;
         uint32_t fourcc = pix.pixelformat;

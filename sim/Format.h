@@ -6,14 +6,12 @@
 
 #include <linux/videodev2.h>
 
+#include <corvane/V4L2.h>
 #include <corvane/sim/Description.h>
 
 #include "vengine-picture.h"
 
 namespace NSVista::NSCorvane::sim {
-
-bool isMultiPlanar(uint32_t bufType);
-bool isMeta(uint32_t bufType);
 
 /** A node's format. Not thread-safe. */
 class Format {

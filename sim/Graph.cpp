@@ -1,7 +1,7 @@
 #include "Graph.h"
 
-#include <errno.h>
-#include <string.h>
+#include <cerrno>
+#include <cstring>
 
 #include <algorithm>
 

@@ -16,7 +16,7 @@
 
 namespace NSVista::NSCorvane::sim {
 
-/** The graph of a media device. Guarded by the device's mutex; entities never change. */
+/** The graph of a media device. Not thread-safe. */
 class Graph {
 public:
     /** @return nothing when a link names an entity or a pad that is not there. */

@@ -1,9 +1,9 @@
 #include "Holdings.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <string.h>
 #include <sys/eventfd.h>
+#include <cerrno>
+#include <cstring>
 
 #include <algorithm>
 #include <iterator>
@@ -40,7 +40,7 @@ int mapAll(Table& table, const std::vector<int32_t>& fds, uint8_t coherence, siz
         BufferId id;
         if (int result = identify(fd, id); result < 0)
             return result;
-        OwnedFd reference(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+        UniqueFd reference(fcntl(fd, F_DUPFD_CLOEXEC, 0));
         if (!reference)
             return -errno;
         added.push_back({id, coherence, std::move(reference)});
@@ -105,13 +105,13 @@ int Holdings::addFences(const kvxdip_fence& list) {
     if (mFences.size() + list.count > VENGINE_MAX_FENCES)
         return -ENOSPC;
     void* user = reinterpret_cast<void*>(static_cast<uintptr_t>(list.fds));
-    if (list.count > 0 && !user)
+    if (list.count > 0 && user == nullptr)
         return -EFAULT;
-    std::vector<OwnedFd> handedOut;
+    std::vector<UniqueFd> handedOut;
     std::vector<Fence> added;
     for (unsigned i = 0; i < list.count; ++i) {
-        OwnedFd fence(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-        OwnedFd own(fence ? fcntl(fence.get(), F_DUPFD_CLOEXEC, 0) : -1);
+        UniqueFd fence(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        UniqueFd own(fence ? fcntl(fence.get(), F_DUPFD_CLOEXEC, 0) : -1);
         if (!own)
             return -errno;
         added.push_back({fence.get(), std::move(own), false});
@@ -127,7 +127,7 @@ int Holdings::addFences(const kvxdip_fence& list) {
 
 int Holdings::deleteFences(const kvxdip_fence& list) {
     const void* user = reinterpret_cast<const void*>(static_cast<uintptr_t>(list.fds));
-    if (list.count > 0 && !user)
+    if (list.count > 0 && user == nullptr)
         return -EFAULT;
     std::vector<ptrdiff_t> found;
     for (int32_t fd : copyArray(user, list.count)) {

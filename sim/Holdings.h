@@ -9,15 +9,15 @@
 #include <vector>
 
 #include <corvane/kvxdip.h>
+#include <corvane/platform/UniqueFd.h>
 #include <corvane/sim/Engine.h>
 
 #include "Mapping.h"
-#include "OwnedFd.h"
 
 namespace NSVista::NSCorvane::sim {
 
 /**
- * Mappings, fences and memory. Guarded by the sub-device's lock. Operations return 0 or a negated
+ * Mappings, fences and memory. Not thread-safe. Operations return 0 or a negated
  * errno, which vengine-desc.h lists, and change nothing when they fail.
  */
 class Holdings {
@@ -43,11 +43,11 @@ private:
     struct Mapped {
         BufferId id;
         uint8_t coherence;
-        OwnedFd reference;  ///< keeps the buffer, and so its identity, alive
+        UniqueFd reference;  ///< keeps the buffer, and so its identity, alive
     };
     struct Fence {
         int handedOut;  ///< the caller's descriptor
-        OwnedFd own;
+        UniqueFd own;
         bool signalled;
 
         void signal();

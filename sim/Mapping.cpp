@@ -1,8 +1,8 @@
 #include "Mapping.h"
 
-#include <errno.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <cerrno>
 
 namespace NSVista::NSCorvane::sim {
 

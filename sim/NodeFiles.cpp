@@ -1,38 +1,17 @@
 #include "NodeFiles.h"
 
-#include <errno.h>
 #include <linux/media.h>
-#include <string.h>
+#include <cerrno>
+#include <cstring>
+
+#include <corvane/V4L2.h>
 
 namespace NSVista::NSCorvane::sim {
 
-namespace {
-
-uint32_t capabilityOf(uint32_t bufType) {
-    switch (bufType) {
-        case V4L2_BUF_TYPE_VIDEO_CAPTURE:
-            return V4L2_CAP_VIDEO_CAPTURE;
-        case V4L2_BUF_TYPE_VIDEO_OUTPUT:
-            return V4L2_CAP_VIDEO_OUTPUT;
-        case V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE:
-            return V4L2_CAP_VIDEO_CAPTURE_MPLANE;
-        case V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE:
-            return V4L2_CAP_VIDEO_OUTPUT_MPLANE;
-        case V4L2_BUF_TYPE_META_CAPTURE:
-            return V4L2_CAP_META_CAPTURE;
-        case V4L2_BUF_TYPE_META_OUTPUT:
-            return V4L2_CAP_META_OUTPUT;
-        default:
-            return 0;
-    }
-}
-
-}  // namespace
-
 int VideoFile::ioctl(uint32_t code, void* arg) {
-    if (!arg)
+    if (arg == nullptr)
         return -EFAULT;
-    std::unique_lock lock(mDevice.mutex());
+    DeviceLock lock(mDevice.mutex());
     switch (code) {
         case VIDIOC_QUERYCAP:
             queryCapabilities(*static_cast<v4l2_capability*>(arg));
@@ -59,11 +38,11 @@ int VideoFile::ioctl(uint32_t code, void* arg) {
     }
 }
 
-int VideoFile::queueBuffer(std::unique_lock<std::mutex>& lock, v4l2_buffer& buffer) {
+int VideoFile::queueBuffer(DeviceLock& lock, v4l2_buffer& buffer) {
     std::shared_ptr<Request> request;
     bool withRequest = buffer.flags & V4L2_BUF_FLAG_REQUEST_FD;
     if (withRequest) {
-        auto file = std::dynamic_pointer_cast<RequestFile>(mDevice.fds().find(buffer.request_fd));
+        auto file = std::dynamic_pointer_cast<RequestFile>(mDevice.files().find(buffer.request_fd));
         if (file)
             request = file->request();
     }
@@ -80,27 +59,27 @@ void VideoFile::queryCapabilities(v4l2_capability& capability) const {
     memcpy(capability.bus_info, mDevice.info().bus_info, sizeof(capability.bus_info) - 1);
     capability.version = mDevice.info().driver_version;
     const VideoDesc& video = mQueue.video();
-    uint32_t own =
-        capabilityOf(video.bufType) | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_IO_MC;
+    const v4l2::BufferType* type = v4l2::findBufferType(video.bufType);
+    uint32_t own = (type != nullptr ? type->caps : 0) | V4L2_CAP_STREAMING |
+                   V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_IO_MC;
     capability.device_caps = video.deviceCaps.value_or(own);
     capability.capabilities = video.capabilities.value_or(own | V4L2_CAP_DEVICE_CAPS);
 }
 
-std::unique_lock<std::mutex> VideoFile::serialise(uint32_t code) const {
-    if (code == VIDIOC_REQBUFS || code == VIDIOC_STREAMON || code == VIDIOC_STREAMOFF)
-        return std::unique_lock(mDevice.requestMutex());
-    return {};
+Mutex* VideoFile::serialiser(uint32_t code) const {
+    bool serialised = code == VIDIOC_REQBUFS || code == VIDIOC_STREAMON || code == VIDIOC_STREAMOFF;
+    return serialised ? &mDevice.requestMutex() : nullptr;
 }
 
 void VideoFile::released() {
-    std::lock_guard serial(mDevice.requestMutex());
-    std::unique_lock lock(mDevice.mutex());
+    const MutexLock serial(mDevice.requestMutex());
+    DeviceLock lock(mDevice.mutex());
     mQueue.release(lock, this);
     --mDevice.filesOpen;
 }
 
 int MediaFile::ioctl(uint32_t code, void* arg) {
-    if (!arg && _IOC_SIZE(code) > 0)
+    if (arg == nullptr && _IOC_SIZE(code) > 0)
         return -EFAULT;
     if (code == MEDIA_IOC_REQUEST_ALLOC) {
         int fd = RequestFile::open(mDevice);
@@ -109,7 +88,7 @@ int MediaFile::ioctl(uint32_t code, void* arg) {
         *static_cast<int*>(arg) = fd;
         return 0;
     }
-    std::lock_guard lock(mDevice.mutex());
+    const DeviceLock lock(mDevice.mutex());
     switch (code) {
         case MEDIA_IOC_DEVICE_INFO:
             *static_cast<media_device_info*>(arg) = mDevice.info();

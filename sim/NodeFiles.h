@@ -20,13 +20,13 @@ public:
         : mDevice(device), mQueue(queue), mPath(std::move(path)), mNonBlocking(nonBlocking) {}
 
     int ioctl(uint32_t code, void* arg) override;
-    std::unique_lock<std::mutex> serialise(uint32_t code) const override;
+    Mutex* serialiser(uint32_t code) const override;
     std::string_view name() const override { return mQueue.name(); }
     std::string_view path() const override { return mPath; }
     void released() override;
 
 private:
-    int queueBuffer(std::unique_lock<std::mutex>& lock, v4l2_buffer& buffer);
+    int queueBuffer(DeviceLock& lock, v4l2_buffer& buffer) CORVANE_REQUIRES(deviceState);
     void queryCapabilities(v4l2_capability& capability) const;
 
     DeviceCore& mDevice;
@@ -41,7 +41,7 @@ public:
     explicit MediaFile(DeviceCore& device) : mDevice(device) {}
 
     int ioctl(uint32_t code, void* arg) override;
-    std::unique_lock<std::mutex> serialise(uint32_t) const override { return {}; }
+    Mutex* serialiser(uint32_t) const override { return nullptr; }
     std::string_view name() const override { return {}; }
     std::string_view path() const override { return mDevice.mediaPath; }
     void released() override { --mDevice.filesOpen; }

@@ -1,6 +1,6 @@
 #include "Picture.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <optional>
 
@@ -24,7 +24,7 @@ Inputs gatherInputs(const Job& job) {
             inputs.ports |= 1u << queue->ordinal();
         if (queue->capture())
             continue;
-        if (isMeta(queue->video().bufType)) {
+        if (v4l2::isMeta(queue->video().bufType)) {
             memcpy(&inputs.tuning.emplace(), queue->planeData(index, 0), sizeof(vengine_tuning));
         } else if (queue->role() == VENGINE_ROLE_MASK) {
             inputs.mask = queue->picture(index);
@@ -60,7 +60,7 @@ bool render(const Job& job) {
     for (const auto& [queue, index] : job.buffers) {
         if (!queue->capture())
             continue;
-        if (isMeta(queue->video().bufType)) {
+        if (v4l2::isMeta(queue->video().bufType)) {
             vengine_stats stats = gatherStats(job, inputs);
             memcpy(queue->planeData(index, 0), &stats, sizeof(stats));
         } else {

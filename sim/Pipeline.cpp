@@ -25,7 +25,7 @@ void Pipeline::start() {
 
 void Pipeline::stop() {
     {
-        std::lock_guard lock(mDevice.mutex());
+        const DeviceLock lock(mDevice.mutex());
         mStop = true;
         mWake.notify_all();
     }
@@ -41,7 +41,7 @@ void Pipeline::submit(Job& job) {
     markReady();
 }
 
-void Pipeline::queued(std::unique_lock<std::mutex>& lock) {
+void Pipeline::queued(DeviceLock& lock) {
     if (mTiming.onQueueingThread)
         runDue(lock);
     mWake.notify_one();
@@ -57,7 +57,8 @@ void Pipeline::markReady() {
     for (Job* job : mJobs) {
         if (job->stage != Job::Stage::WAITING ||
             !std::all_of(job->buffers.begin(), job->buffers.end(),
-                         [](const BufferRef& buffer) { return buffer.queue->streaming(); }))
+                         [](const BufferRef& buffer)
+                             CORVANE_REQUIRES(deviceState) { return buffer.queue->streaming(); }))
             continue;
         job->stage = Job::Stage::READY;
         job->due = now + mTiming.latency;
@@ -67,12 +68,13 @@ void Pipeline::markReady() {
     }
 }
 
-void Pipeline::waitWhileRunning(const BufferQueue& queue, std::unique_lock<std::mutex>& lock) {
-    mFinished.wait(lock, [&] { return !mRunning || !uses(*mRunning, queue); });
+void Pipeline::waitWhileRunning(const BufferQueue& queue, DeviceLock& lock) {
+    while (mRunning != nullptr && uses(*mRunning, queue))
+        mFinished.wait(lock.native());
 }
 
 void Pipeline::withdrawn() {
-    auto drop = [&](Job* job) {
+    auto drop = [&](Job* job) CORVANE_REQUIRES(deviceState) {
         if (!job->buffers.empty())
             return false;
         job->stage = Job::Stage::IDLE;
@@ -110,30 +112,31 @@ void Pipeline::count(DeviceCounts& counts) const {
     counts.queued = mQueued;
     counts.completed = mCompleted;
     counts.cancelled = mCancelled;
-    counts.inFlight = mJobs.size() + mGroup.size() + (mRunning ? 1 : 0);
+    counts.inFlight = mJobs.size() + mGroup.size() + (mRunning != nullptr ? 1 : 0);
 }
 
 void Pipeline::work() {
-    std::unique_lock lock(mDevice.mutex());
+    DeviceLock lock(mDevice.mutex());
     while (!mStop) {
         Clock::time_point next = runDue(lock);
         if (mStop)
             break;
         if (next == Clock::time_point::max()) {
-            mWake.wait(lock);
+            mWake.wait(lock.native());
         } else {
             // The system clock, since thread checkers do not know the other kind of wait.
-            mWake.wait_until(lock, std::chrono::system_clock::now() + (next - Clock::now()));
+            mWake.wait_until(lock.native(),
+                             std::chrono::system_clock::now() + (next - Clock::now()));
         }
     }
 }
 
 /** Processes what is due, unless another thread is at it. @return when to look again. */
-Clock::time_point Pipeline::runDue(std::unique_lock<std::mutex>& lock) {
+Clock::time_point Pipeline::runDue(DeviceLock& lock) {
     Clock::time_point next = Clock::time_point::max();
-    while (!mRunning && !mStop) {
+    while (mRunning == nullptr && !mStop) {
         Job* job = takeDue(Clock::now(), next);
-        if (!job)
+        if (job == nullptr)
             break;
         process(*job, lock);
         next = Clock::time_point::max();
@@ -172,7 +175,7 @@ bool Pipeline::formGroup(Clock::time_point now, Clock::time_point& next) {
         next = deadline;
         return false;
     }
-    std::erase_if(mJobs, [&](Job* job) {
+    std::erase_if(mJobs, [&](Job* job) CORVANE_REQUIRES(deviceState) {
         return std::find(mGroup.begin(), mGroup.end(), job) != mGroup.end();
     });
     if (mTiming.order == Order::IN_ORDER)
@@ -182,7 +185,7 @@ bool Pipeline::formGroup(Clock::time_point now, Clock::time_point& next) {
     return true;
 }
 
-void Pipeline::process(Job& job, std::unique_lock<std::mutex>& lock) {
+void Pipeline::process(Job& job, DeviceLock& lock) {
     job.stage = Job::Stage::RUNNING;
     job.brightness = mDevice.brightness();
     mRunning = &job;
@@ -197,7 +200,7 @@ void Pipeline::process(Job& job, std::unique_lock<std::mutex>& lock) {
     // Every buffer joins its node's done list before the request completes.
     for (const auto& [queue, index] : job.buffers)
         queue->complete(index, good, time);
-    if (job.request)
+    if (job.request != nullptr)
         job.request->finish();
     mRunning = nullptr;
     mFinished.notify_all();

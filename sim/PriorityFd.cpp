@@ -1,9 +1,9 @@
 #include "PriorityFd.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <cerrno>
 
 namespace NSVista::NSCorvane::sim {
 
@@ -12,7 +12,7 @@ int PriorityFd::open(bool nonBlocking) {
     int type = SOCK_STREAM | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0);
     if (socketpair(AF_UNIX, type, 0, ends) < 0)
         return -errno;
-    OwnedFd client(ends[0]);
+    UniqueFd client(ends[0]);
     mSender.reset(ends[1]);
     mReceiver.reset(fcntl(client.get(), F_DUPFD_CLOEXEC, 0));
     return mReceiver ? client.release() : -errno;

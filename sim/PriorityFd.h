@@ -4,7 +4,7 @@
  */
 #pragma once
 
-#include "OwnedFd.h"
+#include <corvane/platform/UniqueFd.h>
 
 namespace NSVista::NSCorvane::sim {
 
@@ -22,9 +22,9 @@ public:
     void lower();
 
 private:
-    OwnedFd mSender;
+    UniqueFd mSender;
     /** A duplicate of the client's end: data can only be taken back where it arrives. */
-    OwnedFd mReceiver;
+    UniqueFd mReceiver;
     bool mRaised = false;
 };
 

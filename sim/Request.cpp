@@ -1,7 +1,7 @@
 #include "Request.h"
 
-#include <errno.h>
 #include <linux/media.h>
+#include <cerrno>
 
 #include <algorithm>
 
@@ -72,16 +72,17 @@ void Request::finish() {
 
 int RequestFile::open(DeviceCore& device) {
     auto file = std::make_shared<RequestFile>(device);
+    const DeviceLock lock(device.mutex());
     int fd = file->mRequest->signal().open(false);
     if (fd >= 0) {
         ++device.filesOpen;
-        device.fds().insert(fd, std::move(file));
+        device.files().insert(fd, std::move(file));
     }
     return fd;
 }
 
 int RequestFile::ioctl(uint32_t code, void*) {
-    std::unique_lock lock(mRequest->device().mutex());
+    DeviceLock lock(mRequest->device().mutex());
     switch (code) {
         case MEDIA_REQUEST_IOC_QUEUE: {
             int result = mRequest->queue();
@@ -96,12 +97,12 @@ int RequestFile::ioctl(uint32_t code, void*) {
     }
 }
 
-std::unique_lock<std::mutex> RequestFile::serialise(uint32_t) const {
-    return std::unique_lock(mRequest->device().requestMutex());
+Mutex* RequestFile::serialiser(uint32_t) const {
+    return &mRequest->device().requestMutex();
 }
 
 void RequestFile::released() {
-    std::lock_guard lock(mRequest->device().mutex());
+    const DeviceLock lock(mRequest->device().mutex());
     mRequest->signal().close();
     --mRequest->device().filesOpen;
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "File.h"
+#include "Locks.h"
 #include "PriorityFd.h"
 
 namespace NSVista::NSCorvane::sim {
@@ -25,7 +26,7 @@ struct BufferRef {
     uint32_t index;
 };
 
-/** Buffers that the engine processes together. Guarded by the device's mutex. */
+/** Buffers that the engine processes together. Guarded as its owner is. */
 struct Job {
     enum class Stage {
         IDLE,
@@ -43,7 +44,6 @@ struct Job {
 
 /**
  * A media request. Its descriptor and every buffer between its QBUF and DQBUF keep it alive.
- * Guarded by the device's mutex.
  */
 class Request {
 public:
@@ -53,26 +53,26 @@ public:
     Request& operator=(const Request&) = delete;
 
     /** MEDIA_REQUEST_IOC_QUEUE. */
-    int queue();
+    int queue() CORVANE_REQUIRES(deviceState);
     /** MEDIA_REQUEST_IOC_REINIT. */
-    int reinit();
+    int reinit() CORVANE_REQUIRES(deviceState);
     /** Takes another buffer's reference; @return -EBUSY unless the request is idle. */
-    int bind(const BufferRef& buffer);
+    int bind(const BufferRef& buffer) CORVANE_REQUIRES(deviceState);
     /** A bound buffer is taken back; the last one of a queued request completes it. */
-    void unbind(const BufferRef& buffer);
+    void unbind(const BufferRef& buffer) CORVANE_REQUIRES(deviceState);
     /** All buffers are done. */
-    void finish();
+    void finish() CORVANE_REQUIRES(deviceState);
 
     DeviceCore& device() const { return mDevice; }
-    bool idle() const { return mState == State::IDLE; }
-    PriorityFd& signal() { return mSignal; }
+    bool idle() const CORVANE_REQUIRES(deviceState) { return mState == State::IDLE; }
+    PriorityFd& signal() CORVANE_REQUIRES(deviceState) { return mSignal; }
 
 private:
     enum class State { IDLE, QUEUED, COMPLETE };
     DeviceCore& mDevice;
-    State mState = State::IDLE;
-    Job mJob;  ///< its buffers are those bound to the request
-    PriorityFd mSignal;
+    State mState CORVANE_GUARDED_BY(deviceState) = State::IDLE;
+    Job mJob CORVANE_GUARDED_BY(deviceState);  ///< its buffers are those bound to the request
+    PriorityFd mSignal CORVANE_GUARDED_BY(deviceState);
 };
 
 /** The open descriptor of a media request. */
@@ -85,7 +85,7 @@ public:
     const std::shared_ptr<Request>& request() const { return mRequest; }
 
     int ioctl(uint32_t code, void* arg) override;
-    std::unique_lock<std::mutex> serialise(uint32_t code) const override;
+    Mutex* serialiser(uint32_t code) const override;
     std::string_view name() const override { return "request"; }
     std::string_view path() const override { return {}; }
     void released() override;

@@ -1,8 +1,8 @@
 #include "SubDevice.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <linux/ioctl.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <utility>
@@ -19,31 +19,32 @@ const vengine_control* findControl(int32_t id) {
 
 }  // namespace
 
-int SubDevice::open(int flags, const std::string& path, FdTable& fds) {
+int SubDevice::open(int flags, const std::string& path, FileTable& files) {
     bool nonBlocking = flags & O_NONBLOCK;
     auto file = std::make_shared<SubDeviceFile>(*this, path, nonBlocking);
-    int fd = file->mSignal.open(nonBlocking);
-    if (fd < 0)
-        return fd;
+    int fd = -1;
     {
-        std::lock_guard lock(mMutex);
+        const SubDeviceLock lock(mMutex);
+        fd = file->mSignal.open(nonBlocking);
+        if (fd < 0)
+            return fd;
         mFiles.push_back(file.get());
     }
     ++mFilesOpen;
-    fds.insert(fd, std::move(file));
+    files.insert(fd, std::move(file));
     return fd;
 }
 
 int32_t SubDevice::control(int32_t id) const {
     int32_t value = 0;
-    std::lock_guard lock(mMutex);
+    const SubDeviceLock lock(mMutex);
     getControl(id, value);
     return value;
 }
 
 int SubDevice::setControl(int32_t id, int32_t value) {
     const vengine_control* control = findControl(id);
-    if (!control)
+    if (control == nullptr)
         return -EINVAL;
     if (value < control->min || value > control->max)
         return -ERANGE;
@@ -53,14 +54,14 @@ int SubDevice::setControl(int32_t id, int32_t value) {
 
 int SubDevice::getControl(int32_t id, int32_t& value) const {
     const vengine_control* control = findControl(id);
-    if (!control)
+    if (control == nullptr)
         return -EINVAL;
     value = mControls[static_cast<size_t>(control - vengine_controls)];
     return 0;
 }
 
 void SubDevice::frameDone(uint32_t frame, const timespec& time) {
-    std::lock_guard lock(mMutex);
+    const SubDeviceLock lock(mMutex);
     for (SubDeviceFile* file : mFiles) {
         file->queueEvent(frame, time);
         file->mHoldings.signalFences();
@@ -69,7 +70,7 @@ void SubDevice::frameDone(uint32_t frame, const timespec& time) {
 }
 
 SubDeviceCounts SubDevice::counts() const {
-    std::lock_guard lock(mMutex);
+    const SubDeviceLock lock(mMutex);
     SubDeviceCounts counts = mPast;
     for (const SubDeviceFile* file : mFiles) {
         file->mHoldings.addTo(counts);
@@ -79,22 +80,22 @@ SubDeviceCounts SubDevice::counts() const {
 }
 
 std::vector<IoctlRecord> SubDevice::takeRecords() {
-    std::lock_guard lock(mMutex);
+    const SubDeviceLock lock(mMutex);
     return std::exchange(mRecords, {});
 }
 
 void SubDeviceFile::record(uint32_t code, const void* arg) {
-    if (_IOC_TYPE(code) != 'V' || _IOC_NR(code) < BASE_VIDIOC_PRIVATE || !arg)
+    if (_IOC_TYPE(code) != 'V' || _IOC_NR(code) < BASE_VIDIOC_PRIVATE || arg == nullptr)
         return;
     const uint8_t* bytes = static_cast<const uint8_t*>(arg);
-    std::lock_guard lock(mDevice.mMutex);
+    const SubDeviceLock lock(mDevice.mMutex);
     mDevice.mRecords.push_back({code, {bytes, bytes + _IOC_SIZE(code)}});
 }
 
 int SubDeviceFile::ioctl(uint32_t code, void* arg) {
-    if (!arg)
+    if (arg == nullptr)
         return -EFAULT;
-    std::unique_lock lock(mDevice.mMutex);
+    SubDeviceLock lock(mDevice.mMutex);
     switch (code) {
         case VIDIOC_SUBSCRIBE_EVENT:
             return subscribe(*static_cast<v4l2_event_subscription*>(arg));
@@ -158,11 +159,11 @@ int SubDeviceFile::unsubscribe(const v4l2_event_subscription& subscription) {
     return 0;
 }
 
-int SubDeviceFile::dequeueEvent(std::unique_lock<std::mutex>& lock, v4l2_event& event) {
+int SubDeviceFile::dequeueEvent(SubDeviceLock& lock, v4l2_event& event) {
     while (mPending == 0) {
         if (mNonBlocking)
             return -ENOENT;
-        mDevice.mEventQueued.wait(lock);
+        mDevice.mEventQueued.wait(lock.native());
     }
     event = mEvents[mFirst];
     mFirst = (mFirst + 1) % mEvents.size();
@@ -195,7 +196,7 @@ void SubDeviceFile::dropEvents() {
 }
 
 void SubDeviceFile::released() {
-    std::lock_guard lock(mDevice.mMutex);
+    const SubDeviceLock lock(mDevice.mMutex);
     SubDeviceCounts held;
     mHoldings.addTo(held);
     mDevice.mPast.leftAtClose +=

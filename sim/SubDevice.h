@@ -12,7 +12,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -20,6 +19,7 @@
 
 #include "File.h"
 #include "Holdings.h"
+#include "Locks.h"
 #include "PriorityFd.h"
 #include "vengine-desc.h"
 
@@ -27,7 +27,8 @@ namespace NSVista::NSCorvane::sim {
 
 class SubDeviceFile;
 
-/** State that all openers share. Any thread; its lock is never held while another is taken. */
+/** State that all openers share. Any thread; its lock is taken inside the device's, and no other
+ * inside it. */
 class SubDevice {
 public:
     /** @param filesOpen the device's count of open descriptors. */
@@ -35,7 +36,7 @@ public:
         : mName(std::move(name)), mFilesOpen(filesOpen) {}
 
     /** @return a new descriptor or the negated errno. */
-    int open(int flags, const std::string& path, FdTable& fds);
+    int open(int flags, const std::string& path, FileTable& files);
 
     int32_t control(int32_t id) const;
     /** Sends the event of a completed request and signals the fences taken for it. */
@@ -47,18 +48,19 @@ public:
 
 private:
     friend class SubDeviceFile;
-    int setControl(int32_t id, int32_t value);
-    int getControl(int32_t id, int32_t& value) const;
+    int setControl(int32_t id, int32_t value) CORVANE_REQUIRES(subDeviceState);
+    int getControl(int32_t id, int32_t& value) const CORVANE_REQUIRES(subDeviceState);
 
-    mutable std::mutex mMutex;
+    mutable Mutex mMutex;
     std::condition_variable mEventQueued;
     const std::string mName;
     std::atomic<size_t>& mFilesOpen;
-    std::array<int32_t, VENGINE_CONTROLS> mControls = {vengine_controls[0].def,
-                                                       vengine_controls[1].def};
-    std::vector<SubDeviceFile*> mFiles;
-    std::vector<IoctlRecord> mRecords;
-    SubDeviceCounts mPast;  ///< of it only what outlives files: leftAtClose, dropped, cleared
+    std::array<int32_t, VENGINE_CONTROLS> mControls CORVANE_GUARDED_BY(subDeviceState) = {
+        vengine_controls[0].def, vengine_controls[1].def};
+    std::vector<SubDeviceFile*> mFiles CORVANE_GUARDED_BY(subDeviceState);
+    std::vector<IoctlRecord> mRecords CORVANE_GUARDED_BY(subDeviceState);
+    SubDeviceCounts mPast CORVANE_GUARDED_BY(
+        subDeviceState);  ///< of it only what outlives files: leftAtClose, dropped, cleared
 };
 
 /** One opener of the sub-device, with its subscription and what the driver holds for it. */
@@ -68,7 +70,7 @@ public:
         : mDevice(device), mPath(std::move(path)), mNonBlocking(nonBlocking) {}
 
     int ioctl(uint32_t code, void* arg) override;
-    std::unique_lock<std::mutex> serialise(uint32_t) const override { return {}; }
+    Mutex* serialiser(uint32_t) const override { return nullptr; }
     std::string_view name() const override { return mDevice.mName; }
     std::string_view path() const override { return mPath; }
     void record(uint32_t code, const void* arg) override;
@@ -76,21 +78,23 @@ public:
 
 private:
     friend class SubDevice;
-    int subscribe(const v4l2_event_subscription& subscription);
-    int unsubscribe(const v4l2_event_subscription& subscription);
-    int dequeueEvent(std::unique_lock<std::mutex>& lock, v4l2_event& event);
-    void queueEvent(uint32_t frame, const timespec& time);
-    void dropEvents();
+    int subscribe(const v4l2_event_subscription& subscription) CORVANE_REQUIRES(subDeviceState);
+    int unsubscribe(const v4l2_event_subscription& subscription) CORVANE_REQUIRES(subDeviceState);
+    int dequeueEvent(SubDeviceLock& lock, v4l2_event& event) CORVANE_REQUIRES(subDeviceState);
+    void queueEvent(uint32_t frame, const timespec& time) CORVANE_REQUIRES(subDeviceState);
+    void dropEvents() CORVANE_REQUIRES(subDeviceState);
 
     SubDevice& mDevice;
     const std::string mPath;
     const bool mNonBlocking;
-    PriorityFd mSignal;
-    bool mSubscribed = false;
-    std::array<v4l2_event, VENGINE_EVENTS> mEvents;  ///< ring, oldest at mFirst
-    size_t mFirst = 0, mPending = 0;
-    uint32_t mSequence = 0;  ///< of the next event
-    Holdings mHoldings;
+    PriorityFd mSignal CORVANE_GUARDED_BY(subDeviceState);
+    bool mSubscribed CORVANE_GUARDED_BY(subDeviceState) = false;
+    std::array<v4l2_event, VENGINE_EVENTS> mEvents
+        CORVANE_GUARDED_BY(subDeviceState);  ///< ring, oldest at mFirst
+    size_t mFirst CORVANE_GUARDED_BY(subDeviceState) = 0;
+    size_t mPending CORVANE_GUARDED_BY(subDeviceState) = 0;
+    uint32_t mSequence CORVANE_GUARDED_BY(subDeviceState) = 0;  ///< of the next event
+    Holdings mHoldings CORVANE_GUARDED_BY(subDeviceState);
 };
 
 }  // namespace NSVista::NSCorvane::sim
