@@ -77,8 +77,9 @@ public:
     /**
      * VIDIOC_QBUF at the lowest free index; blocks while none is free.
      * @param request binds the buffer; required of a monitored port (fatal without).
-     * @return also -EINVAL for more than FrameBuffer::kMaxPlanes planes, before an index is taken.
-     *         An index whose VIDIOC_QBUF was refused stays taken.
+     * @return also -EINVAL for more than FrameBuffer::kMaxPlanes planes, and -EPIPE when the node
+     *         streams off while no index is free; no index is taken then. An index whose
+     *         VIDIOC_QBUF was refused stays taken.
      */
     virtual int queueBuffer(const FrameBuffer& buffer, IMediaRequest* request, int argument) = 0;
     /** VIDIOC_DQBUF. @return 0, or -1 for a failure or a buffer in error. */

@@ -5,8 +5,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -16,6 +14,7 @@
 #include <vector>
 
 #include <corvane/IV4L2BufferMonitor.h>
+#include <corvane/platform/Condition.h>
 #include <corvane/platform/Export.h>
 #include <corvane/platform/Mutex.h>
 
@@ -58,7 +57,10 @@ public:
      * observers are called in port order by notifyRequestDone(). Before the first request.
      */
     void setDirectDequeue(bool direct) { mDirectDequeue = direct; }
-    /** Calls queued observers until nothing is due. The worker thread. */
+    /**
+     * Calls queued observers until nothing is due. The worker thread, which comes here once for
+     * each notification that found it asleep.
+     */
     void notifyComplete();
 
     /** Buffers with the driver. */
@@ -72,23 +74,23 @@ public:
     std::string toString_debugtrace() const;
 
 private:
-    static constexpr size_t kObserversInPlace = 8;
+    static constexpr size_t kReservedObservers = 8;
     using Observer = std::weak_ptr<IV4L2BufferObserver>;
 
     bool active() const { return mActive.load(std::memory_order_relaxed); }
     void notifyDirectly(int portIndex);
     bool queueObservers(const int* portIndexes, size_t count, int& unknownIndex);
-    size_t takeObservers(Observer (&inPlace)[kObserversInPlace]);
-    void callObservers(const Observer* observers, size_t count);
-    void pauseAfterEmptyPass(uint32_t reqDoneCount);
+    int32_t untakenCount() const;
+    size_t takeObservers();
+    void callObservers();
     void dumpToLog(const char* operation) const;
 
-    std::string mName;
-    int32_t mConfigMode;
-    int32_t mTraceBuf;
-    int32_t mLogV;
+    const std::string mName;
+    const int32_t mConfigMode;
+    const int32_t mTraceBuf;
+    const int32_t mLogV;
     bool mDirectDequeue = false;
-    std::condition_variable mCondition;
+    Condition mCondition;
     Mutex mCountLock;
     std::atomic<uint32_t> mQBufCount{0};
     std::atomic<uint32_t> mReqDoneCount{0};  ///< increased under mCountLock
@@ -101,8 +103,8 @@ private:
     mutable Mutex mTraceLock;
     std::unordered_map<int32_t, std::unordered_set<uint32_t>> mTraceBufferMap
         CORVANE_GUARDED_BY(mTraceLock);
-    std::vector<Observer> mTaken;  ///< observers of a pass over more than 8; the worker thread's
-    std::chrono::milliseconds mPause{0};  ///< after empty passes; the worker thread's
+    std::vector<Observer> mTaken;  ///< observers of the pass; the worker thread's
+    uint32_t mTakenCount = 0;      ///< observers taken so far; the worker thread's
 };
 
 }  // namespace NSVista::NSCorvane

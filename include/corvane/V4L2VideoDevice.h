@@ -9,6 +9,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <forward_list>
 #include <functional>
 #include <memory>
 #include <string>
@@ -33,7 +34,7 @@ public:
     static constexpr int kMaxBuffers = 64;
 
     V4L2VideoDevice(int portIndex, const std::string& name, const std::string& devnodePath);
-    /** The device must be closed (fatal). */
+    /** Fatal while the device is open. */
     ~V4L2VideoDevice() override;
     V4L2VideoDevice(const V4L2VideoDevice&) = delete;
     V4L2VideoDevice& operator=(const V4L2VideoDevice&) = delete;
@@ -54,7 +55,11 @@ public:
     std::string toString() const;
     /** VIDIOC_REQBUFS with count 0. @return 0 or the negated errno. */
     int releaseBuffer();
-    /** The lowest free index, taken; blocks without a limit while none is free. */
+    /**
+     * The lowest free index, taken. Blocks without a limit while none is free, reported each second
+     * after three.
+     * @return -EPIPE when the node has streamed off and none is free; waits under way end so.
+     */
     int acquireBufferIndex();
     /** Gives an index back and wakes queuers that wait for one. */
     void releaseBufferIndex(unsigned int index);
@@ -81,6 +86,12 @@ public:
     void setKeepIndexes(bool keep);
     /** Buffers that came with other memory than their index had; counted while indexes are kept. */
     uint32_t remappedBuffers() const { return mLastMemory.remapped(); }
+    /**
+     * One line on a buffer for an error report: each plane's descriptor and what it stands for,
+     * offset and size, and the size that the format (VIDIOC_G_FMT) asks for. Any thread; for
+     * failure paths, as it asks the kernel.
+     */
+    std::string describe(const FrameBuffer& buffer) const;
 
 private:
     /** The memory that each index was last queued with. Any thread. */
@@ -103,38 +114,52 @@ private:
         std::atomic<uint32_t> mRemapped{0};
     };
 
-    /** A weak pointer that threads read while another replaces it. */
+    /**
+     * A weak pointer that threads read, without a lock, while another replaces it.
+     *
+     * What was stored once stays until the device goes, at a fixed place and unchanged: a reader
+     * that found it may go on reading while another is stored. A device has one monitor in its
+     * life, or few.
+     */
     class MonitorRef {
     public:
-        std::shared_ptr<IV4L2BufferMonitor> lock() const;
+        std::shared_ptr<IV4L2BufferMonitor> lock() const {
+            const Weak* current = mCurrent.load(std::memory_order_acquire);
+            return current != nullptr ? current->lock() : nullptr;
+        }
         void store(const std::shared_ptr<IV4L2BufferMonitor>& monitor);
+        void clear() { mCurrent.store(nullptr, std::memory_order_release); }
 
     private:
-        void enter() const;
-        void leave() const { mBusy.clear(std::memory_order_release); }
+        using Weak = std::weak_ptr<IV4L2BufferMonitor>;
 
-        mutable std::atomic_flag mBusy = ATOMIC_FLAG_INIT;  ///< held for a few instructions
-        std::weak_ptr<IV4L2BufferMonitor> mMonitor;
+        std::atomic<const Weak*> mCurrent{nullptr};
+        Mutex mLock;
+        std::forward_list<Weak> mStored CORVANE_GUARDED_BY(mLock);
     };
 
-    bool isMultiPlanar() const;
-    unsigned long fdOwner() const { return reinterpret_cast<unsigned long>(&mFd); }
+    // Written by the owner's thread; texts and getters may read them beside it.
+    int fd() const { return mFd.load(std::memory_order_relaxed); }
+    uint32_t caps() const { return mCaps.load(std::memory_order_relaxed); }
+    uint32_t memory() const { return mMemory.load(std::memory_order_relaxed); }
+    uint32_t bufType() const { return mBufType.load(std::memory_order_relaxed); }
     std::shared_ptr<V4L2VideoDevice> self(const char* operation);
-    void readFormat(const v4l2_format& from, PixelFormat& to) const;
     void fillBuffer(const FrameBuffer& from, v4l2_buffer& to, v4l2_plane* planes) const;
     void reportRefusedBuffer(const v4l2_buffer& refused, const FrameBuffer& buffer, int ret) const;
-    int requestBuffers(unsigned int count, unsigned int memory, unsigned int& granted);
+    int requestBuffers(unsigned int count, unsigned int memoryType, unsigned int& granted);
+    int acquireIndexOf(const FrameBuffer& buffer);
     int acquireIndexFor(uint64_t memory);
-    void waitForFreeIndex();
+    bool waitForFreeIndex();
+    void setStreamEnded(bool ended);
     void tellDequeued(const v4l2_buffer& buffer, int result) const;
 
     const int32_t mPortIndex;
     const std::string mName;
     const std::string mDevnodePath;
-    int32_t mFd = -1;
-    uint32_t mCaps = 0;
-    uint32_t mMemory = 0;
-    uint32_t mBufType = 0;
+    std::atomic<int32_t> mFd{-1};
+    std::atomic<uint32_t> mCaps{0};
+    std::atomic<uint32_t> mMemory{0};
+    std::atomic<uint32_t> mBufType{0};
     MonitorRef mMonitor;
     std::atomic<bool> mQueued{false};
     std::atomic<uint32_t> mReqBufCount{0};
@@ -143,6 +168,8 @@ private:
     std::atomic<uint64_t> mFreeBits{0};
     Mutex mFreeMutex;
     std::condition_variable mFreeCond;
+    /** Odd from a stream-off on, until the next stream-on or import. */
+    uint32_t mStreamEnds CORVANE_GUARDED_BY(mFreeMutex) = 0;
     std::function<void(const DequeuedBuffer&)> mDequeued;
     std::atomic<bool> mKeepIndexes{false};
     LastMemory mLastMemory;

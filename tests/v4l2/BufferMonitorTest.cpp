@@ -243,33 +243,46 @@ TEST_F(BufferMonitorTest, PassesOverAnObserverThatIsGone) {
                      "W [notifyComplete] No Observer but needToDQBUF() - " + counts(1, 2, 0)}));
 }
 
-TEST_F(BufferMonitorTest, RestsBetweenEmptyPassesAndWakesAtOnce) {
+TEST_F(BufferMonitorTest, SleepsWhileNothingIsQueuedForItAndLeavesNothing) {
     attach(3);
-    mMonitor->detachRequestBuffer(200, 0);  // more dequeued than due
+    notify({0});  // dequeued before the worker has begun
     run();
-    std::this_thread::sleep_for(400ms);
-    const size_t passes = mLog.take().size();
-    EXPECT_GT(passes, 3U);
-    EXPECT_LT(passes, 30U);
+    std::this_thread::sleep_for(30ms);
+    notify({1});
+    EXPECT_EQ(mLog.take(), Lines()) << "no pass";
+    EXPECT_EQ(text(), counts(2, 0, 0));
 
-    // 130 ms after a pass that found observers, an empty one rests for 64 ms; a notification ends
-    // that. One prompt round will do, as the machine may be busy.
-    auto fastest = 1000ms;
-    for (uint32_t round = 1; round <= 20 && fastest >= 30ms; ++round) {
-        const auto begin = std::chrono::steady_clock::now();
-        notify({0, 1, 2});
-        while (mMonitor->determineInqueBufferCount() != ~(3 * round))
-            std::this_thread::sleep_for(1ms);
-        const auto took = std::chrono::steady_clock::now() - begin;
-        if (round > 1)  // the first meets a rest at any of its moments
-            fastest =
-                std::min(fastest, std::chrono::duration_cast<std::chrono::milliseconds>(took));
-        std::this_thread::sleep_for(130ms);
-    }
-    EXPECT_LT(fastest, 30ms);
-    const auto begin = std::chrono::steady_clock::now();
+    notify({0, 1});  // now the counts are equal, and yet two are due
+    while (mMonitor->determineInqueBufferCount() != ~3U)
+        std::this_thread::yield();
+    const Lines empty = {"W [notifyComplete] No Observer but needToDQBUF() - " + counts(4, 2, 0)};
+    Lines lines;
+    while (lines.empty())
+        lines = mLog.take();
+    std::this_thread::sleep_for(30ms);
+    for (auto& line : mLog.take())
+        lines.push_back(std::move(line));
+    EXPECT_EQ(lines, empty) << "one pass for a notification";
     mThread->requestExitAndWait();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
+    EXPECT_EQ(mNotified, std::vector<int>({0, 1, 0, 1}));
+}
+
+/** Requests complete on two threads while the worker passes; none may be lost or warned of. */
+TEST_F(BufferMonitorTest, TakesObserversBeforeTheirCountWithoutAnEmptyPass) {
+    constexpr uint32_t kRounds = 5000;
+    attach(4);
+    run();
+    const auto complete = [this](int first) {
+        for (uint32_t i = 0; i < kRounds; ++i)
+            notify({first, first + 1});
+    };
+    std::thread other(complete, 2);
+    complete(0);
+    other.join();
+    drain();
+    EXPECT_EQ(mNotified.size(), 4 * kRounds);
+    EXPECT_EQ(text(), counts(4 * kRounds, 4 * kRounds, 0, 0, false));
+    EXPECT_EQ(mLog.take(), Lines());
 }
 
 TEST_F(BufferMonitorTest, ExitsAfterThePassUnderWay) {

@@ -93,6 +93,55 @@ TEST_F(VideoDeviceTest, TakesTheLowestFreeIndexAndSleepsWithoutOne) {
     EXPECT_EQ(free(), "0x5");
 }
 
+TEST_F(VideoDeviceTest, EndsAWaitForAnIndexWhenItStreamsOff) {
+    open(1);
+    for (const auto code : {VIDIOC_QBUF, VIDIOC_STREAMON, VIDIOC_STREAMOFF})
+        mKernel.answer(code, 0);
+    const auto queuesOnItsOwn = [this] {
+        return std::async(std::launch::async, [this] { return queue(); });
+    };
+    const auto waits = [this] {
+        while (mLog.take() != Lines({"W [operator()] wait for buffer index"}))
+            std::this_thread::yield();
+    };
+    const Lines ended = {"E [queueBuffer] dip streamed off while no buffer index was free"};
+    EXPECT_EQ(queue(), 0);
+    auto waiting = queuesOnItsOwn();  // before the first stream-on it waits as well
+    waits();
+    mDevice->releaseBufferIndex(0);
+    EXPECT_EQ(waiting.get(), 0);
+    EXPECT_EQ(mDevice->streamOn(), 0);
+    auto first = queuesOnItsOwn();
+    waits();
+    auto second = queuesOnItsOwn();
+    waits();
+    mLog.take();
+    mKernel.takeCalls();
+    EXPECT_EQ(mDevice->streamOff(), 0);
+    EXPECT_EQ(first.get(), -EPIPE);
+    EXPECT_EQ(second.get(), -EPIPE);
+    EXPECT_EQ(mLog.take(), Lines({ended[0], ended[0]}));
+    EXPECT_EQ(queue(), -EPIPE) << "nobody will give an index back";
+    EXPECT_EQ(mDevice->acquireBufferIndex(), -EPIPE);
+    EXPECT_EQ(mLog.take(), ended);
+    EXPECT_EQ(mKernel.takeCalls().size(), 1U) << "the stream-off";
+
+    EXPECT_EQ(mDevice->streamOn(), 0);
+    waiting = queuesOnItsOwn();
+    waits();
+    EXPECT_EQ(mDevice->streamOff(), 0);
+    EXPECT_EQ(mDevice->streamOn(), 0);
+    EXPECT_EQ(waiting.get(), -EPIPE) << "the stream-off ended it, whatever came after";
+    EXPECT_EQ(mDevice->streamOff(), 0);
+    mDevice->importBuffer(1);
+    EXPECT_EQ(queue(), 0);
+    waiting = queuesOnItsOwn();
+    mLog.take();
+    mDevice->releaseBufferIndex(0);
+    EXPECT_EQ(waiting.get(), 0);
+    EXPECT_EQ(free(), "0x0");
+}
+
 std::string textOf(const v4l2_buffer& buffer) {
     char text[512];
     int length = snprintf(text, sizeof(text),
@@ -101,7 +150,7 @@ std::string textOf(const v4l2_buffer& buffer) {
                           buffer.length, buffer.reserved2);
     if (!V4L2_TYPE_IS_MULTIPLANAR(buffer.type))
         return std::string(text) + " fd=" + std::to_string(buffer.m.fd);
-    for (uint32_t i = 0; i < 3; ++i) {
+    for (uint32_t i = 0; i < buffer.length; ++i) {
         const v4l2_plane& plane = buffer.m.planes[i];
         length +=
             snprintf(text + length, sizeof(text) - static_cast<size_t>(length),
@@ -118,25 +167,41 @@ constexpr char kTwoOutputs[] =
     "multi buffer plane(0), used(0), length(500)\nmulti buffer plane(1), used(0), length(600)\n";
 
 TEST_F(VideoDeviceTest, QueuesByTypeAndMemoryAndReportsARefusal) {
-    const std::string none = " | fd=0 offset=0 length=0";
+    mKernel.symbolicLinks = {{"/proc/self/fd/5", "/dmabuf:"}, {"/proc/self/fd/6", "/memfd:dmabuf"}};
+    mKernel.on<v4l2_format>(VIDIOC_G_FMT, [](int, v4l2_format& format) {
+        if (V4L2_TYPE_IS_MULTIPLANAR(format.type)) {
+            format.fmt.pix_mp.num_planes = 1;
+            format.fmt.pix_mp.plane_fmt[0].sizeimage = 900;
+        } else if (V4L2_TYPE_IS_OUTPUT(format.type)) {
+            return -EIO;
+        } else {
+            format.fmt.pix.sizeimage = 800;
+        }
+        return 0;
+    });
+    const std::string kSingle = "port 0x1a(dip): plane 0 fd 5 (a dma-buf) offset 50 size 500";
+    const std::string kSingleOf = kSingle + ", the format asks for 800";
+    const std::string kMulti = kSingle +
+                               ", the format asks for 900; plane 1 fd 6 (not a dma-buf: "
+                               "/memfd:dmabuf) offset 60 size 600; the format has 1 planes, not 2";
     const struct {
         uint32_t caps;
         bool dmabuf;
         std::string type, length, sent;
-        std::string places, outputs;  ///< lines of a refusal
+        std::string cause, places, outputs;  ///< lines of a refusal
     } cases[] = {
-        {0x1, true, "1", "500", "50 fd=5", kSinglePlane, ""},
-        {0x2, true, "2", "500", "50 fd=5", kSinglePlane, "single buffer plane(0), used(0)\n"},
-        {0x8000000, true, "14", "500", "50 fd=5", kSinglePlane,
+        {0x1, true, "1", "500", "50 fd=5", kSingleOf, kSinglePlane, ""},
+        {0x2, true, "2", "500", "50 fd=5", kSingle, kSinglePlane,
          "single buffer plane(0), used(0)\n"},
-        {0x1, false, "1", "500", "0 fd=0", "", ""},
-        {0x1000, true, "9", "2", "0 | fd=5 offset=50 length=0 | fd=6 offset=60 length=0" + none,
+        {0x8000000, true, "14", "500", "50 fd=5", kSingle, kSinglePlane,
+         "single buffer plane(0), used(0)\n"},
+        {0x1, false, "1", "500", "0 fd=0", kSingleOf, "", ""},
+        {0x1000, true, "9", "2", "0 | fd=5 offset=50 length=0 | fd=6 offset=60 length=0", kMulti,
          kTwoPlanes, ""},
-        {0x2000, true, "10", "2",
-         "0 | fd=5 offset=50 length=500 | fd=6 offset=60 length=600" + none, kTwoPlanes,
-         kTwoOutputs},
-        {0x2000, false, "10", "2", "0 | fd=0 offset=0 length=500 | fd=0 offset=0 length=600" + none,
-         "", kTwoOutputs},
+        {0x2000, true, "10", "2", "0 | fd=5 offset=50 length=500 | fd=6 offset=60 length=600",
+         kMulti, kTwoPlanes, kTwoOutputs},
+        {0x2000, false, "10", "2", "0 | fd=0 offset=0 length=500 | fd=0 offset=0 length=600",
+         kMulti, "", kTwoOutputs},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.type + c.sent);
@@ -170,9 +235,10 @@ TEST_F(VideoDeviceTest, QueuesByTypeAndMemoryAndReportsARefusal) {
         std::string refusal;
         for (const auto& line : mLog.take())
             refusal += line.substr(std::string("E [queueBuffer] ").size()) + "\n";
-        EXPECT_EQ(refusal, "Failed to queue buffer dip: -22\nbuffer index(1), type(" + c.type +
-                               "), memory(" + memory + "), flags(0x800000), request(200)\n" +
-                               c.places + "buffer length(" + c.length +
+        EXPECT_EQ(refusal, c.cause + "\nFailed to queue buffer dip: -22\nbuffer index(1), type(" +
+                               c.type + "), memory(" + memory +
+                               "), flags(0x800000), request(200)\n" + c.places + "buffer length(" +
+                               c.length +
                                (multi ? "), multi planes(" + planes + ")\n" : "), single plane\n") +
                                c.outputs);
         EXPECT_EQ(mMonitor->take(), Lines());
@@ -197,6 +263,8 @@ TEST_F(VideoDeviceTest, RefusesMorePlanesThanABufferHasAndQueuesWithoutARequest)
               " | fd=5 offset=50 length=0 | fd=6 offset=60 length=0"
               " | fd=7 offset=70 length=0");
     EXPECT_EQ(mDevice->queueBuffer(bufferOf(0), nullptr, 0), 0);
+    EXPECT_EQ(mDevice->describe(bufferOf(1)),
+              "port 0x1a(dip): plane 0 fd 5 (not open) offset 50 size 500");
 
     const std::string state = mDevice->toString();
     EXPECT_EQ(dumpOf(*mDevice), Lines({state}));

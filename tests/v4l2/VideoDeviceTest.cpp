@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <thread>
 #include <vector>
 
 namespace NSVista::NSCorvane::test {
@@ -244,6 +245,33 @@ TEST_F(VideoDeviceTest, StreamsAndLetsItsMonitorGo) {
                                   "E [streamOff] VIDIOC_STREAMOFF fail err=-32 <dip>",
                                   "K [streamOff] detachObserver port:26(dip)  #DECKEY"}));
     EXPECT_EQ(mReports.take(), Lines());
+}
+
+TEST_F(VideoDeviceTest, PrintsItselfBesideAnything) {
+    for (const auto code : {VIDIOC_QBUF, VIDIOC_STREAMON, VIDIOC_STREAMOFF})
+        mKernel.answer(code, 0);
+    giveBack(0, V4L2_BUF_FLAG_REQUEST_FD);
+    const auto monitor = IV4L2BufferMonitor::make("m");
+    std::atomic<bool> done{false};
+    std::thread printing([&] {
+        while (!done)
+            EXPECT_LE(dumpOf(*mDevice).size() + dumpOf(*monitor).size(), 5U);
+    });
+    const auto device = mDevice;
+    for (int round = 0; round < 200; ++round) {
+        device->openDevice();
+        device->setKeepIndexes(round % 2 != 0);
+        device->importBuffer(1);
+        device->setMonitor(monitor);
+        device->streamOn();
+        queue();
+        int port = 26;
+        monitor->notifyRequestDone(201, &port, 1);
+        device->streamOff();
+        EXPECT_EQ(device->closeDevice(), 0);
+    }
+    done = true;
+    printing.join();
 }
 
 TEST_F(VideoDeviceTest, EndsWhenDestroyedOpen) {

@@ -6,11 +6,10 @@
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/Trace.h>
 
-#include <algorithm>
-#include <iomanip>
 #include <sstream>
 
 #include "LoadTime.h"
+#include "NoThrow.h"
 #include "Text.h"
 #include "TraceArea.h"
 
@@ -25,9 +24,6 @@ namespace {
 using Utils::Properties::property_get_bool;
 using Utils::Properties::property_get_int32;
 
-constexpr std::chrono::milliseconds kFirstPause{1};
-constexpr std::chrono::milliseconds kLongestPause{64};
-
 const bool sTraceBufWanted = diagnosticsWanted(sLogLevel, 3);
 
 std::string nameWithAddress(const char* name, const void* address) {
@@ -38,9 +34,10 @@ std::string nameWithAddress(const char* name, const void* address) {
 
 }  // namespace
 
-std::shared_ptr<IV4L2BufferMonitor> IV4L2BufferMonitor::make(const char* name) {
+std::shared_ptr<IV4L2BufferMonitor> IV4L2BufferMonitor::make(const char* name) try {
     return std::make_shared<V4L2BufferMonitor>(name);
 }
+CORVANE_NO_THROW
 
 V4L2BufferMonitor::V4L2BufferMonitor(const char* name)
     : mName(nameWithAddress(name, this)),
@@ -50,7 +47,8 @@ V4L2BufferMonitor::V4L2BufferMonitor(const char* name)
       mLogV(property_get_bool(MONITOR_PROPERTY("logv"), false)) {
     mPortObserverMap.max_load_factor(1.0F);
     mTraceBufferMap.max_load_factor(1.0F);
-    mRequestDoneObservers.reserve(kObserversInPlace);
+    mRequestDoneObservers.reserve(kReservedObservers);
+    mTaken.reserve(kReservedObservers);
     CORVANE_LOGI("%s ctor - tracebuf:%d logv:%d", mName.c_str(), mTraceBuf, mLogV);
 }
 
@@ -69,7 +67,7 @@ uint32_t V4L2BufferMonitor::determineNeedToDQBUFCount() const {
 }
 
 void V4L2BufferMonitor::attachObserver(const std::shared_ptr<IV4L2BufferObserver>& observer,
-                                       int portIndex) {
+                                       int portIndex) try {
     const TraceSection section(area::kFormat, "V4L2BufferMonitor::attachObserver");
     if (mLogV)
         CORVANE_LOGI("(%#x, %p)", portIndex, static_cast<void*>(observer.get()));
@@ -84,9 +82,10 @@ void V4L2BufferMonitor::attachObserver(const std::shared_ptr<IV4L2BufferObserver
         CORVANE_FATAL("FATAL");
     }
 }
+CORVANE_NO_THROW
 
 void V4L2BufferMonitor::detachObserver(const std::shared_ptr<IV4L2BufferObserver>& observer,
-                                       int portIndex) {
+                                       int portIndex) try {
     const TraceSection section(area::kFormat, "V4L2BufferMonitor::detachObserver");
     if (mLogV)
         CORVANE_LOGI("(%#x, %p)", portIndex, static_cast<void*>(observer.get()));
@@ -101,8 +100,9 @@ void V4L2BufferMonitor::detachObserver(const std::shared_ptr<IV4L2BufferObserver
         CORVANE_FATAL("FATAL");
     }
 }
+CORVANE_NO_THROW
 
-void V4L2BufferMonitor::attachRequestBuffer(int requestFd, unsigned int bufferIndex) {
+void V4L2BufferMonitor::attachRequestBuffer(int requestFd, unsigned int bufferIndex) try {
     const TraceSection section(area::kQueue, "attachRequestBuffer");
     if (mTraceBuf) {
         if (mLogV)
@@ -127,8 +127,9 @@ void V4L2BufferMonitor::attachRequestBuffer(int requestFd, unsigned int bufferIn
         atrace_int_body(kTRACETAG_BufferCountInQue,
                         static_cast<int32_t>(determineInqueBufferCount()));
 }
+CORVANE_NO_THROW
 
-void V4L2BufferMonitor::detachRequestBuffer(int requestFd, unsigned int bufferIndex) {
+void V4L2BufferMonitor::detachRequestBuffer(int requestFd, unsigned int bufferIndex) try {
     const TraceSection section(area::kDriverCall, "detachRequestBuffer");
     if (mTraceBuf) {
         if (mLogV)
@@ -153,6 +154,7 @@ void V4L2BufferMonitor::detachRequestBuffer(int requestFd, unsigned int bufferIn
         atrace_int_body(kTRACETAG_BufferCountInQue,
                         static_cast<int32_t>(determineInqueBufferCount()));
 }
+CORVANE_NO_THROW
 
 void V4L2BufferMonitor::dumpToLog(const char* operation) const {
     Utils::ULog::ULogPrinter printer(log::kModule, kLogTag, Utils::ULog::kError, operation);
@@ -172,62 +174,66 @@ int V4L2BufferMonitor::readyToRun(const std::string& threadName) {
     return 0;
 }
 
-bool V4L2BufferMonitor::threadLoop() {
+/**
+ * Observers that are due and were not taken yet. Negative while some were taken before their
+ * notifier raised the count.
+ */
+int32_t V4L2BufferMonitor::untakenCount() const {
+    return static_cast<int32_t>(mReqDoneCount.load(std::memory_order_relaxed) - mTakenCount);
+}
+
+// Sleeps by what is queued for this thread, not by the counts' equality: what is dequeued on other
+// threads makes them differ for good, or makes them equal while something is due.
+bool V4L2BufferMonitor::threadLoop() try {
     const TraceSection section(area::kLifecycle, "threadLoop");
     CORVANE_LOGI("%s: + %s", mName.c_str(), toString_runtime().c_str());
     while (active()) {
         {
             const TraceSection waiting(area::kDriverCall, "wait_for needToDQBUF");
             MutexLock lock(mCountLock);
-            while (!needToDQBUF() && active())
-                mCondition.wait(lock.native());
+            while (untakenCount() <= 0 && active())
+                mCondition.wait(lock);
         }
         notifyComplete();
     }
     CORVANE_LOGI("%s: - %s", mName.c_str(), toString_runtime().c_str());
     return false;
 }
+CORVANE_NO_THROW
 
 void V4L2BufferMonitor::notifyComplete() {
     const TraceSection section(area::kDone, "V4L2BufferMonitor::notifyComplete");
-    while (needToDQBUF() && active()) {
-        const uint32_t reqDoneCount = mReqDoneCount.load(std::memory_order_relaxed);
-        Observer inPlace[kObserversInPlace];
-        const size_t count = takeObservers(inPlace);
+    while ((needToDQBUF() || untakenCount() > 0) && active()) {
+        const size_t count = takeObservers();
         if (count == 0) {
             CORVANE_LOGW("No Observer but needToDQBUF() - %s", toString_runtime().c_str());
-            pauseAfterEmptyPass(reqDoneCount);
             return;
         }
-        mPause = std::chrono::milliseconds(0);
         const uint32_t before = mDQBufCount.load(std::memory_order_relaxed);
-        callObservers(count <= kObserversInPlace ? inPlace : mTaken.data(), count);
-        mTaken.clear();
+        callObservers();
         const uint32_t after = mDQBufCount.load(std::memory_order_relaxed);
         if (after - before < count)
             CORVANE_LOGE("After DQBUF, we expect %zu >= %zu + %zu, %s", size_t{after},
                          size_t{before}, count, toString_runtime().c_str());
+        // The counts differ only until a notifier raises the one that it is about to raise.
+        if (untakenCount() < 0)
+            return;
     }
 }
 
-size_t V4L2BufferMonitor::takeObservers(Observer (&inPlace)[kObserversInPlace]) {
+size_t V4L2BufferMonitor::takeObservers() {
     const MutexLock lock(mObserverLock);
-    const size_t count = mRequestDoneObservers.size();
-    Observer* taken = inPlace;
-    if (count > kObserversInPlace) {
-        mTaken.resize(count);
-        taken = mTaken.data();
-    }
-    std::move(mRequestDoneObservers.begin(), mRequestDoneObservers.end(), taken);
-    mRequestDoneObservers.clear();
+    mTaken.swap(mRequestDoneObservers);
+    mRequestDoneObservers.reserve(mTaken.capacity());  // they take turns: one grows for both
     mPendingObservers.store(0, std::memory_order_relaxed);
-    return count;
+    mTakenCount += static_cast<uint32_t>(mTaken.size());
+    return mTaken.size();
 }
 
-void V4L2BufferMonitor::callObservers(const Observer* observers, size_t count) {
+void V4L2BufferMonitor::callObservers() {
     constexpr const char* kOperation = "notifyComplete";
-    for (size_t k = 0; k < count; ++k) {
-        const auto observer = observers[k].lock();
+    for (size_t k = 0; k < mTaken.size(); ++k) {
+        const auto observer = mTaken[k].lock();
         if (observer == nullptr) {
             CORVANE_LOGW_AS(kOperation, "nullptr from weak_ptr::lock() for observer");
             continue;
@@ -238,22 +244,10 @@ void V4L2BufferMonitor::callObservers(const Observer* observers, size_t count) {
         if (mLogV)
             CORVANE_LOGI_AS(kOperation, "- #%zu %s", k, toString_runtime().c_str());
     }
+    mTaken.clear();
 }
 
-/**
- * Keeps counts that do not balance from burning a core: the next pass begins at the next
- * notification, or after a while that doubles with each empty pass.
- */
-void V4L2BufferMonitor::pauseAfterEmptyPass(uint32_t reqDoneCount) {
-    mPause = std::clamp(mPause * 2, kFirstPause, kLongestPause);
-    const auto deadline = std::chrono::steady_clock::now() + mPause;
-    MutexLock lock(mCountLock);
-    while (active() && mReqDoneCount.load(std::memory_order_relaxed) == reqDoneCount)
-        if (mCondition.wait_until(lock.native(), deadline) == std::cv_status::timeout)
-            return;
-}
-
-void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_t count) {
+void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_t count) try {
     const TraceSection section(
         area::kDone,
         CORVANE_TRACE_NAME("V4L2BufferMonitor::notifyRequestDone|requestFd:%d", requestFd));
@@ -270,7 +264,8 @@ void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_
     }
     int unknownIndex = 0;
     if (!queueObservers(portIndexes, count, unknownIndex)) {
-        [unknownIndex] { CORVANE_LOGE("port index:%#x doesn't existed", unknownIndex); }();
+        // The fixed name of the line: this was a function within a function once.
+        CORVANE_LOGE_AS("operator()", "port index:%#x doesn't existed", unknownIndex);
         CORVANE_LOGE("%s", toString_config().c_str());
         CORVANE_FATAL("FATAL");
     }
@@ -278,8 +273,9 @@ void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_
         const MutexLock lock(mCountLock);
         mReqDoneCount.fetch_add(static_cast<uint32_t>(count), std::memory_order_relaxed);
     }
-    mCondition.notify_one();
+    mCondition.notifyOne();
 }
+CORVANE_NO_THROW
 
 // Reads the map without its lock: observers are neither attached nor detached while requests
 // complete, and the completion thread must not wait for the worker.
@@ -316,16 +312,17 @@ void V4L2BufferMonitor::requestExit() {
         const MutexLock lock(mCountLock);
         mActive.store(false, std::memory_order_relaxed);
     }
-    mCondition.notify_one();
+    mCondition.notifyOne();
     CORVANE_LOGI("%s: - %s", mName.c_str(), toString_runtime().c_str());
 }
 
-void V4L2BufferMonitor::dumpState(IPrinter* printer) const {
+void V4L2BufferMonitor::dumpState(IPrinter* printer) const try {
     printer->printFormatLine("V4L2BufferMonitor:%s mode:%d tracebuf:%d logv:%d %s", mName.c_str(),
                              mConfigMode, mTraceBuf, mLogV, toString_runtime().c_str());
     printer->printFormatLine("    %s", toString_config().c_str());
     printer->printFormatLine("    %s", toString_debugtrace().c_str());
 }
+CORVANE_NO_THROW
 
 std::string V4L2BufferMonitor::toString_runtime() const {
     std::ostringstream text;

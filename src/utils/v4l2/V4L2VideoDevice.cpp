@@ -9,13 +9,14 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <sstream>
-#include <thread>
 
+#include "DriverCall.h"
 #include "LoadTime.h"
+#include "NoThrow.h"
 #include "TraceArea.h"
 
 CORVANE_LOG_UNIT("corvane-V4L2VideoDevice")
@@ -37,52 +38,17 @@ struct TimedCall {
     std::chrono::nanoseconds elapsed;
 };
 
-TimedCall timedStreamCall(int fd, unsigned long request, uint32_t& bufType) {
+TimedCall timedStreamCall(int fd, unsigned long request, uint32_t bufType) {
     if (!sStreamTimed || buildType() == BuildType::Eng)
-        return {System::Ioctl(fd, static_cast<int>(request), &bufType, 3), {}};
+        return {driverCall(fd, request, &bufType), {}};
     const auto begin = steady_clock::now();
-    const int ret = System::Ioctl(fd, static_cast<int>(request), &bufType, 3);
+    const int ret = driverCall(fd, request, &bufType);
     return {ret, steady_clock::now() - begin};
 }
 
-constexpr uint32_t kCaptureCaps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_CAPTURE_MPLANE;
-constexpr uint32_t kOutputCaps = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_VIDEO_OUTPUT_MPLANE;
-constexpr uint32_t kMultiPlanarCaps = V4L2_CAP_VIDEO_CAPTURE_MPLANE | V4L2_CAP_VIDEO_OUTPUT_MPLANE;
-
-/** The buffer type of a node, 0 for a node of no known class. Capture is tested before output. */
-uint32_t bufTypeOf(uint32_t caps) {
-    if ((caps & kCaptureCaps) != 0)
-        return (caps & kMultiPlanarCaps) != 0 ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE
-                                              : V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if ((caps & kOutputCaps) != 0)
-        return (caps & V4L2_CAP_VIDEO_OUTPUT_MPLANE) != 0 ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE
-                                                          : V4L2_BUF_TYPE_VIDEO_OUTPUT;
-    if ((caps & V4L2_CAP_META_CAPTURE) != 0)
-        return V4L2_BUF_TYPE_META_CAPTURE;
-    if ((caps & V4L2_CAP_META_OUTPUT) != 0)
-        return V4L2_BUF_TYPE_META_OUTPUT;
-    return 0;
-}
-
 std::string bufTypeName(uint32_t type) {
-    switch (type) {
-        case V4L2_BUF_TYPE_VIDEO_CAPTURE:
-            return "V4L2_BUF_TYPE_VIDEO_CAPTURE";
-        case V4L2_BUF_TYPE_VIDEO_OUTPUT:
-            return "V4L2_BUF_TYPE_VIDEO_OUTPUT";
-        case V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE:
-            return "V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE";
-        case V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE:
-            return "V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE";
-        case V4L2_BUF_TYPE_META_CAPTURE:
-            return "V4L2_BUF_TYPE_META_CAPTURE";
-        case V4L2_BUF_TYPE_META_OUTPUT:
-            return "V4L2_BUF_TYPE_META_OUTPUT";
-        case V4L2_BUF_TYPE_PRIVATE:
-            return "V4L2_BUF_TYPE_PRIVATE";
-        default:
-            return std::to_string(type);
-    }
+    const v4l2::BufferType* known = v4l2::findBufferType(type);
+    return known != nullptr ? known->name : std::to_string(type);
 }
 
 std::string memoryName(uint32_t memory) {
@@ -105,11 +71,12 @@ std::string memoryName(uint32_t memory) {
 std::shared_ptr<IV4L2VideoDevice> IV4L2VideoDevice::make(IMediaDevice& media,
                                                          const std::string& name,
                                                          const std::string& entityName,
-                                                         int portIndex) {
+                                                         int portIndex) try {
     const TraceSection section(area::kStreaming, "IV4L2VideoDevice::make");
     return std::make_shared<V4L2VideoDevice>(portIndex, name,
                                              media.getEntityDevnodePath(entityName));
 }
+CORVANE_NO_THROW
 
 V4L2VideoDevice::V4L2VideoDevice(int portIndex, const std::string& name,
                                  const std::string& devnodePath)
@@ -119,27 +86,19 @@ V4L2VideoDevice::V4L2VideoDevice(int portIndex, const std::string& name,
 V4L2VideoDevice::~V4L2VideoDevice() {
     if (mQueued.load(std::memory_order_relaxed))
         CORVANE_LOGK("%s  #DECKEY", toString().c_str());
-    if (mFd != -1)
+    if (fd() != -1)
         CORVANE_FATAL("Still opened... %s", toString().c_str());
 }
 
-void V4L2VideoDevice::MonitorRef::enter() const {
-    while (mBusy.test_and_set(std::memory_order_acquire))
-        std::this_thread::yield();
-}
-
-std::shared_ptr<IV4L2BufferMonitor> V4L2VideoDevice::MonitorRef::lock() const {
-    enter();
-    auto monitor = mMonitor.lock();
-    leave();
-    return monitor;
-}
-
 void V4L2VideoDevice::MonitorRef::store(const std::shared_ptr<IV4L2BufferMonitor>& monitor) {
-    std::weak_ptr<IV4L2BufferMonitor> replaced = monitor;
-    enter();
-    mMonitor.swap(replaced);
-    leave();
+    const MutexLock lock(mLock);
+    const auto same = [&monitor](const Weak& stored) {
+        return !stored.owner_before(monitor) && !monitor.owner_before(stored);
+    };
+    auto found = std::find_if(mStored.begin(), mStored.end(), same);
+    if (found == mStored.end())
+        found = mStored.insert_after(mStored.before_begin(), monitor);
+    mCurrent.store(&*found, std::memory_order_release);
 }
 
 std::shared_ptr<V4L2VideoDevice> V4L2VideoDevice::self(const char* operation) {
@@ -149,73 +108,71 @@ std::shared_ptr<V4L2VideoDevice> V4L2VideoDevice::self(const char* operation) {
     return shared;
 }
 
-bool V4L2VideoDevice::isMultiPlanar() const {
-    return V4L2_TYPE_IS_MULTIPLANAR(mBufType);
-}
-
-int V4L2VideoDevice::setMonitor(const std::shared_ptr<IV4L2BufferMonitor>& monitor) {
+int V4L2VideoDevice::setMonitor(const std::shared_ptr<IV4L2BufferMonitor>& monitor) try {
     const TraceSection section(area::kFormat, "V4L2VideoDevice::setMonitor");
-    mMonitor.store(monitor);
-    if (monitor != nullptr) {
-        CORVANE_LOGK("attachObserver port:%d(%s)  #DECKEY", mPortIndex, mName.c_str());
-        monitor->attachObserver(self("setMonitor"), mPortIndex);
+    if (monitor == nullptr) {
+        mMonitor.clear();
+        return 0;
     }
+    mMonitor.store(monitor);
+    CORVANE_LOGK("attachObserver port:%d(%s)  #DECKEY", mPortIndex, mName.c_str());
+    monitor->attachObserver(self("setMonitor"), mPortIndex);
     return 0;
 }
+CORVANE_NO_THROW
 
 int V4L2VideoDevice::openDevice() {
     const TraceSection section(area::kStreaming, "V4L2VideoDevice::openDevice");
-    if (mFd != -1) {
-        CORVANE_LOGW("%s %d was opened", mDevnodePath.c_str(), mFd);
+    if (fd() != -1) {
+        CORVANE_LOGW("%s %d was opened", mDevnodePath.c_str(), fd());
         return -EEXIST;
     }
-    const int fd = System::Open(mDevnodePath.c_str(), O_RDWR | O_NONBLOCK, fdOwner());
-    if (fd < 0) {
-        CORVANE_LOGW("Failed to open %s ret=%d", mDevnodePath.c_str(), fd);
-        return fd;
+    const int opened = System::Open(mDevnodePath.c_str(), O_RDWR | O_NONBLOCK, ownerToken(&mFd));
+    if (opened < 0) {
+        CORVANE_LOGW("Failed to open %s ret=%d", mDevnodePath.c_str(), opened);
+        return opened;
     }
-    mFd = fd;
+    mFd.store(opened, std::memory_order_relaxed);
     v4l2_capability capability = {};
-    if (const int ret = System::Ioctl(mFd, static_cast<int>(VIDIOC_QUERYCAP), &capability, 3);
-        ret < 0) {
+    if (const int ret = driverCall(opened, VIDIOC_QUERYCAP, &capability); ret < 0) {
         CORVANE_LOGE("Failed to query device capability: %d", ret);
-        CORVANE_DRIVER_EXCEPTION("VIDIOC_QUERYCAP fail err=%d(%s)", ret, strerror(-ret));
+        driverRefused("VIDIOC_QUERYCAP fail", ret);
         closeDevice();
         return ret;
     }
-    mCaps = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) != 0 ? capability.device_caps
-                                                                  : capability.capabilities;
-    if ((mCaps & V4L2_CAP_STREAMING) == 0) {
-        CORVANE_LOGE("%s (%d) not support streaming", mName.c_str(), mFd);
+    const uint32_t caps = v4l2::deviceCaps(capability);
+    mCaps.store(caps, std::memory_order_relaxed);
+    if ((caps & V4L2_CAP_STREAMING) == 0) {
+        CORVANE_LOGE("%s (%d) not support streaming", mName.c_str(), opened);
         return -EINVAL;
     }
-    const uint32_t bufType = bufTypeOf(mCaps);
-    if (bufType == 0) {
+    const uint32_t type = v4l2::portBufferType(caps);
+    if (type == 0) {
         CORVANE_LOGE("Invalid video device capability");
         return -EINVAL;
     }
-    mBufType = bufType;
-    CORVANE_LOGD("%s(%d) type %d", mName.c_str(), mFd, mBufType);
+    mBufType.store(type, std::memory_order_relaxed);
+    CORVANE_LOGD("%s(%d) type %d", mName.c_str(), opened, type);
     return 0;
 }
 
 int V4L2VideoDevice::closeDevice() {
     const TraceSection section(area::kStreaming, "V4L2VideoDevice::closeDevice");
-    if (mFd == -1) {
-        CORVANE_LOGD("%s %d was closed", mDevnodePath.c_str(), mFd);
+    if (fd() == -1) {
+        CORVANE_LOGD("%s %d was closed", mDevnodePath.c_str(), fd());
         return -EINVAL;
     }
-    if (const int ret = System::Close(mFd, fdOwner()); ret < 0) {
-        CORVANE_LOGE("Failed to close %s %d", mDevnodePath.c_str(), mFd);
+    if (const int ret = System::Close(fd(), ownerToken(&mFd)); ret < 0) {
+        CORVANE_LOGE("Failed to close %s %d", mDevnodePath.c_str(), fd());
         return ret;
     }
-    mFd = -1;
+    mFd.store(-1, std::memory_order_relaxed);
     return 0;
 }
 
 int V4L2VideoDevice::streamOn() {
     const TraceSection section(area::kStreaming, "V4L2VideoDevice: VIDIOC_STREAMON");
-    const auto [ret, elapsed] = timedStreamCall(mFd, VIDIOC_STREAMON, mBufType);
+    const auto [ret, elapsed] = timedStreamCall(fd(), VIDIOC_STREAMON, bufType());
     if (elapsed >= kSlowStreamOn)
         CORVANE_LOGW("%s: VIDIOC_STREAMON takes %s ns", mName.c_str(),
                      std::to_string(elapsed.count()).c_str());
@@ -223,12 +180,13 @@ int V4L2VideoDevice::streamOn() {
         CORVANE_LOGE("VIDIOC_STREAMON fail err=%d <%s>", ret, mName.c_str());
         return ret;
     }
+    setStreamEnded(false);
     return 0;
 }
 
 int V4L2VideoDevice::streamOff() {
     const TraceSection section(area::kStreaming, "V4L2VideoDevice: VIDIOC_STREAMOFF");
-    const auto [ret, elapsed] = timedStreamCall(mFd, VIDIOC_STREAMOFF, mBufType);
+    const auto [ret, elapsed] = timedStreamCall(fd(), VIDIOC_STREAMOFF, bufType());
     if (elapsed > kSlowStreamOff)
         CORVANE_LOGW("%s: VIDIOC_STREAMOFF takes %s ns", mName.c_str(),
                      std::to_string(elapsed.count()).c_str());
@@ -236,35 +194,38 @@ int V4L2VideoDevice::streamOff() {
         CORVANE_LOGE("VIDIOC_STREAMOFF fail err=%d <%s>", ret, mName.c_str());
         return ret;
     }
+    setStreamEnded(true);
     if (const auto monitor = mMonitor.lock()) {
         CORVANE_LOGK("detachObserver port:%d(%s)  #DECKEY", mPortIndex, mName.c_str());
         monitor->detachObserver(self("streamOff"), mPortIndex);
-        mMonitor.store(nullptr);
+        mMonitor.clear();
     }
     return 0;
 }
 
-std::string V4L2VideoDevice::toString() const {
+std::string V4L2VideoDevice::toString() const try {
     const void* slots = nullptr;
     {
         const MutexLock lock(mSlotsMutex);
         slots = mSlots.get();
     }
     std::ostringstream text;
-    text << "V4L2VideoDevice: " << mFd << " -> " << mDevnodePath << " 0x" << std::hex << mPortIndex
-         << "(" << mName << ") Cap=0x" << mCaps << " " << bufTypeName(mBufType) << " { "
-         << memoryName(mMemory) << " #REQBUFS=" << std::dec
+    text << "V4L2VideoDevice: " << fd() << " -> " << mDevnodePath << " 0x" << std::hex << mPortIndex
+         << "(" << mName << ") Cap=0x" << caps() << " " << bufTypeName(bufType()) << " { "
+         << memoryName(memory()) << " #REQBUFS=" << std::dec
          << mReqBufCount.load(std::memory_order_relaxed) << " Free=0x" << std::hex
          << mFreeBits.load(std::memory_order_relaxed) << " " << slots << " }";
     return text.str();
 }
+CORVANE_NO_THROW
 
-void V4L2VideoDevice::dumpState(IPrinter* printer) const {
+void V4L2VideoDevice::dumpState(IPrinter* printer) const try {
     if (!mQueued.load(std::memory_order_relaxed))
         return;
     printer->printFormatLine("%s", toString().c_str());
     if (mKeepIndexes.load(std::memory_order_relaxed) || remappedBuffers() != 0)
         printer->printFormatLine("    indexes kept, #remapped=%u", remappedBuffers());
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane

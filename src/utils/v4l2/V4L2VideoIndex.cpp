@@ -5,7 +5,9 @@
 #include <corvane/platform/Trace.h>
 
 #include <bit>
+#include <cerrno>
 
+#include "DriverCall.h"
 #include "TraceArea.h"
 
 CORVANE_LOG_UNIT("corvane-V4L2VideoDevice")
@@ -24,14 +26,24 @@ int V4L2VideoDevice::acquireBufferIndex() {
     return acquireIndexFor(LastMemory::kNone);
 }
 
-/** Takes a free index: the lowest, or for a buffer that stays at its index the one that suits. */
+/** Takes the free index that suits a buffer's memory, and notes that memory. */
+int V4L2VideoDevice::acquireIndexOf(const FrameBuffer& buffer) {
+    const uint64_t memory = LastMemory::of(buffer);
+    const int index = acquireIndexFor(memory);
+    if (index >= 0)
+        mLastMemory.note(static_cast<unsigned>(index), memory);
+    return index;
+}
+
+/** Takes a free index: the lowest, or that which suits @p memory where one is named. */
 int V4L2VideoDevice::acquireIndexFor(uint64_t memory) {
     const TraceSection section(area::kQueue, "V4L2VideoDevice::acquireBufferIndex");
     uint64_t bits = mFreeBits.load(std::memory_order_acquire);
     uint64_t taken = 0;
     do {
         while (bits == 0) {
-            waitForFreeIndex();
+            if (!waitForFreeIndex())
+                return -EPIPE;
             bits = mFreeBits.load(std::memory_order_acquire);
         }
         taken = memory == LastMemory::kNone ? lowestBit(bits) : mLastMemory.choose(bits, memory);
@@ -43,14 +55,31 @@ int V4L2VideoDevice::acquireIndexFor(uint64_t memory) {
     return index;
 }
 
-void V4L2VideoDevice::waitForFreeIndex() {
-    [this] {
-        MutexLock lock(mFreeMutex);
-        if (mFreeBits.load() != 0)
-            return;
-        CORVANE_LOGW("wait for buffer index");
-        mFreeCond.wait(lock.native());
-    }();
+/** Sleeps until an index may be free. @return false when the node has streamed off. */
+bool V4L2VideoDevice::waitForFreeIndex() {
+    const auto guard = timeguard::TimeBomb::make(
+        mName.c_str(), kDriverLimitNs, kDriverPeriodNs,
+        "port %#x(%s) waits for a free buffer index: have no more requests in flight than buffers, "
+        "and look for failed dequeues, whose indexes are lost",
+        mPortIndex, mName.c_str());
+    MutexLock lock(mFreeMutex);
+    if (mFreeBits.load() != 0)
+        return true;
+    const uint32_t ends = mStreamEnds;
+    if (ends % 2 != 0)
+        return false;
+    // The fixed name of the line: this was a function within a function once.
+    CORVANE_LOGW_AS("operator()", "wait for buffer index");
+    mFreeCond.wait(lock.native());
+    return ends == mStreamEnds;
+}
+
+/** A stream-off ends all waits for a free index; a new beginning lets them wait again. */
+void V4L2VideoDevice::setStreamEnded(bool ended) {
+    const MutexLock lock(mFreeMutex);
+    if (ended != (mStreamEnds % 2 != 0))
+        ++mStreamEnds;
+    mFreeCond.notify_all();
 }
 
 void V4L2VideoDevice::releaseBufferIndex(unsigned int index) {
