@@ -78,9 +78,10 @@ public:
     DefaultSubDeviceProvider(const DefaultSubDeviceProvider&) = delete;
     DefaultSubDeviceProvider& operator=(const DefaultSubDeviceProvider&) = delete;
 
-    void dumpState(IPrinter* printer) const override;
-    std::shared_ptr<IV4L2SubDevice> acquire(const EIGHTCC& user) override;
-    void release(const EIGHTCC& user, std::shared_ptr<IV4L2SubDevice>& subDevice) override;
+    void dumpState(IPrinter* printer) const override CORVANE_EXCLUDES(mLock);
+    std::shared_ptr<IV4L2SubDevice> acquire(const EIGHTCC& user) override CORVANE_EXCLUDES(mLock);
+    void release(const EIGHTCC& user, std::shared_ptr<IV4L2SubDevice>& subDevice) override
+        CORVANE_EXCLUDES(mLock);
 
 private:
     bool initSubDevice() CORVANE_REQUIRES(mLock);

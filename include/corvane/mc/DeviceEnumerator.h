@@ -104,15 +104,18 @@ private:
     using Topology = std::pair<std::string, std::shared_ptr<MediaTopology>>;
 
     DeviceEnumerator() = default;
-    DeviceInfo findMediaDeviceInfoByModelNameFromCache(const std::string& modelName) const;
-    std::shared_ptr<MediaTopology> findMediaTopologyFromCache(const std::string& path) const;
+    DeviceInfo findMediaDeviceInfoByModelNameFromCache(const std::string& modelName) const
+        CORVANE_EXCLUDES(mCacheLock);
+    std::shared_ptr<MediaTopology> findMediaTopologyFromCache(const std::string& path) const
+        CORVANE_EXCLUDES(mCacheLock);
     std::shared_ptr<MediaTopology> cacheMediaTopology(
-        const std::string& path, const std::shared_ptr<MediaTopology>& topology);
+        const std::string& path, const std::shared_ptr<MediaTopology>& topology)
+        CORVANE_EXCLUDES(mCacheLock);
     bool determineMediaDeviceInfoAndTopologyByModelName(
         const std::string& modelName,
         const std::function<void(const DeviceInfo&, const std::shared_ptr<MediaTopology>&)>&
-            onFound);
-    DefaultMediaConfigs defaultConfigs() const;
+            onFound) CORVANE_EXCLUDES(mCacheLock);
+    DefaultMediaConfigs defaultConfigs() const CORVANE_EXCLUDES(mConfigLock);
 
     mutable Mutex mConfigLock CORVANE_ACQUIRED_BEFORE(mCacheLock);
     DefaultMediaConfigs mDefaultMediaConfigs CORVANE_GUARDED_BY(mConfigLock);
