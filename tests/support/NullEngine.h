@@ -29,6 +29,7 @@ namespace NSVista::NSCorvane::test {
 class NullKernel : public System::Kernel {
 public:
     std::atomic<uint64_t> calls{0};
+    std::atomic<uint64_t> queued{0};
     std::atomic<uint64_t> dequeued{0};
     std::atomic<bool> hold{false};     ///< keeps a dequeue waiting
     std::atomic<bool> holding{false};  ///< a dequeue waits
@@ -57,6 +58,7 @@ public:
                 const uint32_t head = node.head.load(std::memory_order_relaxed);
                 node.ring[head % node.ring.size()] = {buffer->index, buffer->request_fd};
                 node.head.store(head + 1, std::memory_order_release);
+                queued.fetch_add(1, std::memory_order_relaxed);
                 return 0;
             }
             case VIDIOC_DQBUF: {
@@ -67,9 +69,9 @@ public:
                 while (hold.load(std::memory_order_acquire))
                     holding.store(true, std::memory_order_release);
                 auto* buffer = static_cast<v4l2_buffer*>(arg);
-                const Queued& queued = node.ring[tail % node.ring.size()];
-                buffer->index = queued.index;
-                buffer->request_fd = queued.requestFd;
+                const Queued& oldest = node.ring[tail % node.ring.size()];
+                buffer->index = oldest.index;
+                buffer->request_fd = oldest.requestFd;
                 buffer->flags = V4L2_BUF_FLAG_REQUEST_FD;
                 node.tail.store(tail + 1, std::memory_order_relaxed);
                 dequeued.fetch_add(1, std::memory_order_release);
@@ -145,7 +147,8 @@ class NullEngine {
 public:
     static constexpr int kBuffers = 4;
 
-    explicit NullEngine(int ports) : mPrevious(System::setKernel(&kernel)) {
+    /** @param direct dequeues on the completing thread. */
+    explicit NullEngine(int ports, bool direct = false) : mPrevious(System::setKernel(&kernel)) {
         for (int i = 0; i < ports; ++i)
             mPorts.push_back({"port", i, "node", false, false, false});
         mDesc = {"null", nullptr, ports, mPorts.data(), 0, nullptr};
@@ -155,6 +158,7 @@ public:
         mScene->iteratePorts([this](const std::shared_ptr<IPort>& port) {
             return mScene->importBuffer(port, kBuffers) == 0;
         });
+        mScene->setDirectDequeue(direct);
         mScene->setRequestDoneCallback([this](IRequest*) { ++completed; });
         mScene->start();
         mRequest = mScene->createRequest();
@@ -180,12 +184,12 @@ public:
                 buffer.planeCount = 1;
             });
         mScene->queueRequest(mRequest.get(), 0);
-        queued += mPorts.size();
         monitor->observer->onEvent({EPOLLPRI});
     }
     /** Waits until at most @p left buffers are to be dequeued by the worker. */
     void drain(uint64_t left = 0) const {
-        while (kernel.dequeued.load(std::memory_order_acquire) + left < queued)
+        while (kernel.dequeued.load(std::memory_order_acquire) + left <
+               kernel.queued.load(std::memory_order_relaxed))
             std::this_thread::yield();
     }
     /** Makes the worker find all but one of the requests that can be in flight at once. */
@@ -204,7 +208,6 @@ public:
 
     NullKernel kernel;
     std::shared_ptr<NullEventMonitor> monitor = std::make_shared<NullEventMonitor>();
-    uint64_t queued = 0;
     uint64_t completed = 0;
 
 private:
