@@ -68,7 +68,7 @@ CORVANE_NO_THROW
 
 int MediaRequest::queueRequest() try {
     const TraceSection section(area::kQueueRequest, "MediaRequest::queueRequest");
-    unsigned long* const tracked = getTrackBuffer();
+    unsigned long* const tracked = mTrackBuffer.load(std::memory_order_relaxed);
     track(reqtrack::enqueToSubmodule, tracked, kSubflow);
     if (const int32_t previous = mState.exchange(kQueuing); previous != kIdle)
         CORVANE_FATAL("Bad media request state:%d -> QUEUING", previous);
@@ -112,7 +112,8 @@ void MediaRequest::onEvent(const OnEvent& event) try {
         return;
     }
     stampLogTime(mDebugInfo->done);
-    track(reqtrack::doneFromKernelToSubmodule, getTrackBuffer(), kSubflow);
+    track(reqtrack::doneFromKernelToSubmodule, mTrackBuffer.load(std::memory_order_relaxed),
+          kSubflow);
     mState.store(kDone, std::memory_order_release);
     reinit();
     if (!mRequestDone)
