@@ -38,6 +38,9 @@ function(corvane_library name alias)
     add_library(corvane::${alias} ALIAS ${name})
     target_link_libraries(${name} PRIVATE corvane_build PUBLIC Threads::Threads)
     target_compile_features(${name} PUBLIC cxx_std_20)
+    # Nobody replaces a function of ours from outside: calls within a library go straight.
+    target_compile_options(${name} PRIVATE -fno-semantic-interposition)
+    target_link_options(${name} PRIVATE -Wl,-Bsymbolic-functions)
     set_target_properties(${name} PROPERTIES
         EXPORT_NAME ${alias}
         VERSION ${PROJECT_VERSION}

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <forward_list>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -75,9 +76,11 @@ public:
 
 private:
     static constexpr size_t kReservedObservers = 8;
+    static constexpr size_t kLowPorts = 32;
     using Observer = std::weak_ptr<IV4L2BufferObserver>;
 
     bool active() const { return mActive.load(std::memory_order_relaxed); }
+    const Observer* findObserver(int portIndex) const;
     void notifyDirectly(int portIndex);
     bool queueObservers(const int* portIndexes, size_t count, int& unknownIndex);
     int32_t untakenCount() const;
@@ -97,14 +100,20 @@ private:
     std::atomic<uint32_t> mDQBufCount{0};
     std::atomic<bool> mActive{true};  ///< cleared under mCountLock
     mutable Mutex mObserverLock;
-    std::unordered_map<int32_t, Observer> mPortObserverMap CORVANE_GUARDED_BY(mObserverLock);
-    std::vector<Observer> mRequestDoneObservers CORVANE_GUARDED_BY(mObserverLock);
+    /**
+     * Every observer there ever was, so that those queued stay where they are: copying a weak
+     * pointer costs two atomic operations a buffer. A scene has few, and its monitor goes with it.
+     */
+    std::forward_list<Observer> mObservers CORVANE_GUARDED_BY(mObserverLock);
+    std::unordered_map<int32_t, const Observer*> mPortObserverMap CORVANE_GUARDED_BY(mObserverLock);
+    std::atomic<const Observer*> mLowPortObservers[kLowPorts] = {};  ///< the map's, by port index
+    std::vector<const Observer*> mRequestDoneObservers CORVANE_GUARDED_BY(mObserverLock);
     std::atomic<size_t> mPendingObservers{0};  ///< size of mRequestDoneObservers, for text forms
     mutable Mutex mTraceLock;
     std::unordered_map<int32_t, std::unordered_set<uint32_t>> mTraceBufferMap
         CORVANE_GUARDED_BY(mTraceLock);
-    std::vector<Observer> mTaken;  ///< observers of the pass; the worker thread's
-    uint32_t mTakenCount = 0;      ///< observers taken so far; the worker thread's
+    std::vector<const Observer*> mTaken;  ///< observers of the pass; the worker thread's
+    uint32_t mTakenCount = 0;             ///< observers taken so far; the worker thread's
 };
 
 }  // namespace NSVista::NSCorvane

@@ -74,7 +74,13 @@ void V4L2BufferMonitor::attachObserver(const std::shared_ptr<IV4L2BufferObserver
     bool inserted = false;
     {
         const MutexLock lock(mObserverLock);
-        inserted = mPortObserverMap.emplace(portIndex, observer).second;
+        const auto [entry, isNew] = mPortObserverMap.emplace(portIndex, nullptr);
+        inserted = isNew;
+        if (inserted) {
+            entry->second = &mObservers.emplace_front(observer);
+            if (static_cast<uint32_t>(portIndex) < kLowPorts)
+                mLowPortObservers[portIndex].store(entry->second, std::memory_order_release);
+        }
     }
     if (!inserted) {
         CORVANE_LOGE("(%#x, %p) has existed", portIndex, static_cast<void*>(observer.get()));
@@ -93,6 +99,8 @@ void V4L2BufferMonitor::detachObserver(const std::shared_ptr<IV4L2BufferObserver
     {
         const MutexLock lock(mObserverLock);
         erased = mPortObserverMap.erase(portIndex);
+        if (static_cast<uint32_t>(portIndex) < kLowPorts)
+            mLowPortObservers[portIndex].store(nullptr, std::memory_order_release);
     }
     if (erased == 0) {
         CORVANE_LOGE("(%#x, %p) hasn't existed", portIndex, static_cast<void*>(observer.get()));
@@ -233,7 +241,7 @@ size_t V4L2BufferMonitor::takeObservers() {
 void V4L2BufferMonitor::callObservers() {
     constexpr const char* kOperation = "notifyComplete";
     for (size_t k = 0; k < mTaken.size(); ++k) {
-        const auto observer = mTaken[k].lock();
+        const auto observer = mTaken[k]->lock();
         if (observer == nullptr) {
             CORVANE_LOGW_AS(kOperation, "nullptr from weak_ptr::lock() for observer");
             continue;
@@ -277,14 +285,22 @@ void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_
 }
 CORVANE_NO_THROW
 
-// Reads the map without its lock: observers are neither attached nor detached while requests
-// complete, and the completion thread must not wait for the worker.
-void V4L2BufferMonitor::notifyDirectly(int portIndex) CORVANE_NO_THREAD_SAFETY_ANALYSIS {
-    constexpr const char* kOperation = "notifyRequestDone";
+// Without the lock: the completion thread must not wait for the worker, and observers of high port
+// indexes are neither attached nor detached while requests complete.
+const V4L2BufferMonitor::Observer* V4L2BufferMonitor::findObserver(int portIndex) const
+    CORVANE_NO_THREAD_SAFETY_ANALYSIS {
+    if (static_cast<uint32_t>(portIndex) < kLowPorts)
+        return mLowPortObservers[portIndex].load(std::memory_order_acquire);
     const auto found = mPortObserverMap.find(portIndex);
-    if (found == mPortObserverMap.end())
+    return found != mPortObserverMap.end() ? found->second : nullptr;
+}
+
+void V4L2BufferMonitor::notifyDirectly(int portIndex) {
+    constexpr const char* kOperation = "notifyRequestDone";
+    const Observer* found = findObserver(portIndex);
+    if (found == nullptr)
         CORVANE_FATAL_AS(kOperation, "port index:%#x doesn't existed", portIndex);
-    const auto observer = found->second.lock();
+    const auto observer = found->lock();
     if (observer == nullptr)
         CORVANE_FATAL_AS(kOperation, "Bad observer");
     observer->onNotify(0);
@@ -294,10 +310,10 @@ bool V4L2BufferMonitor::queueObservers(const int* portIndexes, size_t count, int
     const MutexLock lock(mObserverLock);
     bool known = true;
     for (size_t i = 0; i < count && known; ++i) {
-        const auto found = mPortObserverMap.find(portIndexes[i]);
-        known = found != mPortObserverMap.end();
+        const Observer* found = findObserver(portIndexes[i]);
+        known = found != nullptr;
         if (known)
-            mRequestDoneObservers.push_back(found->second);
+            mRequestDoneObservers.push_back(found);
         else
             unknownIndex = portIndexes[i];
     }

@@ -158,7 +158,10 @@ CORVANE_NO_THROW
 
 int V4L2VideoDevice::dequeBuffer() try {
     const TraceSection section(area::kDriverCall, "V4L2VideoDevice::dequeBuffer");
-    v4l2_plane planes[kMaxPlanes] = {};
+    v4l2_plane planes[kMaxPlanes];  // the driver reads none and writes those that it has
+    if (mDequeued)
+        for (v4l2_plane& plane : planes)
+            plane.bytesused = plane.data_offset = 0;
     v4l2_buffer dequeued = {};
     dequeued.type = bufType();
     dequeued.memory = memory();
