@@ -170,7 +170,9 @@ int BufferQueue::mapPlanes(Buffer& buffer) {
             return -EINVAL;
         if (length > id.size)
             return -EFAULT;
-        if (given.offset + uint64_t{mFormat.planeSize(i)} > id.size)
+        if (!capture() && given.bytesUsed - given.dataOffset < mFormat.planeSize(i))
+            return -EINVAL;
+        if (uint64_t{given.offset} + given.dataOffset + mFormat.planeSize(i) > id.size)
             return -EINVAL;
         if (!mapping || mapping.id() != id) {
             mRemaps += mapping ? 1 : 0;
@@ -279,7 +281,8 @@ void BufferQueue::cancel(DeviceLock& lock) {
 
 uint8_t* BufferQueue::planeData(uint32_t index, uint32_t plane) const {
     const Buffer& buffer = mBuffers[index];
-    return buffer.mappings[plane].data() + buffer.planes[plane].offset;
+    const Plane& from = buffer.planes[plane];
+    return buffer.mappings[plane].data() + from.offset + from.dataOffset;
 }
 
 vengine_picture BufferQueue::picture(uint32_t index) const {

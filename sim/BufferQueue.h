@@ -14,6 +14,7 @@
 
 #include <corvane/sim/Description.h>
 
+#include "Controls.h"
 #include "Format.h"
 #include "Locks.h"
 #include "Mapping.h"
@@ -79,6 +80,13 @@ public:
     void complete(uint32_t index, bool good, const timespec& time) CORVANE_REQUIRES(deviceState);
     /** @} */
 
+    /** @name The standard control of a capture node
+     * @{ */
+    bool hasControls() const { return capture() && !v4l2::isMeta(mVideo.bufType); }
+    int32_t brightness() const CORVANE_REQUIRES(deviceState) { return mBrightness; }
+    void setBrightness(int32_t value) CORVANE_REQUIRES(deviceState) { mBrightness = value; }
+    /** @} */
+
     const std::string& name() const { return mName; }
     const VideoDesc& video() const { return mVideo; }
     const Format& format() const CORVANE_REQUIRES(deviceState) { return mFormat; }
@@ -141,6 +149,7 @@ private:
     uint32_t mSequence CORVANE_GUARDED_BY(deviceState) = 0;  ///< of the next buffer that is done
     bool mUsesRequests CORVANE_GUARDED_BY(deviceState) = false;
     bool mUsesPlain CORVANE_GUARDED_BY(deviceState) = false;
+    int32_t mBrightness CORVANE_GUARDED_BY(deviceState) = defaultBrightness();
     uint64_t mRemaps CORVANE_GUARDED_BY(deviceState) = 0;
 };
 

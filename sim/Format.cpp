@@ -10,7 +10,13 @@ namespace NSVista::NSCorvane::sim {
 
 namespace {
 
-bool knownFormat(uint32_t bufType, uint32_t fourcc) {
+vengine_layout metaLayout(uint32_t fourcc) {
+    return {fourcc, 0, 0, 1, {0, 0, 0}, {VENGINE_META_SIZE, 0, 0}};
+}
+
+}  // namespace
+
+bool Format::known(uint32_t bufType, uint32_t fourcc) {
     auto holds = [&](const auto& formats) {
         return std::find(std::begin(formats), std::end(formats), fourcc) != std::end(formats);
     };
@@ -18,18 +24,12 @@ bool knownFormat(uint32_t bufType, uint32_t fourcc) {
                                         : holds(vengine_splane_formats);
 }
 
-vengine_layout metaLayout(uint32_t fourcc) {
-    return {fourcc, 0, 0, 1, {0, 0, 0}, {VENGINE_META_SIZE, 0, 0}};
-}
-
-}  // namespace
-
 Format::Format(const VideoDesc& video) : mBufType(video.bufType), mDefault(video.format) {
     if (v4l2::isMeta(mBufType)) {
         mLayout = metaLayout(mDefault);
         return;
     }
-    if (!knownFormat(mBufType, mDefault))
+    if (!known(mBufType, mDefault))
         mDefault =
             v4l2::isMultiPlanar(mBufType) ? vengine_mplane_formats[0] : vengine_splane_formats[0];
     mLayout = vengine_layout_of(mDefault, VENGINE_DEFAULT_WIDTH, VENGINE_DEFAULT_HEIGHT);
@@ -75,7 +75,7 @@ int Format::set(v4l2_format& format) {
         const v4l2_pix_format& pix = format.fmt.pix;
         uint32_t fourcc = pix.pixelformat;
         mLayout = vengine_layout_of(
-            knownFormat(mBufType, fourcc) ? fourcc : mDefault,
+            known(mBufType, fourcc) ? fourcc : mDefault,
             vengine_clamp_size(pix.width, VENGINE_MIN_WIDTH, VENGINE_MAX_WIDTH),
             vengine_clamp_size(pix.height, VENGINE_MIN_HEIGHT, VENGINE_MAX_HEIGHT));
     }

@@ -18,6 +18,8 @@ class Format {
 public:
     explicit Format(const VideoDesc& video);
 
+    /** Whether nodes of a buffer type take a pixel format. */
+    static bool known(uint32_t bufType, uint32_t fourcc);
     /** VIDIOC_G_FMT. @return 0, or -EINVAL for another buffer type. */
     int get(v4l2_format& format) const;
     /** VIDIOC_S_FMT: adjusts to what the engine can do. @return as get(). */

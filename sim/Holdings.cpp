@@ -32,7 +32,8 @@ int identify(int fd, BufferId& id) {
 
 /** Adds every buffer to @p table, or none. */
 template <typename Table>
-int mapAll(Table& table, const std::vector<int32_t>& fds, uint8_t coherence, size_t limit) {
+int mapAll(Table& table, const std::vector<int32_t>& fds, uint8_t coherence, uint64_t user,
+           size_t limit) {
     if (table.size() + fds.size() > limit)
         return -ENOSPC;
     Table added;
@@ -43,7 +44,7 @@ int mapAll(Table& table, const std::vector<int32_t>& fds, uint8_t coherence, siz
         UniqueFd reference(fcntl(fd, F_DUPFD_CLOEXEC, 0));
         if (!reference)
             return -errno;
-        added.push_back({id, coherence, std::move(reference)});
+        added.push_back({id, coherence, user, std::move(reference)});
     }
     std::move(added.begin(), added.end(), std::back_inserter(table));
     return 0;
@@ -83,7 +84,8 @@ int checkIova(const kvxdip_iova& request) {
 
 int Holdings::addKva(const kvxdip_kva& list) {
     int result = checkKva(list);
-    return result < 0 ? result : mapAll(mKva, copyArray(&list.fd, list.count), 0, VENGINE_MAX_KVA);
+    return result < 0 ? result
+                      : mapAll(mKva, copyArray(&list.fd, list.count), 0, mUser, VENGINE_MAX_KVA);
 }
 
 int Holdings::deleteKva(const kvxdip_kva& list) {
@@ -93,7 +95,8 @@ int Holdings::deleteKva(const kvxdip_kva& list) {
 
 int Holdings::acquireIova(const kvxdip_iova& request) {
     int result = checkIova(request);
-    return result < 0 ? result : mapAll(mIova, {request.fd}, request.coherence, VENGINE_MAX_IOVA);
+    return result < 0 ? result
+                      : mapAll(mIova, {request.fd}, request.coherence, mUser, VENGINE_MAX_IOVA);
 }
 
 int Holdings::releaseIova(const kvxdip_iova& request) {
@@ -114,7 +117,7 @@ int Holdings::addFences(const kvxdip_fence& list) {
         UniqueFd own(fence ? fcntl(fence.get(), F_DUPFD_CLOEXEC, 0) : -1);
         if (!own)
             return -errno;
-        added.push_back({fence.get(), std::move(own), false});
+        added.push_back({fence.get(), mUser, std::move(own), false});
         handedOut.push_back(std::move(fence));
     }
     for (unsigned i = 0; i < list.count; ++i) {
@@ -152,17 +155,29 @@ int Holdings::deleteFences(const kvxdip_fence& list) {
 int Holdings::allocateMemory(const kvxdip_memory& request) {
     if (mMemory.size() == VENGINE_MAX_MEMORY)
         return -ENOMEM;
-    mMemory.emplace_back(request.is_smvr, request.is_capture);
+    mMemory.push_back({{request.is_smvr, request.is_capture}, mUser});
     return 0;
 }
 
 int Holdings::freeMemory(const kvxdip_memory& request) {
     std::pair<uint8_t, uint8_t> mode(request.is_smvr, request.is_capture);
-    auto at = std::find(mMemory.begin(), mMemory.end(), mode);
+    auto at = std::find_if(mMemory.begin(), mMemory.end(),
+                           [&](const Memory& memory) { return memory.mode == mode; });
     if (at == mMemory.end())
         return -ENOENT;
     mMemory.erase(at);
     return 0;
+}
+
+void Holdings::clear(uint64_t user) {
+    auto belongs = [user](const auto& held) { return held.user == user; };
+    for (Fence& fence : mFences)
+        if (belongs(fence))
+            fence.signal();
+    std::erase_if(mFences, belongs);
+    std::erase_if(mKva, belongs);
+    std::erase_if(mIova, belongs);
+    std::erase_if(mMemory, belongs);
 }
 
 void Holdings::clear() {

@@ -33,6 +33,10 @@ public:
     int allocateMemory(const kvxdip_memory& request);
     int freeMemory(const kvxdip_memory& request);
 
+    /** Names whose everything is that is obtained from now on; 0 at first. */
+    void setUser(uint64_t user) { mUser = user; }
+    /** Takes back what was obtained for a user; other processes never come here. */
+    void clear(uint64_t user);
     void clear();
 
     /** Makes all fences readable. */
@@ -43,10 +47,16 @@ private:
     struct Mapped {
         BufferId id;
         uint8_t coherence;
+        uint64_t user;
         UniqueFd reference;  ///< keeps the buffer, and so its identity, alive
+    };
+    struct Memory {
+        std::pair<uint8_t, uint8_t> mode;
+        uint64_t user;
     };
     struct Fence {
         int handedOut;  ///< the caller's descriptor
+        uint64_t user;
         UniqueFd own;
         bool signalled;
 
@@ -55,7 +65,8 @@ private:
 
     std::vector<Mapped> mKva, mIova;
     std::vector<Fence> mFences;
-    std::vector<std::pair<uint8_t, uint8_t>> mMemory;
+    std::vector<Memory> mMemory;
+    uint64_t mUser = 0;
 };
 
 }  // namespace NSVista::NSCorvane::sim

@@ -33,22 +33,107 @@ int VideoFile::ioctl(uint32_t code, void* arg) {
         }
         case VIDIOC_STREAMOFF:
             return mQueue.streamOff(lock, this, *static_cast<uint32_t*>(arg));
+        case VIDIOC_ENUM_FRAMESIZES:
+            return enumFrameSize(*static_cast<v4l2_frmsizeenum*>(arg));
+        case VIDIOC_QUERYCTRL:
+        case VIDIOC_QUERY_EXT_CTRL:
+        case VIDIOC_QUERYMENU:
+        case VIDIOC_G_CTRL:
+        case VIDIOC_S_CTRL:
+        case VIDIOC_G_EXT_CTRLS:
+        case VIDIOC_S_EXT_CTRLS:
+        case VIDIOC_TRY_EXT_CTRLS:
+            return controls(code, arg);
         default:
             return -ENOTTY;
     }
 }
 
+std::shared_ptr<Request> VideoFile::findRequest(int fd) const {
+    auto file = std::dynamic_pointer_cast<RequestFile>(mDevice.files().find(fd));
+    return file != nullptr ? file->request() : nullptr;
+}
+
 int VideoFile::queueBuffer(DeviceLock& lock, v4l2_buffer& buffer) {
     std::shared_ptr<Request> request;
     bool withRequest = buffer.flags & V4L2_BUF_FLAG_REQUEST_FD;
-    if (withRequest) {
-        auto file = std::dynamic_pointer_cast<RequestFile>(mDevice.files().find(buffer.request_fd));
-        if (file)
-            request = file->request();
-    }
+    if (withRequest)
+        request = findRequest(buffer.request_fd);
     int result = mQueue.queueBuffer(this, buffer, std::move(request));
     if (result == 0 && !withRequest)
         mDevice.pipeline().queued(lock);
+    return result;
+}
+
+int VideoFile::enumFrameSize(v4l2_frmsizeenum& size) const {
+    if (v4l2::isMeta(mQueue.video().bufType))
+        return -ENOTTY;
+    if (size.index > 0 || !Format::known(mQueue.video().bufType, size.pixel_format))
+        return -EINVAL;
+    size.type = V4L2_FRMSIZE_TYPE_STEPWISE;
+    size.stepwise = {VENGINE_MIN_WIDTH,  VENGINE_MAX_WIDTH,  2,
+                     VENGINE_MIN_HEIGHT, VENGINE_MAX_HEIGHT, 2};
+    return 0;
+}
+
+int VideoFile::controls(uint32_t code, void* arg) {
+    if (!mQueue.hasControls())
+        return -ENOTTY;
+    switch (code) {
+        case VIDIOC_QUERYCTRL:
+            return queryControl(*static_cast<v4l2_queryctrl*>(arg));
+        case VIDIOC_QUERY_EXT_CTRL:
+            return queryControl(*static_cast<v4l2_query_ext_ctrl*>(arg));
+        case VIDIOC_QUERYMENU:
+            return -EINVAL;  // of no menu
+        case VIDIOC_G_CTRL:
+        case VIDIOC_S_CTRL: {
+            auto& control = *static_cast<v4l2_control*>(arg);
+            v4l2_ext_control one = {};
+            one.id = control.id;
+            one.value = control.value;
+            v4l2_ext_controls list = {};
+            list.count = 1;
+            list.controls = &one;
+            const int result = listedControls(
+                code == VIDIOC_G_CTRL ? VIDIOC_G_EXT_CTRLS : VIDIOC_S_EXT_CTRLS, list);
+            if (result == 0)
+                control.value = one.value;
+            return result;
+        }
+        default:
+            return listedControls(code, *static_cast<v4l2_ext_controls*>(arg));
+    }
+}
+
+int VideoFile::listedControls(uint32_t code, v4l2_ext_controls& list) {
+    const bool get = code == VIDIOC_G_EXT_CTRLS, set = code == VIDIOC_S_EXT_CTRLS;
+    list.error_idx = list.count;
+    std::shared_ptr<Request> request;
+    if (list.which == V4L2_CTRL_WHICH_REQUEST_VAL) {
+        request = findRequest(list.request_fd);
+        if (request == nullptr || &request->device() != &mDevice)
+            return -EINVAL;
+        if (get ? !request->complete() : !request->idle())
+            return get ? -EACCES : -EBUSY;
+        // A request without the node's controls can be given some, but not asked whether it would.
+        if (!get && !set && !request->control(mQueue))
+            return -ENOMEM;
+    }
+    if (get) {
+        const bool initial = list.which == V4L2_CTRL_WHICH_DEF_VAL;
+        const int32_t current =
+            request != nullptr ? *request->control(mQueue) : mQueue.brightness();
+        return getControls(list, initial ? defaultBrightness() : current);
+    }
+    std::optional<int32_t> brightness;
+    const int result = setControls(list, set, brightness);
+    if (!set || !brightness)
+        return result;
+    if (request != nullptr)
+        request->setControl(mQueue, *brightness);
+    else
+        mQueue.setBrightness(*brightness);
     return result;
 }
 

@@ -19,7 +19,7 @@ struct Inputs {
 
 Inputs gatherInputs(const Job& job) {
     Inputs inputs;
-    for (const auto& [queue, index] : job.buffers) {
+    for (const auto& [queue, index, unused] : job.buffers) {
         if (queue->ordinal() < 32)
             inputs.ports |= 1u << queue->ordinal();
         if (queue->capture())
@@ -55,9 +55,9 @@ bool render(const Job& job) {
     source.input = inputs.input ? &*inputs.input : nullptr;
     source.mask = inputs.mask ? &*inputs.mask : nullptr;
     source.frame = job.frame;
-    source.brightness =
+    const int32_t common =
         vengine_brightness(job.brightness, inputs.tuning ? inputs.tuning->brightness : 0);
-    for (const auto& [queue, index] : job.buffers) {
+    for (const auto& [queue, index, brightness] : job.buffers) {
         if (!queue->capture())
             continue;
         if (v4l2::isMeta(queue->video().bufType)) {
@@ -65,6 +65,7 @@ bool render(const Job& job) {
             memcpy(queue->planeData(index, 0), &stats, sizeof(stats));
         } else {
             vengine_picture out = queue->picture(index);
+            source.brightness = common + brightness;
             vengine_capture(&source, queue->role(), &out);
         }
     }

@@ -188,6 +188,10 @@ bool Pipeline::formGroup(Clock::time_point now, Clock::time_point& next) {
 void Pipeline::process(Job& job, DeviceLock& lock) {
     job.stage = Job::Stage::RUNNING;
     job.brightness = mDevice.brightness();
+    if (job.request != nullptr)
+        job.request->applyControls();
+    for (BufferRef& buffer : job.buffers)
+        buffer.brightness = buffer.queue->brightness();
     mRunning = &job;
     lock.unlock();
     bool good = render(job);
@@ -198,8 +202,8 @@ void Pipeline::process(Job& job, DeviceLock& lock) {
     ++mCompleted;
     mDevice.frameDone(job.frame, time);
     // Every buffer joins its node's done list before the request completes.
-    for (const auto& [queue, index] : job.buffers)
-        queue->complete(index, good, time);
+    for (const BufferRef& buffer : job.buffers)
+        buffer.queue->complete(buffer.index, good, time);
     if (job.request != nullptr)
         job.request->finish();
     mRunning = nullptr;

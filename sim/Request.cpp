@@ -13,6 +13,7 @@ namespace NSVista::NSCorvane::sim {
 Request::Request(DeviceCore& device) : mDevice(device) {
     mJob.request = this;
     mJob.buffers.reserve(device.queues().size());
+    mControls.reserve(device.queues().size());
     ++mDevice.requestsAlive;
 }
 
@@ -44,6 +45,7 @@ int Request::reinit() {
     for (const BufferRef& buffer : mJob.buffers)
         buffer.queue->abandon(buffer.index);
     mJob.buffers.clear();
+    mControls.clear();
     mState = State::IDLE;
     mSignal.lower();
     return 0;
@@ -64,8 +66,28 @@ void Request::unbind(const BufferRef& buffer) {
         finish();
 }
 
+void Request::setControl(BufferQueue& queue, int32_t brightness) {
+    std::erase_if(mControls, [&](const ControlValue& value) { return value.queue == &queue; });
+    mControls.push_back({&queue, brightness});
+}
+
+std::optional<int32_t> Request::control(const BufferQueue& queue) const {
+    for (const ControlValue& value : mControls)
+        if (value.queue == &queue)
+            return value.brightness;
+    return std::nullopt;
+}
+
+void Request::applyControls() {
+    for (const ControlValue& value : mControls)
+        value.queue->setBrightness(value.brightness);
+}
+
 void Request::finish() {
     mJob.buffers.clear();
+    for (const auto& queue : mDevice.queues())
+        if (!control(*queue))
+            mControls.push_back({queue.get(), queue->brightness()});
     mState = State::COMPLETE;
     mSignal.raise();
 }

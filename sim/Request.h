@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "File.h"
@@ -24,6 +25,7 @@ using Clock = std::chrono::steady_clock;
 struct BufferRef {
     BufferQueue* queue;
     uint32_t index;
+    int32_t brightness = 0;  ///< the node's, when the engine takes the buffer
 };
 
 /** Buffers that the engine processes together. Guarded as its owner is. */
@@ -38,7 +40,7 @@ struct Job {
     Request* request = nullptr;  ///< null for a buffer queued without one
     Stage stage = Stage::IDLE;
     uint32_t frame = 0;
-    int32_t brightness = 0;  ///< the control's value
+    int32_t brightness = 0;  ///< the sub-device's
     Clock::time_point due;
 };
 
@@ -60,18 +62,30 @@ public:
     int bind(const BufferRef& buffer) CORVANE_REQUIRES(deviceState);
     /** A bound buffer is taken back; the last one of a queued request completes it. */
     void unbind(const BufferRef& buffer) CORVANE_REQUIRES(deviceState);
+    /** @name Controls that the request sets; a completed one has those of every node
+     * @{ */
+    void setControl(BufferQueue& queue, int32_t brightness) CORVANE_REQUIRES(deviceState);
+    std::optional<int32_t> control(const BufferQueue& queue) const CORVANE_REQUIRES(deviceState);
+    void applyControls() CORVANE_REQUIRES(deviceState);
+    /** @} */
     /** All buffers are done. */
     void finish() CORVANE_REQUIRES(deviceState);
 
     DeviceCore& device() const { return mDevice; }
+    bool complete() const CORVANE_REQUIRES(deviceState) { return mState == State::COMPLETE; }
     bool idle() const CORVANE_REQUIRES(deviceState) { return mState == State::IDLE; }
     PriorityFd& signal() CORVANE_REQUIRES(deviceState) { return mSignal; }
 
 private:
     enum class State { IDLE, QUEUED, COMPLETE };
+    struct ControlValue {
+        BufferQueue* queue;
+        int32_t brightness;
+    };
     DeviceCore& mDevice;
     State mState CORVANE_GUARDED_BY(deviceState) = State::IDLE;
     Job mJob CORVANE_GUARDED_BY(deviceState);  ///< its buffers are those bound to the request
+    std::vector<ControlValue> mControls CORVANE_GUARDED_BY(deviceState);
     PriorityFd mSignal CORVANE_GUARDED_BY(deviceState);
 };
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/ioctl.h>
 #include <cerrno>
+#include <cstring>
 
 #include <algorithm>
 #include <utility>
@@ -115,8 +116,12 @@ int SubDeviceFile::ioctl(uint32_t code, void* arg) {
                 control.value = value;
             return result;
         }
-        case KVXDIP_IOC_S_INIT_INFO:
-            return 0;  // opaque to everyone but the driver's makers: only recorded
+        case KVXDIP_IOC_S_INIT_INFO: {
+            uint64_t user;
+            memcpy(&user, arg, sizeof(user));
+            mHoldings.setUser(user);
+            return 0;
+        }
         case KVXDIP_IOC_ADD_KVA:
             return mHoldings.addKva(*static_cast<kvxdip_kva*>(arg));
         case KVXDIP_IOC_DEL_KVA:
@@ -134,7 +139,7 @@ int SubDeviceFile::ioctl(uint32_t code, void* arg) {
         case KVXDIP_IOC_FREE_BUF:
             return mHoldings.freeMemory(*static_cast<kvxdip_memory*>(arg));
         case KVXDIP_IOC_CLEAR_USER_RESOURCE:
-            mHoldings.clear();
+            mHoldings.clear(static_cast<kvxdip_user_resource*>(arg)->user_id);
             ++mDevice.mPast.cleared;
             return 0;
         default:

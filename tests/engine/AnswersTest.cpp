@@ -155,6 +155,10 @@ const Answer kAnswers[] = {
      [](auto& s) {
          return queueRequestWith(s, s.output, [&](Port& p) { p.planes[0].length = 1u << 20; });
      }},
+    {"queue with less data than a picture behind the data offset", -EINVAL,
+     [](auto& s) {
+         return queueRequestWith(s, s.output, [](Port& p) { p.planes[0].data_offset = 1; });
+     }},
     {"unknown ioctl on a video node", -ENOTTY,
      [](auto& s) {
          kvxdip_memory memory = {};

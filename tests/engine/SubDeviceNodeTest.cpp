@@ -95,6 +95,37 @@ TEST_F(SubDeviceNodeTest, KeepsWhatItIsGivenAndNothingOfARefusedCall) {
     EXPECT_EQ(bench.held(), "");
 }
 
+TEST_F(SubDeviceNodeTest, ClearingTakesBackWhatOneUserHolds) {
+    int32_t fds[3] = {-1, -1, -1};
+    auto use = [&](uint64_t user) { return call(sub, KVXDIP_IOC_S_INIT_INFO, &user); };
+    auto clear = [&](uint64_t user) {
+        kvxdip_user_resource record = {user, 77};
+        return call(sub, KVXDIP_IOC_CLEAR_USER_RESOURCE, &record);
+    };
+    const uint64_t users[3] = {0, 5, uint64_t{5} << 32};
+    for (unsigned n = 0; n < 3; ++n) {
+        ASSERT_EQ(n == 0 ? 0 : use(users[n]), 0) << "at first nobody is named";
+        ASSERT_EQ(add({one.fd()}) + map(one.fd(), 0) + memory(KVXDIP_IOC_ALOC_BUF, 0, 1) +
+                      fences(KVXDIP_IOC_ADD_FENCE, &fds[n], 1),
+                  0);
+    }
+    const Fd other(VENGINE_SUBDEV_ENTITY);
+    kvxdip_user_resource record = {5, 0};
+    EXPECT_EQ(call(other, KVXDIP_IOC_CLEAR_USER_RESOURCE, &record), 0) << "another file's";
+    EXPECT_EQ(clear(6), 0);
+    EXPECT_EQ(bench.held(), "dmabufs 6\nfences 3\niova 3\nkva 3\nmemory 3\n");
+    EXPECT_EQ(clear(5), 0);
+    EXPECT_TRUE(readable(fds[1]));
+    EXPECT_FALSE(readable(fds[0]) || readable(fds[2]));
+    close(fds[1]);
+    EXPECT_EQ(bench.held(), "dmabufs 4\nfences 2\niova 2\nkva 2\nmemory 2\n");
+    EXPECT_EQ(del({one.fd()}), 0) << "whoever it was got for";
+    EXPECT_EQ(clear(users[2]) + clear(0), 0);
+    close(fds[0]);
+    close(fds[2]);
+    EXPECT_EQ(bench.held(), "");
+}
+
 TEST_F(SubDeviceNodeTest, TablesHaveLimits) {
     const rlimit descriptors = {4096, 4096};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &descriptors), 0);
