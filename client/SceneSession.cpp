@@ -1,16 +1,19 @@
+#include <corvane/V4L2VideoDevice.h>
 #include <corvane/client/SceneSession.h>
+#include <corvane/client/VideoNode.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Printer.h>
-#include <corvane/platform/System.h>
+#include <corvane/platform/UniqueFd.h>
+#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cinttypes>
-#include <cstdio>
 #include <cstring>
-#include <thread>
 #include <utility>
+
+#include "Signal.h"
 
 CORVANE_LOG_UNIT("corvane-SceneSession")
 
@@ -22,40 +25,45 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
 constexpr int kMaxBuffers = 64;
+/** Of a session: bits of SessionRequest::mPending. */
+constexpr size_t kMaxPorts = 61;
 constexpr milliseconds kDestructorDrain{1000};
 constexpr milliseconds kLastDequeues{1000};
-constexpr std::chrono::microseconds kDequeuePoll{100};
 
 nanoseconds monotonicNow() {
     return std::chrono::steady_clock::now().time_since_epoch();
 }
 
-/** Finds the set of free buffer indexes in a video device's state line. */
-class FreeIndexes : public IPrinter {
-public:
-    /** @param count buffers of the device; all are free while it has printed nothing. */
-    explicit FreeIndexes(int count) : mAll(~uint64_t{0} >> (64 - count)), mFree(mAll) {}
-    void printLine(const char* text) override {
-        if (const char* const at = strstr(text, "Free=0x"))
-            sscanf(at, "Free=0x%" SCNx64, &mFree);
-    }
-    int taken() const { return std::popcount(mAll & ~mFree); }
+uint64_t bitOf(size_t ordinal) {
+    return uint64_t{1} << ordinal;
+}
 
-private:
-    uint64_t mAll;
-    uint64_t mFree;
-};
+std::string quoted(const std::string& text) {
+    return "\"" + text + "\"";
+}
 
-template <class T, class Key>
-bool hasDuplicates(const std::vector<T>& items, Key key) {
-    for (size_t i = 0; i < items.size(); ++i)
-        for (size_t j = 0; j < i; ++j)
-            if (items[i].*key == items[j].*key)
-                return true;
-    return false;
+/** @return what two ports have in common that they must not, empty for nothing. */
+std::string clashOf(const SessionPort& a, const SessionPort& b) {
+    const std::string both = "ports " + quoted(a.name) + " and " + quoted(b.name);
+    if (a.index == b.index)
+        return both + " have the same index " + std::to_string(a.index);
+    return a.entity == b.entity ? both + " use the same entity " + quoted(a.entity) : std::string();
 }
 
 }  // namespace
+
+struct SceneSession::Wakeup {
+    Signal signal;
+    UniqueFd eventFd;
+};
+
+SceneSession::SceneSession(SessionDesc desc)
+    : mDesc(std::move(desc)),
+      mAllPorts(bitOf(std::min(mDesc.ports.size(), kMaxPorts)) - 1),
+      mCounts(std::make_unique<Counts[]>(mDesc.ports.size())),
+      mWakeup(std::make_unique<Wakeup>()),
+      mLosses(mDesc.ports.size()) {
+}
 
 std::unique_ptr<SceneSession> SceneSession::open(SessionDesc desc,
                                                  std::shared_ptr<IMediaDevice> media,
@@ -70,14 +78,32 @@ std::unique_ptr<SceneSession> SceneSession::open(SessionDesc desc,
     return session;
 }
 
-bool SceneSession::describe() {
-    if (mDesc.ports.empty() || mDesc.buffers < 1 || mDesc.buffers > kMaxBuffers ||
-        hasDuplicates(mDesc.ports, &SessionPort::index) ||
-        hasDuplicates(mDesc.ports, &SessionPort::entity)) {
-        CORVANE_LOGE("%s: no ports, ports twice, or a bad number of buffers: %d",
-                     mDesc.name.c_str(), mDesc.buffers);
-        return false;
+std::string SceneSession::wrongWith(const IMediaDevice& media) const {
+    if (mDesc.ports.empty() || mDesc.ports.size() > kMaxPorts)
+        return "a session has 1 to " + std::to_string(kMaxPorts) + " ports, not " +
+               std::to_string(mDesc.ports.size());
+    if (mDesc.buffers < 1 || mDesc.buffers > kMaxBuffers)
+        return "a session has 1 to " + std::to_string(kMaxBuffers) + " buffers a port, not " +
+               std::to_string(mDesc.buffers);
+    for (size_t i = 0; i < mDesc.ports.size(); ++i) {
+        const SessionPort& port = mDesc.ports[i];
+        for (size_t j = 0; j < i; ++j)
+            if (const std::string clash = clashOf(mDesc.ports[j], port); !clash.empty())
+                return clash;
+        if (!media.hasEntity(port.entity))
+            return "port " + quoted(port.name) + ": the device has no entity " +
+                   quoted(port.entity);
     }
+    for (const SessionLink& link : mDesc.links)
+        for (const std::string& entity : {link.sourceEntity, link.sinkEntity})
+            if (!media.hasEntity(entity))
+                return "link " + link.sourceEntity + ":" + std::to_string(link.sourcePad) + " to " +
+                       link.sinkEntity + ":" + std::to_string(link.sinkPad) +
+                       ": the device has no entity " + quoted(entity);
+    return {};
+}
+
+void SceneSession::describe() {
     for (const SessionPort& port : mDesc.ports)
         mPortDescs.push_back(
             {port.name.c_str(), port.index, port.entity.c_str(), true, false, false});
@@ -90,13 +116,16 @@ bool SceneSession::describe() {
                   mPortDescs.data(),
                   static_cast<int32_t>(mLinkDescs.size()),
                   mLinkDescs.data()};
-    return true;
 }
 
 int SceneSession::openScene(std::shared_ptr<IMediaDevice> media,
                             std::shared_ptr<SceneDebugInfo> debugInfo) {
-    if (media == nullptr || !describe())
+    const std::string wrong = media == nullptr ? "there is no media device" : wrongWith(*media);
+    if (!wrong.empty()) {
+        CORVANE_LOGE("%s: %s", mDesc.name.c_str(), wrong.c_str());
         return -EINVAL;
+    }
+    describe();
     mEvents = EpollEventMonitor::make();
     if (mEvents == nullptr)
         return -EMFILE;
@@ -123,9 +152,31 @@ int SceneSession::prepareBuffers(IDmaBufSource& source) {
         if (const int result = allocateRequest(static_cast<unsigned>(slot), source); result != 0)
             return result;
     for (const SessionPort& port : mDesc.ports)
-        if (const int result = mScene->importBuffer(mScene->queryPort(port.index), mDesc.buffers);
-            result != 0)
+        if (const int result = importBuffers(port); result != 0)
             return result;
+    prepareRequests();
+    return 0;
+}
+
+int SceneSession::importBuffers(const SessionPort& port) {
+    // With one index more than requests no queueing finds all of them taken.
+    const auto wanted = static_cast<uint32_t>(std::min(mDesc.buffers + 1, kMaxBuffers));
+    uint32_t granted = 0;
+    if (queryGrantedBuffers(mMedia->getEntityDevnodePath(port.entity), wanted, granted) != 0)
+        granted = static_cast<uint32_t>(mDesc.buffers);  // The import will tell why.
+    if (granted < static_cast<uint32_t>(mDesc.buffers)) {
+        CORVANE_LOGE("%s: %s grants %u buffers, not %d", mDesc.name.c_str(), port.name.c_str(),
+                     granted, mDesc.buffers);
+        return -ENOMEM;
+    }
+    return mScene->importBuffer(mScene->queryPort(port.index),
+                                static_cast<int>(std::min(granted, wanted)));
+}
+
+void SceneSession::prepareRequests() {
+    mScene->setDirectDequeue(mDesc.direct);
+    mScene->setKeepIndexes(true);
+    mScene->setBufferDequeuedCallback([this](const DequeuedBuffer& buffer) { dequeued(buffer); });
     mScene->setRequestDoneCallback([this](IRequest* request) {
         requestDone(*static_cast<SessionRequest*>(request->getCookie()));
     });
@@ -134,11 +185,13 @@ int SceneSession::prepareBuffers(IDmaBufSource& source) {
         request->mRequest->setCookie(request.get());
         request->mRequest->setTrackBuffer(request->mTrack);
         request->mRequest->setMonitor(mEvents);
+        const auto fd = static_cast<size_t>(request->mRequest->getRequestFD());
+        mRequestOfFd.resize(std::max(mRequestOfFd.size(), fd + 1));
+        mRequestOfFd[fd] = request.get();
     }
-    MutexLock lock(mLock);
+    mFree = ~uint64_t{0} >> (kMaxBuffers - mDesc.buffers);
+    const MutexLock lock(mLock);
     mFinished.reserve(mRequests.size());
-    mFree = ~uint64_t{0} >> (64 - mDesc.buffers);
-    return 0;
 }
 
 int SceneSession::negotiate(const SessionPort& wanted, const std::shared_ptr<IPort>& port,
@@ -163,13 +216,14 @@ int SceneSession::negotiate(const SessionPort& wanted, const std::shared_ptr<IPo
 int SceneSession::allocateRequest(unsigned slot, IDmaBufSource& source) {
     auto request = std::make_unique<SessionRequest>();
     request->mSlot = slot;
-    request->mFrames.resize(mFormats.size());
+    request->mFrames = std::vector<Frame>(mFormats.size());
     for (size_t port = 0; port < mFormats.size(); ++port)
         if (const int result =
                 request->mFrames[port].allocate(mFormats[port], mDesc.layout, source);
             result != 0) {
-            CORVANE_LOGE("%s: no buffer for %s from %s: %d", mDesc.name.c_str(),
-                         mDesc.ports[port].name.c_str(), source.toString().c_str(), result);
+            CORVANE_LOGE("%s: no buffer for %s from %s: %s", mDesc.name.c_str(),
+                         mDesc.ports[port].name.c_str(), source.toString().c_str(),
+                         strerror(-result));
             return result;
         }
     mRequests.push_back(std::move(request));
@@ -194,154 +248,277 @@ void SceneSession::visitAll(const Visit& visit) {
         visit(*request);
 }
 
+int SceneSession::eventFd() {
+    if (!mWakeup->eventFd)
+        mWakeup->eventFd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    return mWakeup->eventFd ? mWakeup->eventFd.get() : -errno;
+}
+
 int SceneSession::start() {
     if (std::exchange(mWasStarted, true))
         return -EBUSY;
     if (const int result = mScene->start(); result != 0)
         return result;
-    MutexLock lock(mLock);
     mStreaming = true;
     return 0;
 }
 
-int SceneSession::submit(const Visit& fill) {
-    MutexLock lock(mLock);
-    if (!mStreaming || mRefused)
-        return -EPIPE;
-    if (mFree == 0)
-        return -EAGAIN;
-    SessionRequest& request = *mRequests[static_cast<size_t>(std::countr_zero(mFree))];
-    mFree &= mFree - 1;
-    request.mNumber = mQueuedCount++;
-    ++mInFlight;
-    lock.unlock();
-
-    if (fill)
-        fill(request);
-    const int result = queue(request);
-    if (result == 0)
-        return 0;
-    lock.lock();
-    mRefused = true;
-    --mQueuedCount;
-    --mInFlight;
-    return result;
+SessionRequest* SceneSession::takeFree() {
+    uint64_t free = mFree.load(std::memory_order_relaxed);
+    while (free != 0)
+        if (mFree.compare_exchange_weak(free, free & (free - 1), std::memory_order_acquire))
+            return mRequests[static_cast<size_t>(std::countr_zero(free))].get();
+    return nullptr;
 }
 
-int SceneSession::queue(SessionRequest& request) {
+int SceneSession::submit(const Visit& fill) {
+    if (!mStreaming || mRefused)
+        return -EPIPE;
+    SessionRequest* const request = takeFree();
+    if (request == nullptr)
+        return mRetired == mRequests.size() ? -ENOBUFS : -EAGAIN;
+    return queue(*request, fill);
+}
+
+int SceneSession::submitAgain(SessionRequest& request, const Visit& fill) {
+    if (!mStreaming || mRefused)
+        return -EPIPE;
+    if (request.mIsRetired)
+        return -ENOBUFS;
+    return request.mPending == SessionRequest::kHeld ? queue(request, fill) : -EAGAIN;
+}
+
+int SceneSession::queue(SessionRequest& request, const Visit& fill) {
+    request.mNumber = mNumbers.fetch_add(1, std::memory_order_relaxed);
+    if (fill)
+        fill(request);
     for (size_t port = 0; port < mDesc.ports.size(); ++port) {
-        const FrameBuffer& buffer = request.mFrames[port].buffer();
+        Frame& frame = request.mFrames[port];
+        frame.mDequeued.result = -EINPROGRESS;
         request.mRequest->addBuffer(mDesc.ports[port].index,
-                                    [&buffer](FrameBuffer& to) { to = buffer; });
+                                    [&frame](FrameBuffer& to) { to = frame.mBuffer; });
     }
+    mInFlight.fetch_add(1, std::memory_order_relaxed);
+    mAccepted.fetch_add(1, std::memory_order_relaxed);
+    request.mCycle.fetch_add(1, std::memory_order_relaxed);
+    request.mPending.store(mAllPorts | SessionRequest::kNotDone | SessionRequest::kHeld,
+                           std::memory_order_release);
     request.mQueued = monotonicNow();
-    return mScene->queueRequest(request.mRequest.get(), 0);
+    const int result = mScene->queueRequest(request.mRequest.get(), 0);
+    if (result == 0)
+        return 0;
+    mRefused = true;
+    mAccepted.fetch_sub(1, std::memory_order_relaxed);
+    mInFlight.fetch_sub(1, std::memory_order_release);
+    mWakeup->signal.raise();
+    return result;
 }
 
 void SceneSession::requestDone(SessionRequest& request) {
     request.mDone = monotonicNow();
-    MutexLock lock(mLock);
+    clear(request, SessionRequest::kNotDone);
+    if (mHasLosses.load(std::memory_order_relaxed))
+        settleLosses();
+}
+
+void SceneSession::dequeued(const DequeuedBuffer& buffer) {
+    size_t port = 0;
+    while (port < mDesc.ports.size() && mDesc.ports[port].index != buffer.portIndex)
+        ++port;
+    if (buffer.result < 0) {
+        lose(port, buffer.result);
+        return;
+    }
+    const auto fd = static_cast<size_t>(buffer.requestFd);
+    SessionRequest* const request = fd < mRequestOfFd.size() ? mRequestOfFd[fd] : nullptr;
+    if (request == nullptr)
+        return;
+    Counts& counts = mCounts[port];
+    counts.dequeued.fetch_add(1, std::memory_order_relaxed);
+    if (buffer.result != 0)
+        counts.broken.fetch_add(1, std::memory_order_relaxed);
+    if ((request->mPending.load(std::memory_order_relaxed) & bitOf(port)) != 0)
+        request->mFrames[port].mDequeued = buffer;
+    if (!clear(*request, bitOf(port))) {
+        // It was taken for lost; so another request's frame is.
+        {
+            const MutexLock lock(mLock);
+            mLosses[port].push_back(request->mFrames[port].result());
+        }
+        settleLosses();
+    }
+}
+
+/** @return whether the bit was set. */
+bool SceneSession::clear(SessionRequest& request, uint64_t bit) {
+    const uint64_t before = request.mPending.fetch_and(~bit, std::memory_order_acq_rel);
+    if ((before & bit) == 0)
+        return false;
+    const uint64_t left = before & ~bit;
+    const bool isSettled = bit != SessionRequest::kHeld && (left & ~SessionRequest::kHeld) == 0;
+    const bool isDelivered =
+        mDesc.handOver == HandOver::WhenDone ? bit == SessionRequest::kNotDone : isSettled;
+    if (isDelivered)
+        deliver(request);
+    if (left == 0 && !request.mIsRetired)
+        mFree.fetch_or(bitOf(request.mSlot), std::memory_order_release);
+    if (isSettled)
+        mInFlight.fetch_sub(1, std::memory_order_release);
+    if (isSettled || isDelivered)
+        mWakeup->signal.raise();
+    return true;
+}
+
+void SceneSession::deliver(SessionRequest& request) {
+    if (mDone) {
+        const uint32_t cycle = request.mCycle.load(std::memory_order_relaxed);
+        mDone(request);
+        if (request.mCycle.load(std::memory_order_relaxed) == cycle)
+            clear(request, SessionRequest::kHeld);
+        return;
+    }
+    const MutexLock lock(mLock);
     mFinished.push_back(&request);
-    --mInFlight;
-    mCompletion.notify_all();
+    if (mWakeup->eventFd && mFinished.size() == 1)
+        eventfd_write(mWakeup->eventFd.get(), 1);
+}
+
+void SceneSession::lose(size_t port, int error) {
+    mCounts[port].lost.fetch_add(1, std::memory_order_relaxed);
+    CORVANE_LOGE("%s: %s lost a frame, its dequeue failed: %s", mDesc.name.c_str(),
+                 mDesc.ports[port].name.c_str(), strerror(-error));
+    {
+        const MutexLock lock(mLock);
+        mLosses[port].push_back(error);
+    }
+    mHasLosses = true;
+    settleLosses();
+}
+
+void SceneSession::settleLosses() {
+    for (size_t port = 0; port < mDesc.ports.size(); ++port)
+        while (settleOneLoss(port)) {
+        }
+}
+
+bool SceneSession::settleOneLoss(size_t port) {
+    // A failed dequeue does not tell whose buffer it was: the oldest request that is done and still
+    // lacks one of this port is the likeliest.
+    SessionRequest* victim = nullptr;
+    {
+        const MutexLock lock(mLock);
+        if (mLosses[port].empty())
+            return false;
+        const auto lacks = [port](const SessionRequest& request) {
+            const uint64_t pending = request.mPending.load(std::memory_order_acquire);
+            constexpr uint64_t kNot = SessionRequest::kNotDone | SessionRequest::kSettling;
+            return (pending & bitOf(port)) != 0 && (pending & kNot) == 0;
+        };
+        for (const auto& request : mRequests)
+            if (lacks(*request) && (victim == nullptr || request->mNumber < victim->mNumber))
+                victim = request.get();
+        if (victim == nullptr)
+            return false;
+        uint64_t pending = victim->mPending.load(std::memory_order_acquire);
+        do {
+            if ((pending & bitOf(port)) == 0)
+                return true;  // It came just now: look again.
+        } while (!victim->mPending.compare_exchange_weak(
+            pending, (pending & ~bitOf(port)) | SessionRequest::kSettling));
+        victim->mFrames[port].mDequeued = {};
+        victim->mFrames[port].mDequeued.result = mLosses[port].front();
+        mLosses[port].erase(mLosses[port].begin());
+    }
+    if (!victim->mIsRetired.exchange(true))
+        ++mRetired;
+    clear(*victim, SessionRequest::kSettling);
+    return true;
 }
 
 int SceneSession::wait(milliseconds timeout, const Visit& inspect) {
-    const auto deadline = Clock::now() + timeout;
-    MutexLock lock(mLock);
-    while (mFinished.empty()) {
-        if (mInFlight == 0)
+    const auto deadline = Signal::Clock::now() + timeout;
+    SessionRequest* request = nullptr;
+    while (request == nullptr) {
+        const uint32_t seen = mWakeup->signal.value();
+        // In this order: what was under way before is finished by the time it no longer is.
+        const bool isIdle = mInFlight.load(std::memory_order_acquire) == 0;
+        {
+            const MutexLock lock(mLock);
+            if (!mFinished.empty()) {
+                request = mFinished.front();
+                mFinished.erase(mFinished.begin());
+            }
+            eventfd_t ignored = 0;
+            if (mWakeup->eventFd && mFinished.empty())
+                eventfd_read(mWakeup->eventFd.get(), &ignored);
+        }
+        if (request == nullptr && isIdle)
             return -ENOENT;
-        if (mCompletion.wait_until(lock.native(), deadline) == std::cv_status::timeout &&
-            mFinished.empty())
+        if (request == nullptr && !mWakeup->signal.wait(seen, deadline))
             return -ETIMEDOUT;
     }
-    SessionRequest& request = *mFinished.front();
-    mFinished.erase(mFinished.begin());
-    lock.unlock();
-
     if (inspect)
-        inspect(request);
-    lock.lock();
-    mFree |= uint64_t{1} << request.mSlot;
+        inspect(*request);
+    clear(*request, SessionRequest::kHeld);
     return 0;
 }
 
+template <class Condition>
+bool SceneSession::waitFor(std::chrono::steady_clock::time_point deadline, Condition isMet) const {
+    for (;;) {
+        const uint32_t seen = mWakeup->signal.value();
+        if (isMet())
+            return true;
+        if (!mWakeup->signal.wait(seen, deadline))
+            return isMet();
+    }
+}
+
 int SceneSession::drain(milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    return waitForCompletions(deadline) && waitForDequeues(deadline) ? 0 : -ETIMEDOUT;
+    const auto isIdle = [this] { return mInFlight.load(std::memory_order_acquire) == 0; };
+    return waitFor(Signal::Clock::now() + timeout, isIdle) ? 0 : -ETIMEDOUT;
 }
 
-bool SceneSession::waitForCompletions(Clock::time_point deadline) const {
-    MutexLock lock(mLock);
-    while (mInFlight != 0)
-        if (mCompletion.wait_until(lock.native(), deadline) == std::cv_status::timeout)
-            return mInFlight == 0;
-    return true;
-}
-
-bool SceneSession::waitForDequeues(Clock::time_point deadline) const {
-    uint64_t expected = 0;
-    {
-        MutexLock lock(mLock);
-        // A refused request leaves a buffer at some of its ports.
-        expected = mInFlight + (mRefused ? 1 : 0);
-    }
-    const auto isDone = [this, expected](const SessionPort& port) {
-        return withDriver(port) <= expected;
-    };
-    while (!std::all_of(mDesc.ports.begin(), mDesc.ports.end(), isDone)) {
-        if (Clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(kDequeuePoll);
-    }
-    return true;
-}
-
-uint64_t SceneSession::withDriver(const SessionPort& port) const {
-    // A dequeue is announced to nobody outside the library. What tells it for certain is the port's
-    // set of free indexes: giving the index back is the last step of a dequeue.
-    FreeIndexes indexes(mDesc.buffers);
-    mScene->queryPort(port.index)->dumpState(&indexes);
-    return static_cast<uint64_t>(indexes.taken());
+bool SceneSession::isAwaitingDequeues() const {
+    return std::any_of(mRequests.begin(), mRequests.end(), [this](const auto& request) {
+        const uint64_t pending = request->mPending.load(std::memory_order_acquire);
+        return (pending & SessionRequest::kNotDone) == 0 && (pending & mAllPorts) != 0;
+    });
 }
 
 int SceneSession::stop(milliseconds timeout) {
-    {
-        MutexLock lock(mLock);
-        if (!mStreaming)
-            return -EPIPE;
-    }
+    if (!mStreaming.exchange(false))
+        return -EPIPE;
     const int drained = drain(timeout);
     mEvents.reset();
     // No request completes any more; what did complete is still being dequeued, perhaps.
-    if (drained != 0 && !waitForDequeues(Clock::now() + kLastDequeues))
-        CORVANE_LOGW("%s: buffers of completed requests were not dequeued", mDesc.name.c_str());
-    for (const SessionPort& port : mDesc.ports)
-        mLeftWithDriver.push_back(withDriver(port));
+    if (drained != 0) {
+        waitFor(Signal::Clock::now() + kLastDequeues, [this] { return !isAwaitingDequeues(); });
+        tellLost();
+    }
     const int stopped = mScene->stop();
-    MutexLock lock(mLock);
-    mStreaming = false;
     mInFlight = 0;
     return stopped != 0 ? stopped : drained;
 }
 
-size_t SceneSession::inFlight() const {
-    MutexLock lock(mLock);
-    return mInFlight;
+void SceneSession::tellLost() const {
+    std::string ports;
+    for (const PortStatistics& port : statistics())
+        if (const uint64_t left = port.queued - port.dequeued - port.lost; left != 0)
+            ports += (ports.empty() ? "" : ", ") + port.name + " " + std::to_string(left);
+    CORVANE_LOGW("%s: stopped with requests under way; frames still with the driver: %s",
+                 mDesc.name.c_str(), ports.empty() ? "none" : ports.c_str());
 }
 
 std::vector<PortStatistics> SceneSession::statistics() const {
-    uint64_t queued = 0;
-    {
-        MutexLock lock(mLock);
-        queued = mQueuedCount;
-    }
     std::vector<PortStatistics> result;
-    for (const SessionPort& port : mDesc.ports) {
-        const uint64_t left =
-            mLeftWithDriver.empty() ? withDriver(port) : mLeftWithDriver[result.size()];
-        result.push_back({port.name, queued, queued - std::min(left, queued)});
+    for (size_t i = 0; i < mDesc.ports.size(); ++i) {
+        const auto device = std::dynamic_pointer_cast<V4L2VideoDevice>(
+            mScene->queryPort(mDesc.ports[i].index)->getVideoDevice());
+        const Counts& counts = mCounts[i];
+        result.push_back({mDesc.ports[i].name, mAccepted.load(), counts.dequeued.load(),
+                          counts.broken.load(), counts.lost.load(),
+                          device ? device->remappedBuffers() : 0});
     }
     return result;
 }

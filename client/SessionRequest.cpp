@@ -1,8 +1,12 @@
 #include <corvane/client/SessionRequest.h>
+#include <corvane/platform/Log.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+
+CORVANE_LOG_UNIT("corvane-SceneSession")
 
 namespace NSVista::NSCorvane::client {
 
@@ -17,6 +21,19 @@ uint64_t alignedUp(uint64_t value) {
 
 /** Drivers take offsets and sizes in 32 bits. */
 constexpr uint64_t kMostBytes = std::numeric_limits<uint32_t>::max();
+
+/** A driver refuses memory that is smaller than its format, at best. */
+int allocateAll(IDmaBufSource& source, size_t size, DmaBuf& memory) {
+    if (const int result = source.allocate(size, memory); result != 0)
+        return result;
+    const off_t end = lseek(memory.fd(), 0, SEEK_END);  // -1 where the descriptor does not tell.
+    const size_t got = end < 0 ? memory.size() : std::min(memory.size(), static_cast<size_t>(end));
+    if (got >= size)
+        return 0;
+    CORVANE_LOGE("a buffer from %s has %zu bytes, the format asks for %zu",
+                 source.toString().c_str(), got, size);
+    return -EINVAL;
+}
 
 }  // namespace
 
@@ -38,7 +55,7 @@ int Frame::allocateShared(const FrameLayout& layout, IDmaBufSource& source) {
         if (end > kMostBytes)
             return -EOVERFLOW;
     }
-    if (const int result = source.allocate(end, mMemory[0]); result != 0)
+    if (const int result = allocateAll(source, end, mMemory[0]); result != 0)
         return result;
     for (size_t i = 0; i < mBuffer.planeCount; ++i)
         mBuffer.planes[i].fd = mMemory[0].fd();
@@ -50,7 +67,7 @@ int Frame::allocateApart(const FrameLayout& layout, IDmaBufSource& source) {
         const uint32_t size = mFormat.planes[i].size;
         if (uint64_t{size} + layout.guard > kMostBytes)
             return -EOVERFLOW;
-        if (const int result = source.allocate(size_t{size} + layout.guard, mMemory[i]);
+        if (const int result = allocateAll(source, size_t{size} + layout.guard, mMemory[i]);
             result != 0)
             return result;
         mBuffer.planes[i] = {mMemory[i].fd(), 0, size};

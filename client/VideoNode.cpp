@@ -42,6 +42,25 @@ int queryVideoNode(const std::string& path, VideoNode& node) {
     return 0;
 }
 
+int queryGrantedBuffers(const std::string& path, uint32_t wanted, uint32_t& granted) {
+    NodeFd fd(path.c_str(), O_RDWR | O_NONBLOCK);
+    if (!fd)
+        return fd.error();
+    v4l2_capability caps{};
+    if (const int result = fd.ioctl(VIDIOC_QUERYCAP, &caps); result < 0)
+        return result;
+    v4l2_requestbuffers request{};
+    request.count = wanted;
+    request.type = v4l2::portBufferType(v4l2::deviceCaps(caps));
+    request.memory = V4L2_MEMORY_DMABUF;
+    if (const int result = fd.ioctl(VIDIOC_REQBUFS, &request); result < 0)
+        return result;
+    granted = request.count;
+    request.count = 0;
+    const int result = fd.ioctl(VIDIOC_REQBUFS, &request);
+    return result < 0 ? result : 0;
+}
+
 int setFrameRate(const std::string& path, uint32_t bufferType, uint32_t perSecond) {
     if (perSecond == 0)
         return -EINVAL;

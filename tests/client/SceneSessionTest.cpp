@@ -7,10 +7,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
+#include <poll.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "vengine-desc.h"
@@ -19,24 +22,54 @@ namespace NSVista::NSCorvane::client {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::Each;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr const char kModeProperty[] = "persist.vendor.camera.corvane.V4L2BufferMonitor.configmode";
 
-/** Sessions on a virtual engine; at the end nothing is left open and no error was logged. */
+/** A memory file of less than what was asked for. */
+class MeanSource : public IDmaBufSource {
+public:
+    int allocate(size_t size, DmaBuf& buffer) override {
+        return makeMemoryFileSource()->allocate(size - 1, buffer);
+    }
+    std::string toString() const override { return "a mean source"; }
+};
+
+/** The engine, with an eye on what the library asks of it. */
+class SpiedEngine : public sim::VirtualEngine {
+public:
+    int ioctl(int fd, unsigned long request, void* arg) override {
+        if (request == VIDIOC_S_FMT) {
+            const auto& format = static_cast<v4l2_format*>(arg)->fmt.pix_mp;
+            staleStrides = staleStrides || format.plane_fmt[0].bytesperline != 0;
+        }
+        if (request == VIDIOC_DQBUF && dequeueDelay != 0ms)
+            std::this_thread::sleep_for(dequeueDelay);
+        return VirtualEngine::ioctl(fd, request, arg);
+    }
+
+    bool staleStrides = false;
+    std::chrono::milliseconds dequeueDelay{0};
+};
+
+/** Sessions on a virtual engine; at the end nothing is left open and no line was logged. */
 class SceneSessionTest : public testing::Test {
 protected:
     SceneSessionTest() {
         Utils::ULog::ULogger::install(&mLog);
+        Utils::ULog::ULogger::sDetailsLevel = Utils::ULog::kWarning;
         Utils::setExceptionHandler([](const char*, const char*) {});
         Utils::setTerminateHandler([this] { ++mTerminations; });
     }
     ~SceneSessionTest() override {
         EXPECT_EQ(mEngine.openFiles(), 0U);
-        EXPECT_THAT(takeErrors(), IsEmpty());
+        EXPECT_THAT(takeLines(), IsEmpty());
         Utils::setTerminateHandler({});
         Utils::setExceptionHandler({});
+        Utils::ULog::ULogger::sDetailsLevel = mDetailsLevel;
         Utils::ULog::ULogger::install(nullptr);
         Utils::Properties::property_set(kModeProperty, nullptr);
     }
@@ -49,43 +82,124 @@ protected:
             SessionLink link{VENGINE_CORE_ENTITY, static_cast<uint32_t>(i), port.name, 0};
             if (V4L2_TYPE_IS_OUTPUT(port.buf_type))
                 link = {port.name, 0, VENGINE_CORE_ENTITY, static_cast<uint32_t>(i)};
-            desc.links.push_back(link);
+            if (port.immutable == 0)
+                desc.links.push_back(link);
         }
         return desc;
     }
     std::unique_ptr<SceneSession> open(const SessionDesc& desc, int& error) {
-        return SceneSession::open(desc, IDeviceEnumerator::instance().search(VENGINE_MODEL),
-                                  *makeMemoryFileSource(), error);
+        return SceneSession::open(desc, mMedia = IDeviceEnumerator::instance().search("vengine"),
+                                  *mSource, error);
     }
-    std::unique_ptr<SceneSession> openStarted(size_t ports) {
+    std::unique_ptr<SceneSession> openStarted(const SessionDesc& desc) {
         int error = 0;
-        auto session = open(describe(ports), error);
+        auto session = open(desc, error);
         EXPECT_EQ(error, 0);
         EXPECT_EQ(session->start(), 0);
         return session;
     }
-    std::vector<std::string> takeErrors() {
-        std::vector<std::string> errors;
+    std::unique_ptr<SceneSession> openStarted(size_t ports) { return openStarted(describe(ports)); }
+    /** Errors and warnings. */
+    std::vector<std::string> takeLines() {
+        std::vector<std::string> lines;
         for (const auto& line : mLog.take())
-            if (line.level == Utils::ULog::kError)
-                errors.push_back(line.text);
-        return errors;
+            if (line.level <= Utils::ULog::kWarning)
+                lines.push_back(line.text);
+        return lines;
     }
 
-    sim::VirtualEngine mEngine;
+    SpiedEngine mEngine;
     const sim::ScopedKernel mInstalled{mEngine};
+    const uint32_t mDetailsLevel = Utils::ULog::ULogger::sDetailsLevel;
     Utils::ULog::RingULogger mLog{1000};
+    std::unique_ptr<IDmaBufSource> mSource = makeMemoryFileSource();
+    std::shared_ptr<IMediaDevice> mMedia;  ///< of the last session, outlives it
     int mTerminations = 0;
 };
 
+/** One thing a client gets wrong when it opens a session, and what it is told. */
+struct Mistake {
+    const char* what;
+    void (*make)(SessionDesc&);
+    int error;
+    const char* line;
+};
+
+TEST_F(SceneSessionTest, AMistakeInTheDescriptionIsOneLineThatNamesIt) {
+    const Mistake mistakes[] = {
+        {"no ports", [](auto& d) { d.ports.clear(); }, -EINVAL, "1 to 61 ports, not 0"},
+        {"no buffers", [](auto& d) { d.buffers = 0; }, -EINVAL, "1 to 64 buffers a port, not 0"},
+        {"65 buffers", [](auto& d) { d.buffers = 65; }, -EINVAL, "buffers a port, not 65"},
+        {"too many", [](auto& d) { d.buffers = 33; }, -ENOMEM,
+         "vengine-main grants 32 buffers, not 33"},
+        {"index twice", [](auto& d) { d.ports[1].index = 0; }, -EINVAL,
+         "ports \"vengine-main\" and \"vengine-input\" have the same index 0"},
+        {"entity twice", [](auto& d) { d.ports[1].entity = "vengine-main"; }, -EINVAL,
+         "use the same entity \"vengine-main\""},
+        {"no such entity", [](auto& d) { d.ports[1].entity = "nobody"; }, -EINVAL,
+         "port \"vengine-input\": the device has no entity \"nobody\""},
+        {"no such link", [](auto& d) { d.links[0].sinkEntity = "nobody"; }, -EINVAL,
+         "link vengine-core:0 to nobody:0: the device has no entity \"nobody\""},
+        {"wrapping layout", [](auto& d) { d.layout.guard = ~0U; }, -EOVERFLOW, "Value too large"},
+    };
+    for (const Mistake& mistake : mistakes) {
+        SCOPED_TRACE(mistake.what);
+        SessionDesc desc = describe(2);
+        mistake.make(desc);
+        int error = 0;
+        EXPECT_EQ(open(desc, error), nullptr);
+        EXPECT_EQ(error, mistake.error);
+        EXPECT_EQ(mEngine.openFiles(), 0U);
+        EXPECT_EQ(mEngine.device().linkFlags(VENGINE_CORE_ENTITY, 0, "vengine-main", 0), 0);
+        EXPECT_THAT(takeLines(), ElementsAre(HasSubstr(mistake.line)));
+    }
+    int error = 0;
+    EXPECT_EQ(SceneSession::open(describe(1), nullptr, *mSource, error), nullptr);
+    EXPECT_THAT(takeLines(), ElementsAre(HasSubstr("there is no media device")));
+    mSource = std::make_unique<MeanSource>();
+    EXPECT_EQ(open(describe(1), error), nullptr);
+    EXPECT_EQ(error, -EINVAL);
+    EXPECT_THAT(
+        takeLines(),
+        testing::Contains(HasSubstr("a mean source has 1727 bytes, the format asks for 1728")));
+}
+
+TEST_F(SceneSessionTest, ARefusedCallWhileOpeningIsUndone) {
+    for (const auto code : {VIDIOC_S_FMT, VIDIOC_REQBUFS}) {
+        mEngine.faults().fail(sim::Call::ioctl(code, "vengine-input"), EIO, 1,
+                              sim::Repeat::FOR_GOOD);
+        int error = 0;
+        EXPECT_EQ(open(describe(3), error), nullptr);
+        EXPECT_EQ(error, -EIO);
+        EXPECT_EQ(mEngine.openFiles(), 0U);
+        EXPECT_THAT(takeLines(), testing::Not(IsEmpty()));
+        mEngine.faults().clear();
+    }
+    EXPECT_EQ(mTerminations, 2);
+}
+
+/** How requests come back. */
+struct Way {
+    const char* mode;
+    bool direct;
+    HandOver handOver;
+};
+constexpr Way kWays[] = {{"0", true, HandOver::WhenDequeued},
+                         {"0", false, HandOver::WhenDequeued},
+                         {"1", true, HandOver::WhenDequeued},
+                         {"0", false, HandOver::WhenDone}};
+
 TEST_F(SceneSessionTest, StopWaitsForEveryCompletionAndDequeue) {
     mEngine.device().setTiming({.latency = 2ms});
-    for (const char* mode : {"0", "1"})
+    for (const Way& way : kWays)
         for (const size_t ports : {1U, 4U}) {
-            Utils::Properties::property_set(kModeProperty, mode);
-            SCOPED_TRACE(testing::Message() << ports << " ports, mode " << mode);
+            Utils::Properties::property_set(kModeProperty, way.mode);
+            SCOPED_TRACE(testing::Message() << ports << " ports, mode " << way.mode << way.direct);
             const sim::DeviceCounts before = mEngine.device().counts();
-            const auto session = openStarted(ports);
+            SessionDesc desc = describe(ports);
+            desc.direct = way.direct;
+            desc.handOver = way.handOver;
+            const auto session = openStarted(desc);
             for (int i = 0; i < 3; ++i)
                 EXPECT_EQ(session->submit({}), 0);
             EXPECT_EQ(session->stop(5s), 0);
@@ -103,6 +217,169 @@ TEST_F(SceneSessionTest, StopWaitsForEveryCompletionAndDequeue) {
             }
             EXPECT_THAT(numbers, ElementsAre(0, 1, 2));
         }
+    EXPECT_FALSE(mEngine.staleStrides);
+}
+
+TEST_F(SceneSessionTest, FramesTellWhatTheDriverSaid) {
+    const auto session = openStarted(4);
+    mEngine.device().failBuffer("vengine-stats", 2);
+    std::chrono::nanoseconds last{0};
+    for (uint32_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(session->submit({}), 0);
+        EXPECT_EQ(session->wait(5s,
+                                [&](SessionRequest& request) {
+                                    Frame& main = request.frame(0);
+                                    EXPECT_EQ(main.result(), 0);
+                                    EXPECT_EQ(main.sequence(), i);
+                                    EXPECT_GT(main.timestamp(), last);
+                                    last = main.timestamp();
+                                    EXPECT_EQ(main.bytesUsed(0), main.format().planes[0].size);
+                                    EXPECT_EQ(main.bytesUsed(1), main.format().planes[1].size);
+                                    EXPECT_EQ(main.bytesUsed(2), 0U);
+                                    EXPECT_EQ(main.field(), V4L2_FIELD_NONE);
+                                    EXPECT_EQ(main.flags() & V4L2_BUF_FLAG_ERROR, 0U);
+                                    EXPECT_EQ(request.frame(3).isGood(), i != 1);
+                                    EXPECT_EQ(request.frame(3).result(),
+                                              i == 1 ? DequeuedBuffer::kBroken : 0);
+                                }),
+                  0);
+    }
+    EXPECT_EQ(session->statistics()[3].broken, 1U);
+    EXPECT_EQ(session->statistics()[3].dequeued, 3U);
+    EXPECT_EQ(session->statistics()[0].broken, 0U);
+}
+
+TEST_F(SceneSessionTest, WaitHandsOverWhenDequeuedOrAlreadyWhenDone) {
+    mEngine.dequeueDelay = 20ms;
+    for (const HandOver handOver : {HandOver::WhenDequeued, HandOver::WhenDone}) {
+        SessionDesc desc = describe(2, 1);
+        desc.direct = false;
+        desc.handOver = handOver;
+        const auto session = openStarted(desc);
+        EXPECT_EQ(session->submit({}), 0);
+        const bool early = handOver == HandOver::WhenDone;
+        EXPECT_EQ(session->wait(5s,
+                                [early](SessionRequest& request) {
+                                    EXPECT_EQ(request.frame(0).result() == -EINPROGRESS, early);
+                                }),
+                  0);
+        EXPECT_EQ(session->submit({}), early ? -EAGAIN : 0) << "its buffers are not back";
+        EXPECT_EQ(session->drain(5s), 0);
+    }
+}
+
+TEST_F(SceneSessionTest, FramesKeepTheirIndexes) {
+    for (const Way& way : kWays)
+        for (const size_t ports : {1U, 3U, 8U})
+            for (const int inFlight : {1, 3, 8})
+                for (const sim::Order order : {sim::Order::IN_ORDER, sim::Order::RANDOM}) {
+                    Utils::Properties::property_set(kModeProperty, way.mode);
+                    mEngine.device().setTiming({.order = order, .group = 3U, .patience = 1ms});
+                    SessionDesc desc = describe(ports, inFlight);
+                    desc.direct = way.direct;
+                    desc.handOver = way.handOver;
+                    const auto session = openStarted(desc);
+                    uint64_t first = 0;
+                    for (int cycle = 0; cycle < 12; ++cycle) {
+                        while (session->submit({}) == 0) {
+                        }
+                        while (session->wait(5s, {}) == 0) {
+                        }
+                        if (cycle == 0)
+                            first = mEngine.device().counts().remaps;
+                    }
+                    EXPECT_EQ(session->drain(5s), 0);
+                    EXPECT_EQ(mEngine.device().counts().remaps, first)
+                        << ports << " ports, " << inFlight << " in flight";
+                    for (const PortStatistics& port : session->statistics())
+                        EXPECT_EQ(port.remapped, 0U) << port.name;
+                }
+}
+
+TEST_F(SceneSessionTest, ACallbackDrivesIt) {
+    for (const Way& way : kWays) {
+        Utils::Properties::property_set(kModeProperty, way.mode);
+        SessionDesc desc = describe(3, 2);
+        desc.direct = way.direct;
+        int error = 0;
+        const auto session = open(desc, error);
+        std::atomic<int> calls{0};
+        session->setDoneCallback([&](SessionRequest& request) {
+            EXPECT_TRUE(request.frame(2).isGood());
+            if (calls.fetch_add(1) >= 100)
+                return;
+            uint64_t filled = 0;
+            EXPECT_EQ(session->submitAgain(request, [&](auto& next) { filled = next.number(); }),
+                      0);
+            EXPECT_GT(filled, 0U);
+        });
+        EXPECT_EQ(session->start(), 0);
+        EXPECT_EQ(session->submit({}), 0);
+        EXPECT_EQ(session->submit({}), 0);
+        EXPECT_EQ(session->drain(10s), 0);
+        EXPECT_EQ(calls, 102);
+        EXPECT_EQ(session->wait(0ms, {}), -ENOENT);
+        EXPECT_EQ(session->submit({}), 0) << "what was not queued again is free";
+        EXPECT_EQ(session->stop(5s), 0);
+        EXPECT_EQ(session->statistics()[1].dequeued, 103U);
+    }
+}
+
+TEST_F(SceneSessionTest, StopEndsACallbackThatGoesOnAndOn) {
+    int error = 0;
+    const auto session = open(describe(2), error);
+    session->setDoneCallback([&](SessionRequest& request) { session->submitAgain(request); });
+    EXPECT_EQ(session->start(), 0);
+    EXPECT_EQ(session->submit({}), 0);
+    EXPECT_EQ(session->stop(5s), 0);
+}
+
+TEST_F(SceneSessionTest, AnEventDescriptorServesALoop) {
+    int error = 0;
+    const auto session = open(describe(2), error);
+    pollfd watched{session->eventFd(), POLLIN, 0};
+    EXPECT_EQ(session->eventFd(), watched.fd);
+    EXPECT_EQ(session->start(), 0);
+    mEngine.device().hold();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(session->submit({}), 0);
+    EXPECT_EQ(poll(&watched, 1, 10), 0);
+    mEngine.device().resume();
+    for (int taken = 0; taken < 3;) {
+        ASSERT_EQ(poll(&watched, 1, 5000), 1);
+        while (session->wait(0ms, {}) == 0)
+            ++taken;
+    }
+    EXPECT_EQ(poll(&watched, 1, 0), 0);
+}
+
+TEST_F(SceneSessionTest, AFailedDequeueLosesItsFrameAndNothingHangs) {
+    for (const Way& way : kWays) {
+        Utils::Properties::property_set(kModeProperty, way.mode);
+        SCOPED_TRACE(testing::Message() << "mode " << way.mode << way.direct);
+        SessionDesc desc = describe(3, 2);
+        desc.direct = way.direct;
+        desc.handOver = way.handOver;
+        {
+            const auto session = openStarted(desc);
+            for (int lost = 1; lost <= 2; ++lost) {
+                mEngine.faults().fail(sim::Call::ioctl(VIDIOC_DQBUF, "vengine-input"), EIO);
+                EXPECT_EQ(session->submit({}), 0);
+                int result = 0;
+                EXPECT_EQ(session->wait(5s, [&](auto& r) { result = r.frame(1).result(); }), 0);
+                EXPECT_EQ(session->drain(5s), 0);
+                EXPECT_TRUE(result == -EIO || way.handOver == HandOver::WhenDone) << result;
+                EXPECT_EQ(session->statistics()[1].lost, static_cast<uint64_t>(lost));
+                EXPECT_EQ(session->statistics()[0].dequeued, static_cast<uint64_t>(lost));
+            }
+            EXPECT_EQ(session->submit({}), -ENOBUFS);
+            EXPECT_EQ(session->stop(5s), 0);
+        }
+        EXPECT_THAT(takeLines(),
+                    testing::Contains(HasSubstr("vengine-input lost a frame, its dequeue failed: "
+                                                "Input/output error"))
+                        .Times(2));
+    }
 }
 
 TEST_F(SceneSessionTest, StopWithRequestsInFlightLosesThemAndANewSessionStreams) {
@@ -120,6 +397,8 @@ TEST_F(SceneSessionTest, StopWithRequestsInFlightLosesThemAndANewSessionStreams)
             EXPECT_EQ(session->stop(0ms), -EPIPE);
             EXPECT_EQ(session->start(), -EBUSY) << "a session starts once";
         }
+        EXPECT_THAT(takeLines(),
+                    ElementsAre(HasSubstr("frames still with the driver: vengine-main 2")));
         mEngine.device().resume();
         const auto next = openStarted(ports);
         EXPECT_EQ(next->submit({}), 0);
@@ -160,38 +439,16 @@ TEST_F(SceneSessionTest, AfterARefusedRequestOnlyTheStopIsLeft) {
         EXPECT_EQ(session->submit({}), -EPIPE);
         EXPECT_EQ(session->wait(5s, {}), 0) << "the first one is not lost";
         EXPECT_EQ(session->stop(5s), 0);
+        for (const PortStatistics& port : session->statistics()) {
+            EXPECT_EQ(port.queued, 1U) << port.name;
+            EXPECT_EQ(port.dequeued, 1U) << port.name;
+        }
     }
-    EXPECT_THAT(takeErrors(), testing::Contains("[queueBuffer] Failed to queue buffer "
-                                                "vengine-input: -5"));
+    EXPECT_THAT(takeLines(), testing::Contains("[queueBuffer] Failed to queue buffer "
+                                               "vengine-input: -5"));
     const auto next = openStarted(3);
     EXPECT_EQ(next->submit({}), 0);
     EXPECT_EQ(next->wait(5s, {}), 0);
-}
-
-TEST_F(SceneSessionTest, FailedOpenLeavesNothingBehind) {
-    const auto refuses = [this](const SessionDesc& desc, int expected, const char* what) {
-        int error = 0;
-        EXPECT_EQ(open(desc, error), nullptr) << what;
-        EXPECT_EQ(error, expected) << what;
-        EXPECT_EQ(mEngine.openFiles(), 0U) << what;
-        EXPECT_EQ(mEngine.device().linkFlags(VENGINE_CORE_ENTITY, 0, "vengine-main", 0), 0) << what;
-        EXPECT_THAT(takeErrors(), testing::Not(IsEmpty())) << what;
-    };
-    refuses({}, -EINVAL, "no ports");
-    refuses(describe(1, 0), -EINVAL, "no buffers");
-    refuses(describe(1, 65), -EINVAL, "65 buffers");
-    refuses(describe(1, 33), -ENOMEM, "more than the device grants");
-    SessionDesc twice = describe(2);
-    twice.ports[1].index = 0;
-    refuses(twice, -EINVAL, "an index twice");
-    SessionDesc unknown = describe(2);
-    unknown.ports[1].entity = "nobody";
-    refuses(unknown, -1, "an unknown entity");
-    for (const auto& [code, expected] : {std::pair{VIDIOC_S_FMT, -EIO}, {VIDIOC_REQBUFS, -EIO}}) {
-        mEngine.faults().fail(sim::Call::ioctl(code, "vengine-input"), EIO);
-        refuses(describe(3), expected, "a refused ioctl");
-    }
-    EXPECT_EQ(mTerminations, 2);
 }
 
 }  // namespace

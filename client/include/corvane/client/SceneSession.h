@@ -4,14 +4,15 @@
  */
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <corvane/DequeuedBuffer.h>
 #include <corvane/IMediaDevice.h>
 #include <corvane/SceneControl.h>
 #include <corvane/SceneDesc.h>
@@ -41,19 +42,34 @@ struct SessionLink {
     uint32_t sinkPad = 0;
 };
 
+/** When a request is handed to the client. */
+enum class HandOver {
+    WhenDequeued,  ///< once every buffer is dequeued: frames can be read and their data is known
+    WhenDone,      ///< at its done callback, when buffers may still have to be dequeued
+};
+
 struct SessionDesc {
     std::string name;
     std::vector<SessionPort> ports;
     std::vector<SessionLink> links;
     int buffers = 4;  ///< per port, 1 to 64; as many requests can be under way
     FrameLayout layout;
+    HandOver handOver = HandOver::WhenDequeued;
+    /**
+     * Buffers are dequeued on the event thread (Scene::setDirectDequeue()), which saves a hand-over
+     * to the buffer monitor's thread; then both ways to hand over are the same.
+     */
+    bool direct = true;
 };
 
 /** What went through a port. */
 struct PortStatistics {
     std::string name;
-    uint64_t queued;
-    uint64_t dequeued;
+    uint64_t queued;    ///< frames of accepted requests
+    uint64_t dequeued;  ///< frames that came back, broken ones included
+    uint64_t broken;    ///< frames that the driver flagged
+    uint64_t lost;      ///< dequeues that failed
+    uint64_t remapped;  ///< frames that came with other memory than their buffer index had
 };
 
 /**
@@ -61,16 +77,21 @@ struct PortStatistics {
  *
  * It keeps a scene's rules by construction: the media device is acquired before the scene is
  * initialised and released after; planes are sized from the negotiated format; every request
- * carries a buffer of every port in every cycle; there are as many requests as buffers; descriptors
- * stay open; a stop waits for callbacks and dequeues, or takes the event monitor away first; and a
- * session starts once, so a new one is a new scene.
+ * carries a buffer of every port in every cycle; there are no more requests than buffers, and where
+ * the driver grants it one buffer index more, so that no queueing waits for an index; frames keep
+ * their index; descriptors stay open; a stop waits for callbacks and dequeues, or takes the event
+ * monitor away first; and a session starts once, so a new one is a new scene.
  *
- * Free requests are taken lowest first, as the ports' devices take buffer indexes, so that a frame
- * mostly meets the index that has it mapped. Where dequeues follow callbacks (several ports) that
- * is a matter of timing: a frame that comes too early goes to another index and is mapped anew.
+ * There are three ways to drive it:
+ *  - by threads: submit() queues a request, wait() sleeps until one is finished;
+ *  - by callback: setDoneCallback(), and submitAgain() from inside it;
+ *  - by a loop of the client's: eventFd() becomes readable, wait() with no time takes requests.
  *
  * One thread opens, starts, stops and destroys. submit() and wait() may each have a thread of their
  * own between start() and stop().
+ *
+ * A frame whose dequeue fails is lost: the driver may still have it. One error line names the port;
+ * its request is handed over with the frame's result, and is not used again.
  */
 class CORVANE_EXPORT SceneSession {
 public:
@@ -80,7 +101,8 @@ public:
      * Opens ports, sets formats, imports and allocates buffers.
      * @param media for this session alone, not acquired.
      * @param source where the buffers come from; used during the call only.
-     * @param[out] error 0 or a negated errno (-1 where the scene says no more; the log does).
+     * @param[out] error 0 or a negated errno (-1 where the scene says no more); one error line says
+     *             what is wrong with a description.
      * @param debugInfo the scene's debug record; empty for one of its own.
      * @return null on failure; then everything is undone.
      */
@@ -100,16 +122,36 @@ public:
 
     /** Visits every request, for what is to be written to its frames once. Before start(). */
     void visitAll(const Visit& visit);
+    /**
+     * Has finished requests handed to a function in place of wait(). Before start().
+     * @param done called on the thread that saw the last of a request, the event monitor's where
+     *        buffers are dequeued directly. It must not block nor call anything of the session but
+     *        submitAgain(), submit(), inFlight() and statistics(). A request that it does not queue
+     *        again is free when it returns.
+     */
+    void setDoneCallback(Visit done) { mDone = std::move(done); }
+    /**
+     * A descriptor that is readable while finished requests wait to be taken; made by the first
+     * call, before start(). The session's: it is to be polled, not read.
+     * @return the descriptor, or the negated errno.
+     */
+    int eventFd();
     /** Streams on. Once. @return 0, -EBUSY when it was started before, or -1. */
     int start();
     /**
      * Fills and queues a request.
      * @param fill writes the frames, on this thread; may be empty.
      * @return 0; -EAGAIN while every request is under way or waits to be inspected; -EPIPE when the
-     *         session does not stream, or an earlier request was refused; the driver's refusal,
-     *         after which only stop() is left.
+     *         session does not stream, or an earlier request was refused; -ENOBUFS when every
+     *         request has lost a frame; the driver's refusal, after which only stop() is left.
      */
     int submit(const Visit& fill);
+    /**
+     * Queues the request again that the done callback was given. From inside that callback.
+     * @param fill as for submit().
+     * @return as submit(); -EAGAIN where it was handed over early and has buffers to be dequeued.
+     */
+    int submitAgain(SessionRequest& request, const Visit& fill = {});
     /**
      * Waits for the next finished request, in the order of completion. May be called after stop()
      * for requests that finished before it.
@@ -118,41 +160,56 @@ public:
      */
     int wait(std::chrono::milliseconds timeout, const Visit& inspect);
     /**
-     * Waits until every request has completed and every buffer has been dequeued.
+     * Waits until every request has completed and every buffer has been dequeued, or is lost.
      * @return 0 or -ETIMEDOUT.
      */
     int drain(std::chrono::milliseconds timeout);
     /**
      * Streams off, after a drain() or, where that times out, after the event monitor is taken away:
-     * requests that are still under way are then lost.
+     * requests that are still under way are then lost, which one warning line tells.
      * @return 0, -ETIMEDOUT when requests were lost, -EPIPE when it does not stream, or -1.
      */
     int stop(std::chrono::milliseconds timeout);
 
     /** Requests under way. Any thread. */
-    size_t inFlight() const;
-    /** Per port, in the order of the ports. Exact when nothing is under way. */
+    size_t inFlight() const { return mInFlight.load(std::memory_order_relaxed); }
+    /** Per port, in the order of the ports. Exact when nothing is under way. Any thread. */
     std::vector<PortStatistics> statistics() const;
     /** Prints the event monitor; the scene prints itself. Not during stop(). */
     void dumpState(IPrinter* printer) const;
 
 private:
-    using Clock = std::chrono::steady_clock;
+    struct Counts {
+        std::atomic<uint64_t> dequeued{0}, broken{0}, lost{0};
+    };
+    struct Wakeup;
 
-    explicit SceneSession(SessionDesc desc) : mDesc(std::move(desc)) {}
+    explicit SceneSession(SessionDesc desc);
     int openScene(std::shared_ptr<IMediaDevice> media, std::shared_ptr<SceneDebugInfo> debugInfo);
-    bool describe();
+    void describe();
+    std::string wrongWith(const IMediaDevice& media) const;
     int prepareBuffers(IDmaBufSource& source);
+    int importBuffers(const SessionPort& port);
+    void prepareRequests();
+    void requestDone(SessionRequest& request);
     int negotiate(const SessionPort& wanted, const std::shared_ptr<IPort>& port,
                   PixelFormat& format);
     int allocateRequest(unsigned slot, IDmaBufSource& source);
-    int queue(SessionRequest& request);
-    void requestDone(SessionRequest& request);
-    bool waitForCompletions(Clock::time_point deadline) const;
-    bool waitForDequeues(Clock::time_point deadline) const;
-    uint64_t withDriver(const SessionPort& port) const;
+    SessionRequest* takeFree();
+    int queue(SessionRequest& request, const Visit& fill);
+    bool clear(SessionRequest& request, uint64_t bit);
+    void deliver(SessionRequest& request);
+    void dequeued(const DequeuedBuffer& buffer);
+    void lose(size_t port, int error) CORVANE_EXCLUDES(mLock);
+    void settleLosses() CORVANE_EXCLUDES(mLock);
+    bool settleOneLoss(size_t port) CORVANE_EXCLUDES(mLock);
+    template <class Condition>
+    bool waitFor(std::chrono::steady_clock::time_point deadline, Condition isMet) const;
+    bool isAwaitingDequeues() const;
+    void tellLost() const;
 
     const SessionDesc mDesc;
+    const uint64_t mAllPorts;  ///< bit per port
     std::vector<PortDesc> mPortDescs;
     std::vector<LinkDesc> mLinkDescs;
     SceneDesc mSceneDesc{};
@@ -161,17 +218,24 @@ private:
     std::shared_ptr<EpollEventMonitor> mEvents;
     std::vector<PixelFormat> mFormats;
     std::vector<std::unique_ptr<SessionRequest>> mRequests;
+    std::vector<SessionRequest*> mRequestOfFd;
+    std::unique_ptr<Counts[]> mCounts;  ///< per port
+    std::unique_ptr<Wakeup> mWakeup;
+    Visit mDone;
     bool mWasStarted = false;
-    std::vector<uint64_t> mLeftWithDriver;  ///< at the stop, per port
 
+    std::atomic<bool> mStreaming{false};
+    std::atomic<bool> mRefused{false};
+    std::atomic<uint64_t> mFree{0};  ///< bit per request
+    std::atomic<uint64_t> mNumbers{0};
+    std::atomic<uint64_t> mAccepted{0};
+    std::atomic<size_t> mInFlight{0};
+    std::atomic<size_t> mRetired{0};
+    std::atomic<bool> mHasLosses{false};
     mutable Mutex mLock;
-    mutable std::condition_variable mCompletion;
-    bool mStreaming CORVANE_GUARDED_BY(mLock) = false;
-    bool mRefused CORVANE_GUARDED_BY(mLock) = false;
-    uint64_t mFree CORVANE_GUARDED_BY(mLock) = 0;  ///< bit per request
     std::vector<SessionRequest*> mFinished CORVANE_GUARDED_BY(mLock);
-    uint64_t mQueuedCount CORVANE_GUARDED_BY(mLock) = 0;
-    size_t mInFlight CORVANE_GUARDED_BY(mLock) = 0;
+    /** Per port, the errors of failed dequeues whose request is not known yet. */
+    std::vector<std::vector<int>> mLosses CORVANE_GUARDED_BY(mLock);
 };
 
 }  // namespace NSVista::NSCorvane::client

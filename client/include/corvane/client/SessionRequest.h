@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include <span>
 #include <vector>
 
+#include <corvane/DequeuedBuffer.h>
 #include <corvane/IRequest.h>
 #include <corvane/IV4L2VideoDevice.h>
 #include <corvane/client/DmaBuf.h>
@@ -53,7 +55,7 @@ private:
     std::array<std::span<uint8_t>, FrameBuffer::kMaxPlanes + 1> mGaps;
 };
 
-/** The memory of one port's buffer. */
+/** The memory of one port's buffer, and what the driver said when it gave it back. */
 class CORVANE_EXPORT Frame {
 public:
     /**
@@ -67,11 +69,45 @@ public:
     const FrameBuffer& buffer() const { return mBuffer; }
     FrameMapping map(CpuAccess access);
 
+    /**
+     * @name Of the frame's last cycle, once its request is handed over
+     * @{ */
+    /**
+     * 0, DequeuedBuffer::kBroken for a frame that the driver flagged, or the negated errno of a
+     * dequeue that failed: its memory is the driver's until the session's end. -EINPROGRESS while
+     * it was not dequeued (where requests are handed over early).
+     */
+    int result() const { return mDequeued.result; }
+    bool isGood() const { return mDequeued.result == 0; }
+    /** The driver's frame count. */
+    uint32_t sequence() const { return mDequeued.sequence; }
+    /** The driver's time, of CLOCK_MONOTONIC where the flags say no other. */
+    std::chrono::nanoseconds timestamp() const {
+        return std::chrono::seconds(mDequeued.timestamp.tv_sec) +
+               std::chrono::microseconds(mDequeued.timestamp.tv_usec);
+    }
+    /** Bytes that hold data in a plane, its offset included; 0 for a plane that there is not. */
+    uint32_t bytesUsed(size_t plane) const {
+        return plane < mDequeued.planeCount && plane < DequeuedBuffer::kMaxPlanes
+                   ? mDequeued.planes[plane].bytesUsed
+                   : 0;
+    }
+    /** V4L2_FIELD_*. */
+    uint32_t field() const { return mDequeued.field; }
+    /** V4L2_BUF_FLAG_*. */
+    uint32_t flags() const { return mDequeued.flags; }
+    /** All that the dequeue told. */
+    const DequeuedBuffer& dequeued() const { return mDequeued; }
+    /** @} */
+
 private:
+    friend class SceneSession;
+
     int allocateShared(const FrameLayout& layout, IDmaBufSource& source);
     int allocateApart(const FrameLayout& layout, IDmaBufSource& source);
 
     PixelFormat mFormat{};
+    DequeuedBuffer mDequeued{};
     FrameBuffer mBuffer{};
     std::array<DmaBuf, FrameBuffer::kMaxPlanes> mMemory;
 };
@@ -99,6 +135,18 @@ public:
 private:
     friend class SceneSession;
 
+    /**
+     * What a cycle still waits for: a bit per port's dequeue, one for a lost frame that is being
+     * settled, one for the done callback and one for the client. Who clears the last one of a kind
+     * goes on with the request.
+     */
+    static constexpr uint64_t kSettling = uint64_t{1} << 61;
+    static constexpr uint64_t kNotDone = uint64_t{1} << 62;
+    static constexpr uint64_t kHeld = uint64_t{1} << 63;
+
+    std::atomic<uint64_t> mPending{0};
+    std::atomic<uint32_t> mCycle{0};
+    std::atomic<bool> mIsRetired{false};  ///< the driver has kept a frame of it
     uint64_t mNumber = 0;
     unsigned mSlot = 0;
     std::vector<Frame> mFrames;

@@ -29,6 +29,13 @@ struct CORVANE_EXPORT VideoNode {
 CORVANE_EXPORT int queryVideoNode(const std::string& path, VideoNode& node);
 
 /**
+ * Asks how many of @p wanted DMA-buf buffers a node's driver would grant. The node must have no
+ * owner of its buffers; it has none afterwards.
+ * @return 0 or the negated errno.
+ */
+CORVANE_EXPORT int queryGrantedBuffers(const std::string& path, uint32_t wanted, uint32_t& granted);
+
+/**
  * Sets the frame rate of a capture node (VIDIOC_S_PARM); a later change of its format may change it
  * again.
  * @param bufferType the node's.
