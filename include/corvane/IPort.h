@@ -19,7 +19,9 @@ struct PixelFormat;
 /**
  * One video node of a scene, as its client sees it.
  *
- * Not locked: the client serialises format and import calls, which it makes through the scene.
+ * The client serialises format and import calls, which it makes through the scene; dumpState(),
+ * toString() and the getters may be called on any thread beside them. After the scene's uninit()
+ * format and import calls return -ENODEV with an error line.
  */
 class CORVANE_EXPORT IPort {
 public:

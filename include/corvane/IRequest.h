@@ -39,7 +39,8 @@ struct RequestDebugInfo {
  * A cycle is: addBuffer() for every port, IScene::queueRequest(), the done callback. The client's
  * thread fills and queues; the completion runs on the event monitor's thread. From the done
  * callback on the request may be filled again, also from inside it. A request remembers every port
- * that was ever added to it: refill them all in each cycle.
+ * that was ever added to it: refill them all in each cycle. toString() and the getters may be
+ * called on any thread beside the cycle. Client functions must not throw: it is fatal.
  */
 class CORVANE_EXPORT IRequest {
 public:
@@ -51,10 +52,10 @@ public:
     /** 0: a normal completion. */
     virtual int getStatus() const = 0;
     virtual void* getCookie() const = 0;
-    /** The client's own pointer, carried from queueing to the done callback. Not synchronised. */
+    /** The client's own pointer, carried from queueing to the done callback. Orders nothing. */
     virtual void setCookie(void* cookie) = 0;
     virtual unsigned long* getTrackBuffer() const = 0;
-    /** @param track a request-tracking buffer, not owned; null for none. */
+    /** @param track reqtrack::kTrackBufferWords words, not owned; null for none. */
     virtual void setTrackBuffer(unsigned long* track) = 0;
     /**
      * Sets who watches for the completion; held weakly, must live while requests are under way.
@@ -63,7 +64,8 @@ public:
      */
     virtual int setMonitor(const std::shared_ptr<IEventMonitor>& monitor) = 0;
     /**
-     * Adds one port's buffer to this cycle; spins while the previous cycle ends.
+     * Adds one port's buffer to this cycle; spins while the previous cycle ends. A wait of three
+     * seconds or more, of a request still under way, is told in an error line each second.
      * @param portIndex a port of the scene.
      * @param fill writes the buffer in place; called before the return. Empty is fatal.
      * @return 0. A second buffer for a port in one cycle is fatal.

@@ -37,7 +37,7 @@ struct SceneDebugInfo {
  * release(), uninit. A scene is started once; drain its requests, or take the event monitor away,
  * before stop(). A call in the wrong state returns -1 and changes nothing, except acquire() and
  * release(), which are fatal then. start() and stop() exclude each other; queueRequest() may be
- * called from any thread meanwhile.
+ * called from any thread meanwhile, and dumpState() and the getters beside anything.
  */
 class CORVANE_EXPORT IScene {
 public:
@@ -67,12 +67,17 @@ public:
     virtual int importBuffer(const std::shared_ptr<IPort>& port, int count) = 0;
     /**
      * ACQUIRED to STARTED: starts the buffer monitor's thread, then VIDIOC_STREAMON on every port,
-     * under a time guard. A refused stream-on is reported and ends the service.
+     * under a time guard. A refused stream-on is reported and ends the service. The handlers of
+     * reports and of the service's end run under the lock that orders start() and stop(): they must
+     * not call either of this scene, nor make its choices.
+     * @return 0, or -1 in another state. Fatal when the system has no thread to give.
      */
     virtual int start() = 0;
     /**
      * STARTED to ACQUIRED: VIDIOC_STREAMOFF on every port, under a time guard, then joins the
-     * buffer monitor's thread.
+     * buffer monitor's thread: not to be called on that thread. Requests still with the driver are
+     * told in a warning. What start() says of handlers holds here as well.
+     * @return 0, or -1 in another state.
      */
     virtual int stop() = 0;
     /**

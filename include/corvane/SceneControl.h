@@ -138,7 +138,9 @@ public:
 private:
     enum State : int32_t { kIdle = 0, kBuffersQueued = 1, kQueued = 2 };
 
-    void waitForState(State state) const;
+    void waitForState(State state, const char* operation, const char* advice) const;
+    void keepWaiting(State state, const char* operation, const char* advice) const;
+    void waitUnderGuard(State state, const char* operation, const char* advice) const;
     [[noreturn]] void refuseSecondBuffer(int portIndex, const FrameBuffer& existing) const;
 
     std::shared_ptr<IMediaRequest> mMediaRequest;
@@ -236,6 +238,8 @@ private:
     static const char* stateName(int32_t state);
     bool inState(State wanted, const char* operation) const;
     bool beforeStart(const char* operation) const CORVANE_REQUIRES(mStreamLock);
+    static void refuseStream(const char* operation, const char* failure, const Port& port, int ret);
+    void tellOfRequestsInFlight() const;
     void applyChoices() CORVANE_REQUIRES(mStreamLock);
     void startMonitor() CORVANE_REQUIRES(mStreamLock);
     void stopMonitor() CORVANE_EXCLUDES(mThreadLock);

@@ -4,7 +4,10 @@
 #include <corvane/SceneDesc.h>
 #include <corvane/SceneManager.h>
 
+#include <atomic>
+#include <chrono>
 #include <functional>
+#include <thread>
 
 #include "support/Recorders.h"
 
@@ -78,6 +81,49 @@ TEST(SceneManager, KeepsScenesByName) {
             "I [uninit] + SceneManager::uninit", "E [uninit] there're still 1 scenes!",
             MatchesRegex("I .uninit. - SceneManager::uninit" + time),
             "E [getScene] Not found scene s"));
+}
+
+TEST(SceneManager, ForgetsScenesWithoutHoldingItsLock) {
+    SceneManager manager;
+    std::vector<std::thread> others;
+    std::atomic<int> answered{0};
+    const auto make = [&] {
+        return std::shared_ptr<IScene>(new Scene(nullptr, kEmpty, nullptr), [&](IScene* scene) {
+            delete scene;
+            const int before = answered;
+            others.emplace_back([&] {
+                manager.getScene("s");
+                ++answered;
+            });
+            for (int i = 0; i < 2000 && answered == before; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            EXPECT_EQ(answered, before + 1) << "another thread waits for this one";
+        });
+    };
+    manager.addScene("s", make());
+    manager.addScene("s", make());
+    manager.delScene("s");
+    for (auto& other : others)
+        other.join();
+    EXPECT_EQ(others.size(), 2U);
+}
+
+TEST(SceneManager, DropsPipesWhileItsTablesLive) {
+    inOwnProcess([] {
+        struct Watching : PipeBase {
+            explicit Watching(SceneManager& manager)
+                : PipeBase(manager), record(getDebugInfo("w")) {}
+            ~Watching() override { EXPECT_EQ(getDebugInfo("w"), record); }
+            void dumpState(IPrinter*) override {}
+            int init() override { return addScene("w", makeScene(record)); }
+            void uninit() override {}
+            std::shared_ptr<SceneDebugInfo> record;
+        };
+        PipeFactory::Instance().Register(
+            "w", [](SceneManager& manager) { return std::make_shared<Watching>(manager); });
+        SceneManager manager;
+        EXPECT_EQ(manager.init(), 0);
+    });
 }
 
 TEST(SceneManager, RunsPipesInTheirOrderAndMayBeCalledByThem) {

@@ -4,16 +4,35 @@
 #include <corvane/SceneDesc.h>
 #include <corvane/V4L2VideoDevice.h>
 #include <corvane/platform/TimeBomb.h>
+#include <dlfcn.h>
 #include <linux/videodev2.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
 #include <map>
+#include <stdexcept>
 #include <thread>
 
 #include "support/Recorders.h"
+
+namespace {
+std::atomic<bool> sNoThreads{false};
+}
+
+/** Stands before the C library's. */
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*start)(void*), void* argument) {
+    static const auto next =
+        reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    return sNoThreads ? EAGAIN : next(thread, attributes, start, argument);
+}
 
 namespace NSVista::NSCorvane::test {
 namespace {
@@ -238,6 +257,63 @@ TEST_F(SceneTest, RefusesCallsInTheWrongState) {
                      "E [getFormat] state 0 != ACQUIRED", "E [importBuffer] state 0 != ACQUIRED"}));
 }
 
+TEST_F(SceneTest, IsRefusedEverythingAfterItsEnd) {
+    open({0});
+    const auto port = mScene->queryPort(0);
+    const auto request = mScene->createRequest();
+    PixelFormat format = {};
+    mScene->uninit();
+    mKernel.takeCalls();
+    EXPECT_EQ(mScene->init(), 0) << "though the ports stay as they are";
+    mKernel.takeCalls();
+    mLog.take();
+    EXPECT_EQ(mScene->start(), -1);
+    EXPECT_EQ(mScene->getFormat(port, format), -1);
+    EXPECT_EQ(mScene->setFormat(port, format), -1);
+    EXPECT_EQ(mScene->importBuffer(port, 1), -1);
+    const std::string reason = " scene: uninitialised, or its init() failed: build a new scene";
+    EXPECT_EQ(log(),
+              Lines({"I [start] + Scene::start", "E [start]" + reason, "E [getFormat]" + reason,
+                     "E [setFormat]" + reason, "E [importBuffer]" + reason}));
+    EXPECT_EQ(port->getFormat(format), -ENODEV);
+    EXPECT_EQ(port->setFormat(format), -ENODEV);
+    EXPECT_EQ(port->importBuffer(1), -ENODEV);
+    EXPECT_EQ(port->start(), -ENODEV);
+    EXPECT_EQ(port->stop(), -ENODEV);
+    EXPECT_EQ(port->setMonitor(nullptr), -ENODEV);
+    EXPECT_EQ(log().at(0), "E [getFormat] v0: No video device before init() and after deinit()");
+    EXPECT_EQ(port->getVideoDevice(), nullptr);
+    EXPECT_EQ(mKernel.takeCalls(), Lines());
+}
+
+TEST_F(SceneTest, TellsWhyANodeCannotBeOpened) {
+    const struct {
+        int error;
+        const char* hint;
+    } cases[] = {
+        {-EACCES,
+         "E [init] v0: /dev/v0: permission denied to this process: the node belongs to "
+         "group root, mode 0"},
+        {-EBUSY,
+         "E [init] v0: /dev/v0 is busy: another process, or another scene of this one, "
+         "has it"},
+        {-ENODEV, "E [initPorts] { .port_name=v0(0) .device_name=v0 }: Port::init"},
+    };
+    for (const auto& c : cases) {
+        mKernel.openResults["/dev/v0"] = c.error;
+        make({0});
+        EXPECT_EQ(mScene->init(), -1);
+        EXPECT_EQ(log().at(1), c.hint);
+    }
+}
+
+TEST_F(SceneTest, ClosesAPortThatFailsAfterItsOpening) {
+    mKernel.on<v4l2_capability>(VIDIOC_QUERYCAP, [](int, v4l2_capability&) { return 0; });
+    make({0});
+    EXPECT_EQ(mScene->init(), -1);
+    EXPECT_EQ(calls(), Lines({"open /dev/v0 0x802", "close 100"})) << "it cannot stream";
+}
+
 TEST_F(SceneTest, NamesThePortWhoseDeviceRefuses) {
     open({0});
     const std::shared_ptr<IPort> port = mScene->queryPort(0);
@@ -345,12 +421,43 @@ TEST_F(SceneTest, StreamsAsItWasChosenBefore) {
     });
 }
 
+TEST_F(SceneTest, HasItsWorkerBeforeItStreamsAndStopsOnlyThen) {
+    open({0});
+    const auto workers = [] {
+        int count = 0;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::string name;
+            std::getline(std::ifstream(task.path() / "comm"), name);
+            count += name == "P2Drv-BufferMon";
+        }
+        return count;
+    };
+    std::future<int> stopped;
+    mKernel.on<uint32_t>(VIDIOC_STREAMON, [&](int, uint32_t&) {
+        EXPECT_EQ(workers(), 1);
+        stopped = std::async(std::launch::async, [this] { return mScene->stop(); });
+        EXPECT_EQ(stopped.wait_for(50ms), std::future_status::timeout) << "it starts still";
+        return 0;
+    });
+    EXPECT_EQ(mScene->start(), 0);
+    EXPECT_EQ(stopped.get(), 0);
+    EXPECT_EQ(workers(), 0);
+}
+
 TEST_F(SceneTest, StartsAgainWithoutItsMonitor) {
     open({0});
+    const auto request = mScene->createRequest();
     for (int round = 0; round < 2; ++round) {
         EXPECT_EQ(mScene->start(), 0);
+        if (round == 1) {
+            EXPECT_EQ(mScene->queueRequest(request.get(), 0), 0);
+        }
+        mLog.take();
         EXPECT_EQ(mScene->stop(), 0);
     }
+    EXPECT_EQ(log().at(1),
+              "W [stop] scene: 1 request(s) are with the driver: drain them, or take their event "
+              "monitor away, before stop()");
     EXPECT_EQ(calls(), Lines({"ioctl 100 0x40045612", "ioctl 100 0x40045613",
                               "ioctl 100 0x40045612", "ioctl 100 0x40045613"}));
     EXPECT_EQ(dumpOf(*mScene)[2], "    mPortObserverMap[0]={ }");
@@ -375,7 +482,9 @@ TEST_F(SceneTest, TellsOfARequestWithAStatusButDequeuesNothing) {
 
 TEST_F(SceneTest, ReportsRefusedStreamsAndGoesOn) {
     open({0, 1});
-    mKernel.on<uint32_t>(VIDIOC_STREAMON, [](int fd, uint32_t&) { return fd == 101 ? -EIO : 0; });
+    int refusal = -EIO;
+    mKernel.on<uint32_t>(VIDIOC_STREAMON,
+                         [&](int fd, uint32_t&) { return fd == 101 ? refusal : 0; });
     mKernel.answer(VIDIOC_STREAMOFF, -EPIPE);
     EXPECT_EQ(mScene->start(), 0);
     EXPECT_EQ(mReports.take(),
@@ -394,6 +503,18 @@ TEST_F(SceneTest, ReportsRefusedStreamsAndGoesOn) {
         Lines({"I [stop] + Scene::stop", "E [stop] v1: Failed to stop port (streamOff)",
                "E [stop] Failed to stop port: v1", "E [stop] v0: Failed to stop port (streamOff)",
                "E [stop] Failed to stop port: v0", "I [stop] - Scene::stop"}));
+    mKernel.answer(VIDIOC_STREAMOFF, 0);
+    for (const auto& [error, cause] :
+         {std::pair{-EPIPE,
+                    "no enabled link leads to the port: name its link in the scene's "
+                    "descriptor"},
+          {-EBUSY, "another process or scene streams the node or its pipeline"}}) {
+        refusal = error;
+        mScene->start();
+        EXPECT_EQ(log().at(2), std::string("E [start] v1: ") + cause);
+        mScene->stop();
+        mLog.take();
+    }
 }
 
 TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
@@ -409,17 +530,25 @@ TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
         };
         mKernel.on<uint32_t>(VIDIOC_STREAMON, slowly(3100ms));
         mKernel.on<uint32_t>(VIDIOC_STREAMOFF, slowly(2100ms));  // within its limit
-        std::string expired;
+        Lines expired;  // the guards' thread's until the handler is gone
         timeguard::TimeBomb::setExpiryHandler([&](const timeguard::TimeBomb& guard, auto) {
-            expired += std::string(guard.name()) + ": " + guard.message() + " " +
-                       std::to_string(guard.limit()) + " " + std::to_string(guard.period());
+            expired.push_back(std::string(guard.name()) + ": " + guard.message() + " " +
+                              std::to_string(guard.limit()) + " " + std::to_string(guard.period()));
         });
         LogCapture log("corvane-V4L2VideoDevice", Utils::ULog::kWarning);
+        Request request(mMedia.get(), nullptr, nullptr);
+        request.queueRequest(0);
+        std::thread refill([&request] { request.addBuffer(0, [](FrameBuffer&) {}); });
         mScene->start();
         mScene->stop();
+        mMedia->request->done();
+        refill.join();
         timeguard::TimeBomb::setExpiryHandler(nullptr);
-        EXPECT_THAT(expired, testing::StartsWith("ZelsysKernel: VIDIOC_STREAMON timed out. "
-                                                 "2999000000 1000000000"));
+        std::sort(expired.begin(), expired.end());
+        EXPECT_EQ(expired.front(),
+                  "Request: addBuffer: request 200 is still under way: wait for its done callback, "
+                  "which must return, or use another request 2999000000 1000000000");
+        EXPECT_EQ(expired.back(), "ZelsysKernel: VIDIOC_STREAMON timed out. 2999000000 1000000000");
         EXPECT_THAT(
             log.take(),
             ElementsAre(MatchesRegex("W .streamOn. v0: VIDIOC_STREAMON takes 3[0-9]{9} ns")));
@@ -487,6 +616,19 @@ TEST_F(SceneTest, TracesItsSections) {
 TEST_F(SceneTest, EndsOnConsistencyErrors) {
     open({0});
     PixelFormat format = {};
+    const auto throws = [](const auto&...) { throw std::runtime_error("of the client"); };
+    const auto throwingFill = [&] { mScene->createRequest()->addBuffer(0, throws); };
+    const auto throwingCallback = [&] {
+        mScene->setRequestDoneCallback(throws);
+        const auto request = mScene->createRequest();
+        fill(*request, {0});
+        request->queueRequest(0);
+        mMedia->request->done();
+    };
+    const auto noThread = [&] {
+        sNoThreads = true;
+        mScene->start();
+    };
     const auto withoutMedia = [&] {
         Scene scene(nullptr, mDesc, nullptr);
         scene.init();
@@ -509,6 +651,9 @@ TEST_F(SceneTest, EndsOnConsistencyErrors) {
         {[&] { mScene->importBuffer(nullptr, 1); }, kTag, "importBuffer", "port == nullptr"},
         {[&] { mScene->iteratePorts(nullptr); }, kTag, "iteratePorts", "Bad function"},
         {withoutMedia, kTag, "init", "IV4L2VideoDevice::make: v0"},
+        {noThread, kTag, "start", "ThreadLoopHandler::make"},
+        {throwingFill, kTag, "addBuffer", "exception: of the client"},
+        {throwingCallback, kTag, "requestDone", "exception: of the client"},
     });
 }
 

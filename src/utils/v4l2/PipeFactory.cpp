@@ -6,6 +6,8 @@
 
 #include <utility>
 
+#include "NoThrow.h"
+
 CORVANE_LOG_UNIT("corvane-SceneManager")
 
 namespace NSVista::NSCorvane {
@@ -38,16 +40,18 @@ PipeFactory& PipeFactory::Instance() {
     return factory;
 }
 
-void PipeFactory::Register(const std::string& name, const PipeCreator& creator) {
+void PipeFactory::Register(const std::string& name, const PipeCreator& creator) try {
     mCreators[name] = creator;
     mList.push_back(name);
 }
+CORVANE_NO_THROW
 
 const std::vector<std::string>& PipeFactory::GetList() {
     return mList;
 }
 
-std::shared_ptr<PipeBase> PipeFactory::Create(const std::string& name, SceneManager& sceneManager) {
+std::shared_ptr<PipeBase> PipeFactory::Create(const std::string& name,
+                                              SceneManager& sceneManager) try {
     const auto found = mCreators.find(name);
     if (found == mCreators.end())
         return nullptr;
@@ -55,5 +59,6 @@ std::shared_ptr<PipeBase> PipeFactory::Create(const std::string& name, SceneMana
         CORVANE_FATAL("Bad function");
     return found->second(sceneManager);
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane

@@ -1,13 +1,15 @@
 #include <corvane/SceneControl.h>
 
+#include <corvane/IMediaDevice.h>
 #include <corvane/SceneDesc.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Trace.h>
 
 #include <cerrno>
-#include <sstream>
 #include <utility>
 
+#include "NoThrow.h"
+#include "RefusedOpen.h"
 #include "Text.h"
 #include "TraceArea.h"
 
@@ -15,15 +17,15 @@ CORVANE_LOG_UNIT("corvane-SceneControl")
 
 namespace NSVista::NSCorvane {
 
-Port::Port(const PortDesc& desc, IMediaDevice* media)
+Port::Port(const PortDesc& desc, IMediaDevice* media) try
     : mName(nameOrEmpty(desc.port_name)),
       mIndex(desc.index),
       mType(desc.type_flag ? 0 : 2),
       mSingleDevice(desc.single_device),
       mCtrlMeta(desc.ctrl_meta),
       mDeviceName(nameOrEmpty(desc.device_name)),
-      mMediaDevice(media) {
-}
+      mMediaDevice(media) {}
+CORVANE_NO_THROW
 
 Port::~Port() = default;
 
@@ -51,15 +53,22 @@ int Port::onDevice(const char* operation, const char* action, Call call) {
     return ret;
 }
 
-int Port::init() {
+int Port::init() try {
     const TraceSection section(area::kStreaming, "Port::init");
     replaceDevice(mMediaDevice != nullptr
                       ? IV4L2VideoDevice::make(*mMediaDevice, mName, mDeviceName, mIndex)
                       : nullptr);
     if (getVideoDevice() == nullptr)
         CORVANE_FATAL("IV4L2VideoDevice::make: %s", mName.c_str());
-    return onDevice("init", "open port", [](auto& device) { return device.openDevice(); });
+    const int ret = onDevice("init", "open port", [](auto& device) { return device.openDevice(); });
+    if (ret == 0)
+        return 0;
+    const auto cause = refusedOpenCause(mMediaDevice->getEntityDevnodePath(mDeviceName), ret);
+    if (!cause.empty())
+        CORVANE_LOGE("%s: %s", mName.c_str(), cause.c_str());
+    return ret;
 }
+CORVANE_NO_THROW
 
 void Port::deinit() {
     const TraceSection section(area::kStreaming, "Port::deinit");
@@ -110,12 +119,13 @@ void Port::dumpState(IPrinter* printer) const {
         device->dumpState(printer);
 }
 
-std::string Port::toString() const {
-    std::ostringstream text;
+std::string Port::toString() const try {
+    TextStream text;
     text << std::hex << " 0x" << getIndex() << "(" << getName() << ") type=" << getType();
     if (isSingleDevice())
         text << " singledev";
     return text.str();
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane

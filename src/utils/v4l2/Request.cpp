@@ -2,16 +2,21 @@
 
 #include <corvane/IMediaDevice.h>
 #include <corvane/IMediaRequest.h>
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/ReqTrack.h>
+#include <corvane/platform/TimeBomb.h>
 #include <corvane/platform/Trace.h>
 
 #include <algorithm>
-#include <sstream>
+#include <thread>
 #include <utility>
 
+#include "DriverCall.h"
+#include "NoThrow.h"
 #include "SceneText.h"
 #include "Stamp.h"
+#include "Text.h"
 #include "TraceArea.h"
 
 CORVANE_LOG_UNIT("corvane-SceneControl")
@@ -22,6 +27,9 @@ namespace {
 
 constexpr int kSubflow = 4;
 constexpr size_t kIndexesInPlace = 8;
+constexpr int64_t kRaceNs = 1'000'000;
+constexpr char kStillQueued[] =
+    "is still under way: wait for its done callback, which must return, or use another request";
 
 /** " #A=time#B=time..." of a request's stamps, in order. */
 std::string debugTimes(const RequestDebugInfo& info) {
@@ -36,7 +44,7 @@ std::string debugTimes(const RequestDebugInfo& info) {
 
 }  // namespace
 
-Request::Request(IMediaDevice* mediaDevice, QueryPort queryPort, RequestDone requestDone)
+Request::Request(IMediaDevice* mediaDevice, QueryPort queryPort, RequestDone requestDone) try
     : mMediaRequest(mediaDevice != nullptr ? mediaDevice->makeRequest() : nullptr),
       mQueryPort(std::move(queryPort)),
       mRequestDone(std::move(requestDone)) {
@@ -48,6 +56,7 @@ Request::Request(IMediaDevice* mediaDevice, QueryPort queryPort, RequestDone req
     mBuffers.reserve(1);
     mMediaRequest->setRequestDone([this] { this->requestDone(); });
 }
+CORVANE_NO_THROW
 
 Request::~Request() = default;
 
@@ -74,16 +83,32 @@ int Request::setMonitor(const std::shared_ptr<IEventMonitor>& monitor) {
 
 /** Covers a completion that races the end of the queueing, or a refill that races the completion.
  */
-void Request::waitForState(State state) const {
-    while (mState.load(std::memory_order_acquire) != state) {
-    }
+void Request::waitForState(State state, const char* operation, const char* advice) const {
+    if (mState.load(std::memory_order_acquire) != state)
+        keepWaiting(state, operation, advice);
 }
 
-int Request::addBuffer(int portIndex, std::function<void(FrameBuffer&)> fill) {
+/** A race is over within microseconds: a wait that goes on is an error of the client's. */
+void Request::keepWaiting(State state, const char* operation, const char* advice) const {
+    const int64_t begin = monotonicInNs();
+    while (mState.load(std::memory_order_acquire) != state)
+        if (monotonicInNs() - begin > kRaceNs)
+            return waitUnderGuard(state, operation, advice);
+}
+
+void Request::waitUnderGuard(State state, const char* operation, const char* advice) const {
+    const auto guard =
+        timeguard::TimeBomb::make("Request", kDriverLimitNs, kDriverPeriodNs, "%s: request %d %s",
+                                  operation, getRequestFD(), advice);
+    while (mState.load(std::memory_order_acquire) != state)
+        std::this_thread::yield();
+}
+
+int Request::addBuffer(int portIndex, std::function<void(FrameBuffer&)> fill) try {
     const TraceSection section(area::kQueue, "Request::addBuffer");
     if (!fill)
         CORVANE_FATAL("Bad buffer fill: index=%#x", portIndex);
-    waitForState(kIdle);
+    waitForState(kIdle, "addBuffer", kStillQueued);
     mPortIndexes.push_back(portIndex);
     FrameBuffer& buffer = mBuffers[portIndex];
     if (buffer.planeCount != 0)
@@ -91,6 +116,7 @@ int Request::addBuffer(int portIndex, std::function<void(FrameBuffer&)> fill) {
     fill(buffer);
     return 0;
 }
+CORVANE_NO_THROW
 
 void Request::refuseSecondBuffer(int portIndex, const FrameBuffer& existing) const {
     constexpr const char* kOperation = "addBuffer";
@@ -103,7 +129,7 @@ void Request::refuseSecondBuffer(int portIndex, const FrameBuffer& existing) con
     CORVANE_FATAL_AS(kOperation, "FATAL");
 }
 
-int Request::queueBuffers(int argument) {
+int Request::queueBuffers(int argument) try {
     const TraceSection section(area::kQueueBuffers, "Request::queueBuffers");
     for (auto& [portIndex, buffer] : mBuffers) {
         if (!mQueryPort)
@@ -124,10 +150,11 @@ int Request::queueBuffers(int argument) {
     mState.store(kBuffersQueued, std::memory_order_release);
     return 0;
 }
+CORVANE_NO_THROW
 
-int Request::queueRequest(int argument) {
+int Request::queueRequest(int argument) try {
     const TraceSection section(area::kQueue, "Request::queueRequest");
-    waitForState(kIdle);
+    waitForState(kIdle, "queueRequest", kStillQueued);
     if (const int ret = queueBuffers(argument); ret != 0) {
         CORVANE_LOGE("Failed to queue request's buffers");
         return ret;
@@ -139,11 +166,12 @@ int Request::queueRequest(int argument) {
         CORVANE_FATAL("Failed to queue media request");
     return 0;
 }
+CORVANE_NO_THROW
 
-void Request::requestDone() {
+void Request::requestDone() try {
     const TraceSection section(area::kDone, "Request::requestDone");
     reqtrack::doneToSubmodule(getTrackBuffer(), kSubflow);
-    waitForState(kQueued);
+    waitForState(kQueued, "requestDone", "has completed, but its queueing does not end");
     int32_t inPlace[kIndexesInPlace];
     std::vector<int32_t> more;
     const size_t count = mPortIndexes.size();
@@ -161,9 +189,10 @@ void Request::requestDone() {
     if (mRequestDone)
         mRequestDone(this, indexes, count);
 }
+CORVANE_NO_THROW
 
-std::string Request::toString() const {
-    std::ostringstream text;
+std::string Request::toString() const try {
+    TextStream text;
     text << "{ .requestFD=" << getRequestFD();
     if (getStatus() != 0)
         text << " .status=" << getStatus();
@@ -173,5 +202,6 @@ std::string Request::toString() const {
     text << " }";
     return text.str();
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane

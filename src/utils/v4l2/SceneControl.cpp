@@ -10,10 +10,12 @@
 #include <corvane/platform/TimeBomb.h>
 #include <corvane/platform/Trace.h>
 
-#include <cstring>
+#include <cerrno>
 #include <utility>
 
 #include "CpuTime.h"
+#include "DriverCall.h"
+#include "NoThrow.h"
 #include "SceneText.h"
 #include "Stamp.h"
 #include "Text.h"
@@ -25,11 +27,17 @@ namespace NSVista::NSCorvane {
 
 namespace {
 
-constexpr unsigned long kGuardLimitNs = 2999000000;
-constexpr unsigned long kGuardPeriodNs = 1000000000;
-
-std::shared_ptr<timeguard::TimeBomb> armGuard(const char* message) {
-    return timeguard::TimeBomb::make("ZelsysKernel", kGuardLimitNs, kGuardPeriodNs, "%s", message);
+/** Why a stream-on is refused, most often; null where the error says it all. */
+const char* likelyCause(int error) {
+    switch (error) {
+        case -EPIPE:
+        case -ENOLINK:
+            return "no enabled link leads to the port: name its link in the scene's descriptor";
+        case -EBUSY:
+            return "another process or scene streams the node or its pipeline";
+        default:
+            return nullptr;
+    }
 }
 
 bool enableLink(const std::shared_ptr<IMediaDevice>& media, bool enable, const LinkDesc& link) {
@@ -40,7 +48,7 @@ bool enableLink(const std::shared_ptr<IMediaDevice>& media, bool enable, const L
 }  // namespace
 
 Scene::Scene(std::shared_ptr<SceneDebugInfo> debugInfo, const SceneDesc& desc,
-             const std::shared_ptr<IMediaDevice>& media)
+             const std::shared_ptr<IMediaDevice>& media) try
     : mDesc(desc), mDebugInfo(std::move(debugInfo)), mMediaDevice(media) {
     const TraceSection section(area::kLifecycle, "Scene::Scene");
     if (mDebugInfo == nullptr)
@@ -51,13 +59,14 @@ Scene::Scene(std::shared_ptr<SceneDebugInfo> debugInfo, const SceneDesc& desc,
     if (mBufferMonitor == nullptr)
         CORVANE_FATAL("IV4L2BufferMonitor::make");
 }
+CORVANE_NO_THROW
 
 Scene::~Scene() {
     const TraceSection section(area::kLifecycle, "Scene::~Scene");
     stopMonitor();
 }
 
-int Scene::init() {
+int Scene::init() try {
     const TraceSection section(area::kLifecycle, "Scene::init");
     CORVANE_LOGD("Scene::init + %s  #DECKEY", nameOrEmpty(mDesc.scene_name));
     const CpuTimer timer;
@@ -68,8 +77,9 @@ int Scene::init() {
                  ok, timer.text().c_str());
     return ok ? 0 : -1;
 }
+CORVANE_NO_THROW
 
-void Scene::uninit() {
+void Scene::uninit() try {
     const TraceSection section(area::kLifecycle, "Scene::uninit");
     mUninitialised.store(true, std::memory_order_relaxed);
     CORVANE_LOGD("Scene::uninit + %s  #DECKEY", nameOrEmpty(mDesc.scene_name));
@@ -89,8 +99,9 @@ void Scene::uninit() {
     CORVANE_LOGK("Scene::uninit - %s (cputime %s ns)  #DECKEY", nameOrEmpty(mDesc.scene_name),
                  timer.text().c_str());
 }
+CORVANE_NO_THROW
 
-bool Scene::initPorts() {
+bool Scene::initPorts() try {
     for (int32_t i = 0; i < mDesc.num_ports; ++i) {
         const PortDesc& desc = mDesc.ports[i];
         if (desc.port_name == nullptr || desc.device_name == nullptr)
@@ -109,8 +120,9 @@ bool Scene::initPorts() {
     }
     return true;
 }
+CORVANE_NO_THROW
 
-bool Scene::initLinks() {
+bool Scene::initLinks() try {
     for (int32_t i = 0; i < mDesc.num_links; ++i) {
         const LinkDesc& link = mDesc.links[i];
         if (!enableLink(mMediaDevice, true, link)) {
@@ -120,8 +132,9 @@ bool Scene::initLinks() {
     }
     return true;
 }
+CORVANE_NO_THROW
 
-int Scene::addPort(const std::shared_ptr<Port>& port) {
+int Scene::addPort(const std::shared_ptr<Port>& port) try {
     if (port == nullptr)
         return 0;
     const int index = port->getIndex();
@@ -142,6 +155,7 @@ int Scene::addPort(const std::shared_ptr<Port>& port) {
                      static_cast<void*>(mBufferMonitor.get()), ret);
     return ret;
 }
+CORVANE_NO_THROW
 
 std::shared_ptr<Port> Scene::queryPort(int index) const {
     const auto found = ports().find(index);
@@ -166,13 +180,14 @@ size_t Scene::getNumOfPorts() const {
     return mPorts.size();
 }
 
-void Scene::iteratePorts(std::function<bool(std::shared_ptr<IPort>)> visit) {
+void Scene::iteratePorts(std::function<bool(std::shared_ptr<IPort>)> visit) try {
     if (!visit)
         CORVANE_FATAL("Bad function");
     for (const auto& port : copyPorts())
         if (!visit(port))
             return;
 }
+CORVANE_NO_THROW
 
 void Scene::setRequestDoneCallback(std::function<void(IRequest*)> callback) {
     mRequestDoneCallback = std::move(callback);
@@ -272,7 +287,7 @@ void Scene::startMonitor() {
         CORVANE_FATAL_AS("start", "ThreadLoopHandler::make");
     handler->setThreadName(mBufferMonitor->getThreadName());
     auto guard =
-        timeguard::TimeBomb::make(mBufferMonitor->getThreadName(), kGuardLimitNs, kGuardPeriodNs,
+        timeguard::TimeBomb::make(mBufferMonitor->getThreadName(), kDriverLimitNs, kDriverPeriodNs,
                                   "The buffer monitor's thread is not ready to run.");
     const int ret = handler->run(mBufferMonitor);
     guard.reset();
@@ -292,7 +307,24 @@ void Scene::stopMonitor() {
         handler->requestExitAndWait();
 }
 
-int Scene::start() {
+/** Ends a refused stream call; other ports go on. */
+void Scene::refuseStream(const char* operation, const char* failure, const Port& port, int ret) {
+    CORVANE_LOGE_AS(operation, "Failed to %s port: %s", operation, port.getName().c_str());
+    driverRefused(failure, ret, (" <" + port.getName() + ">").c_str());
+}
+
+/** Their completions would find no observer. */
+void Scene::tellOfRequestsInFlight() const {
+    const auto inFlight = static_cast<int32_t>(mQueuedCount.load(std::memory_order_relaxed) -
+                                               mDoneCount.load(std::memory_order_relaxed));
+    if (inFlight > 0)
+        CORVANE_LOGW_AS("stop",
+                        "%s: %d request(s) are with the driver: drain them, or take their event "
+                        "monitor away, before stop()",
+                        nameOrEmpty(mDesc.scene_name), inFlight);
+}
+
+int Scene::start() try {
     const TraceSection section(area::kLifecycle, "Scene::start");
     const MutexLock streaming(mStreamLock);
     CORVANE_LOGI("+ Scene::start");
@@ -303,16 +335,15 @@ int Scene::start() {
     // The monitor's thread runs before any port streams.
     startMonitor();
     stampLogTime(mDebugInfo->streamOnBegin);
-    auto guard = armGuard("VIDIOC_STREAMON timed out.");
+    auto guard = guardDriver("VIDIOC_STREAMON timed out.");
     for (const auto& [index, port] : ports()) {
         CORVANE_LOGD("Start port: %s  #DECKEY", port->getName().c_str());
-        const int ret = port->start();
-        if (ret >= 0)
-            continue;
-        guard.reset();
-        CORVANE_LOGE("Failed to start port: %s", port->getName().c_str());
-        CORVANE_DRIVER_EXCEPTION("VIDIOC_STREAMON fail err=%d(%s) <%s>", ret, strerror(-ret),
-                                 port->getName().c_str());
+        if (const int ret = port->start(); ret < 0) {
+            guard.reset();
+            if (const char* const cause = likelyCause(ret))
+                CORVANE_LOGE("%s: %s", port->getName().c_str(), cause);
+            refuseStream("start", "VIDIOC_STREAMON fail", *port, ret);
+        }
     }
     guard.reset();
     stampLogTime(mDebugInfo->streamOnEnd);
@@ -320,25 +351,23 @@ int Scene::start() {
     CORVANE_LOGI("- Scene::start (cputime %s ns)", timer.text().c_str());
     return 0;
 }
+CORVANE_NO_THROW
 
-int Scene::stop() {
+int Scene::stop() try {
     const TraceSection section(area::kLifecycle, "Scene::stop");
     const MutexLock streaming(mStreamLock);
     CORVANE_LOGI("+ Scene::stop");
     const CpuTimer timer;
     if (!inState(kStarted, "stop"))
         return -1;
+    tellOfRequestsInFlight();
     stampLogTime(mDebugInfo->streamOffBegin);
-    auto guard = armGuard("VIDIOC_STREAMOFF timed out.");
-    for (const auto& [index, port] : ports()) {
-        const int ret = port->stop();
-        if (ret >= 0)
-            continue;
-        guard.reset();
-        CORVANE_LOGE("Failed to stop port: %s", port->getName().c_str());
-        CORVANE_DRIVER_EXCEPTION("VIDIOC_STREAMOFF fail err=%d(%s) <%s>", ret, strerror(-ret),
-                                 port->getName().c_str());
-    }
+    auto guard = guardDriver("VIDIOC_STREAMOFF timed out.");
+    for (const auto& [index, port] : ports())
+        if (const int ret = port->stop(); ret < 0) {
+            guard.reset();
+            refuseStream("stop", "VIDIOC_STREAMOFF fail", *port, ret);
+        }
     guard.reset();
     stampLogTime(mDebugInfo->streamOffEnd);
     stopMonitor();
@@ -346,16 +375,18 @@ int Scene::stop() {
     CORVANE_LOGI("- Scene::stop (cputime %s ns)", timer.text().c_str());
     return 0;
 }
+CORVANE_NO_THROW
 
-std::shared_ptr<IRequest> Scene::createRequest() {
+std::shared_ptr<IRequest> Scene::createRequest() try {
     return std::make_shared<Request>(
         mMediaDevice.get(), [this](int index) { return queryPort(index); },
         [this](Request* request, int* portIndexes, size_t count) {
             requestDone(request, portIndexes, count);
         });
 }
+CORVANE_NO_THROW
 
-int Scene::queueRequest(IRequest* request, int argument) {
+int Scene::queueRequest(IRequest* request, int argument) try {
     const TraceSection section(area::kQueueRequest, "Scene::queueRequest");
     if (request == nullptr)
         CORVANE_FATAL("Bad request");
@@ -369,8 +400,9 @@ int Scene::queueRequest(IRequest* request, int argument) {
     mQueuedCount.fetch_add(1, std::memory_order_relaxed);
     return 0;
 }
+CORVANE_NO_THROW
 
-void Scene::requestDone(Request* request, int* portIndexes, unsigned long count) {
+void Scene::requestDone(Request* request, int* portIndexes, unsigned long count) try {
     const TraceSection section(area::kQueue, "Scene::requestDone");
     if (request == nullptr) {
         CORVANE_LOGW("Bad request");
@@ -384,6 +416,7 @@ void Scene::requestDone(Request* request, int* portIndexes, unsigned long count)
     else
         CORVANE_LOGW("Bad request done callback");
 }
+CORVANE_NO_THROW
 
 int Scene::getFormat(const std::shared_ptr<IPort>& port, PixelFormat& format) const {
     const TraceSection section(area::kStreaming, "Scene::getFormat");
@@ -406,7 +439,7 @@ int Scene::importBuffer(const std::shared_ptr<IPort>& port, int count) {
     return inState(kAcquired, "importBuffer") ? port->importBuffer(count) : -1;
 }
 
-void Scene::dumpState(IPrinter* printer) const {
+void Scene::dumpState(IPrinter* printer) const try {
     printer->printFormatLine("<<Scene>> state=%s #Request(Queued,Done)=(%u,%u)",
                              stateName(mState.load(std::memory_order_relaxed)),
                              mQueuedCount.load(std::memory_order_relaxed),
@@ -416,5 +449,6 @@ void Scene::dumpState(IPrinter* printer) const {
     for (const auto& port : copyPorts())
         port->dumpState(printer);
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "CpuTime.h"
+#include "NoThrow.h"
 #include "Stamp.h"
 #include "TraceArea.h"
 
@@ -64,7 +65,7 @@ size_t SceneManager::sceneCount() const {
     return mScenes.size();
 }
 
-int SceneManager::init() {
+int SceneManager::init() try {
     const TraceSection section(area::kLifecycle, "SceneManager::init");
     if (const size_t scenes = sceneCount(); scenes != 0)
         CORVANE_LOGE("there're still %zu scenes!", scenes);
@@ -85,8 +86,9 @@ int SceneManager::init() {
     CORVANE_LOGI("- SceneManager::init (cputime %s ns)", timer.text().c_str());
     return 0;
 }
+CORVANE_NO_THROW
 
-void SceneManager::uninit() {
+void SceneManager::uninit() try {
     const TraceSection section(area::kLifecycle, "SceneManager::uninit");
     CORVANE_LOGI("+ SceneManager::uninit");
     const CpuTimer timer;
@@ -98,8 +100,9 @@ void SceneManager::uninit() {
         CORVANE_LOGE("there're still %zu scenes!", scenes);
     CORVANE_LOGI("- SceneManager::uninit (cputime %s ns)", timer.text().c_str());
 }
+CORVANE_NO_THROW
 
-int SceneManager::addScene(const std::string& name, std::shared_ptr<IScene> scene) {
+int SceneManager::addScene(const std::string& name, std::shared_ptr<IScene> scene) try {
     const TraceSection section(area::kLifecycle, "SceneManager::addScene");
     bool inserted = false;
     {
@@ -111,15 +114,17 @@ int SceneManager::addScene(const std::string& name, std::shared_ptr<IScene> scen
     CORVANE_LOGI("Add scene %s to map", name.c_str());
     return 0;
 }
+CORVANE_NO_THROW
 
-int SceneManager::delScene(const std::string& name) {
+int SceneManager::delScene(const std::string& name) try {
     Map<IScene>::node_type removed;
     const MutexLock lock(mSceneLock);
     removed = mScenes.extract(name);
     return 0;
 }
+CORVANE_NO_THROW
 
-std::shared_ptr<IScene> SceneManager::getScene(const std::string& name) const {
+std::shared_ptr<IScene> SceneManager::getScene(const std::string& name) const try {
     const TraceSection section(area::kLifecycle, "SceneManager::getScene");
     std::shared_ptr<IScene> scene;
     bool known = false;
@@ -137,8 +142,9 @@ std::shared_ptr<IScene> SceneManager::getScene(const std::string& name) const {
     CORVANE_LOGI("Get scene %s", name.c_str());
     return scene;
 }
+CORVANE_NO_THROW
 
-std::shared_ptr<SceneDebugInfo> SceneManager::getDebugInfo(const std::string& name) {
+std::shared_ptr<SceneDebugInfo> SceneManager::getDebugInfo(const std::string& name) try {
     std::shared_ptr<SceneDebugInfo> record;
     {
         const MutexLock lock(mDebugInfoLock);
@@ -151,6 +157,7 @@ std::shared_ptr<SceneDebugInfo> SceneManager::getDebugInfo(const std::string& na
         CORVANE_FATAL("std::make_shared<SceneDebugInfo>");
     return record;
 }
+CORVANE_NO_THROW
 
 std::shared_ptr<IMediaDevice> SceneManager::getDevice(const std::string& name) {
     const TraceSection section(area::kLifecycle,
@@ -164,7 +171,7 @@ std::vector<std::shared_ptr<IMediaDevice>> SceneManager::getDevice(
     CORVANE_FATAL("Unsupported");
 }
 
-void SceneManager::dumpState(IPrinter* printer) const {
+void SceneManager::dumpState(IPrinter* printer) const try {
     Map<IScene> scenes;
     {
         const MutexLock lock(mSceneLock);
@@ -196,5 +203,6 @@ void SceneManager::dumpState(IPrinter* printer) const {
         printer->printLine("");
     }
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane

@@ -4,14 +4,13 @@
 #include <corvane/SceneDesc.h>
 
 #include <algorithm>
-#include <sstream>
 
 #include "Text.h"
 
 namespace NSVista::NSCorvane {
 
 std::string toString(const PortDesc& port) {
-    std::ostringstream text;
+    TextStream text;
     text << "{";
     if (port.port_name != nullptr)
         text << " .port_name=" << port.port_name;
@@ -27,14 +26,14 @@ std::string toString(const PortDesc& port) {
 }
 
 std::string toString(const LinkDesc& link) {
-    std::ostringstream text;
+    TextStream text;
     text << nameOrEmpty(link.source_entity) << "(" << std::hex << link.source_pad << ")-"
          << nameOrEmpty(link.sink_entity) << "(" << link.sink_pad << ")";
     return text.str();
 }
 
 std::string toString(const FrameBuffer& buffer) {
-    std::ostringstream text;
+    TextStream text;
     text << "{ .planes[" << buffer.planeCount << "]={";
     for (size_t i = 0; i < std::min(buffer.planeCount, FrameBuffer::kMaxPlanes); ++i)
         text << " .fd=" << buffer.planes[i].fd << " .offset=" << buffer.planes[i].offset

@@ -6,8 +6,6 @@
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/Trace.h>
 
-#include <sstream>
-
 #include "LoadTime.h"
 #include "NoThrow.h"
 #include "Text.h"
@@ -27,7 +25,7 @@ using Utils::Properties::property_get_int32;
 const bool sTraceBufWanted = diagnosticsWanted(sLogLevel, 3);
 
 std::string nameWithAddress(const char* name, const void* address) {
-    std::ostringstream text;
+    TextStream text;
     text << nameOrEmpty(name) << "-" << address;
     return text.str();
 }
@@ -341,7 +339,7 @@ void V4L2BufferMonitor::dumpState(IPrinter* printer) const try {
 CORVANE_NO_THROW
 
 std::string V4L2BufferMonitor::toString_runtime() const {
-    std::ostringstream text;
+    TextStream text;
     text << "{ #DQBUF=" << mDQBufCount.load(std::memory_order_relaxed)
          << " #ReqDone=" << mReqDoneCount.load(std::memory_order_relaxed)
          << " #QBUF=" << mQBufCount.load(std::memory_order_relaxed)
@@ -357,7 +355,7 @@ std::string V4L2BufferMonitor::toString_config() const {
         for (const auto& [port, observer] : mPortObserverMap)
             ports.push_back(port);
     }
-    std::ostringstream text;
+    TextStream text;
     text << "mPortObserverMap[" << ports.size() << "]={" << std::hex << std::showbase;
     for (const int32_t port : ports)
         text << " (" << port << ")";
@@ -373,7 +371,7 @@ std::string V4L2BufferMonitor::toString_debugtrace() const {
         const MutexLock lock(mTraceLock);
         buffers = mTraceBufferMap;
     }
-    std::ostringstream text;
+    TextStream text;
     text << "mTraceBufferMap={";
     for (const auto& [fd, indexes] : buffers)
         for (const uint32_t index : indexes)

@@ -12,11 +12,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <sstream>
 
 #include "DriverCall.h"
 #include "LoadTime.h"
 #include "NoThrow.h"
+#include "Text.h"
 #include "TraceArea.h"
 
 CORVANE_LOG_UNIT("corvane-V4L2VideoDevice")
@@ -209,7 +209,7 @@ std::string V4L2VideoDevice::toString() const try {
         const MutexLock lock(mSlotsMutex);
         slots = mSlots.get();
     }
-    std::ostringstream text;
+    TextStream text;
     text << "V4L2VideoDevice: " << fd() << " -> " << mDevnodePath << " 0x" << std::hex << mPortIndex
          << "(" << mName << ") Cap=0x" << caps() << " " << bufTypeName(bufType()) << " { "
          << memoryName(memory()) << " #REQBUFS=" << std::dec
