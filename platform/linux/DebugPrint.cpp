@@ -1,5 +1,4 @@
 #include <corvane/platform/ULog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -11,12 +10,14 @@
 #include <corvane/platform/Trace.h>
 
 #include "Format.h"
+#include "LineWriter.h"
 
 #if defined(__ANDROID__)
 #include <android/log.h>
 #endif
 
 using NSVista::NSCorvane::ErrnoKeeper;
+using NSVista::NSCorvane::LineWriter;
 
 constinit CamLogInfoLevel g_logInfoLv[5] = {
     {0x80, "D "}, {0x80, "E "}, {0x80, "W "}, {0x80, "I "}, {0x80, "K "},
@@ -50,16 +51,8 @@ constexpr size_t kLongestLine = 65536;
 
 /** Ends the text with a line feed and writes it whole. @param length of the text alone. */
 void writeLine(char* line, size_t length) {
-    line[length++] = '\n';
-    while (length > 0) {
-        const ssize_t written = write(STDERR_FILENO, line, length);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return;
-        line += written;
-        length -= static_cast<size_t>(written);
-    }
+    line[length] = '\n';
+    LineWriter::standardError().write(line, length + 1);
 }
 
 }  // namespace

@@ -1,18 +1,24 @@
+#include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
 #include <corvane/platform/Properties.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
+
+#include "PropertyText.h"
 
 #if defined(__ANDROID__)
 #include <sys/system_properties.h>
 #endif
+
+CORVANE_LOG_UNIT("corvane-Properties")
 
 namespace NSVista::Utils::Properties {
 
@@ -20,10 +26,13 @@ namespace {
 
 using NSCorvane::Mutex;
 using NSCorvane::MutexLock;
+using Value = std::optional<std::string>;
 
 struct Store {
     Mutex lock;
     std::unordered_map<std::string, std::string> values CORVANE_GUARDED_BY(lock);
+    /** Values that a warning was written for. */
+    std::unordered_set<std::string> refused CORVANE_GUARDED_BY(lock);
 };
 
 /** Never destroyed: static initialisers and destructors of other libraries read properties. */
@@ -32,67 +41,146 @@ Store& store() {
     return *instance;
 }
 
-std::optional<std::string> systemValue(const char* key) {
+Value processValue(const char* key) {
+    const MutexLock lock(store().lock);
+    const auto found = store().values.find(key);
+    return found != store().values.end() ? Value(found->second) : std::nullopt;
+}
+
+Value valueOf(const char* text) {
+    return text != nullptr ? Value(text) : std::nullopt;
+}
+
 #if defined(__ANDROID__)
+
+Value systemValue(const char* key) {
     char value[PROP_VALUE_MAX] = {};
-    if (__system_property_get(key, value) > 0)
-        return value;
+    return __system_property_get(key, value) > 0 ? Value(value) : std::nullopt;
+}
+
+constexpr Value (*kSources[])(const char*) = {processValue, systemValue};
+
 #else
-    if (const char* value = getenv(key))
-        return value;
-#endif
+
+/** secure_getenv: in a process with raised rights the environment sets nothing. */
+Value exactVariable(const char* key) {
+    return valueOf(secure_getenv(key));
+}
+
+/** A name that every shell can set: in upper case, '_' for what is neither letter nor digit. */
+Value shellVariable(const char* key) {
+    std::string name(key);
+    for (char& c : name) {
+        if (c >= 'a' && c <= 'z')
+            c = static_cast<char>(c - 'a' + 'A');
+        else if ((c < 'A' || c > 'Z') && (c < '0' || c > '9'))
+            c = '_';
+    }
+    return valueOf(secure_getenv(name.c_str()));
+}
+
+/** What the system's properties say where there are none. */
+Value platformDefault(const char* key) {
+    static constexpr const char* kDefaults[][2] = {
+        {"ro.vendor.build.type", "user"},
+    };
+    for (const auto& [name, value] : kDefaults) {
+        if (strcmp(key, name) == 0)
+            return value;
+    }
     return std::nullopt;
 }
 
-std::optional<std::string> find(const char* key) {
-    if (key == nullptr || *key == '\0')
-        return std::nullopt;
+constexpr Value (*kSources[])(const char*) = {processValue, exactVariable, shellVariable,
+                                              platformDefault};
+
+#endif
+
+void warn(const char* key, const std::string& text) {
     {
-        MutexLock lock(store().lock);
-        if (auto found = store().values.find(key); found != store().values.end())
-            return found->second;
+        const MutexLock lock(store().lock);
+        if (!store().refused.insert(std::string(key) + '=' + text).second)
+            return;
     }
-    return systemValue(key);
+    CORVANE_LOGW("%s: bad value '%s'", key, text.c_str());
 }
 
-template <size_t Count>
-bool isOneOf(const std::string& value, const std::string_view (&words)[Count]) {
-    for (const std::string_view word : words) {
-        if (value == word)
+/**
+ * Asks the sources in their order.
+ * @param parse turns a text into an optional result; one that it refuses is told once, and the next
+ *        source is asked. An empty text counts as absent.
+ */
+template <class Parse>
+auto look(const char* key, Parse parse) -> decltype(parse(std::string())) {
+    if (key == nullptr || *key == '\0')
+        return std::nullopt;
+    for (const auto source : kSources) {
+        const Value text = source(key);
+        if (!text || text->empty())
+            continue;
+        if (auto result = parse(*text))
+            return result;
+        warn(key, *text);
+    }
+    return std::nullopt;
+}
+
+/** A whole decimal, octal (0) or hexadecimal (0x) integer that @p Number can hold. */
+template <class Number>
+std::optional<Number> parseNumber(const std::string& text) {
+    const bool negative = text[0] == '-';
+    const char* first = text.c_str() + (negative ? 1 : 0);
+    const char* const end = text.c_str() + text.size();
+    int base = 10;
+    if (first + 1 < end && first[0] == '0') {
+        const bool hexadecimal = first[1] == 'x' || first[1] == 'X';
+        base = hexadecimal ? 16 : 8;
+        first += hexadecimal ? 2 : 1;
+    }
+    uint64_t magnitude = 0;
+    const auto [rest, error] = std::from_chars(first, end, magnitude, base);
+    const uint64_t most = std::numeric_limits<Number>::max();
+    const uint64_t limit = !negative ? most : std::is_signed_v<Number> ? most + 1 : 0;
+    if (error != std::errc() || rest != end || magnitude > limit)
+        return std::nullopt;
+    return static_cast<Number>(negative ? 0 - magnitude : magnitude);
+}
+
+std::optional<bool> parseBool(const std::string& text) {
+    static constexpr std::string_view kYes[] = {"1", "y", "yes", "on", "true"};
+    static constexpr std::string_view kNo[] = {"0", "n", "no", "off", "false"};
+    for (const std::string_view word : kYes) {
+        if (text == word)
             return true;
     }
-    return false;
+    for (const std::string_view word : kNo) {
+        if (text == word)
+            return false;
+    }
+    return std::nullopt;
 }
 
 }  // namespace
 
 int32_t property_get_int32(const char* key, int32_t defaultValue) {
-    const auto text = find(key);
-    if (!text || text->empty())
-        return defaultValue;
-    char* end = nullptr;
-    errno = 0;
-    const long long value = strtoll(text->c_str(), &end, 0);
-    const bool parsed = errno == 0 && *end == '\0' &&
-                        value >= std::numeric_limits<int32_t>::min() &&
-                        value <= std::numeric_limits<int32_t>::max();
-    return parsed ? static_cast<int32_t>(value) : defaultValue;
+    return look(key, parseNumber<int32_t>).value_or(defaultValue);
+}
+
+uint64_t property_get_uint64(const char* key, uint64_t defaultValue) {
+    return look(key, parseNumber<uint64_t>).value_or(defaultValue);
 }
 
 bool property_get_bool(const char* key, bool defaultValue) {
-    static constexpr std::string_view kYes[] = {"1", "y", "yes", "on", "true"};
-    static constexpr std::string_view kNo[] = {"0", "n", "no", "off", "false"};
-    const auto text = find(key);
-    if (!text)
-        return defaultValue;
-    if (isOneOf(*text, kYes))
-        return true;
-    return isOneOf(*text, kNo) ? false : defaultValue;
+    return look(key, parseBool).value_or(defaultValue);
+}
+
+std::string propertyText(const char* key, const char* defaultValue) {
+    const auto take = [](const std::string& text) { return Value(text); };
+    return look(key, take).value_or(defaultValue != nullptr ? defaultValue : "");
 }
 
 int property_get(const char* key, char* value, const char* defaultValue) {
-    const std::string text = find(key).value_or(defaultValue != nullptr ? defaultValue : "");
-    const size_t length = text.copy(value, kValueMax - 1);
+    const size_t length = propertyText(key, defaultValue).copy(value, kValueMax - 1);
     value[length] = '\0';
     return static_cast<int>(length);
 }
@@ -102,7 +190,7 @@ int property_set(const char* key, const char* value) {
         return -EINVAL;
     if (value != nullptr && strlen(value) >= kValueMax)
         return -EINVAL;
-    MutexLock lock(store().lock);
+    const MutexLock lock(store().lock);
     if (value != nullptr)
         store().values.insert_or_assign(key, value);
     else

@@ -1,15 +1,20 @@
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Service.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
+#include <cstring>
 
 #include "Format.h"
 #include "HandlerSlot.h"
+#include "PrivateFile.h"
+#include "PropertyText.h"
 #include "TraceBackend.h"
 
 CORVANE_LOG_UNIT("corvane-Service")
@@ -30,17 +35,16 @@ Handlers& handlers() {
 }
 
 void writeReport(const std::string& path, const char* module, const std::string& text) {
-    FILE* const file = fopen(path.c_str(), "we");
-    if (file == nullptr) {
-        CORVANE_LOGE("Failed to write an exception report to %s", path.c_str());
-        return;
-    }
     struct timespec now {};
     NSVista::NSCorvane::getCurrentLogTime(now);
-    fprintf(file, "%s pid %d module %s\n%s\n",
-            NSVista::NSCorvane::convertToFormattedLogTime(now).c_str(), getpid(), module,
-            text.c_str());
-    fclose(file);
+    const std::string report = NSVista::NSCorvane::convertToFormattedLogTime(now) + " pid " +
+                               std::to_string(getpid()) + " module " + module + '\n' + text + '\n';
+    const auto fd = NSVista::NSCorvane::openPrivate(path.c_str(), O_WRONLY | O_CREAT | O_EXCL);
+    const int result =
+        fd ? NSVista::NSCorvane::writeAll(fd.get(), report.data(), report.size()) : -errno;
+    if (result != 0)
+        CORVANE_LOGE("Failed to write an exception report to %s: %s", path.c_str(),
+                     strerror(-result));
 }
 
 /** What a report does when no handler is set. */
@@ -49,15 +53,15 @@ void reportException(const char* module, const std::string& text) {
     std::replace(line.begin(), line.end(), '\n', ' ');
     CORVANE_LOGE("Exception of %s: %s", module, line.c_str());
 
-    char directory[NSVista::Utils::Properties::kValueMax] = {};
-    if (NSVista::Utils::Properties::property_get("persist.vendor.kvx.camera.exception.dir",
-                                                 directory, nullptr) == 0)
+    const std::string directory = NSVista::Utils::Properties::propertyText(
+        "persist.vendor.kvx.camera.exception.dir", nullptr);
+    if (directory.empty())
         return;
     static std::atomic<unsigned> count{0};
     char name[64] = {};
     snprintf(name, sizeof(name), "/exception-%lld-%d-%u.txt", static_cast<long long>(time(nullptr)),
              getpid(), count.fetch_add(1));
-    writeReport(std::string(directory) + name, module, text);
+    writeReport(directory + name, module, text);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
 #include <corvane/platform/ThreadLoop.h>
+#include <corvane/platform/TimeBomb.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -12,6 +13,11 @@ CORVANE_LOG_UNIT("corvane-ThreadLoop")
 
 namespace NSVista::NSCorvane {
 
+namespace {
+constexpr unsigned long kReadyLimit = 2999000000;
+constexpr unsigned long kReadyPeriod = 1000000000;
+}  // namespace
+
 IThreadLoop::~IThreadLoop() = default;
 
 int IThreadLoop::readyToRun(const ReadyToRun& /*ready*/) {
@@ -20,52 +26,42 @@ int IThreadLoop::readyToRun(const ReadyToRun& /*ready*/) {
 
 /** What the handler and its thread share; it outlives the handler when that detaches. */
 struct ThreadLoopHandler::Shared {
-    Mutex lock;
-    std::condition_variable readied;
-    bool ready CORVANE_GUARDED_BY(lock) = false;
-    std::thread::id thread CORVANE_GUARDED_BY(lock);
-    std::shared_ptr<IThreadLoop> loop CORVANE_GUARDED_BY(lock);  ///< until the thread ends
+    std::atomic<std::thread::id> thread{};
     std::atomic<bool> exitRequested{false};
 
-    void runLoop(const std::string& threadName);
+    void runLoop(IThreadLoop& loop, const std::string& threadName);
     void waitReady();
 
 private:
-    std::shared_ptr<IThreadLoop> begin();
     void setReady();
+
+    Mutex mLock;
+    std::condition_variable mReadied;
+    bool mReady CORVANE_GUARDED_BY(mLock) = false;
 };
 
-std::shared_ptr<IThreadLoop> ThreadLoopHandler::Shared::begin() {
-    MutexLock held(lock);
-    thread = std::this_thread::get_id();
-    return loop;
-}
-
 void ThreadLoopHandler::Shared::setReady() {
-    MutexLock held(lock);
-    ready = true;
-    readied.notify_one();
+    const MutexLock lock(mLock);
+    mReady = true;
+    mReadied.notify_one();
 }
 
 void ThreadLoopHandler::Shared::waitReady() {
-    MutexLock held(lock);
-    while (!ready)
-        readied.wait(held.native());
+    MutexLock lock(mLock);
+    while (!mReady)
+        mReadied.wait(lock.native());
 }
 
-void ThreadLoopHandler::Shared::runLoop(const std::string& threadName) {
+void ThreadLoopHandler::Shared::runLoop(IThreadLoop& loop, const std::string& threadName) {
     if (!threadName.empty())
         pthread_setname_np(pthread_self(), threadName.substr(0, 15).c_str());
-    const std::shared_ptr<IThreadLoop> running = begin();
-    const int result = running->readyToRun(IThreadLoop::ReadyToRun{threadName});
+    thread = std::this_thread::get_id();
+    const int result = loop.readyToRun(IThreadLoop::ReadyToRun{threadName});
     setReady();
     if (result != 0)
         CORVANE_LOGE("Thread %s is not ready to run: %d", threadName.c_str(), result);
-    while (result == 0 && !exitRequested && running->threadLoop()) {
+    while (result == 0 && !exitRequested && loop.threadLoop()) {
     }
-    // The object may die when this returns, and may own the handler: no lock is held then.
-    MutexLock held(lock);
-    loop.reset();
 }
 
 std::shared_ptr<ThreadLoopHandler> ThreadLoopHandler::make() {
@@ -87,19 +83,21 @@ int ThreadLoopHandler::run(const std::shared_ptr<IThreadLoop>& loop) {
         return -EINVAL;
     if (mShared)
         return -EBUSY;
-    auto shared = std::make_shared<Shared>();
-    {
-        MutexLock held(shared->lock);
-        shared->loop = loop;
-    }
-    mShared = shared;
+    const auto guard =
+        timeguard::TimeBomb::make(mThreadName.c_str(), kReadyLimit, kReadyPeriod, "readyToRun");
+    mShared = std::make_shared<Shared>();
+    mLoop = loop;
     try {
-        mThread = std::thread([shared, name = mThreadName] { shared->runLoop(name); });
-    } catch (const std::system_error&) {
+        // The thread's copies may be the last ones: the loop, and what it owns, then dies there.
+        mThread = std::thread([shared = mShared, loop, name = mThreadName] {  //
+            shared->runLoop(*loop, name);
+        });
+    } catch (const std::system_error& error) {
+        CORVANE_LOGE("No thread for %s: %s", mThreadName.c_str(), error.what());
         mShared.reset();
         return -EAGAIN;
     }
-    shared->waitReady();
+    mShared->waitReady();
     return 0;
 }
 
@@ -107,17 +105,12 @@ void ThreadLoopHandler::requestExitAndWait() {
     if (!mShared)
         return;
     mShared->exitRequested = true;
-    std::shared_ptr<IThreadLoop> loop;
-    bool onItsThread = false;
-    {
-        MutexLock held(mShared->lock);
-        loop = mShared->loop;
-        onItsThread = mShared->thread == std::this_thread::get_id();
-    }
-    if (loop)
+    if (const auto loop = mLoop.lock())
         loop->requestExit();
-    if (!onItsThread && mThread.joinable())
-        mThread.join();
+    if (mShared->thread == std::this_thread::get_id() || !mThread.joinable())
+        return;
+    mThread.join();
+    mLoop.reset();
 }
 
 }  // namespace NSVista::NSCorvane

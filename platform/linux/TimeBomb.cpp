@@ -1,19 +1,17 @@
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
 #include <corvane/platform/TimeBomb.h>
-#include <pthread.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <condition_variable>
 #include <cstdarg>
 #include <limits>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "HandlerSlot.h"
+#include "QuietThread.h"
 
 CORVANE_LOG_UNIT("corvane-TimeGuard")
 
@@ -23,11 +21,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/** Far enough to mean "never", near enough to be added to any time. */
-constexpr unsigned long kLongest = std::numeric_limits<int64_t>::max() / 4;
-
 Clock::duration duration(unsigned long ns) {
-    return std::chrono::nanoseconds(static_cast<int64_t>(std::min(ns, kLongest)));
+    // Far enough to mean "never", near enough to be added to any time.
+    constexpr uint64_t kLongest = std::numeric_limits<int64_t>::max() / 4;
+    return std::chrono::nanoseconds(static_cast<int64_t>(std::min<uint64_t>(ns, kLongest)));
 }
 
 struct Armed {
@@ -36,16 +33,9 @@ struct Armed {
     std::weak_ptr<const TimeBomb> bomb;
 };
 
-/** Orders a heap so that the nearest deadline is in front. */
-bool later(const Armed& a, const Armed& b) {
-    return a.deadline > b.deadline;
-}
-
 /**
- * The thread that watches all guards.
- *
- * It knows them weakly, so that disarming one is deleting it. What is left of disarmed guards is
- * dropped when the thread wakes, and when they make up half of the heap.
+ * The thread that watches all guards, of which there are as many as calls under way. It knows them
+ * weakly, so that disarming one is deleting it.
  */
 class GuardThread {
 public:
@@ -61,107 +51,82 @@ public:
     HandlerSlot<void(const TimeBomb&, std::chrono::nanoseconds)> handler;
 
 private:
-    bool start() CORVANE_REQUIRES(mLock);
-    void push(Armed armed) CORVANE_REQUIRES(mLock);
-    Armed pop() CORVANE_REQUIRES(mLock);
-    void purge() CORVANE_REQUIRES(mLock);
+    bool start();
     void run();
-    /** @return the time to the next report, zero when there is none. */
-    Clock::duration report(const Armed& armed) CORVANE_EXCLUDES(mLock);
+    /** Drops what is disarmed. @return the guard that expires next. */
+    Armed* nearest() CORVANE_REQUIRES(mLock);
+    void report(const TimeBomb& bomb, Clock::duration age) CORVANE_EXCLUDES(mLock);
 
     Mutex mLock;
-    std::condition_variable mNearer;
-    std::vector<Armed> mHeap CORVANE_GUARDED_BY(mLock);
-    size_t mPurgeAt CORVANE_GUARDED_BY(mLock) = 64;
+    std::condition_variable mAdded;
+    std::vector<Armed> mArmed CORVANE_GUARDED_BY(mLock);
     bool mStarted CORVANE_GUARDED_BY(mLock) = false;
 };
 
 bool GuardThread::add(const std::shared_ptr<TimeBomb>& bomb) {
     const auto now = Clock::now();
-    MutexLock lock(mLock);
+    const MutexLock lock(mLock);
     if (!mStarted)
         mStarted = start();
+    const Armed* const next = nearest();
     const auto deadline = now + duration(bomb->limit());
-    const bool nearest = mHeap.empty() || deadline < mHeap.front().deadline;
-    push({deadline, now, bomb});
-    if (nearest)
-        mNearer.notify_one();
+    const bool first = next == nullptr || deadline < next->deadline;
+    mArmed.push_back({deadline, now, bomb});
+    if (first)
+        mAdded.notify_one();
     return mStarted;
 }
 
 bool GuardThread::start() {
-    // The host's signal handlers run on the host's threads.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    bool started = true;
-    try {
-        std::thread([this] { run(); }).detach();
-    } catch (const std::system_error&) {
-        started = false;
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return started;
+    std::thread thread = startQuietThread("TimeGuard", [this] { run(); });
+    if (!thread.joinable())
+        return false;
+    thread.detach();
+    return true;
 }
 
-void GuardThread::push(Armed armed) {
-    if (mHeap.size() >= mPurgeAt)
-        purge();
-    mHeap.push_back(std::move(armed));
-    std::push_heap(mHeap.begin(), mHeap.end(), later);
-}
-
-Armed GuardThread::pop() {
-    std::pop_heap(mHeap.begin(), mHeap.end(), later);
-    Armed armed = std::move(mHeap.back());
-    mHeap.pop_back();
-    return armed;
-}
-
-void GuardThread::purge() {
-    std::erase_if(mHeap, [](const Armed& armed) { return armed.bomb.expired(); });
-    std::make_heap(mHeap.begin(), mHeap.end(), later);
-    mPurgeAt = std::max<size_t>(64, mHeap.size() * 2);
+Armed* GuardThread::nearest() {
+    std::erase_if(mArmed, [](const Armed& armed) { return armed.bomb.expired(); });
+    const auto sooner = [](const Armed& a, const Armed& b) { return a.deadline < b.deadline; };
+    const auto found = std::min_element(mArmed.begin(), mArmed.end(), sooner);
+    return found != mArmed.end() ? &*found : nullptr;
 }
 
 void GuardThread::run() {
-    pthread_setname_np(pthread_self(), "TimeGuard");
     MutexLock lock(mLock);
     for (;;) {
-        while (!mHeap.empty() && mHeap.front().bomb.expired())
-            pop();
-        if (mHeap.empty()) {
-            mNearer.wait(lock.native());
+        Armed* const next = nearest();
+        if (next == nullptr) {
+            mAdded.wait(lock.native());
             continue;
         }
-        const auto deadline = mHeap.front().deadline;
-        if (Clock::now() < deadline) {
-            mNearer.wait_until(lock.native(), deadline);
+        const auto now = Clock::now();
+        if (now < next->deadline) {
+            // A copy: the guard may be gone before the wait looks at its deadline again.
+            const auto deadline = next->deadline;
+            mAdded.wait_until(lock.native(), deadline);
             continue;
         }
-        Armed expired = pop();
+        const auto bomb = next->bomb.lock();
+        if (!bomb)
+            continue;
+        const auto age = now - next->since;
+        if (const auto period = duration(bomb->period()); period > Clock::duration::zero())
+            next->deadline += period * ((now - next->deadline) / period + 1);
+        else
+            next->deadline = Clock::time_point::max();
         lock.unlock();
-        const auto next = report(expired);
+        report(*bomb, age);
         lock.lock();
-        if (next > Clock::duration::zero()) {
-            expired.deadline = Clock::now() + next;
-            push(std::move(expired));
-        }
     }
 }
 
-Clock::duration GuardThread::report(const Armed& armed) {
-    const auto bomb = armed.bomb.lock();
-    if (!bomb)
-        return Clock::duration::zero();
-    const auto age = Clock::now() - armed.since;
+void GuardThread::report(const TimeBomb& bomb, Clock::duration age) {
     CORVANE_LOGE(
-        "%s: %s (%lld ms)", bomb->name(), bomb->message(),
+        "%s: %s (%lld ms)", bomb.name(), bomb.message(),
         static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(age).count()));
     if (const auto expiryHandler = handler.get())
-        (*expiryHandler)(*bomb, age);
-    return duration(bomb->period());
+        (*expiryHandler)(bomb, age);
 }
 
 }  // namespace

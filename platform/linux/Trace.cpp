@@ -1,13 +1,16 @@
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
 #include <corvane/platform/Trace.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
+#include <string>
 
 #include "Format.h"
+#include "PropertyText.h"
 #include "TraceBackend.h"
 
 CORVANE_LOG_UNIT("corvane-Trace")
@@ -19,58 +22,46 @@ constinit std::atomic<uint64_t> gTraceBits{~uint64_t{0}};
 
 namespace {
 
-/** Holds the running backend. Never destroyed: threads trace until the very end of the process. */
-struct Running {
-    Mutex lock;
-    std::shared_ptr<Backend> backend CORVANE_GUARDED_BY(lock);
+constinit Mutex gLock;  ///< one start or stop at a time
+constinit std::atomic<Backend*> gBackend{nullptr};
+std::atomic<int> gOwner{0};  ///< the process that started it; a forked child leaves it alone
 
-    static Running& instance() {
-        static auto* const running = new Running;
-        return *running;
-    }
-};
-
-std::shared_ptr<Backend> backend() {
-    if (gEnabledTags.load(std::memory_order_relaxed) == 0)
-        return nullptr;
-    MutexLock lock(Running::instance().lock);
-    return Running::instance().backend;
+Backend* running() {
+    return gBackend.load(std::memory_order_acquire);
 }
 
-/** Puts a backend (or none) in place of the one before, which is then completed. */
-void replaceBackend(std::shared_ptr<Backend> next) {
-    {
-        MutexLock lock(Running::instance().lock);
-        gEnabledTags.store(next ? ATRACE_TAG_CAMERA : 0, std::memory_order_relaxed);
-        Running::instance().backend.swap(next);
-    }
+void enable(bool on) {
+    gEnabledTags.store(on ? ATRACE_TAG_CAMERA : 0, std::memory_order_relaxed);
     Gates::update();
-    if (next)
-        next->finish();
 }
 
 void emit(Kind kind, const char* name, int32_t value) {
-    const auto running = backend();
-    if (!running)
-        return;
-    const ErrnoKeeper keeper;
-    running->event(kind, name != nullptr ? name : "", value);
+    if (Backend* const backend = running())
+        backend->event(kind, name != nullptr ? name : "", value);
 }
 
-std::shared_ptr<Backend> makeBackend(const char* target, int& error) {
-    return strcmp(target, "marker") == 0 ? openMarkerBackend(error)
-                                         : makeFileBackend(target, error);
+/** "%p" is the process id: a child that inherits the name traces into a file of its own. */
+std::string filePath(const char* target) {
+    std::string path(target);
+    for (size_t at = 0; (at = path.find("%p", at)) != std::string::npos;)
+        path.replace(at, 2, std::to_string(getpid()));
+    return path;
+}
+
+void stopLocked() CORVANE_REQUIRES(gLock) {
+    enable(false);
+    if (Backend* const backend = gBackend.exchange(nullptr, std::memory_order_acq_rel))
+        backend->finish();
 }
 
 /** Takes the configured trace bits and backend. */
 bool loadState() {
-    // An int32 of -1 stands for all 64 bits.
-    gTraceBits = static_cast<uint64_t>(int64_t{
-        Utils::Properties::property_get_int32("persist.vendor.camera.corvane.tracebits", -1)});
-    char target[Utils::Properties::kValueMax] = {};
-    Utils::Properties::property_get("persist.vendor.camera.corvane.trace", target, "none");
-    if (const int result = start(target); result != 0)
-        CORVANE_LOGE("Failed to trace into %s: %d", target, result);
+    set_corvane_enabled_tracebits(Utils::Properties::property_get_uint64(
+        "persist.vendor.camera.corvane.tracebits", ~uint64_t{0}));
+    const std::string target =
+        Utils::Properties::propertyText("persist.vendor.camera.corvane.trace", "none");
+    if (const int result = start(target.c_str()); result != 0)
+        CORVANE_LOGE("Failed to trace into %s: %d(%s)", target.c_str(), result, strerror(-result));
     return true;
 }
 
@@ -79,30 +70,43 @@ bool loadState() {
 }  // namespace
 
 int start(const char* target) {
-    stop();
+    const MutexLock lock(gLock);
+    stopLocked();
     if (target == nullptr || *target == '\0' || strcmp(target, "none") == 0)
         return 0;
     int error = 0;
-    auto next = makeBackend(target, error);
-    if (!next)
+    Backend* const next = strcmp(target, "marker") == 0
+                              ? openMarkerBackend(error)
+                              : startFileBackend(filePath(target).c_str(), error);
+    if (next == nullptr)
         return error;
     [[maybe_unused]] static const int registered = std::atexit([] { stop(); });
-    replaceBackend(std::move(next));
+    gOwner = getpid();
+    gBackend.store(next, std::memory_order_release);
+    enable(true);
     return 0;
 }
 
 void stop() {
-    replaceBackend(nullptr);
+    // A forked child may have been made while another thread held the lock.
+    if (gOwner != getpid())
+        return;
+    const MutexLock lock(gLock);
+    stopLocked();
+}
+
+void disable() {
+    enable(false);
 }
 
 void nameThread(const char* name) {
-    if (const auto running = backend())
-        running->nameThread(name);
+    if (Backend* const backend = running())
+        backend->nameThread(name);
 }
 
 void flush() {
-    if (const auto running = backend())
-        running->flush();
+    if (Backend* const backend = running())
+        backend->flush();
 }
 
 }  // namespace NSVista::NSCorvane::trace
@@ -130,6 +134,15 @@ void atrace_int_body(const char* name, int32_t value) {
 }
 
 namespace NSVista::NSCorvane {
+
+TraceName::TraceName(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int length = formatPlain(mText, sizeof(mText), format, args);
+    va_end(args);
+    if (length < 0 || length >= static_cast<int>(sizeof(mText)))
+        mText[0] = '\0';
+}
 
 void set_corvane_enabled_tracebits(uint64_t bits) {
     trace::gTraceBits.store(bits, std::memory_order_relaxed);

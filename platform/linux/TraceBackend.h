@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include <corvane/platform/UniqueFd.h>
 
@@ -20,10 +19,10 @@ enum class Kind : char {
     Counter = 'C',
 };
 
-/** A running trace. Any thread. */
+/** A way to trace. Never destroyed: a thread may be inside event() while tracing stops. Any thread.
+ */
 class Backend {
 public:
-    virtual ~Backend() = default;
     /**
      * Takes one event of the calling thread.
      * @param name empty for Kind::End.
@@ -36,17 +35,26 @@ public:
     virtual void flush() = 0;
     /** The trace is complete; later events are dropped. */
     virtual void finish() = 0;
+
+protected:
+    ~Backend() = default;
 };
 
-/** @param[out] error 0 or the negated errno. @return null on failure. */
-std::shared_ptr<Backend> makeFileBackend(const char* path, int& error);
-std::shared_ptr<Backend> openMarkerBackend(int& error);
+/**
+ * Begins a trace file. One at a time.
+ * @param[out] error 0 or the negated errno.
+ * @return null on failure.
+ */
+Backend* startFileBackend(const char* path, int& error);
+Backend* openMarkerBackend(int& error);
 /** @param fd a marker. */
-std::shared_ptr<Backend> makeMarkerBackend(UniqueFd fd);
+Backend* makeMarkerBackend(UniqueFd fd);
 
 /** The calling thread has a new name. */
 void nameThread(const char* name);
 /** Makes what was traced so far survive the process. */
 void flush();
+/** A trace ended by itself: sections are off until the next start. */
+void disable();
 
 }  // namespace NSVista::NSCorvane::trace

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <iterator>
 
+#include "Format.h"
 #include "TraceBackend.h"
 
 namespace NSVista::NSCorvane::trace {
@@ -25,24 +26,24 @@ public:
 
 private:
     const UniqueFd mFd;
-    const int mPid = getpid();
 };
 
 void MarkerBackend::event(Kind kind, const char* name, int32_t value) {
+    const ErrnoKeeper keeper;
     constexpr int kNameMax = 900;  // leaves room for the number that follows
     char text[1024];
     int length = 0;
     const char letter = static_cast<char>(kind);
     switch (kind) {
         case Kind::Begin:
-            length = snprintf(text, sizeof(text), "%c|%d|%.*s", letter, mPid, kNameMax, name);
+            length = snprintf(text, sizeof(text), "%c|%d|%.*s", letter, getpid(), kNameMax, name);
             break;
         case Kind::End:
-            length = snprintf(text, sizeof(text), "%c|%d", letter, mPid);
+            length = snprintf(text, sizeof(text), "%c|%d", letter, getpid());
             break;
         default:
-            length =
-                snprintf(text, sizeof(text), "%c|%d|%.*s|%d", letter, mPid, kNameMax, name, value);
+            length = snprintf(text, sizeof(text), "%c|%d|%.*s|%d", letter, getpid(), kNameMax, name,
+                              value);
             break;
     }
     // A line feed would end the event in the trace's text form.
@@ -54,17 +55,21 @@ void MarkerBackend::event(Kind kind, const char* name, int32_t value) {
 
 }  // namespace
 
-std::shared_ptr<Backend> makeMarkerBackend(UniqueFd fd) {
-    return std::make_shared<MarkerBackend>(std::move(fd));
+Backend* makeMarkerBackend(UniqueFd fd) {
+    return new MarkerBackend(std::move(fd));
 }
 
-std::shared_ptr<Backend> openMarkerBackend(int& error) {
+Backend* openMarkerBackend(int& error) {
+    static Backend* opened = nullptr;
+    error = 0;
+    if (opened != nullptr)
+        return opened;
     for (const char* path :
          {"/sys/kernel/tracing/trace_marker", "/sys/kernel/debug/tracing/trace_marker"}) {
         UniqueFd fd(::open(path, O_WRONLY | O_CLOEXEC));
         if (fd) {
             error = 0;
-            return makeMarkerBackend(std::move(fd));
+            return opened = makeMarkerBackend(std::move(fd));
         }
         error = -errno;
     }

@@ -1,7 +1,14 @@
 #include <corvane/platform/Gates.h>
 #include <corvane/platform/Properties.h>
 #include <corvane/platform/ULog.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+#include "PropertyText.h"
 #include "ULogSink.h"
 
 namespace NSVista::Utils::ULog {
@@ -15,15 +22,28 @@ constinit std::atomic<ULogger*> ULogger::sULogger{nullptr};
 
 namespace {
 
+constexpr const char kTag[] = "corvane-ULog";
+
+ULogger* openDefaultSink() {
+    const std::string path = Properties::propertyText("persist.vendor.kvx.camera.ulog.file", "");
+    if (!path.empty()) {
+        if (auto logger = FileULogger::open(path.c_str()))
+            return logger.release();
+        log_dbg_print(kTag, CAM_DEBUG_ERROR, "E [%s] Failed to log to %s: %s", kTag, path.c_str(),
+                      strerror(errno));
+    }
+    return new FileULogger(STDERR_FILENO);
+}
+
 /** Never destroyed: lines are logged until the very end of the process. */
 ULogger& defaultSink() {
-    static auto* const logger = new StreamULogger(stderr);
+    static ULogger* const logger = openDefaultSink();
     return *logger;
 }
 
 void loadProperty(const char* key, Setting& setting) {
-    const auto byDefault = static_cast<int32_t>(uint32_t{setting});
-    setting = static_cast<uint32_t>(Properties::property_get_int32(key, byDefault));
+    constexpr uint64_t kMost = std::numeric_limits<uint32_t>::max();
+    setting = static_cast<uint32_t>(std::min(Properties::property_get_uint64(key, setting), kMost));
 }
 
 bool loadState() {

@@ -1,11 +1,18 @@
-#include <corvane/platform/Service.h>
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/ULog.h>
-#include <syslog.h>
+#include <fcntl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+
+#include "LineWriter.h"
+#include "PrivateFile.h"
+#include "ULogSink.h"
 
 namespace NSVista::Utils::ULog {
 
@@ -16,73 +23,89 @@ char levelLetter(int level) {
     return level >= kError && level <= kVerbose ? kLetters[level] : kLetters[0];
 }
 
-/** Writes one line with one call, which stdio keeps whole among threads. */
-void writeLine(FILE* stream, const char* tag, int level, const char* text, size_t length) {
-    struct timespec now {};
-    NSCorvane::getCurrentLogTime(now);
-    char line[1280];
-    const int result = snprintf(line, sizeof(line), "%s %d %d %c %.128s: %.*s\n",
-                                NSCorvane::convertToFormattedLogTime(now).c_str(), getpid(),
-                                Thread::getThisThread(), levelLetter(level), tag,
-                                static_cast<int>(std::min<size_t>(length, 1023)), text);
-    if (result > 0)
-        fwrite(line, 1, std::min(static_cast<size_t>(result), sizeof(line) - 1), stream);
+/** "MM-DD hh:mm:ss." of a second; formatted once for all lines of it on the thread. */
+const char* secondText(time_t second) {
+    thread_local time_t known = 0;
+    thread_local char text[32] = "01-01 00:00:00.";
+    if (second != known) {
+        struct tm local {};
+        localtime_r(&second, &local);
+        strftime(text, sizeof(text), "%m-%d %H:%M:%S.", &local);
+        known = second;
+    }
+    return text;
 }
 
-int syslogPriority(int level) {
-    switch (level) {
-        case kError:
-            return LOG_ERR;
-        case kWarning:
-            return LOG_WARNING;
-        case kInfo:
-            return LOG_INFO;
-        case kKeyEvent:
-            return LOG_NOTICE;
-        default:
-            return LOG_DEBUG;
+/** Appends to a line that is cut at its end. */
+class LineText {
+public:
+    void add(const char* text, size_t length) {
+        length = std::min(length, static_cast<size_t>(mText + kMost - mEnd));
+        memcpy(mEnd, text, length);
+        mEnd += length;
     }
-}
+    void add(const char* text) { add(text, strlen(text)); }
+    void add(char c) { add(&c, 1); }
+    /** @param digits at least so many. */
+    void number(long value, int digits = 0) {
+        char text[24];
+        const auto end = std::to_chars(text, text + sizeof(text), value).ptr;
+        for (auto missing = digits - (end - text); missing > 0; --missing)
+            add('0');
+        add(text, static_cast<size_t>(end - text));
+    }
+    /** @return the line with its line feed. */
+    std::string_view finish() {
+        *mEnd = '\n';
+        return {mText, static_cast<size_t>(mEnd + 1 - mText)};
+    }
+
+private:
+    static constexpr size_t kMost = 1279;
+    char mText[kMost + 1];
+    char* mEnd = mText;
+};
 
 }  // namespace
 
-void StreamULogger::log(uint32_t /*module*/, const char* tag, int level, const char* text,
-                        size_t length) {
-    writeLine(mStream, tag, level, text, length);
-}
-
-void StreamULogger::flush(int /*wait*/) {
-    fflush(mStream);
-}
-
 std::unique_ptr<FileULogger> FileULogger::open(const char* path) {
-    FILE* const file = fopen(path, "ae");
-    if (file == nullptr)
+    NSCorvane::UniqueFd fd = NSCorvane::openPrivate(path, O_WRONLY | O_CREAT | O_APPEND);
+    if (!fd)
         return nullptr;
-    return std::unique_ptr<FileULogger>(new FileULogger(file));
+    auto logger = std::make_unique<FileULogger>(fd.get());
+    logger->mOwned = std::move(fd);
+    return logger;
 }
 
-FileULogger::FileULogger(FILE* file) : mFile(file) {
+FileULogger::FileULogger(int fd) : mFd(fd), mWriter(std::make_unique<NSCorvane::LineWriter>(fd)) {
 }
 
-FileULogger::~FileULogger() {
-    fclose(mFile);
-}
+FileULogger::~FileULogger() = default;
 
 void FileULogger::log(uint32_t /*module*/, const char* tag, int level, const char* text,
                       size_t length) {
-    writeLine(mFile, tag, level, text, length);
+    struct timespec now {};
+    NSCorvane::getCurrentLogTime(now);
+    LineText line;
+    line.add(secondText(now.tv_sec));
+    line.number(now.tv_nsec / 1000, 6);
+    line.add(' ');
+    line.number(getpid());
+    line.add(' ');
+    line.number(Thread::getThisThread());
+    line.add(' ');
+    line.add(levelLetter(level));
+    line.add(' ');
+    line.add(tag, strnlen(tag, 128));
+    line.add(": ", 2);
+    line.add(text, std::min(length, kTextMax));
+    const std::string_view whole = line.finish();
+    mWriter->write(whole.data(), whole.size());
 }
 
 void FileULogger::flush(int wait) {
-    fflush(mFile);
-    if (wait != 0)
-        fdatasync(fileno(mFile));
-}
-
-void SyslogULogger::log(uint32_t /*module*/, const char* tag, int level, const char* text,
-                        size_t length) {
-    syslog(syslogPriority(level), "%s: %.*s", tag, static_cast<int>(length), text);
+    if (wait != 0 && mOwned)
+        fdatasync(mFd);
 }
 
 RingULogger::RingULogger(size_t capacity) : mCapacity(std::max<size_t>(capacity, 1)) {

@@ -139,14 +139,12 @@ TEST_F(TraceTest, IsCompleteHoweverTheProcessEnds) {
 TEST_F(TraceTest, WritesOneMarkerEventPerWrite) {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_DIRECT), 0);  // keeps writes apart
-    {
-        const auto marker = trace::makeMarkerBackend(UniqueFd(fds[1]));
-        marker->event(trace::Kind::Begin, "two\nlines", 0);
-        marker->event(trace::Kind::End, "", 0);
-        marker->event(trace::Kind::AsyncBegin, std::string(2000, 'n').c_str(), 5);
-        marker->event(trace::Kind::AsyncEnd, "request", -5);
-        marker->event(trace::Kind::Counter, "queued", 8);
-    }
+    static trace::Backend* const marker = trace::makeMarkerBackend(UniqueFd(fds[1]));
+    marker->event(trace::Kind::Begin, "two\nlines", 0);
+    marker->event(trace::Kind::End, "", 0);
+    marker->event(trace::Kind::AsyncBegin, std::string(2000, 'n').c_str(), 5);
+    marker->event(trace::Kind::AsyncEnd, "request", -5);
+    marker->event(trace::Kind::Counter, "queued", 8);
     const std::string pid = std::to_string(getpid());
     for (const std::string& expected :
          {"B|" + pid + "|two lines", "E|" + pid, "S|" + pid + "|" + std::string(900, 'n') + "|5",

@@ -18,7 +18,7 @@ class IPrinter;
 
 namespace NSVista::NSCorvane {
 
-/** What a ThreadLoopHandler runs. */
+/** What a ThreadLoopHandler runs. Its operations must not throw: that would end the process. */
 class CORVANE_EXPORT IThreadLoop {
 public:
     /** What a starting thread knows of itself. */
@@ -60,18 +60,23 @@ public:
     /**
      * Starts the thread: `readyToRun` once, then `threadLoop()` while it returns true and no exit
      * was requested. Returns when `readyToRun` has finished; when that returned non-zero, the loop
-     * is not entered.
-     * @return 0; -EINVAL without a loop, -EBUSY when it was run before, -EAGAIN when the system
-     *         has no thread to give.
+     * is not entered. A time guard tells of a `readyToRun` that does not come back.
+     * @return 0; -EINVAL without a loop, -EBUSY when it was run before, -EAGAIN with an error line
+     *         when the system has no thread to give: nothing runs then, and it may be run again.
      */
     int run(const std::shared_ptr<IThreadLoop>& loop);
-    /** Asks the loop to end and joins. Called on the thread itself, it only asks. Idempotent. */
+    /**
+     * Asks the loop to end and joins. The loop's `requestExit()` is called also when the loop ended
+     * by itself, unless the object is gone. Called on the thread itself, it only asks. Once joined,
+     * it does nothing.
+     */
     void requestExitAndWait();
 
 private:
     struct Shared;
     std::string mThreadName;
     std::shared_ptr<Shared> mShared;
+    std::weak_ptr<IThreadLoop> mLoop;
     std::thread mThread;
 };
 

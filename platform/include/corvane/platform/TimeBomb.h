@@ -16,7 +16,8 @@ namespace NSVista::NSCorvane::timeguard {
 
 /**
  * A guard that is armed while it lives. When it outlives its limit, its message is logged at error
- * level with its age, again every period until it is released, and the expiry handler is called.
+ * level with its age, again at every period after the limit until it is released, and the expiry
+ * handler is called. Reports that the guard thread was too late for are left out.
  *
  * One thread of the platform, started with the first guard, watches all of them.
  */
@@ -40,10 +41,7 @@ public:
     static std::shared_ptr<TimeBomb> make(const char* name, unsigned long limit,
                                           unsigned long period, const char* format, Args... args) {
         auto* bomb = new TimeBomb(name, limit, period);
-        if constexpr (sizeof...(Args) == 0)
-            bomb->setMessage("%s", format);
-        else
-            bomb->setMessage(format, args...);
+        bomb->setMessage(format, args...);
         std::shared_ptr<TimeBomb> shared(bomb, &TimeBomb::deleteThis);
         registerTimeBomb(shared);
         return shared;
@@ -57,6 +55,11 @@ public:
      * Replaces the expiry handler; an empty function takes it away. Any thread. A call under way
      * finishes with the handler it began with. A handler must not throw, and is taken away before
      * what it uses is gone: guards expire until the process ends.
+     *
+     * The guarded call is still under way, under the locks that its caller holds: a handler must
+     * not call back into the object that is guarded (a scene that starts or stops, the sub-device
+     * provider) and must not wait for a thread that does. It may log, read properties, dump what is
+     * documented as safe beside anything, and end the process.
      */
     static void setExpiryHandler(ExpiryHandler handler);
 
@@ -66,7 +69,8 @@ public:
     unsigned long period() const { return mPeriod; }
 
 private:
-    void setMessage(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    /** Not marked as printf's: make() hands on formats that the compiler does not see. */
+    void setMessage(const char* format, ...);
 
     std::string mName;
     unsigned long mLimit;

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 
 #include <corvane/platform/Export.h>
 #include <corvane/platform/Gates.h>
@@ -26,7 +25,7 @@ extern CORVANE_EXPORT std::atomic<uint64_t> gTraceBits;
 /**
  * @name Trace backend
  * The backend is chosen by trace::start() or, at load, by the property
- * "persist.vendor.camera.corvane.trace" ("none", "marker" or the path of a file). With none, a
+ * "persist.vendor.camera.corvane.trace" (what start() takes; default "none"). With none, a
  * section costs one integer test at each end. Any thread.
  * @{
  */
@@ -59,13 +58,23 @@ namespace trace {
 
 /**
  * Starts tracing into a backend, ending the one before.
- * @param target "none", "marker" (the kernel's trace marker) or the path of a file, written in the
- *        Chrome trace event format, which Perfetto's viewer opens.
- * @return 0 or the negated errno; on failure nothing is traced.
+ *
+ * Events for a file are put into buffers, one a thread and all made beforehand, and written by a
+ * thread of the platform: an event takes no lock, no allocation and, but for a thread's first one
+ * in a trace, no system call. What does not fit is counted, and told in the trace and in one
+ * warning line at its end. The file is made with mode 0600 (no link is followed to it), complete
+ * and valid after every piece that is written (256 kB), also on a full disk, and ends with a mark
+ * at the property "persist.vendor.camera.corvane.tracelimit" (bytes; default 1 GiB).
+ * @param target "none", "marker" (the kernel's trace marker, written by each thread itself) or the
+ *        path of a file, written in the Chrome trace event format, which Perfetto's viewer opens;
+ *        "%p" in it stands for the process id.
+ * @return 0 or the negated errno, -EBUSY for a file that a living process traces into; on failure
+ *         nothing is traced.
  */
 CORVANE_EXPORT int start(const char* target);
 /**
- * Ends tracing; a file is complete when this returns. The end of the process and a fatal error stop
+ * Ends tracing; a file is complete when this returns. A forked child does not trace into its
+ * parent's file and cannot end its trace. The end of the process and a fatal error stop
  * as well. A section that is open then is closed in the file.
  */
 CORVANE_EXPORT void stop();
@@ -84,22 +93,13 @@ inline bool traceEnabled(unsigned bit) {
  * A section name that is formatted only when it is used. A name of 128 characters or more is
  * empty.
  */
-class TraceName {
+class CORVANE_EXPORT TraceName {
 public:
-    template <class... Args>
-    explicit TraceName(const char* format, Args... args) {
-        int length = 0;
-        if constexpr (sizeof...(Args) == 0)
-            length = snprintf(mText, sizeof(mText), "%s", format);
-        else
-            length = snprintf(mText, sizeof(mText), format, args...);
-        if (length < 0 || length >= static_cast<int>(sizeof(mText)))
-            mText[0] = '\0';
-    }
+    explicit TraceName(const char* format, ...) __attribute__((format(printf, 2, 3)));
     const char* text() const { return mText; }
 
 private:
-    char mText[128] = {};
+    char mText[128];
 };
 
 /**

@@ -10,13 +10,17 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <corvane/platform/Export.h>
 #include <corvane/platform/Mutex.h>
+#include <corvane/platform/UniqueFd.h>
+
+namespace NSVista::NSCorvane {
+class LineWriter;
+}
 
 /** Level codes of the debug print. */
 enum cam_debug_level_t {
@@ -89,8 +93,8 @@ private:
  * A sink of the unified log, and the log's process-wide state.
  *
  * The state starts from the properties "persist.vendor.kvx.camera.ulog.mode" (default 2),
- * ".detailslevel" (default 1: errors) and ".detailsmask" (default: all modules), and
- * may be set at any time; a change takes effect at the next statement.
+ * ".detailslevel" (default 2: warnings) and ".detailsmask" (default: all modules), and may be set
+ * at any time; a change takes effect at the next statement.
  */
 class CORVANE_EXPORT ULogger {
 public:
@@ -112,7 +116,8 @@ public:
 
     virtual ~ULogger();
     /**
-     * Takes one line. Any thread, concurrently.
+     * Takes one line. Any thread, concurrently, under locks of the caller: a sink does not call
+     * back into what logs, and does not hold its callers up.
      * @param text not terminated necessarily; @p length bytes, at most 1023.
      */
     virtual void log(uint32_t module, const char* tag, int level, const char* text,
@@ -123,38 +128,27 @@ public:
 };
 
 /**
- * Writes a line form "MM-DD hh:mm:ss.uuuuuu pid tid L tag: text" to a stdio stream. The default
- * sink is one over standard error.
+ * Appends lines of the form "MM-DD hh:mm:ss.uuuuuu pid tid L tag: text" to a file, or to a pipe or
+ * terminal: one that takes no more holds a thread up for 100 ms once, then lines are dropped until
+ * there is room, and the first that is written again is preceded by how many were. The default sink
+ * is one over standard error, or over the file that the property
+ * "persist.vendor.kvx.camera.ulog.file" names (owned by who runs the process, mode 0600; no link is
+ * followed).
  */
-class CORVANE_EXPORT StreamULogger : public ULogger {
-public:
-    /** @param stream not owned. */
-    explicit StreamULogger(FILE* stream) : mStream(stream) {}
-    void log(uint32_t module, const char* tag, int level, const char* text, size_t length) override;
-    void flush(int wait) override;
-
-private:
-    FILE* mStream;
-};
-
-/** Appends the line form of StreamULogger to a file of its own. */
 class CORVANE_EXPORT FileULogger : public ULogger {
 public:
     /** @return null when the file cannot be opened; errno tells why. */
     static std::unique_ptr<FileULogger> open(const char* path);
+    /** @param fd not owned. */
+    explicit FileULogger(int fd);
     ~FileULogger() override;
     void log(uint32_t module, const char* tag, int level, const char* text, size_t length) override;
     void flush(int wait) override;
 
 private:
-    explicit FileULogger(FILE* file);
-    FILE* mFile;
-};
-
-/** Hands lines to syslog(3). */
-class CORVANE_EXPORT SyslogULogger : public ULogger {
-public:
-    void log(uint32_t module, const char* tag, int level, const char* text, size_t length) override;
+    NSCorvane::UniqueFd mOwned;
+    const int mFd;
+    const std::unique_ptr<NSCorvane::LineWriter> mWriter;
 };
 
 /** Keeps the last lines in memory, for tests and post-mortem dumps. */
