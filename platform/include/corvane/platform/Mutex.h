@@ -41,6 +41,8 @@
 #define CORVANE_RELEASE(...) CORVANE_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 /** A function that takes the lock when it returns its first argument. */
 #define CORVANE_TRY_ACQUIRE(...) CORVANE_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
+/** A function that returns a reference to the named lock. */
+#define CORVANE_RETURN_CAPABILITY(lock) CORVANE_THREAD_ANNOTATION(lock_returned(lock))
 /** A function whose locking the analysis cannot follow; say why beside it. */
 #define CORVANE_NO_THREAD_SAFETY_ANALYSIS CORVANE_THREAD_ANNOTATION(no_thread_safety_analysis)
 
