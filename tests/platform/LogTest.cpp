@@ -1,11 +1,20 @@
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Printer.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
+#include <utility>
 
 CORVANE_LOG_UNIT("corvane-50%Test")
 
@@ -16,6 +25,11 @@ using testing::HasSubstr;
 #define X1024 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64
 
 namespace {
+
+struct FlushTeller : ULogger {
+    void log(uint32_t, const char*, int, const char*, size_t) override {}
+    void flush(int wait) override { fprintf(stderr, "flush %d\n", wait); }
+};
 
 class LogTest : public testing::Test {
 protected:
@@ -132,13 +146,130 @@ TEST_F(LogTest, PrintsDumpsAndKeepsTheNewestLines) {
     ASSERT_EQ(lines.size(), 8U);
     EXPECT_EQ(lines.front().text, "> 2");
     EXPECT_EQ(lines.back().text, "> 9");
+
+    // Taken out: the ring begins anew.
+    for (int i = 20; i < 29; ++i)
+        unified.printLine(std::to_string(i).c_str());
+    const auto later = mRing.take();
+    ASSERT_EQ(later.size(), 8U);
+    EXPECT_EQ(later.front().text, "> 21");
+    EXPECT_EQ(later.back().text, "> 28");
 }
 
-TEST_F(LogTest, FatalErrorsFlushAndAbortWithTheirLocation) {
-    struct FlushTeller : ULogger {
-        void log(uint32_t, const char*, int, const char*, size_t) override {}
-        void flush(int wait) override { fprintf(stderr, "flush %d\n", wait); }
+/** Standard error is a pipe while it lives. */
+class StderrPipe {
+public:
+    StderrPipe() {
+        EXPECT_EQ(pipe2(mEnds, O_CLOEXEC), 0);
+        dup2(mEnds[1], STDERR_FILENO);
+        ::close(mEnds[1]);
+    }
+    ~StderrPipe() {
+        dup2(mSaved, STDERR_FILENO);
+        ::close(mSaved);
+        closeReader();
+    }
+    void closeReader() {
+        if (mEnds[0] >= 0)
+            ::close(std::exchange(mEnds[0], -1));
+    }
+    std::string read() const {
+        std::string text(size_t{1} << 20, '\0');
+        text.resize(
+            static_cast<size_t>(std::max<ssize_t>(::read(mEnds[0], text.data(), text.size()), 0)));
+        return text;
+    }
+
+private:
+    int mSaved = dup(STDERR_FILENO);
+    int mEnds[2] = {};
+};
+
+TEST_F(LogTest, SurvivesAClosedPipeAndKeepsErrno) {
+    struct Spoiler : ULogger {
+        void log(uint32_t, const char*, int, const char*, size_t) override { errno = EXDEV; }
+    } spoiler;
+    StderrPipe pipe;
+    pipe.closeReader();
+    for (const uint32_t mode : {1U, 2U, 3U}) {
+        set(mode, 2, 0);
+        ULogger::install(mode == 3 ? &spoiler : nullptr);
+        errno = ENODEV;
+        CORVANE_LOGW("nobody reads this");
+        EXPECT_EQ(errno, ENODEV);
+    }
+    sigset_t pending;
+    sigpending(&pending);
+    EXPECT_FALSE(sigismember(&pending, SIGPIPE));
+}
+
+TEST_F(LogTest, DropsAndCountsWhatNobodyReads) {
+    const std::string text(1000, 'x');
+    ULogger::install(nullptr);
+    set(2, 2, 0);
+    CORVANE_LOGW("after this line nothing is missing");
+    StderrPipe pipe;
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 500; ++i)
+        CORVANE_LOGW("%s", text.c_str());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    const std::string kept = pipe.read();
+    const auto lines = std::count(kept.begin(), kept.end(), '\n');
+    EXPECT_GT(lines, 30);
+    CORVANE_LOGW("again");
+    EXPECT_THAT(pipe.read(), testing::MatchesRegex("\\(" + std::to_string(500 - lines) +
+                                                   " log lines were dropped\\)\n[^\n]*again\n"));
+}
+
+TEST_F(LogTest, AppendsToAFileOfItsOwner) {
+    const std::string path = testing::TempDir() + "corvane-log-" + std::to_string(getpid());
+    {
+        const auto file = FileULogger::open(path.c_str());
+        ASSERT_NE(file, nullptr);
+        file->log(0, "Tag", kDebug, "first and more", 5);
+        file->flush(1);
+    }
+    EXPECT_EQ(symlink(path.c_str(), (path + "-link").c_str()), 0);
+    EXPECT_EQ(FileULogger::open((path + "-link").c_str()), nullptr);
+    EXPECT_EQ(errno, ELOOP);
+    unlink((path + "-link").c_str());
+    setenv("PERSIST_VENDOR_KVX_CAMERA_ULOG_FILE", path.c_str(), 1);
+    const auto logsInAProcessOfItsOwn = [] {
+        ULogger::install(nullptr);
+        CORVANE_LOGI("second");
+        exit(0);
     };
+    EXPECT_EXIT(logsInAProcessOfItsOwn(), testing::ExitedWithCode(0), "");
+    unsetenv("PERSIST_VENDOR_KVX_CAMERA_ULOG_FILE");
+    struct stat info {};
+    stat(path.c_str(), &info);
+    EXPECT_EQ(info.st_mode & 07777, 0600U);
+    std::ifstream file(path);
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    unlink(path.c_str());
+    const std::string stamp =
+        "[0-9][0-9]-[0-9][0-9] [0-9:]*[.][0-9][0-9][0-9][0-9][0-9][0-9] [0-9]+ [0-9]+ ";
+    EXPECT_THAT(text, testing::MatchesRegex(stamp + "D Tag: first\n" + stamp +
+                                            "I corvane-50%Test: .operator... second\n"));
+}
+
+#if defined(CORVANE_CHECK_RELOCK)
+TEST_F(LogTest, EndsAThreadThatLocksWhatItHolds) {
+    NSVista::NSCorvane::Mutex mutex;
+    const auto relock = [&]() CORVANE_NO_THREAD_SAFETY_ANALYSIS {
+        const NSVista::NSCorvane::MutexLock lock(mutex);
+        mutex.lock();
+    };
+    ULogger::install(nullptr);
+    EXPECT_EXIT(relock(), testing::KilledBySignal(SIGABRT), "locks again what it holds");
+    // Other threads wait, and so does the same one when it has given the mutex back.
+    NSVista::NSCorvane::MutexLock lock(mutex);
+    lock.unlock();
+    lock.lock();
+}
+#endif
+
+TEST_F(LogTest, FatalErrorsFlushAndAbortWithTheirLocation) {
     for (const uint32_t mode : {0U, 1U, 2U, 3U}) {
         const auto die = [mode] {
             FlushTeller teller;
@@ -155,7 +286,12 @@ TEST_F(LogTest, FatalErrorsFlushAndAbortWithTheirLocation) {
 }
 
 TEST_F(LogTest, RefusedDriverCallsReportAndTerminate) {
-    EXPECT_EXIT(NSVista::Utils::terminateService(), testing::KilledBySignal(SIGTERM), "");
+    const auto terminate = [] {
+        FlushTeller teller;
+        ULogger::install(&teller);
+        NSVista::Utils::terminateService();
+    };
+    EXPECT_EXIT(terminate(), testing::KilledBySignal(SIGTERM), "flush 1");
 
     std::string seen;
     NSVista::Utils::setExceptionHandler(

@@ -1,4 +1,5 @@
 #include <corvane/platform/Properties.h>
+#include <corvane/platform/ULog.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -6,6 +7,8 @@
 #include <string>
 
 using namespace NSVista::Utils::Properties;
+using NSVista::Utils::ULog::RingULogger;
+using NSVista::Utils::ULog::ULogger;
 
 namespace {
 
@@ -29,6 +32,36 @@ TEST(Properties, TakesTheProcessThenTheEnvironmentThenTheDefault) {
     EXPECT_EQ(property_set(kKey, std::string(kValueMax, 'x').c_str()), -EINVAL);
 }
 
+TEST(Properties, AsksTheNextSourceForWhatDoesNotParse) {
+    RingULogger log(9);
+    ULogger::install(&log);
+    setenv("PERSIST_TEST_KEY", "7", 1);
+    EXPECT_EQ(property_get_int32(kKey, 3), 7);
+    setenv(kKey, "x6", 1);
+    property_set(kKey, "-5");
+    EXPECT_EQ(property_get_uint64(kKey, 3), 7U);
+    EXPECT_EQ(property_get_uint64(kKey, 3), 7U);
+    property_set(kKey, nullptr);
+    unsetenv(kKey);
+    unsetenv("PERSIST_TEST_KEY");
+    ULogger::install(nullptr);
+    std::string lines;
+    for (const auto& line : log.take())
+        lines += line.text + ";";
+    EXPECT_EQ(lines,
+              "[warn] persist.test.key: bad value '-5';[warn] persist.test.key: bad value 'x6';");
+
+    setenv(kKey, "", 1);  // absent
+    EXPECT_EQ(property_get_uint64(kKey, 3), 3U);
+    unsetenv(kKey);
+    char type[kValueMax];
+    property_get("ro.vendor.build.type", type, "userdebug");
+    EXPECT_STREQ(type, "user");
+    property_set(kKey, "0xffffffffffffffff");
+    EXPECT_EQ(property_get_uint64(kKey, 3), ~uint64_t{0});
+    property_set(kKey, nullptr);
+}
+
 TEST(Properties, ParsesWholeNumbersAndWordsOnly) {
     struct {
         const char* text;
@@ -41,7 +74,12 @@ TEST(Properties, ParsesWholeNumbersAndWordsOnly) {
         {"0x10", 16, true, false},
         {"010", 8, true, false},
         {"1 ", 77, true, false},
+        {"2147483647", 2147483647, true, false},
         {"2147483648", 77, true, false},
+        {"-2147483648", -2147483648, true, false},
+        {"-2147483649", 77, true, false},
+        {"0x", 77, true, false},
+        {"-", 77, true, false},
         {"", 77, true, false},
         {"on", 77, true, true},
         {"99999999999999999999", 77, true, false},

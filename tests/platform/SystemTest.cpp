@@ -1,19 +1,35 @@
+#include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <linux/media.h>
 #include <linux/videodev2.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace NSVista::NSCorvane;
+
+namespace {
+thread_local bool tInterrupted = false;  ///< the next close() of the thread is
+}
+
+/** Stands for the C library's, whose EINTR only file systems over a network give. */
+extern "C" __attribute__((visibility("default"))) int close(int fd) {
+    const int result = static_cast<int>(syscall(SYS_close, fd));
+    if (!std::exchange(tInterrupted, false))
+        return result;
+    errno = EINTR;
+    return -1;
+}
 
 namespace {
 
@@ -63,6 +79,20 @@ TEST(System, AccountsDescriptorsUntilTheyAreClosed) {
     EXPECT_EQ(open[0].path, "request");
     EXPECT_EQ(open[1].fd, 901);
     EXPECT_EQ(open[1].owner, 0x10U);
+    FILE* const dump = tmpfile();
+    NSVista::FilePrinter printer(dump);
+    System::dumpState(&printer);
+    rewind(dump);
+    char text[256] = {};
+    EXPECT_GT(fread(text, 1, sizeof(text) - 1, dump), 0U);
+    fclose(dump);
+    EXPECT_THAT(text, testing::MatchesRegex("fd=900 path=request owner=0x20 age=[0-9]+ ms\n"
+                                            "fd=901 path=/dev/video7 owner=0x10 age=[0-9]+ ms\n"));
+
+    // Closed behind the layer's back and given to another.
+    kernel.mResult = 901;
+    EXPECT_EQ(System::Open("/dev/video9", O_RDWR, 0x30), 901);
+    EXPECT_EQ(System::openFds()[1].owner, 0x30U);
     kernel.mResult = 0;
     EXPECT_EQ(System::Close(900, 0x20), 0);
     EXPECT_EQ(System::Close(901, 0x10), 0);
@@ -98,8 +128,27 @@ TEST(System, HandsResultsAndErrnoOn) {
     EXPECT_EQ(System::CloseDir(nullptr), -EIO);
 }
 
+TEST(System, OpensForThisProgramAloneAndClosesOnce) {
+    const int fd = System::Open("/dev/null", O_RDWR, 1);
+    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    tInterrupted = true;
+    EXPECT_EQ(System::Close(fd, 1), 0);
+    EXPECT_FALSE(tInterrupted);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    EXPECT_TRUE(System::openFds().empty());
+    EXPECT_EQ(System::Close(fd, 1), -EBADF);
+}
+
 TEST(System, RefusesNullAndEndsDirectoriesWithoutAnError) {
     EXPECT_EQ(System::Open(nullptr, O_RDWR, 0), -EFAULT);
+    char target[4] = "xxx";
+    EXPECT_EQ(System::ReadLink("/proc/self/root", target, 2), 1);
+    EXPECT_STREQ(target, "/xx");
+    EXPECT_EQ(System::ReadLink("/proc", target, 2), -EINVAL);
+    EXPECT_EQ(System::ReadLink("/proc/self/root", nullptr, 2), -EFAULT);
+    struct stat info {};
+    EXPECT_EQ(System::Stat("/proc", &info), 0);
+    EXPECT_TRUE(S_ISDIR(info.st_mode));
     EXPECT_EQ(System::Stat("/", nullptr), -EFAULT);
     EXPECT_EQ(System::OpenDir(nullptr), nullptr);
     EXPECT_EQ(System::CloseDir(nullptr), -EBADF);

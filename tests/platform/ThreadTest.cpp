@@ -1,6 +1,7 @@
 #include <corvane/platform/Properties.h>
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/ThreadLoop.h>
+#include <corvane/platform/TimeBomb.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -8,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <functional>
 
 using namespace NSVista::NSCorvane;
@@ -18,7 +20,10 @@ namespace {
 class Loop : public IThreadLoop {
 public:
     ~Loop() override { *mDestroyed = true; }
-    void requestExit() override { mExit = true; }
+    void requestExit() override {
+        mExit = true;
+        ++mAsked;
+    }
     int readyToRun(const ReadyToRun& ready) override { return readyToRun(ready.threadName); }
     int readyToRun(const std::string& threadName) override {
         char actual[16] = {};
@@ -36,6 +41,7 @@ public:
 
     std::shared_ptr<std::atomic<bool>> mDestroyed = std::make_shared<std::atomic<bool>>(false);
     std::atomic<bool> mExit{false};
+    std::atomic<int> mAsked{0};
     std::atomic<int> mTurns{0};
     std::string mName;
     int mReadyResult = 0;
@@ -55,7 +61,7 @@ TEST(ThreadLoopHandler, RunsOnceAndEndsOnRequest) {
         std::this_thread::yield();
     handler->requestExitAndWait();
     handler->requestExitAndWait();
-    EXPECT_TRUE(loop->mExit);
+    EXPECT_EQ(loop->mAsked, 1);
     EXPECT_EQ(loop.use_count(), 1);
 }
 
@@ -78,7 +84,27 @@ TEST(ThreadLoopHandler, EndsWhenNotReadyOrFalseOrAsked) {
                 usleep(5000);  // time for a turn too many
         }
         EXPECT_LE(loop->mTurns, c.maxTurns);
+        EXPECT_EQ(loop->mAsked, 1);  // also when it ended by itself
     }
+}
+
+TEST(ThreadLoopHandler, TellsThatThereIsNoThreadAndMayRunLater) {
+    pthread_attr_t normal;
+    pthread_attr_t huge;
+    ASSERT_EQ(pthread_getattr_default_np(&normal), 0);
+    ASSERT_EQ(pthread_getattr_default_np(&huge), 0);
+    // A guard's thread is started while there are some: it is not what is tried here.
+    const auto guard = timeguard::TimeBomb::make("test", ULONG_MAX, 0, "");
+    pthread_attr_setstacksize(&huge, size_t{1} << 46);
+    pthread_setattr_default_np(&huge);
+    const auto loop = std::make_shared<Loop>();
+    ThreadLoopHandler handler;
+    EXPECT_EQ(handler.run(loop), -EAGAIN);
+    handler.requestExitAndWait();
+    pthread_setattr_default_np(&normal);
+    EXPECT_EQ(loop->mAsked, 0);
+    EXPECT_EQ(loop.use_count(), 1);
+    EXPECT_EQ(handler.run(loop), 0);
 }
 
 TEST(ThreadLoopHandler, MayEndAndDieOnItsOwnThread) {
@@ -112,6 +138,15 @@ TEST(Thread, SetsPriorityAndAffinity) {
         EXPECT_EQ(getpriority(PRIO_PROCESS, 0), 6);
         EXPECT_EQ(set(11, 0), -EINVAL);
         EXPECT_EQ(set(6, 9), -EINVAL);
+        // Without the privilege a thread keeps what it has.
+        for (const int policy : {SCHED_FIFO, SCHED_RR}) {
+            const bool granted = set(3, policy) == 0;
+            struct sched_param param {};
+            sched_getparam(0, &param);
+            EXPECT_EQ(sched_getscheduler(0), granted ? policy : SCHED_OTHER);
+            EXPECT_EQ(param.sched_priority, granted ? 3 : 0);
+            EXPECT_EQ(set(100, policy), -EINVAL);
+        }
         const char* const key = "persist.vendor.kvx.camera.affinity";
         NSVista::Utils::Properties::property_set(key, "1");
         EXPECT_EQ(kvxcam_perfctrl_set_affinity(), 0);

@@ -1,8 +1,12 @@
 #include <corvane/platform/TimeBomb.h>
 #include <corvane/platform/ULog.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -68,6 +72,54 @@ TEST_F(TimeBombTest, ReportsAtTheLimitAndEveryPeriodUntilReleased) {
     EXPECT_THAT(lines[0].text, testing::MatchesRegex(".* Kernel: QBUF timed out .[0-9]+ ms."));
 }
 
+/** The signals that a thread of the process has blocked, as the kernel prints them. */
+std::string blockedSignals(const std::string& thread) {
+    const std::string find =
+        "cd /proc/$PPID/task && for t in *; do [ \"$(cat $t/comm)\" = " + thread +
+        " ] && sed -n 's/^SigBlk:.//p' $t/status; done";
+    char text[64] = {};
+    FILE* const pipe = popen(find.c_str(), "r");
+    const size_t length = fread(text, 1, sizeof(text) - 1, pipe);
+    pclose(pipe);
+    return std::string(text, length);
+}
+
+TEST_F(TimeBombTest, LeavesSignalsToTheHostsThreads) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";  // the thread is not started there yet
+    const auto first = [] {
+        sigset_t before;
+        sigset_t after;
+        pthread_sigmask(SIG_SETMASK, nullptr, &before);
+        const auto bomb = TimeBomb::make("Kernel", ULONG_MAX, 0, "100%%");
+        pthread_sigmask(SIG_SETMASK, nullptr, &after);
+        for (int i = 0; i < 100 && blockedSignals("TimeGuard").empty(); ++i)
+            std::this_thread::sleep_for(10ms);
+        fprintf(stderr, "guard %s", blockedSignals("TimeGuard").c_str());
+        fprintf(stderr, "message %s\n", bomb->message());
+        for (int signal = 1; signal < NSIG; ++signal) {
+            if (sigismember(&before, signal) != sigismember(&after, signal))
+                exit(signal);
+        }
+        exit(0);
+    };
+    // All but those that the C library needs.
+    EXPECT_EXIT(first(), testing::ExitedWithCode(0), "guard fffffffe7ff[bf]feff\nmessage 100%\n");
+}
+
+TEST_F(TimeBombTest, TellsThatNobodyGuards) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto unguarded = [] {
+        pthread_attr_t huge;
+        pthread_getattr_default_np(&huge);
+        pthread_attr_setstacksize(&huge, size_t{1} << 46);
+        pthread_setattr_default_np(&huge);
+        ULogger::install(nullptr);
+        TimeBomb::make("Kernel", kMs, 0, "late");
+        exit(0);
+    };
+    EXPECT_EXIT(unguarded(), testing::ExitedWithCode(0), "No thread to guard Kernel");
+}
+
 TEST_F(TimeBombTest, TellsHeldFromReleasedGuardsOfManyThreads) {
     const auto never = TimeBomb::make("Kernel", ULONG_MAX, ULONG_MAX, "never");
     const std::string cut(255, 'x');
@@ -76,13 +128,13 @@ TEST_F(TimeBombTest, TellsHeldFromReleasedGuardsOfManyThreads) {
         threads.emplace_back([&] {
             const auto held = TimeBomb::make("Kernel", kMs, 0, "%sxxx", cut.c_str());
             for (unsigned long i = 0; i < 500; ++i)
-                TimeBomb::make("Kernel", 500 * kMs - i, kMs, "released");
+                TimeBomb::make("Kernel", 200 * kMs - i, kMs, "released");
             EXPECT_TRUE(reported(cut, 4));
         });
     }
     for (auto& thread : threads)
         thread.join();
-    std::this_thread::sleep_for(600ms);
+    std::this_thread::sleep_for(250ms);
     EXPECT_EQ(ages(cut).size(), 4U);  // a period of 0 reports once
     EXPECT_TRUE(ages("released").empty());
     EXPECT_TRUE(ages("never").empty());

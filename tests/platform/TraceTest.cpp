@@ -1,14 +1,22 @@
+#include <corvane/platform/Properties.h>
 #include <corvane/platform/Service.h>
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/Trace.h>
 #include <corvane/platform/ULog.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,6 +40,8 @@ for e in events:
         if depth[e["tid"]] < 0 or e["ts"] < last.get(e["tid"], 0):
             print("disorder in", e)
         last[e["tid"]] = e["ts"]
+    elif e["ph"] == "i":
+        print("mark", e["name"])
     elif e["ph"] == "C":
         print("counter", e["name"], e["args"]["value"])
     elif e["ph"] in "be":
@@ -75,10 +85,13 @@ TEST_F(TraceTest, CostsNothingAndFormatsNothingWithoutABackend) {
     set_corvane_enabled_tracebits(~uint64_t{0});
     { TraceSection section(5, name); }
     EXPECT_TRUE(formatted);
+    trace::stop();
     EXPECT_EQ(trace::start("/nonexistent/trace"), -ENOENT);
     EXPECT_EQ(atrace_get_enabled_tags(), 0u);
     EXPECT_EQ(read(), "sections 1 1 open 0 False\n");
 
+    EXPECT_STREQ(TraceName("%d %u %zu%%", -5, 6U, size_t{7}).text(), "-5 6 7%");
+    EXPECT_STREQ(TraceName("%s-%d|%#x", "n", 2, 10).text(), "n-2|0xa");
     EXPECT_STREQ(TraceName("%s", std::string(127, 'x').c_str()).text(),
                  std::string(127, 'x').c_str());
     EXPECT_STREQ(TraceName("%s", std::string(128, 'x').c_str()).text(), "");
@@ -134,6 +147,134 @@ TEST_F(TraceTest, IsCompleteHoweverTheProcessEnds) {
     EXPECT_EXIT(traced([] { NSVista::Utils::terminateService(); }),
                 testing::KilledBySignal(SIGTERM), "");
     EXPECT_EQ(read(), "sections 1 0 open 1 False\n");
+}
+
+/** Runs @p body in a forked child. @return its exit code. */
+template <class Body>
+int inChild(Body body) {
+    const pid_t child = fork();
+    if (child == 0)
+        exit(body());
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+TEST_F(TraceTest, LeavesAFileToItsOwnerAndToItsProcess) {
+    ASSERT_EQ(trace::start(mPath.c_str()), 0);
+    atrace_begin_body("the parent's");
+    EXPECT_EQ(inChild([this] {
+                  atrace_begin_body("the child's");
+                  trace::stop();
+                  return trace::start(mPath.c_str()) == -EBUSY ? 5 : 0;
+              }),
+              5);
+    trace::stop();
+    EXPECT_EQ(read(), "sections 1 1 open 0 False\n");
+    struct stat info {};
+    stat(mPath.c_str(), &info);
+    EXPECT_EQ(info.st_mode & 07777, 0600U);
+    const std::string link = mPath + "-link";
+    ASSERT_EQ(symlink(mPath.c_str(), link.c_str()), 0);
+    EXPECT_EQ(trace::start(link.c_str()), -ELOOP);
+    unlink(link.c_str());
+}
+
+TEST_F(TraceTest, TakesWholePathsFromTheEnvironment) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";  // reads its properties anew
+    const std::string folder = testing::TempDir() + std::string(100, 'd');
+    mkdir(folder.c_str(), 0700);
+    setenv("PERSIST_VENDOR_CAMERA_CORVANE_TRACE", (folder + "/%p").c_str(), 1);
+    EXPECT_EXIT(exit(access((folder + '/' + std::to_string(getpid())).c_str(), F_OK)),
+                testing::ExitedWithCode(0), "");
+    unsetenv("PERSIST_VENDOR_CAMERA_CORVANE_TRACE");
+    std::filesystem::remove_all(folder);
+}
+
+TEST_F(TraceTest, EndsWithAMarkAtItsLimit) {
+    const char* const key = "persist.vendor.camera.corvane.tracelimit";
+    NSVista::Utils::Properties::property_set(key, "4000");
+    ASSERT_EQ(trace::start(mPath.c_str()), 0);
+    NSVista::Utils::Properties::property_set(key, nullptr);
+    for (int i = 0; i < 100; ++i)
+        atrace_begin_body("x");
+    for (int i = 0; i < 1000 && atrace_get_enabled_tags() != 0; ++i)
+        usleep(10000);
+    EXPECT_EQ(atrace_get_enabled_tags(), 0U);
+    trace::stop();
+    EXPECT_LE(std::filesystem::file_size(mPath), 4000U);
+    EXPECT_THAT(read(), testing::MatchesRegex("mark the trace ends here: its limit is reached\n"
+                                              "sections ([0-9]+) [0-9]+ open 0 False\n"));
+}
+
+TEST_F(TraceTest, StaysValidOnAFullDisk) {
+    EXPECT_EQ(inChild([this] {
+                  const struct rlimit limit { 300000, 300000 };
+                  setrlimit(RLIMIT_FSIZE, &limit);
+                  trace::start(mPath.c_str());
+                  for (int i = 0; i < 6000; ++i) {
+                      TraceSection section(5, "a section with a name of some length");
+                      if (i % 1000 == 0)
+                          usleep(30000);
+                  }
+                  trace::stop();
+                  return 0;
+              }),
+              0);
+    EXPECT_THAT(read(),
+                testing::MatchesRegex("sections [1-9][0-9]+ [1-9][0-9]+ open [01] False\n"));
+}
+
+TEST_F(TraceTest, CountsWhatDoesNotFit) {
+    ASSERT_EQ(trace::start(mPath.c_str()), 0);
+    const std::string name(1000, 'x');
+    atrace_begin_body("open");
+    for (int i = 0; i < 3000; ++i)
+        atrace_int_body(name.c_str(), i);  // twice what a buffer holds, and more
+    usleep(100000);
+    { TraceSection section(5, "after"); }
+    atrace_end_body();
+    trace::stop();
+    const std::string facts = read();
+    const auto counters = std::count(facts.begin(), facts.end(), '\n') - 3;
+    EXPECT_GT(counters, 400);
+    EXPECT_LT(counters, 3000);
+    EXPECT_THAT(facts, testing::HasSubstr("mark events of a thread are missing here\n"));
+    EXPECT_THAT(facts, testing::HasSubstr("mark " + std::to_string(3000 - counters) +
+                                          " events did not fit and are missing\n"
+                                          "sections 2 2 open 0 False\n"));
+}
+
+TEST_F(TraceTest, TakesBuffersBackAndCountsThreadsWithoutOne) {
+    ASSERT_EQ(trace::start(mPath.c_str()), 0);
+    for (int round = 0; round < 2; ++round) {
+        std::vector<std::thread> threads;
+        std::atomic<int> begun{0};
+        for (int t = 0; t < 70; ++t) {
+            threads.emplace_back([&] {
+                atrace_begin_body("left open");
+                for (++begun; begun < 70;)
+                    std::this_thread::yield();
+            });
+        }
+        for (auto& thread : threads)
+            thread.join();
+        usleep(50000);
+    }
+    trace::stop();
+    const std::string facts = read();
+    // The main thread may have one.
+    EXPECT_THAT(facts, testing::AnyOf(testing::HasSubstr("mark 12 events did not fit"),
+                                      testing::HasSubstr("mark 14 events did not fit")));
+    EXPECT_THAT(facts, testing::AnyOf(testing::HasSubstr("sections 128 128 open 0"),
+                                      testing::HasSubstr("sections 126 126 open 0")));
+}
+
+TEST_F(TraceTest, OpensTheKernelsMarkerWhereThereIsOne) {
+    const int result = trace::start("marker");
+    EXPECT_EQ(result == 0, atrace_get_enabled_tags() != 0);
+    EXPECT_EQ(result == 0, access("/sys/kernel/tracing/trace_marker", W_OK) == 0 ||
+                               access("/sys/kernel/debug/tracing/trace_marker", W_OK) == 0);
 }
 
 TEST_F(TraceTest, WritesOneMarkerEventPerWrite) {
