@@ -9,9 +9,13 @@
 
 namespace NSVista::NSCorvane::trace {
 
+constinit Rings gRings;
+
 namespace {
 
-pthread_key_t gKey;  ///< the calling thread's ring
+/** The calling thread's ring, where a thread finds it at once. */
+[[gnu::tls_model("initial-exec")]] constinit thread_local Ring* tRing = nullptr;
+pthread_key_t gKey;  ///< the same, for the end of the thread: without an allocation
 
 }  // namespace
 
@@ -55,11 +59,6 @@ void Ring::put(Kind kind, const char* name, int32_t value) noexcept {
     mHead.store(head + size, std::memory_order_release);
 }
 
-Rings& Rings::instance() {
-    static auto* const rings = new Rings;
-    return *rings;
-}
-
 bool Rings::prepare() noexcept {
     if (mRings[0].mMemory != nullptr)
         return true;
@@ -68,6 +67,7 @@ bool Rings::prepare() noexcept {
     if (memory == MAP_FAILED)
         return false;
     const auto leave = [](void* ring) {
+        tRing = nullptr;
         static_cast<Ring*>(ring)->mUse.store(Ring::Use::Left, std::memory_order_release);
     };
     if (pthread_key_create(&gKey, leave) != 0) {
@@ -105,12 +105,9 @@ uint64_t Rings::lost() const {
 
 /** @return null when all rings are taken. */
 Ring* Rings::mine() noexcept {
-    auto* ring = static_cast<Ring*>(pthread_getspecific(gKey));
-    if (ring == nullptr) {
-        ring = take();
-        if (ring == nullptr)
-            return nullptr;
-    }
+    Ring* const ring = tRing != nullptr ? tRing : take();
+    if (ring == nullptr)
+        return nullptr;
     if (ring->mTrace != mTrace.load(std::memory_order_relaxed))
         sayName(*ring);
     return ring;
@@ -123,7 +120,7 @@ Ring* Rings::take() noexcept {
             continue;
         ring.mTrace = 0;
         pthread_setspecific(gKey, &ring);
-        return &ring;
+        return tRing = &ring;
     }
     return nullptr;
 }

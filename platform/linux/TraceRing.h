@@ -89,10 +89,10 @@ class Rings {
 public:
     static constexpr size_t kCount = 64;
 
-    /** Never destroyed. Its memory is touched only as far as events fill it. */
     static Rings& instance();
 
-    /** @return false when there is no memory. */
+    /** Makes the rings' memory, once; it is touched only as far as events fill it. @return success.
+     */
     bool prepare() noexcept;
     /** Begins a trace: what is in the rings is dropped, and threads say their names again. */
     void begin() noexcept;
@@ -130,5 +130,13 @@ private:
     std::atomic<uint32_t> mTrace{0};
     std::atomic<uint64_t> mLost{0};  ///< of threads without a ring
 };
+
+/** @private Needs no initialiser and no destructor: threads trace from the first to the very end.
+ */
+extern constinit Rings gRings;
+
+inline Rings& Rings::instance() {
+    return gRings;
+}
 
 }  // namespace NSVista::NSCorvane::trace

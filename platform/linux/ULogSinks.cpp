@@ -2,7 +2,6 @@
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/ULog.h>
 #include <fcntl.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <string_view>
 
 #include "LineWriter.h"
+#include "LogTime.h"
 #include "PrivateFile.h"
 #include "ULogSink.h"
 
@@ -23,19 +23,6 @@ char levelLetter(int level) {
     return level >= kError && level <= kVerbose ? kLetters[level] : kLetters[0];
 }
 
-/** "MM-DD hh:mm:ss." of a second; formatted once for all lines of it on the thread. */
-const char* secondText(time_t second) {
-    thread_local time_t known = 0;
-    thread_local char text[32] = "01-01 00:00:00.";
-    if (second != known) {
-        struct tm local {};
-        localtime_r(&second, &local);
-        strftime(text, sizeof(text), "%m-%d %H:%M:%S.", &local);
-        known = second;
-    }
-    return text;
-}
-
 /** Appends to a line that is cut at its end. */
 class LineText {
 public:
@@ -44,15 +31,10 @@ public:
         memcpy(mEnd, text, length);
         mEnd += length;
     }
-    void add(const char* text) { add(text, strlen(text)); }
     void add(char c) { add(&c, 1); }
-    /** @param digits at least so many. */
-    void number(long value, int digits = 0) {
+    void number(long value) {
         char text[24];
-        const auto end = std::to_chars(text, text + sizeof(text), value).ptr;
-        for (auto missing = digits - (end - text); missing > 0; --missing)
-            add('0');
-        add(text, static_cast<size_t>(end - text));
+        add(text, static_cast<size_t>(std::to_chars(text, text + sizeof(text), value).ptr - text));
     }
     /** @return the line with its line feed. */
     std::string_view finish() {
@@ -87,8 +69,8 @@ void FileULogger::log(uint32_t /*module*/, const char* tag, int level, const cha
     struct timespec now {};
     NSCorvane::getCurrentLogTime(now);
     LineText line;
-    line.add(secondText(now.tv_sec));
-    line.number(now.tv_nsec / 1000, 6);
+    char time[NSCorvane::kLogTimeSize];
+    line.add(time, NSCorvane::formatLogTime(now, time));
     line.add(' ');
     line.number(getpid());
     line.add(' ');
