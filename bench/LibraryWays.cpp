@@ -1,0 +1,145 @@
+// The library as a client uses it: a scene by hand, or a session.
+#include <corvane/DequeuedBuffer.h>
+#include <corvane/IRequest.h>
+#include <corvane/SceneControl.h>
+#include <corvane/client/EpollEventMonitor.h>
+#include <corvane/client/SceneSession.h>
+
+#include <chrono>
+
+#include "Way.h"
+
+namespace NSVista::NSCorvane::bench {
+
+namespace {
+
+class Library : public Way {
+public:
+    Library(Device& device, bool direct)
+        : Way(device), mScene(nullptr, device.desc(), device.media()), mSlots(mDevice.slots()) {
+        // A worker dequeues after the callback; else the callback comes last.
+        mEndsPerRequest = direct || device.ports() == 1 ? 1 : device.ports() + 1;
+        require(mScene.init() == 0 && mScene.acquire() == 0, "a scene");
+        for (size_t i = 0; i < device.ports(); ++i)
+            require(mScene.importBuffer(mScene.queryPort(static_cast<int>(i)),
+                                        static_cast<int>(mDevice.slots())) == 0,
+                    "an import");
+        mScene.setDirectDequeue(direct);
+        mScene.setRequestDoneCallback([this](IRequest* request) {
+            const auto slot = reinterpret_cast<size_t>(request->getCookie());
+            if (mEndsPerRequest == 1)
+                watch.dequeued(slot);
+            watch.called(slot);
+            cameBack(slot);
+        });
+        if (mEndsPerRequest != 1)
+            mScene.setBufferDequeuedCallback([this](const DequeuedBuffer& buffer) {
+                const size_t slot = slotOf(buffer.requestFd);
+                if (mSlots[slot].endsToCome == 1)
+                    watch.dequeued(slot);
+                cameBack(slot);
+            });
+        require(mScene.start() == 0, "a start");
+        for (size_t slot = 0; slot < mSlots.size(); ++slot) {
+            mSlots[slot].request = mScene.createRequest();
+            mSlots[slot].request->setCookie(reinterpret_cast<void*>(slot));
+            mSlots[slot].request->setMonitor(mEvents);
+        }
+    }
+    ~Library() override {
+        mEvents.reset();
+        mScene.stop();
+        mSlots.clear();
+        mScene.release();
+        mScene.uninit();
+    }
+
+    void run(uint64_t requests) override {
+        mCountdown.start(requests, mSlots.size());
+        for (size_t slot = 0; slot < std::min<uint64_t>(requests, mSlots.size()); ++slot)
+            queue(slot);
+        mCountdown.wait();
+    }
+
+private:
+    struct Slot {
+        std::shared_ptr<IRequest> request;
+        std::atomic<size_t> endsToCome{0};
+    };
+
+    size_t slotOf(int requestFd) const {
+        size_t slot = 0;
+        while (mSlots[slot].request->getRequestFD() != requestFd)
+            ++slot;
+        return slot;
+    }
+    void queue(size_t slot) {
+        watch.queued(slot);
+        mSlots[slot].endsToCome.store(mEndsPerRequest, std::memory_order_relaxed);
+        for (size_t i = 0; i < mDevice.ports(); ++i) {
+            const FrameBuffer& frame = mDevice.buffer(slot, i);
+            mSlots[slot].request->addBuffer(static_cast<int>(i),
+                                            [&frame](FrameBuffer& buffer) { buffer = frame; });
+        }
+        require(mScene.queueRequest(mSlots[slot].request.get(), 0) == 0, "a queue");
+    }
+    void cameBack(size_t slot) {
+        if (mSlots[slot].endsToCome.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            if (mCountdown.next())
+                queue(slot);
+    }
+
+    Scene mScene;
+    std::shared_ptr<client::EpollEventMonitor> mEvents = client::EpollEventMonitor::make();
+    std::vector<Slot> mSlots;
+    size_t mEndsPerRequest;  ///< callback, and dequeues where they come later
+    Countdown mCountdown;
+};
+
+class Session : public Way {
+public:
+    explicit Session(Device& device) : Way(device) {
+        client::SessionDesc desc;
+        desc.name = "bench";
+        desc.buffers = static_cast<int>(mDevice.slots());
+        for (size_t i = 0; i < mDevice.ports(); ++i)
+            desc.ports.push_back({device.port(i).port_name, device.port(i).index,
+                                  device.port(i).device_name, 0, 0, 0});
+        for (const LinkDesc& link : device.links())
+            desc.links.push_back(
+                {link.source_entity, link.source_pad, link.sink_entity, link.sink_pad});
+        const auto source = client::makeVideoNodeSource(Device::exporter(*device.media()));
+        int error = 0;
+        mSession = client::SceneSession::open(std::move(desc), device.media(), *source, error);
+        require(mSession != nullptr && mSession->start() == 0, "a session");
+    }
+
+    void run(uint64_t requests) override {
+        uint64_t queued = 0;
+        for (uint64_t done = 0; done < requests; ++done) {
+            for (; queued < requests; ++queued)
+                if (mSession->submit([this](client::SessionRequest& request) {
+                        watch.queued(request.number() % mDevice.slots());
+                    }) != 0)
+                    break;
+            mSession->wait(std::chrono::seconds(10), [this](client::SessionRequest& request) {
+                watch.called(request.number() % mDevice.slots());
+            });
+        }
+    }
+
+private:
+    std::unique_ptr<client::SceneSession> mSession;
+};
+
+}  // namespace
+
+std::unique_ptr<Way> makeLibrary(Device& device, bool direct) {
+    return std::make_unique<Library>(device, direct);
+}
+
+std::unique_ptr<Way> makeSession(Device& device) {
+    return std::make_unique<Session>(device);
+}
+
+}  // namespace NSVista::NSCorvane::bench

@@ -1,0 +1,39 @@
+/**
+ * @file
+ * Counts every operator new of the process. Included by one source of a program.
+ */
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+
+namespace NSVista::NSCorvane::test {
+
+inline std::atomic<uint64_t> allocations{0};
+
+}  // namespace NSVista::NSCorvane::test
+
+// Not inlined: the compiler would see memory of operator new go to free(), and warn.
+[[gnu::noinline]] void* operator new(size_t size) {
+    NSVista::NSCorvane::test::allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* memory = malloc(size != 0 ? size : 1))
+        return memory;
+    throw std::bad_alloc();
+}
+[[gnu::noinline]] void* operator new[](size_t size) {
+    return operator new(size);
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    free(memory);
+}
+[[gnu::noinline]] void operator delete[](void* memory) noexcept {
+    free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
+    free(memory);
+}
+[[gnu::noinline]] void operator delete[](void* memory, size_t) noexcept {
+    free(memory);
+}
