@@ -1,0 +1,238 @@
+// The trace sections of the whole library: their names, and the areas that show them.
+#include <corvane/IDeviceEnumerator.h>
+#include <corvane/IEventMonitor.h>
+#include <corvane/IMediaDevice.h>
+#include <corvane/Pipe.h>
+#include <corvane/SceneControl.h>
+#include <corvane/SceneDesc.h>
+#include <corvane/SceneManager.h>
+#include <corvane/V4L2SubDevice.h>
+#include <corvane/V4L2VideoDevice.h>
+#include <corvane/mc/DeviceEnumerator.h>
+#include <corvane/platform/UniqueFd.h>
+#include <corvane/sim/Engine.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <map>
+#include <regex>
+#include <thread>
+
+#include "support/Capture.h"
+#include "support/NullEngine.h"
+#include "vengine-desc.h"
+
+struct init_info {
+    uint64_t words[1];
+};
+
+namespace NSVista::NSCorvane::test {
+namespace {
+
+class IdlePipe : public PipeBase {
+public:
+    using PipeBase::PipeBase;
+    void dumpState(IPrinter*) override {}
+    int init() override { return 0; }
+    void uninit() override {}
+};
+
+void manageScenes() {
+    SceneManager manager;
+    manager.init();
+    manager.addScene("s", nullptr);
+    manager.getScene("s");
+    manager.uninit();
+}
+
+/** Streams one request over two ports, which the worker dequeues. */
+void stream() {
+    mc::DeviceEnumerator::instance().find("");
+    const auto media = IDeviceEnumerator::instance().search(VENGINE_MODEL);
+    media->acquire();
+    const PortDesc ports[] = {{"stats", 3, "vengine-stats", false, false, false},
+                              {"tuning", 5, "vengine-tuning", true, false, false}};
+    const LinkDesc link = {VENGINE_CORE_ENTITY, 3, "vengine-stats", 0};
+    const SceneDesc desc = {"scene", nullptr, 2, ports, 1, &link};
+    Scene scene(nullptr, desc, media);
+    scene.init();
+    scene.acquire();
+    std::vector<UniqueFd> buffers;
+    for (const PortDesc& port : ports) {
+        PixelFormat format = {};
+        scene.getFormat(scene.queryPort(port.index), format);
+        scene.setFormat(scene.queryPort(port.index), format);
+        scene.importBuffer(scene.queryPort(port.index), 1);
+        buffers.emplace_back(memfd_create("buffer", MFD_CLOEXEC));
+        EXPECT_EQ(ftruncate(buffers.back().get(), format.planes[0].size), 0);
+    }
+    scene.setRequestDoneCallback([](IRequest*) {});
+    scene.start();
+    const auto request = scene.createRequest();
+    const auto monitor = std::make_shared<NullEventMonitor>();
+    request->setMonitor(monitor);
+    for (size_t i = 0; i < 2; ++i)
+        request->addBuffer(ports[i].index, [&](FrameBuffer& buffer) {
+            buffer.planes[0] = {buffers[i].get(), 0, VENGINE_META_SIZE};
+            buffer.planeCount = 1;
+        });
+    EXPECT_EQ(scene.queueRequest(request.get(), 0), 0);
+    pollfd completion = {request->getRequestFD(), POLLPRI, 0};
+    EXPECT_EQ(poll(&completion, 1, 10000), 1);
+    monitor->observer->onEvent({EPOLLPRI});
+    for (const PortDesc& port : ports)  // the worker dequeues
+        while (dumpOf(*scene.queryPort(port.index)).back().find("Free=0x1") == std::string::npos)
+            std::this_thread::yield();
+    scene.stop();
+    scene.release();
+    scene.uninit();
+    media->release();
+}
+
+void driveSubDevice() {
+    const DefaultMediaConfigs configs = {VENGINE_MODEL, VENGINE_SUBDEV_ENTITY};
+    registerDefaultMediaConfigs(&configs);
+    DefaultSubDeviceProvider provider;
+    auto device = provider.acquire("user");
+    init_info info = {};
+    const UniqueFd buffer(memfd_create("buffer", MFD_CLOEXEC));
+    std::vector<int> fences(2);
+    device->setInitInfo(&info);
+    device->setControl(VENGINE_CTRL_BRIGHTNESS, 1);
+    device->getControl(VENGINE_CTRL_BRIGHTNESS, nullptr);
+    device->requestMemory({true, 1, 0});
+    device->mapKVA({buffer.get()});
+    device->unmapKVA({buffer.get()});
+    device->mapIOVA(buffer.get(), true);
+    device->unmapIOVA(buffer.get(), true);
+    device->acquireFenceFd(fences);
+    device->releaseFenceFd(fences);
+    device->releaseUserResource(1, 2);
+    for (const int fence : fences)
+        close(fence);
+    provider.release("user", device);
+    V4L2VideoDevice(0, "closed", "nowhere").releaseBuffer();
+}
+
+/** Descriptors and addresses are not the same in each run. */
+Lines settled(const Lines& names) {
+    std::set<std::string> all;
+    for (const std::string& name : names)
+        all.insert(
+            std::regex_replace(std::regex_replace(name, std::regex("([fF]d[=:])[0-9]+"), "$1N"),
+                               std::regex("0x[0-9a-f]+-"), "ADDRESS-"));
+    return {all.begin(), all.end()};
+}
+
+const std::map<unsigned, Lines> kSections = {
+    {4,
+     {"DeviceEnumerator::determineMediaDeviceInfoAndTopologyByModelName",
+      "DeviceEnumerator::find",
+      "DeviceEnumerator::findMediaTopologyFromCache /dev/media0",
+      "DeviceEnumerator::search vengine",
+      "MediaDevice::close /dev/media0 fd=N",
+      "MediaDevice::initLinks #10",
+      "MediaDevice::open /dev/media0",
+      "MediaRequest::~MediaRequest close fd=N",
+      "Scene::Scene",
+      "Scene::acquire",
+      "Scene::init",
+      "Scene::release",
+      "Scene::start",
+      "Scene::stop",
+      "Scene::uninit",
+      "Scene::~Scene",
+      "SceneManager::addScene",
+      "SceneManager::getScene",
+      "SceneManager::init",
+      "SceneManager::uninit",
+      "V4L2BufferMonitor::requestExit",
+      "deinit ports #2",
+      "disable links #1",
+      "enumAllMediaLinks",
+      "enumerateMediaDevices",
+      "enumerateMediaEntity",
+      "pipe: pipe",
+      "threadLoop"}},
+    {5,
+     {"DefaultSubDeviceProvider::deinitSubDevice",
+      "DefaultSubDeviceProvider::initSubDevice",
+      "IV4L2VideoDevice::make",
+      "Port::deinit",
+      "Port::importBuffer",
+      "Port::init",
+      "Port::start",
+      "Port::stop",
+      "Scene::getFormat",
+      "Scene::importBuffer",
+      "Scene::setFormat",
+      "V4L2SubDevice::acquireFenceFd #2",
+      "V4L2SubDevice::closeDevice",
+      "V4L2SubDevice::getControl",
+      "V4L2SubDevice::mapIOVA fd=N coherence=1",
+      "V4L2SubDevice::mapKVA",
+      "V4L2SubDevice::openDevice",
+      "V4L2SubDevice::releaseFenceFd #2",
+      "V4L2SubDevice::releaseUserResource",
+      "V4L2SubDevice::requestMemory( is_smvr=1 is_capture=0)",
+      "V4L2SubDevice::setControl",
+      "V4L2SubDevice::setInitInfo",
+      "V4L2SubDevice::subscribe",
+      "V4L2SubDevice::unmapIOVA fd=N coherence=1",
+      "V4L2SubDevice::unmapKVA",
+      "V4L2SubDevice::unsubscribe",
+      "V4L2VideoDevice VIDIOC_REQBUFS count=0",
+      "V4L2VideoDevice: VIDIOC_STREAMOFF",
+      "V4L2VideoDevice: VIDIOC_STREAMON",
+      "V4L2VideoDevice::closeDevice",
+      "V4L2VideoDevice::importBuffer",
+      "V4L2VideoDevice::openDevice",
+      "VIDIOC_REQBUFS"}},
+    {6,
+     {"MediaDevice::enableLink", "Port::getFormat", "Port::setFormat",
+      "V4L2BufferMonitor::attachObserver", "V4L2BufferMonitor::detachObserver",
+      "V4L2VideoDevice::getFormat", "V4L2VideoDevice::setFormat", "V4L2VideoDevice::setMonitor"}},
+    {8, {"Request::queueBuffers"}},
+    {9, {"MediaRequest::queueRequest", "Scene::queueRequest"}},
+    {10,
+     {"Request::addBuffer", "Request::queueRequest", "Scene::requestDone",
+      "V4L2VideoDevice::acquireBufferIndex", "V4L2VideoDevice::queueBuffer",
+      "attachRequestBuffer"}},
+    {13,
+     {"MediaRequest::reinit", "Request::requestDone", "V4L2BufferMonitor::notifyComplete",
+      "V4L2BufferMonitor::notifyRequestDone|requestFd:N"}},
+    {14,
+     {"MediaRequest: MEDIA_REQUEST_IOC_REINIT", "MediaRequest: request done callback",
+      "MediaRequest::onNotify", "V4L2VideoDevice::dequeBuffer", "V4L2VideoDevice::onNotify",
+      "V4L2VideoDevice::releaseBufferIndex", "detachRequestBuffer", "wait_for needToDQBUF"}},
+    {34, {"C V4L2BufferMonitor-#BufInQ"}},
+    {35, {"b V4L2BufferMonitor-ADDRESS-0"}},
+};
+
+TEST(Sections, ShowInTheirAreasByTheirNames) {
+    std::set<unsigned> areas = {0, 7, 11, 12, 15};  // nothing is to be seen in these
+    for (const auto& [area, names] : kSections)
+        areas.insert(area);
+    for (const unsigned area : areas)
+        inOwnProcess([area] {  // where nothing is cached
+            const ReportCapture reports;
+            sim::VirtualEngine engine;
+            const sim::ScopedKernel kernel(engine);
+            PipeFactory::Instance().Register(
+                "pipe", [](SceneManager& manager) { return std::make_shared<IdlePipe>(manager); });
+            const auto live = [] {
+                manageScenes();
+                stream();
+                driveSubDevice();
+            };
+            const auto expected = kSections.find(area);
+            EXPECT_EQ(settled(tracedBy(live, area)),
+                      expected != kSections.end() ? expected->second : Lines())
+                << area;
+        });
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::test
