@@ -2,16 +2,13 @@
 #include <corvane/IMediaDevice.h>
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/mc/MediaTopology.h>
-#include <sys/epoll.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <map>
 #include <thread>
 
 #include "MediaGraph.h"
 #include "support/Capture.h"
-#include "support/NullEngine.h"
 
 namespace NSVista::NSCorvane::test {
 namespace {
@@ -29,9 +26,7 @@ void registerDefault(const char* model, const char* entity) {
 }
 
 std::string infoLine(const std::string& path, const std::string& model) {
-    return " '" + path + "': media_device_info= .driver=drv .model=" + model +
-           " .serial=s1 .bus_info=platform:x .media_version=0x601c0 .hw_revision=0"
-           " .driver_version=0x10";
+    return " '" + path + "': media_device_info=" + infoText(model);
 }
 
 TEST(DeviceEnumerator, FindsADeviceOnceAndCachesIt) {
@@ -54,6 +49,28 @@ TEST(DeviceEnumerator, FindsADeviceOnceAndCachesIt) {
                          "<<MediaTopology>> '/dev/media1' MediaEntity[3] media_entity_desc[3] "
                          "media_link_desc[1]"}));
         EXPECT_EQ(System::openFds().size(), 0U);
+    });
+}
+
+TEST(DeviceEnumerator, LooksForDevicesWithoutAFall) {
+    inOwnProcess([] {
+        MediaKernel kernel{{"media0", smallGraph("other")},
+                           {"media1", smallGraph("model")},
+                           {"media2", smallGraph("model")}};
+        const auto paths = [](const std::string& model) {
+            Lines found;
+            for (const mc::FoundMediaDevice& device : enumerator().find(model))
+                found.push_back(device.path + " " + device.info.model);
+            return found;
+        };
+        EXPECT_EQ(paths("model"), Lines({"/dev/media1 model", "/dev/media2 model"}));
+        EXPECT_EQ(paths("").size(), 3U);
+        ReportCapture reports;
+        EXPECT_EQ(paths("mode"), Lines());
+        kernel.directoryResult = -ENOENT;
+        EXPECT_EQ(paths(""), Lines());
+        EXPECT_EQ(reports.take(), Lines());
+        EXPECT_EQ(dumpOf(enumerator()).size(), 1U) << "nothing is cached";
     });
 }
 
@@ -158,44 +175,6 @@ TEST(DeviceEnumerator, ConcurrentSearchesShareOneTopology) {
                   "<<DeviceEnumerator>> default= .mediadevice_model_name=model "
                   ".subdevice_entity_name=proc media_device_info[4] topology[1]");
     });
-}
-
-TEST(DeviceEnumerator, TracesItsSections) {
-    const std::map<unsigned, Lines> expected = {
-        {4,
-         {"DeviceEnumerator::determineMediaDeviceInfoAndTopologyByModelName",
-          "DeviceEnumerator::findMediaTopologyFromCache /dev/media0",
-          "DeviceEnumerator::search model", "MediaDevice::close /dev/media0 fd=102",
-          "MediaDevice::initLinks #1", "MediaDevice::open /dev/media0",
-          "MediaRequest::~MediaRequest close fd=200", "enumAllMediaLinks", "enumerateMediaDevices",
-          "enumerateMediaEntity"}},
-        {6, {"MediaDevice::enableLink"}},
-        {9, {"MediaRequest::queueRequest"}},
-        {13, {"MediaRequest::reinit"}},
-        {14,
-         {"MediaRequest: MEDIA_REQUEST_IOC_REINIT", "MediaRequest: request done callback",
-          "MediaRequest::onNotify"}},
-    };
-    for (const auto& [area, names] : expected)
-        inOwnProcess([area = area, &names = names] {
-            MediaKernel kernel{{"media0", smallGraph("model")}};
-            kernel.answer(MEDIA_IOC_SETUP_LINK, 0);
-            kernel.answer(MEDIA_REQUEST_IOC_QUEUE, 0);
-            kernel.answer(MEDIA_REQUEST_IOC_REINIT, 0);
-            kernel.on<int>(MEDIA_IOC_REQUEST_ALLOC, [](int, int& fd) { return fd = 200, 0; });
-            const auto live = [] {
-                const auto monitor = std::make_shared<NullEventMonitor>();
-                const auto device = enumerator().search("model");
-                device->acquire();
-                device->enableLink(true, "sensor", 0, "proc", 3);
-                const auto request = device->makeRequest();
-                request->setMonitor(monitor);
-                request->setRequestDone([] {});
-                request->queueRequest();
-                monitor->observer->onEvent({EPOLLPRI});
-            };
-            EXPECT_EQ(tracedBy(live, area), names);
-        });
 }
 
 TEST(DeviceEnumerator, EndsOnConsistencyErrors) {

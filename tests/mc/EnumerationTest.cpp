@@ -2,6 +2,7 @@
 #include <corvane/mc/MediaTopology.h>
 
 #include <algorithm>
+#include <stdexcept>
 
 #include "MediaGraph.h"
 #include "support/Capture.h"
@@ -10,9 +11,6 @@ namespace NSVista::NSCorvane::test {
 namespace {
 
 constexpr char kTag[] = "corvane-DeviceEnumerator";
-constexpr char kInfo[] =
-    " .driver=drv .model=m .serial=s1 .bus_info=platform:x"
-    " .media_version=0x601c0 .hw_revision=0 .driver_version=0x10";
 
 class Enumeration : public testing::Test {
 protected:
@@ -25,46 +23,39 @@ protected:
         });
         return visited;
     }
-    LogCapture mLog{kTag, Utils::ULog::kDebug};
+    LogCapture mLog{kTag, Utils::ULog::kInfo};
 };
 
 TEST_F(Enumeration, TakesMediaNodesByNameSkipsFailuresAndStops) {
     MediaKernel kernel{{"media", {"m"}}, {"media0", {"m"}}, {"media9", {"m"}}, {"media999", {"m"}}};
-    kernel.directory = {".",      "video0", "media",    "media1234", "medium",
-                        "media7", "media8", "media999", "media0",    "media9"};
+    kernel.directory = {".",      "video0", "media",    "media1234", "medium", "media7",
+                        "media8", "media6", "media999", "media0",    "media9"};
     kernel.statResults["/dev/media7"] = -ENOENT;
-    kernel.openResults["/dev/media8"] = -EACCES;
+    kernel.openResults = {{"/dev/media8", -EACCES}, {"/dev/media6", -ENXIO}};
     EXPECT_EQ(walk("/dev/media0"), Lines({"/dev/media", "/dev/media999", "/dev/media0"}));
-    EXPECT_EQ(
-        mLog.take(),
-        Lines({
-            "D [FileDescriptor] + mFd=100 /dev/media",
-            std::string("I [enumerateMediaDevices] [STILL ENUMERATING] '/dev/media': ") + kInfo,
-            "D [~FileDescriptor] - mFd=100",
-            "E [enumerateMediaDevices] Failed to find path: /dev/media7",
-            "D [FileDescriptor] + mFd=-13 /dev/media8",
-            "E [enumerateMediaDevices] Failed to open /dev/media8: -13",
-            "E [enumerateMediaDevices] /dev/media8: permission denied: its group is root, its mode "
-            "0000; the process must be in that group",
-            "D [~FileDescriptor] - mFd=-13",
-            "D [FileDescriptor] + mFd=101 /dev/media999",
-            std::string("I [enumerateMediaDevices] [STILL ENUMERATING] '/dev/media999': ") + kInfo,
-            "D [~FileDescriptor] - mFd=101",
-            "D [FileDescriptor] + mFd=102 /dev/media0",
-            std::string("I [enumerateMediaDevices] [STOP TO ENUMERATE] '/dev/media0': ") + kInfo,
-            "D [~FileDescriptor] - mFd=102",
-        }));
-    EXPECT_EQ(
-        kernel.takeCalls(),
-        Lines({"open /dev/media 0x2", "ioctl 100 0xc1007c00", "close 100", "open /dev/media8 0x2",
-               "close -13", "open /dev/media999 0x2", "ioctl 101 0xc1007c00", "close 101",
-               "open /dev/media0 0x2", "ioctl 102 0xc1007c00", "close 102"}));
+    const auto shown = [](const char* how, const char* path) {
+        return std::string("I [enumerateMediaDevices] [") + how + "] '" + path +
+               "': " + infoText("m");
+    };
+    EXPECT_EQ(mLog.take(),
+              Lines({shown("STILL ENUMERATING", "/dev/media"),
+                     "E [enumerateMediaDevices] Failed to find path: /dev/media7",
+                     "E [enumerateMediaDevices] Failed to open /dev/media8: -13",
+                     "E [enumerateMediaDevices] /dev/media8: permission denied: its group is root, "
+                     "its mode 0000; the process must be in that group",
+                     "E [enumerateMediaDevices] Failed to open /dev/media6: -6",
+                     shown("STILL ENUMERATING", "/dev/media999"),
+                     shown("STOP TO ENUMERATE", "/dev/media0")}));
+    EXPECT_EQ(kernel.takeCalls(),
+              Lines({"open /dev/media 0x2", "ioctl 100 0xc1007c00", "close 100",
+                     "open /dev/media8 0x2", "close -13", "open /dev/media6 0x2", "close -6",
+                     "open /dev/media999 0x2", "ioctl 101 0xc1007c00", "close 101",
+                     "open /dev/media0 0x2", "ioctl 102 0xc1007c00", "close 102"}));
     EXPECT_EQ(kernel.openDirectories, 0);
 }
 
 TEST_F(Enumeration, ReportsARefusedInfoAndAMissingDirectory) {
     MediaKernel kernel{{"media0", {"m"}}};
-    mLog.setLevel(Utils::ULog::kError);
     kernel.answer(MEDIA_IOC_DEVICE_INFO, -EIO);
     EXPECT_EQ(walk(""), Lines());
     kernel.directoryResult = -ENOENT;
@@ -78,36 +69,32 @@ TEST_F(Enumeration, ReportsARefusedInfoAndAMissingDirectory) {
 
 TEST_F(Enumeration, SnapshotsATopology) {
     MediaKernel kernel{{"media0", smallGraph("m")}};
+    mLog.setLevel(Utils::ULog::kDebug);
     const auto topology = mc::enumMediaTopology("/dev/media0");
     ASSERT_NE(topology, nullptr);
+    EXPECT_EQ(topology->name(), "/dev/media0");
     EXPECT_EQ(topology->entityDescs().size(), 3U);
     EXPECT_EQ(topology->linkDescs().size(), 1U);
     EXPECT_EQ(topology->findEntity("proc")->pads().at(0).index, 3);
     EXPECT_EQ(topology->findEntity("lone")->pads().size(), 0U);
-    EXPECT_EQ(topology->findEntity("nobody"), nullptr);
     EXPECT_EQ(mLog.take(), Lines({"D [FileDescriptor] + mFd=100 /dev/media0",
                                   "D [enumerateMediaEntity] MEDIA_IOC_ENUM_ENTITIES ends: "
                                   "no entity id 0x80000005",
                                   "D [enumerateMediaEntity] 3 entities found",
                                   "I [enumMediaTopology] media_entity_desc[3] media_link_desc[1]",
                                   "D [~FileDescriptor] - mFd=100"}));
-
-    kernel.openResults["/dev/media0"] = -ENODEV;
-    mLog.setLevel(Utils::ULog::kInfo);
-    EXPECT_EQ(mc::enumMediaTopology("/dev/media0"), nullptr);
-    EXPECT_EQ(mLog.take(), Lines({"E [enumMediaTopology] Failed to open /dev/media0: -19"}));
-    EXPECT_TRUE(mc::enumAllMediaLinks(
-        -1, {}, [](const media_entity_desc&, const media_link_desc*, const media_pad_desc*) {}));
-}
-
-TEST_F(Enumeration, WarnsOfAWalkThatEndsEarly) {
-    MediaKernel kernel{{"media0", smallGraph("m")}};
     mLog.setLevel(Utils::ULog::kWarning);
     kernel.answer(MEDIA_IOC_ENUM_ENTITIES, -EIO);
     EXPECT_EQ(mc::enumMediaTopology("/dev/media0")->entityDescs().size(), 0U);
+    kernel.openResults["/dev/media0"] = -EPERM;
+    EXPECT_EQ(mc::enumMediaTopology("/dev/media0"), nullptr);
     EXPECT_EQ(mLog.take(),
               Lines({"W [enumerateMediaEntity] MEDIA_IOC_ENUM_ENTITIES fails after 0 entities, "
-                     "there may be more: -5(Input/output error)"}));
+                     "there may be more: -5(Input/output error)",
+                     "E [enumMediaTopology] Failed to open /dev/media0: -1",
+                     "E [enumMediaTopology] /dev/media0: permission denied: its group is root, its "
+                     "mode 0000; the process must be in that group"}));
+    EXPECT_TRUE(mc::enumAllMediaLinks(-1, {}, [](auto&&...) {}));
 }
 
 TEST_F(Enumeration, TakesInLinksThatComeUpWhileItCounts) {
@@ -126,11 +113,22 @@ TEST_F(Enumeration, TakesInLinksThatComeUpWhileItCounts) {
     }
 }
 
-TEST_F(Enumeration, EndsOnConsistencyErrors) {
+TEST_F(Enumeration, EndsOnConsistencyErrorsAndExceptions) {
     MediaKernel kernel{{"media0", smallGraph("m")}};
-    kernel.answer(MEDIA_IOC_ENUM_LINKS, -EIO);
+    const auto refuseLinks = [&kernel] {
+        kernel.answer(MEDIA_IOC_ENUM_LINKS, -EIO);
+        mc::enumMediaTopology("/dev/media0");
+    };
+    const auto throwOut = [] {
+        mc::enumerateMediaDevices([](const media_device_info&, const std::string&) -> bool {
+            throw std::runtime_error("of the client");
+        });
+    };
+    const auto throwInt = [] {
+        mc::enumerateMediaEntity(100, [](const media_entity_desc&) { throw 1; });
+    };
     expectFatal({
-        {[] { mc::enumMediaTopology("/dev/media0"); },
+        {refuseLinks,
          kTag,
          "enumMediaTopology",
          "enumAllMediaLinks",
@@ -139,6 +137,9 @@ TEST_F(Enumeration, EndsOnConsistencyErrors) {
         {[] { mc::enumerateMediaEntity(1, nullptr); }, kTag, "enumerateMediaEntity",
          "Bad function"},
         {[] { mc::enumAllMediaLinks(1, {}, nullptr); }, kTag, "enumAllMediaLinks", "Bad function"},
+        {throwOut, kTag, "enumerateMediaDevices", "exception: of the client"},
+        {[&] { System::Open("/dev/media0", 0, 0), throwInt(); }, kTag, "enumerateMediaEntity",
+         "exception: of unknown type"},
     });
 }
 

@@ -1,5 +1,8 @@
 #include <corvane/mc/MediaDevice.h>
 
+#include <atomic>
+#include <thread>
+
 #include "MediaGraph.h"
 #include "support/Capture.h"
 
@@ -50,9 +53,7 @@ TEST_F(MediaDeviceTest, OpensOnceAndClosesAtTheFirstRelease) {
     mKernel.openResults.clear();
     EXPECT_EQ(mDevice.acquire(), 0);
     EXPECT_EQ(mDevice.acquire(), 0);
-    const std::string info =
-        " .driver=drv .model=m .serial=s1 .bus_info=platform:x"
-        " .media_version=0x601c0 .hw_revision=0 .driver_version=0x10";
+    const std::string info = infoText("m");
     EXPECT_EQ(dumpOf(mDevice, 'I'), Lines({"<<MediaDevice>> fd=100 '/dev/media0' " + info}));
     mKernel.closeResult = -EIO;
     EXPECT_EQ(mDevice.release(), -EIO);
@@ -93,11 +94,16 @@ TEST_F(MediaDeviceTest, SetsLinksByTheirPadsAlone) {
     EXPECT_EQ(mTopology->linkDescs()[0].flags, 4U);
 }
 
-TEST_F(MediaDeviceTest, WarnsOnceOfAnImmutableLink) {
-    LogCapture log("corvane-DeviceEnumerator");
-    EXPECT_TRUE(mDevice.enableLink(false, "a", 1, "b", 0));
-    EXPECT_EQ(log.take(), Lines({"W [enable] Link is immutable"}));
-    EXPECT_TRUE(mSent.empty());
+TEST_F(MediaDeviceTest, IsReadBesideOpenAndClose) {
+    std::atomic<bool> ends{false};
+    std::thread reader([&] {
+        while (!ends)
+            EXPECT_EQ(dumpOf(mDevice, 'I').size(), 1U);
+    });
+    for (int i = 0; i < 200; ++i)
+        EXPECT_EQ(mDevice.acquire() + mDevice.release(), 0);
+    ends = true;
+    reader.join();
 }
 
 TEST_F(MediaDeviceTest, ReportsARefusedLinkAndKeepsItsFlags) {

@@ -59,6 +59,13 @@ inline media_device_info infoOf(const char* model) {
     return info;
 }
 
+/** infoOf() in a state dump. */
+inline std::string infoText(const std::string& model) {
+    return " .driver=drv .model=" + model +
+           " .serial=s1 .bus_info=platform:x .media_version=0x601c0 .hw_revision=0"
+           " .driver_version=0x10";
+}
+
 /** One media device. Links are those of the entity at the same place. */
 struct MediaGraph {
     const char* model;

@@ -1,5 +1,6 @@
 #include <corvane/V4L2SubDevice.h>
 #include <corvane/kvxdip.h>
+#include <corvane/platform/TimeBomb.h>
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 
 #include <cerrno>
 #include <functional>
+#include <mutex>
 
 #include "EngineTest.h"
 
@@ -217,6 +219,24 @@ TEST_F(SubDeviceTest, StopsAtTheFirstRefusedBatchAndKeepsThoseBefore) {
     EXPECT_EQ(ioctls(KVXDIP_IOC_ADD_KVA), 2u);
     EXPECT_EQ(mEngine.device().subDeviceCounts().kva, 32u);
     EXPECT_EQ(mReports.take().size(), 2u) << "one report and its end";
+}
+
+TEST_F(SubDeviceTest, GuardsAMemoryRequestThatHangs) {
+    std::mutex lock;
+    test::Lines expired;
+    timeguard::TimeBomb::setExpiryHandler([&](const timeguard::TimeBomb& guard, auto) {
+        const std::lock_guard held(lock);
+        expired.push_back(std::string(guard.name()) + " " + guard.message() + " " +
+                          std::to_string(guard.limit()) + " " + std::to_string(guard.period()));
+        mEngine.faults().clear();
+    });
+    mEngine.faults().hang(sim::Call::ioctl(KVXDIP_IOC_FREE_BUF));
+    EXPECT_EQ(mDev.requestMemory({true, 0, 1}), 0);
+    EXPECT_EQ(mDev.requestMemory({false, 0, 1}), 0);
+    timeguard::TimeBomb::setExpiryHandler(nullptr);
+    const std::lock_guard held(lock);
+    EXPECT_THAT(expired, ElementsAre("ZelsysKernel KVXDIP_IOC_FREE_BUF timed out.  is_smvr=0 "
+                                     "is_capture=1 2999000000 1000000000"));
 }
 
 TEST_F(SubDeviceTest, TellsCountsAndProcessorTimesAtInfoLevel) {

@@ -186,23 +186,6 @@ TEST(SceneManager, RunsPipesInTheirOrderAndMayBeCalledByThem) {
     });
 }
 
-TEST(SceneManager, TracesItsSections) {
-    inOwnProcess([] {
-        Lines notes;
-        registerPipe("a", "a", notes);
-        const auto live = [] {
-            SceneManager manager;
-            manager.init();
-            manager.addScene("s", nullptr);
-            manager.getScene("s");
-            manager.uninit();
-        };
-        EXPECT_EQ(tracedBy(live, 4),
-                  Lines({"SceneManager::addScene", "SceneManager::getScene", "SceneManager::init",
-                         "SceneManager::uninit", "pipe: a"}));
-    });
-}
-
 TEST(SceneManager, TellsTimes) {
     EXPECT_EQ(determineDiffTimespecInNs({5, 100}, {3, 200}), 1999999900);
     EXPECT_EQ(determineDiffTimespecInNs({3, 200}, {5, 100}), -1999999900);

@@ -16,7 +16,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <map>
 #include <stdexcept>
 #include <thread>
 
@@ -555,63 +554,6 @@ TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
             ElementsAre(MatchesRegex("W .streamOn. v0: VIDIOC_STREAMON takes 3[0-9]{9} ns")));
     });
     unsetenv("persist.vendor.kvx.camera.ulog.detailslevel");
-}
-
-TEST_F(SceneTest, TracesItsSections) {
-    const auto live = [this] {
-        PixelFormat format = {};
-        make({0, 1}, kLinks);
-        mDequeued = 0;
-        mScene->init();
-        mScene->acquire();
-        const std::shared_ptr<IPort> port = mScene->queryPort(0);
-        mScene->setFormat(port, format);
-        mScene->getFormat(port, format);
-        for (const int index : {0, 1})
-            mScene->importBuffer(mScene->queryPort(index), 2);
-        mScene->start();
-        const auto request = mScene->createRequest();
-        fill(*request, {0, 1});
-        mScene->queueRequest(request.get(), 0);
-        mMedia->request->done();
-        while (mDequeued == 0)  // the worker is in its loop
-            std::this_thread::yield();
-        mScene->stop();
-        mScene->release();
-        close();
-    };
-    const std::map<unsigned, Lines> expected = {
-        {4,
-         {"Scene::Scene", "Scene::acquire", "Scene::init", "Scene::release", "Scene::start",
-          "Scene::stop", "Scene::uninit", "Scene::~Scene", "V4L2BufferMonitor::requestExit",
-          "deinit ports #2", "disable links #2", "threadLoop"}},
-        {5,
-         {"IV4L2VideoDevice::make", "Port::deinit", "Port::importBuffer", "Port::init",
-          "Port::start", "Port::stop", "Scene::getFormat", "Scene::importBuffer",
-          "Scene::setFormat", "V4L2VideoDevice: VIDIOC_STREAMOFF",
-          "V4L2VideoDevice: VIDIOC_STREAMON", "V4L2VideoDevice::closeDevice",
-          "V4L2VideoDevice::importBuffer", "V4L2VideoDevice::openDevice", "VIDIOC_REQBUFS"}},
-        {6,
-         {"Port::getFormat", "Port::setFormat", "V4L2BufferMonitor::attachObserver",
-          "V4L2BufferMonitor::detachObserver", "V4L2VideoDevice::getFormat",
-          "V4L2VideoDevice::setFormat", "V4L2VideoDevice::setMonitor"}},
-        {8, {"Request::queueBuffers"}},
-        {9, {"Scene::queueRequest"}},
-        {10,
-         {"Request::addBuffer", "Request::queueRequest", "Scene::requestDone",
-          "V4L2VideoDevice::acquireBufferIndex", "V4L2VideoDevice::queueBuffer",
-          "attachRequestBuffer"}},
-        {13,
-         {"Request::requestDone", "V4L2BufferMonitor::notifyComplete",
-          "V4L2BufferMonitor::notifyRequestDone|requestFd:200"}},
-        {14,
-         {"V4L2VideoDevice::dequeBuffer", "V4L2VideoDevice::onNotify",
-          "V4L2VideoDevice::releaseBufferIndex", "detachRequestBuffer", "wait_for needToDQBUF"}},
-        {34, {"C V4L2BufferMonitor-#BufInQ"}},
-    };
-    for (const auto& [area, names] : expected)
-        EXPECT_EQ(tracedBy(live, area), names) << area;
-    EXPECT_THAT(tracedBy(live, 35), ElementsAre(MatchesRegex("b V4L2BufferMonitor-0x[0-9a-f]+-0")));
 }
 
 TEST_F(SceneTest, EndsOnConsistencyErrors) {

@@ -1,0 +1,53 @@
+#include <corvane/V4L2.h>
+#include <gtest/gtest.h>
+
+namespace NSVista::NSCorvane::v4l2 {
+namespace {
+
+TEST(Words, ReadEverySpellingOfAFormat) {
+    const struct {
+        const char* text;
+        uint32_t fourcc;
+        const char *characters, *name;
+    } cases[] = {
+        {"NV12M", V4L2_PIX_FMT_NV12M, "NM12", "NV12M"},
+        {"NM12", V4L2_PIX_FMT_NV12M, "NM12", "NV12M"},
+        {"NV12", V4L2_PIX_FMT_NV12, "NV12", "NV12"},
+        {"Y16", V4L2_PIX_FMT_Y16, "Y16", "Y16"},
+        {"Y16-BE", V4L2_PIX_FMT_Y16_BE, "Y16-BE", "Y16-BE"},
+        {"", 0, "....", "...."},
+        {"-BE", v4l2_fourcc('-', 'B', 'E', ' '), "-BE", "-BE"},
+        {"FIVES", 0, "....", "...."},
+        {"A\nB", 0, "....", "...."},
+        {"\xc3\xa9", 0, "....", "...."},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(fourccOf(c.text), c.fourcc) << c.text;
+        EXPECT_EQ(fourccText(c.fourcc), c.characters) << c.text;
+        EXPECT_EQ(formatName(c.fourcc), c.name) << c.text;
+    }
+    for (const FormatName& each : kFormatNames)
+        EXPECT_EQ(fourccOf(formatName(each.fourcc)), each.fourcc) << each.name;
+}
+
+TEST(Words, KnowTypesByTheirCapabilities) {
+    for (const BufferType& each : kBufferTypes) {
+        EXPECT_EQ(findBufferType(each.type), &each);
+        if (each.caps != 0) {
+            EXPECT_EQ(portBufferType(each.caps | V4L2_CAP_STREAMING), each.type) << each.name;
+            EXPECT_EQ(formatClassOfCaps(each.caps), formatClassOfType(each.type)) << each.name;
+        }
+        EXPECT_EQ(isOutput(each.type), strstr(each.name, "OUTPUT") != nullptr) << each.name;
+    }
+    EXPECT_EQ(portBufferType(V4L2_CAP_VIDEO_M2M | V4L2_CAP_STREAMING), 0U);
+    EXPECT_EQ(findBufferType(0), nullptr);
+}
+
+TEST(Words, EndTextsThatFillTheirField) {
+    const uint8_t full[] = {'a', 'b', 'c'};
+    EXPECT_EQ(fixedText(full), "abc");
+    EXPECT_EQ(fixedText("a\0b"), "a");
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::v4l2
