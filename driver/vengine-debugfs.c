@@ -2,47 +2,13 @@
 /*
  * The virtual engine's test side, in debugfs: faults, what it received, what it holds.
  */
-#include <linux/completion.h>
-#include <linux/kref.h>
+#include <linux/debugfs.h>
 #include <linux/module.h>
 #include <linux/seq_file.h>
 #include <linux/slab.h>
 #include <linux/uaccess.h>
 
 #include "vengine.h"
-
-#define VENGINE_MAX_RECORDS 1024
-
-static const char * const vengine_op_names[VENGINE_OPS] = {
-	[VENGINE_OP_QUERYCAP] = "querycap",
-	[VENGINE_OP_G_FMT] = "g_fmt",
-	[VENGINE_OP_S_FMT] = "s_fmt",
-	[VENGINE_OP_REQBUFS] = "reqbufs",
-	[VENGINE_OP_QBUF] = "qbuf",
-	[VENGINE_OP_DQBUF] = "dqbuf",
-	[VENGINE_OP_STREAMON] = "streamon",
-	[VENGINE_OP_STREAMOFF] = "streamoff",
-	[VENGINE_OP_BUFFER] = "buffer",
-	[VENGINE_OP_REQUEST_ALLOC] = "request_alloc",
-	[VENGINE_OP_REQUEST_QUEUE] = "request_queue",
-	[VENGINE_OP_REQUEST_REINIT] = "request_reinit",
-	[VENGINE_OP_SETUP_LINK] = "setup_link",
-	[VENGINE_OP_SUBSCRIBE_EVENT] = "subscribe_event",
-	[VENGINE_OP_UNSUBSCRIBE_EVENT] = "unsubscribe_event",
-	[VENGINE_OP_DQEVENT] = "dqevent",
-	[VENGINE_OP_ADD_KVA] = "add_kva",
-	[VENGINE_OP_DEL_KVA] = "del_kva",
-	[VENGINE_OP_S_INIT_INFO] = "s_init_info",
-	[VENGINE_OP_SET_CONTROL] = "set_control",
-	[VENGINE_OP_GET_CONTROL] = "get_control",
-	[VENGINE_OP_ADD_FENCE] = "add_fence",
-	[VENGINE_OP_DEL_FENCE] = "del_fence",
-	[VENGINE_OP_ALOC_BUF] = "aloc_buf",
-	[VENGINE_OP_FREE_BUF] = "free_buf",
-	[VENGINE_OP_CLEAR_USER_RESOURCE] = "clear_user_resource",
-	[VENGINE_OP_ACQUIRE_IOVA] = "acquire_iova",
-	[VENGINE_OP_RELEASE_IOVA] = "release_iova",
-};
 
 static const char * const vengine_count_names[VENGINE_COUNTS] = {
 	[VENGINE_COUNT_REQUESTS] = "requests",
@@ -55,245 +21,33 @@ static const char * const vengine_count_names[VENGINE_COUNTS] = {
 	[VENGINE_COUNT_FILES] = "files",
 };
 
-/* An operation that is going to fail, or to hang, once. */
-struct vengine_fault {
-	struct list_head node;
-	struct kref kref;		/* the lists' and the hanging call's */
-	enum vengine_op op;
-	int value;			/* what the operation returns; 0: it hangs, then goes on */
-	unsigned int left;		/* calls until then, this one included */
-	char entity[32];		/* of calls that count; empty: all */
-	struct completion released;
-};
+/* Faults and records */
 
-struct vengine_recorded {
-	struct list_head node;
-	enum vengine_op op;
-	size_t size;
-	u8 bytes[];
-};
-
-/* Faults */
-
-static void vengine_fault_free(struct kref *kref)
+static struct vengine *vengine_of_file(struct file *file)
 {
-	kfree(container_of(kref, struct vengine_fault, kref));
-}
-
-static void vengine_fault_put(struct vengine_fault *fault)
-{
-	kref_put(&fault->kref, vengine_fault_free);
-}
-
-/* Counts a call, and takes the fault that is due for it off the armed ones. */
-static struct vengine_fault *vengine_due_fault(struct vengine *engine, enum vengine_op op,
-					       const char *entity)
-{
-	struct vengine_fault *fault, *next, *due = NULL;
-
-	list_for_each_entry_safe(fault, next, &engine->faults, node) {
-		if (fault->op != op || (*fault->entity && entity && strcmp(fault->entity, entity)))
-			continue;
-		if (fault->left > 1) {
-			fault->left--;
-		} else if (!due) {
-			due = fault;
-			list_del_init(&fault->node);
-			WRITE_ONCE(engine->num_faults, engine->num_faults - 1);
-		}
-	}
-	return due;
-}
-
-static int vengine_wait_released(struct vengine *engine, struct vengine_fault *fault)
-{
-	int ret = wait_for_completion_killable(&fault->released);
-
-	mutex_lock(&engine->test_lock);
-	if (!list_empty(&fault->node)) {
-		list_del_init(&fault->node);
-		vengine_fault_put(fault);
-	}
-	mutex_unlock(&engine->test_lock);
-	vengine_fault_put(fault);
-	return ret;
-}
-
-/*
- * To be asked by every operation that can be made to fail: 0, or what it is to return. Hangs here
- * when told to, until released or killed.
- */
-int vengine_fault(struct vengine *engine, enum vengine_op op, const char *entity)
-{
-	struct vengine_fault *fault;
-	int value = 0;
-
-	if (!READ_ONCE(engine->num_faults))
-		return 0;
-	mutex_lock(&engine->test_lock);
-	fault = vengine_due_fault(engine, op, entity);
-	if (fault) {
-		value = fault->value;
-		if (!value) {
-			kref_get(&fault->kref);
-			list_add_tail(&fault->node, &engine->hanging);
-		}
-	}
-	mutex_unlock(&engine->test_lock);
-	if (fault && !value)
-		return vengine_wait_released(engine, fault);
-	if (fault)
-		vengine_fault_put(fault);
-	return value;
-}
-
-static void vengine_drop_faults(struct vengine *engine, struct list_head *faults)
-{
-	struct vengine_fault *fault, *next;
-
-	list_for_each_entry_safe(fault, next, faults, node) {
-		list_del_init(&fault->node);
-		complete_all(&fault->released);
-		vengine_fault_put(fault);
-	}
-}
-
-static void vengine_clear_faults(struct vengine *engine)
-{
-	mutex_lock(&engine->test_lock);
-	vengine_drop_faults(engine, &engine->faults);
-	vengine_drop_faults(engine, &engine->hanging);
-	WRITE_ONCE(engine->num_faults, 0);
-	mutex_unlock(&engine->test_lock);
-	vengine_release_held(engine);
-}
-
-/*
- * REINIT is not a driver's to refuse; a request in access refuses it with EBUSY. The access lasts
- * until another request is held, a node stops or the faults are cleared.
- */
-void vengine_hold_request(struct vengine *engine, struct media_request *req)
-{
-	vengine_release_held(engine);
-	media_request_get(req);
-	spin_lock_irq(&req->lock);
-	req->access_count++;
-	spin_unlock_irq(&req->lock);
-	mutex_lock(&engine->test_lock);
-	engine->held = req;
-	mutex_unlock(&engine->test_lock);
-}
-
-void vengine_release_held(struct vengine *engine)
-{
-	struct media_request *req;
-
-	mutex_lock(&engine->test_lock);
-	req = engine->held;
-	engine->held = NULL;
-	mutex_unlock(&engine->test_lock);
-	if (!req)
-		return;
-	media_request_unlock_for_access(req);
-	media_request_put(req);
-}
-
-/* What cannot be told to hang or to return anything else. */
-static bool vengine_fault_possible(enum vengine_op op, int value)
-{
-	switch (op) {
-	case VENGINE_OP_REQUEST_ALLOC:
-		return value == -ENOMEM;
-	case VENGINE_OP_REQUEST_REINIT:
-		return value == -EBUSY;
-	case VENGINE_OP_BUFFER:
-		return value == -EIO;
-	case VENGINE_OP_REQBUFS:
-		return value >= -MAX_ERRNO && value <= VENGINE_MAX_BUFFERS;
-	default:
-		return value >= -MAX_ERRNO && value <= 0;
-	}
-}
-
-static int vengine_parse_fault(struct vengine_fault *fault, const char *line)
-{
-	char name[32], value[16];
-	int n = sscanf(line, "%31s %15s %u %31s", name, value, &fault->left, fault->entity);
-
-	if (n < 2)
-		return -EINVAL;
-	if (n == 2)
-		fault->left = 1;
-	n = match_string(vengine_op_names, VENGINE_OPS, name);
-	if (n < 0)
-		return n;
-	fault->op = n;
-	if (strcmp(value, "hang")) {
-		n = kstrtoint(value, 0, &fault->value);
-		if (n)
-			return n;
-		if (!fault->value)
-			return -EINVAL;
-	}
-	return fault->left && vengine_fault_possible(fault->op, fault->value) ? 0 : -EINVAL;
-}
-
-static int vengine_arm(struct vengine *engine, const char *line)
-{
-	struct vengine_fault *fault = kzalloc(sizeof(*fault), GFP_KERNEL);
-	int ret;
-
-	if (!fault)
-		return -ENOMEM;
-	ret = vengine_parse_fault(fault, line);
-	if (ret) {
-		kfree(fault);
-		return ret;
-	}
-	kref_init(&fault->kref);
-	init_completion(&fault->released);
-	mutex_lock(&engine->test_lock);
-	list_add_tail(&fault->node, &engine->faults);
-	WRITE_ONCE(engine->num_faults, engine->num_faults + 1);
-	mutex_unlock(&engine->test_lock);
-	return 0;
+	return ((struct seq_file *)file->private_data)->private;
 }
 
 static ssize_t vengine_fault_write(struct file *file, const char __user *user, size_t count,
 				   loff_t *pos)
 {
-	struct vengine *engine = ((struct seq_file *)file->private_data)->private;
-	char *line = memdup_user_nul(user, min_t(size_t, count, PAGE_SIZE));
-	int ret = 0;
+	char *line;
+	int ret;
 
+	if (count >= PAGE_SIZE)
+		return -EINVAL;
+	line = memdup_user_nul(user, count);
 	if (IS_ERR(line))
 		return PTR_ERR(line);
-	if (!strcmp(strim(line), "clear"))
-		vengine_clear_faults(engine);
-	else
-		ret = vengine_arm(engine, line);
+	ret = strlen(line) == count ? vengine_tell_fault(vengine_of_file(file), strim(line)) :
+				      -EINVAL;
 	kfree(line);
 	return ret ?: count;
 }
 
 static int vengine_fault_show(struct seq_file *s, void *unused)
 {
-	struct vengine *engine = s->private;
-	struct vengine_fault *fault;
-
-	mutex_lock(&engine->test_lock);
-	list_for_each_entry(fault, &engine->faults, node) {
-		seq_printf(s, "%s ", vengine_op_names[fault->op]);
-		if (fault->value)
-			seq_printf(s, "%d", fault->value);
-		else
-			seq_puts(s, "hang");
-		seq_printf(s, " %u %s\n", fault->left, fault->entity);
-	}
-	list_for_each_entry(fault, &engine->hanging, node)
-		seq_printf(s, "%s hangs %s\n", vengine_op_names[fault->op], fault->entity);
-	mutex_unlock(&engine->test_lock);
-	return 0;
+	return vengine_show_faults(s->private, s);
 }
 
 static int vengine_fault_open(struct inode *inode, struct file *file)
@@ -310,65 +64,16 @@ static const struct file_operations vengine_fault_fops = {
 	.release = single_release,
 };
 
-/* Records */
-
-static void vengine_drop_record(struct vengine *engine)
-{
-	struct vengine_recorded *first = list_first_entry(&engine->records,
-							  struct vengine_recorded, node);
-
-	list_del(&first->node);
-	kfree(first);
-	engine->num_records--;
-}
-
-/* Keeps what a private ioctl brought; the oldest is dropped when there are too many. */
-void vengine_record(struct vengine *engine, enum vengine_op op, const void *bytes, size_t size)
-{
-	struct vengine_recorded *record = kmalloc(struct_size(record, bytes, size), GFP_KERNEL);
-
-	if (!record)
-		return;
-	record->op = op;
-	record->size = size;
-	memcpy(record->bytes, bytes, size);
-	mutex_lock(&engine->test_lock);
-	list_add_tail(&record->node, &engine->records);
-	if (++engine->num_records > VENGINE_MAX_RECORDS)
-		vengine_drop_record(engine);
-	mutex_unlock(&engine->test_lock);
-}
-
-static void vengine_clear_records(struct vengine *engine)
-{
-	mutex_lock(&engine->test_lock);
-	while (engine->num_records)
-		vengine_drop_record(engine);
-	mutex_unlock(&engine->test_lock);
-}
-
 static ssize_t vengine_record_write(struct file *file, const char __user *user, size_t count,
 				    loff_t *pos)
 {
-	vengine_clear_records(((struct seq_file *)file->private_data)->private);
+	vengine_clear_records(vengine_of_file(file));
 	return count;
 }
 
 static int vengine_record_show(struct seq_file *s, void *unused)
 {
-	struct vengine *engine = s->private;
-	struct vengine_recorded *record;
-	size_t n;
-
-	mutex_lock(&engine->test_lock);
-	list_for_each_entry(record, &engine->records, node) {
-		seq_printf(s, "%s ", vengine_op_names[record->op]);
-		for (n = 0; n < record->size; n++)
-			seq_printf(s, "%02x", record->bytes[n]);
-		seq_putc(s, '\n');
-	}
-	mutex_unlock(&engine->test_lock);
-	return 0;
+	return vengine_show_records(s->private, s);
 }
 
 static int vengine_record_open(struct inode *inode, struct file *file)
@@ -395,10 +100,13 @@ static int vengine_offsets_show(struct seq_file *s, void *unused)
 	for (n = 0; n < VENGINE_PORTS; n++) {
 		struct vengine_port_dev *port = &engine->ports[n];
 
-		mutex_lock(&port->queue_lock);
-		for (index = 0; index < port->queue.num_buffers; index++) {
-			struct vb2_buffer *vb = port->queue.bufs[index];
+		if (mutex_lock_killable(&port->queue_lock))
+			return -EINTR;
+		for (index = 0; index < VENGINE_MAX_BUFFERS; index++) {
+			struct vb2_buffer *vb = vb2_get_buffer(&port->queue, index);
 
+			if (!vb)
+				continue;
 			seq_printf(s, "%s %u", port->desc->name, index);
 			for (plane = 0; plane < vb->num_planes; plane++)
 				seq_printf(s, " %u", vengine_buffer_of(vb)->offset[plane]);
@@ -423,15 +131,19 @@ bool vengine_counts_clean(void)
 static int vengine_counts_show(struct seq_file *s, void *unused)
 {
 	struct vengine *engine = s->private;
-	unsigned int n, dmabufs;
+	int n, kept, dmabufs;
 
 	dmabufs = atomic_read(&vengine_counts[VENGINE_COUNT_KVA]) +
 		  atomic_read(&vengine_counts[VENGINE_COUNT_IOVA]);
-	for (n = 0; n < VENGINE_PORTS; n++)
-		dmabufs += vengine_port_dmabufs(&engine->ports[n]);
+	for (n = 0; n < VENGINE_PORTS; n++) {
+		kept = vengine_port_dmabufs(&engine->ports[n]);
+		if (kept < 0)
+			return kept;
+		dmabufs += kept;
+	}
 	for (n = 0; n < VENGINE_COUNTS; n++)
 		seq_printf(s, "%s %d\n", vengine_count_names[n], atomic_read(&vengine_counts[n]));
-	seq_printf(s, "dmabufs %u\n", dmabufs);
+	seq_printf(s, "dmabufs %d\n", dmabufs);
 	return 0;
 }
 DEFINE_SHOW_ATTRIBUTE(vengine_counts);
@@ -444,14 +156,6 @@ static int vengine_init_info_show(struct seq_file *s, void *unused)
 	return 0;
 }
 DEFINE_SHOW_ATTRIBUTE(vengine_init_info);
-
-void vengine_debugfs_init(struct vengine *engine)
-{
-	mutex_init(&engine->test_lock);
-	INIT_LIST_HEAD(&engine->faults);
-	INIT_LIST_HEAD(&engine->hanging);
-	INIT_LIST_HEAD(&engine->records);
-}
 
 /* Once everything that the files show is there. */
 void vengine_debugfs_register(struct vengine *engine)

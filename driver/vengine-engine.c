@@ -76,17 +76,52 @@ void vengine_buffer_queue(struct vengine_buffer *buf)
 	spin_unlock_irq(&engine->lock);
 }
 
+/*
+ * Controls of a request are objects of it, like buffers: they take effect when it is processed, and
+ * have to be complete when its last buffer is given back.
+ */
+static void vengine_setup_controls(struct vengine *engine, struct media_request *req)
+{
+	u32 n;
+
+	for (n = 0; n < VENGINE_PORTS; n++)
+		if (vengine_has_brightness(&vengine_ports[n]))
+			v4l2_ctrl_request_setup(req, &engine->ports[n].controls);
+}
+
+/* Nodes that the request has pictures for, by bit, tell what was in effect in any case. */
+static void vengine_complete_controls(struct vengine *engine, struct media_request *req, u32 ports)
+{
+	u32 n;
+
+	for (n = 0; n < VENGINE_PORTS; n++) {
+		struct v4l2_ctrl_handler *controls = &engine->ports[n].controls, *found;
+
+		if (!vengine_has_brightness(&vengine_ports[n]))
+			continue;
+		found = v4l2_ctrl_request_hdl_find(req, controls);
+		if (found)
+			v4l2_ctrl_request_hdl_put(found);
+		if (found || ports & BIT(n))
+			v4l2_ctrl_request_complete(req, controls);
+	}
+}
+
 /* A buffer of a queued request will never come. */
 void vengine_buffer_withdrawn(struct vengine_buffer *buf)
 {
 	struct vengine *engine = vengine_port_of(&buf->vb.vb2_buf)->engine;
 	struct media_request *req = buf->vb.vb2_buf.req_obj.req;
 	struct vengine_job *job = &container_of(req, struct vengine_request, req)->job;
+	bool last;
 
 	spin_lock_irq(&engine->lock);
-	if (--job->missing == 0 && !list_empty(&job->buffers))
+	last = --job->missing == 0 && list_empty(&job->buffers);
+	if (!job->missing && !last)
 		vengine_job_ready(engine, job);
 	spin_unlock_irq(&engine->lock);
+	if (last)
+		vengine_complete_controls(engine, req, 0);
 }
 
 static void vengine_buffer_done(struct vengine_buffer *buf, enum vb2_buffer_state state)
@@ -95,17 +130,27 @@ static void vengine_buffer_done(struct vengine_buffer *buf, enum vb2_buffer_stat
 	vb2_buffer_done(&buf->vb.vb2_buf, state);
 }
 
+/* A node's link cannot change from here until it stops. */
+static int vengine_start_pipeline(struct vengine_port_dev *port)
+{
+	int ret = video_device_pipeline_start(&port->vdev, &port->pipe);
+
+	if (ret || media_pad_remote_pad_first(&port->pad))
+		return ret;
+	video_device_pipeline_stop(&port->vdev);
+	return -EPIPE;
+}
+
 int vengine_start(struct vengine_port_dev *port)
 {
 	struct vengine *engine = port->engine;
 	struct vengine_buffer *buf, *next;
 	LIST_HEAD(arrived);
-	bool linked;
+	int ret = vengine_start_pipeline(port);
 
 	spin_lock_irq(&engine->lock);
 	list_splice_init(&port->arrived, &arrived);
-	linked = port->linked;
-	if (linked) {
+	if (!ret) {
 		port->streaming = true;
 		port->sequence = 0;
 		list_for_each_entry_safe(buf, next, &arrived, port_node) {
@@ -114,13 +159,13 @@ int vengine_start(struct vengine_port_dev *port)
 		}
 	}
 	spin_unlock_irq(&engine->lock);
-	if (linked)
+	if (!ret)
 		return 0;
 	list_for_each_entry_safe(buf, next, &arrived, port_node) {
 		list_del(&buf->port_node);
 		vengine_buffer_done(buf, VB2_BUF_STATE_QUEUED);
 	}
-	return -EPIPE;
+	return ret;
 }
 
 /* Returns when no buffer of the port is in the engine's hands. */
@@ -135,18 +180,24 @@ void vengine_stop(struct vengine_port_dev *port)
 	list_splice_init(&port->active, &cancelled);
 	list_for_each_entry(buf, &cancelled, port_node) {
 		list_del(&buf->job_node);
+		buf->last = list_empty(&buf->job->buffers) && !buf->job->missing;
 		if (list_empty(&buf->job->buffers))
 			list_del_init(&buf->job->node);
 	}
 	spin_unlock_irq(&engine->lock);
 
 	list_for_each_entry_safe(buf, next, &cancelled, port_node) {
+		struct media_request *req = buf->vb.vb2_buf.req_obj.req;
+
 		list_del(&buf->port_node);
+		if (req && buf->last)
+			vengine_complete_controls(engine, req, 0);
 		vengine_buffer_done(buf, VB2_BUF_STATE_ERROR);
 	}
 	mutex_lock(&engine->run_lock);
 	mutex_unlock(&engine->run_lock);
 	vengine_release_held(engine);
+	video_device_pipeline_stop(&port->vdev);
 }
 
 /* Processing */
@@ -163,20 +214,20 @@ struct vengine_run {
 };
 
 /*
- * Where a plane's picture begins, at its offset in the buffer, or NULL when the buffer ends before
- * the picture does. All of a dma-buf is mapped, also beyond the length that was queued.
+ * Where a plane's picture begins, or NULL when the buffer ends before the picture does. The offset
+ * word counts from the start of the buffer, an output plane's data_offset from there. All of a
+ * dma-buf is mapped, also beyond the length that was queued.
  */
 void *vengine_plane_address(struct vengine_buffer *buf, unsigned int plane)
 {
 	struct vb2_buffer *vb = &buf->vb.vb2_buf;
-	u32 size = vengine_plane_size(vengine_port_of(vb), plane);
+	u32 size = vengine_port_of(vb)->layout.sizeimage[plane];
 	size_t limit = vb->planes[plane].dbuf ? vb->planes[plane].dbuf->size :
 						vb2_plane_size(vb, plane);
+	u64 start = (u64)buf->offset[plane] + vb->planes[plane].data_offset;
 	u8 *base = vb2_plane_vaddr(vb, plane);
 
-	if (!base || buf->offset[plane] > limit || size > limit - buf->offset[plane])
-		return NULL;
-	return base + buf->offset[plane];
+	return base && start + size <= limit ? base + start : NULL;
 }
 
 static bool vengine_map_picture(struct vengine_buffer *buf, struct vengine_picture *picture)
@@ -231,6 +282,17 @@ static void vengine_read_buffers(struct vengine_run *run)
 	}
 }
 
+static u32 vengine_sum_up(const struct vengine_picture *picture)
+{
+	u32 y, hash = VENGINE_CHECKSUM_START;
+
+	for (y = 0; y < picture->height; y++) {
+		hash = vengine_checksum_row(hash, picture, y);
+		cond_resched();
+	}
+	return hash;
+}
+
 static void vengine_write_stats(struct vengine_run *run, struct vengine_buffer *buf)
 {
 	void *address = vengine_plane_address(buf, 0);
@@ -239,7 +301,7 @@ static void vengine_write_stats(struct vengine_run *run, struct vengine_buffer *
 	run->stats.frame = run->frame;
 	run->stats.tuning_serial = run->tuning.serial;
 	if (run->source.input)
-		run->stats.input_checksum = vengine_checksum(&run->input);
+		run->stats.input_checksum = vengine_sum_up(&run->input);
 	if (address)
 		memcpy(address, &run->stats, sizeof(run->stats));
 	else
@@ -248,6 +310,8 @@ static void vengine_write_stats(struct vengine_run *run, struct vengine_buffer *
 
 static void vengine_write_picture(struct vengine_run *run, struct vengine_buffer *buf)
 {
+	const struct vengine_port_dev *port = vengine_port_of(&buf->vb.vb2_buf);
+	struct vengine_source source = run->source;
 	struct vengine_picture out;
 	u32 y;
 
@@ -255,9 +319,9 @@ static void vengine_write_picture(struct vengine_run *run, struct vengine_buffer
 		run->failed = true;
 		return;
 	}
+	source.brightness += READ_ONCE(port->brightness);
 	for (y = 0; y < out.height; y++) {
-		vengine_capture_row(&run->source, vengine_port_of(&buf->vb.vb2_buf)->desc->role,
-				    &out, y);
+		vengine_capture_row(&source, port->desc->role, &out, y);
 		cond_resched();
 	}
 }
@@ -296,12 +360,15 @@ static void vengine_finish(struct vengine *engine, struct vengine_run *run)
 	}
 }
 
-static void vengine_process(struct vengine *engine, struct vengine_run *run)
+/* With hold, a fault may keep the request that completes from being reinitialised. */
+static void vengine_process(struct vengine *engine, struct vengine_run *run, bool hold)
 {
 	struct vengine_buffer *first = list_first_entry(&run->buffers, struct vengine_buffer,
 							job_node);
 	struct media_request *req = first->vb.vb2_buf.req_obj.req;
 
+	if (req)
+		vengine_setup_controls(engine, req);
 	run->source.frame = run->frame;
 	vengine_read_buffers(run);
 	run->source.brightness = vengine_brightness(READ_ONCE(engine->controls[0]),
@@ -309,9 +376,14 @@ static void vengine_process(struct vengine *engine, struct vengine_run *run)
 	if (!run->failed)
 		vengine_write_buffers(run);
 	vengine_subdev_completed(engine, run->frame);
-	if (req && vengine_fault(engine, VENGINE_OP_REQUEST_REINIT, NULL))
-		vengine_hold_request(engine, req);
+	if (req)
+		vengine_complete_controls(engine, req, run->stats.ports);
+	hold = hold && req && vengine_fault(engine, VENGINE_OP_REQUEST_REINIT, NULL);
+	if (hold)
+		media_request_get(req);
 	vengine_finish(engine, run);
+	if (hold)
+		vengine_hold_request(engine, req);
 }
 
 /* The worker */
@@ -378,16 +450,22 @@ static int vengine_worker(void *data)
 	struct vengine *engine = data;
 	struct vengine_run run;
 	ktime_t wait;
-	bool taken;
+	bool taken, hold;
 
 	while (!kthread_should_stop()) {
 		memset(&run, 0, sizeof(run));
 		INIT_LIST_HEAD(&run.buffers);
+		/* REINIT waits for this lock, and then finds the request held. */
+		hold = vengine_fault_armed(engine, VENGINE_OP_REQUEST_REINIT);
+		if (hold)
+			mutex_lock(&engine->mdev.req_queue_mutex);
 		mutex_lock(&engine->run_lock);
 		taken = vengine_take(engine, &run, &wait);
 		if (taken)
-			vengine_process(engine, &run);
+			vengine_process(engine, &run, hold);
 		mutex_unlock(&engine->run_lock);
+		if (hold)
+			mutex_unlock(&engine->mdev.req_queue_mutex);
 		if (!taken)
 			wait_event_interruptible_hrtimeout(engine->wake,
 							   READ_ONCE(engine->kicked) ||

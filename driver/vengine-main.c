@@ -50,6 +50,16 @@ static int vengine_add_entity(struct vengine *engine, struct media_entity *entit
 	return ret;
 }
 
+/* Nodes start, stop and change their links independently: each is a pipeline of its own. */
+static bool vengine_pads_depend(struct media_entity *entity, unsigned int pad0, unsigned int pad1)
+{
+	return false;
+}
+
+static const struct media_entity_operations vengine_core_ops = {
+	.has_pad_interdep = vengine_pads_depend,
+};
+
 static int vengine_add_core(struct vengine *engine)
 {
 	struct media_entity *core = &engine->core;
@@ -63,6 +73,7 @@ static int vengine_add_core(struct vengine *engine)
 	core->obj_type = MEDIA_ENTITY_TYPE_BASE;
 	core->function = VENGINE_CORE_FUNCTION;
 	core->name = VENGINE_CORE_ENTITY;
+	core->ops = &vengine_core_ops;
 	ret = media_entity_pads_init(core, VENGINE_CORE_PADS, engine->core_pads);
 	return ret ?: vengine_add_entity(engine, core);
 }
@@ -178,7 +189,10 @@ static void vengine_remove_entities(struct vengine *engine)
 static void vengine_release(struct v4l2_device *v4l2_dev)
 {
 	struct vengine *engine = container_of(v4l2_dev, struct vengine, v4l2_dev);
+	u32 n;
 
+	for (n = 0; n < VENGINE_PORTS; n++)
+		v4l2_ctrl_handler_free(&engine->ports[n].controls);
 	media_device_cleanup(&engine->mdev);
 	put_device(engine->dev);
 	kfree(engine);
@@ -191,11 +205,11 @@ static void vengine_teardown(void *data)
 	u32 n;
 
 	vengine_debugfs_cleanup(engine);
+	for (n = 0; n < VENGINE_PORTS; n++)
+		vb2_video_unregister_device(&engine->ports[n].vdev);
 	media_device_unregister(&engine->mdev);
 	if (!engine->v4l2_dev.mdev)
 		vengine_remove_entities(engine);
-	for (n = 0; n < VENGINE_PORTS; n++)
-		vb2_video_unregister_device(&engine->ports[n].vdev);
 	v4l2_device_unregister_subdev(&engine->sd);
 	vengine_engine_cleanup(engine);
 	v4l2_device_unregister(&engine->v4l2_dev);
@@ -217,7 +231,7 @@ static int vengine_probe(struct platform_device *pdev)
 	strscpy(engine->mdev.model, model, sizeof(engine->mdev.model));
 	media_device_init(&engine->mdev);
 	engine->v4l2_dev.release = vengine_release;
-	vengine_debugfs_init(engine);
+	vengine_tests_init(engine);
 	ret = v4l2_device_register(&pdev->dev, &engine->v4l2_dev);
 	if (ret) {
 		vengine_release(&engine->v4l2_dev);

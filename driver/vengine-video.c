@@ -4,6 +4,7 @@
  */
 #include <linux/dma-buf.h>
 #include <linux/module.h>
+#include <media/v4l2-event.h>
 #include <media/v4l2-ioctl.h>
 #include <media/videobuf2-vmalloc.h>
 
@@ -13,16 +14,6 @@ static bool vengine_is_meta(const struct vengine_port_dev *port)
 {
 	return port->desc->buf_type == V4L2_BUF_TYPE_META_CAPTURE ||
 	       port->desc->buf_type == V4L2_BUF_TYPE_META_OUTPUT;
-}
-
-unsigned int vengine_num_planes(const struct vengine_port_dev *port)
-{
-	return vengine_is_meta(port) ? 1 : port->layout.num_planes;
-}
-
-u32 vengine_plane_size(const struct vengine_port_dev *port, unsigned int plane)
-{
-	return vengine_is_meta(port) ? VENGINE_META_SIZE : port->layout.sizeimage[plane];
 }
 
 static int vengine_port_fault(struct vengine_port_dev *port, enum vengine_op op)
@@ -61,18 +52,38 @@ static int vengine_enum_fmt(struct file *file, void *priv, struct v4l2_fmtdesc *
 	return 0;
 }
 
-/* The layout nearest to what is asked for. */
+/* The layout nearest to what is asked for; metadata has one. */
 static struct vengine_layout vengine_adjust(const struct vengine_port_dev *port, u32 fourcc,
 					    u32 width, u32 height)
 {
 	unsigned int count, n;
 	const u32 *formats = vengine_formats(port, &count);
 
+	if (vengine_is_meta(port))
+		return (struct vengine_layout){ .fourcc = port->desc->format, .num_planes = 1,
+						.sizeimage = { VENGINE_META_SIZE } };
 	width = vengine_clamp_size(width, VENGINE_MIN_WIDTH, VENGINE_MAX_WIDTH);
 	height = vengine_clamp_size(height, VENGINE_MIN_HEIGHT, VENGINE_MAX_HEIGHT);
 	for (n = 0; n < count && formats[n] != fourcc; n++)
 		;
 	return vengine_layout_of(n < count ? fourcc : port->desc->format, width, height);
+}
+
+static int vengine_enum_framesizes(struct file *file, void *priv, struct v4l2_frmsizeenum *sizes)
+{
+	struct vengine_port_dev *port = video_drvdata(file);
+	unsigned int count, n;
+	const u32 *formats = vengine_formats(port, &count);
+
+	for (n = 0; n < count && formats[n] != sizes->pixel_format; n++)
+		;
+	if (n == count || sizes->index || vengine_is_meta(port))
+		return -EINVAL;
+	sizes->type = V4L2_FRMSIZE_TYPE_STEPWISE;
+	sizes->stepwise = (struct v4l2_frmsize_stepwise){
+		VENGINE_MIN_WIDTH, VENGINE_MAX_WIDTH, 2, VENGINE_MIN_HEIGHT, VENGINE_MAX_HEIGHT, 2
+	};
+	return 0;
 }
 
 static void vengine_fill_mplane(const struct vengine_layout *layout,
@@ -109,8 +120,8 @@ static void vengine_fill(const struct vengine_port_dev *port, const struct vengi
 			 struct v4l2_format *f)
 {
 	if (vengine_is_meta(port)) {
-		f->fmt.meta.dataformat = port->desc->format;
-		f->fmt.meta.buffersize = VENGINE_META_SIZE;
+		f->fmt.meta.dataformat = layout->fourcc;
+		f->fmt.meta.buffersize = layout->sizeimage[0];
 	} else if (V4L2_TYPE_IS_MULTIPLANAR(port->desc->buf_type)) {
 		vengine_fill_mplane(layout, &f->fmt.pix_mp);
 	} else {
@@ -138,7 +149,7 @@ static int vengine_adjust_fmt(struct vengine_port_dev *port, struct v4l2_format 
 		return -EINVAL;
 	if (V4L2_TYPE_IS_MULTIPLANAR(f->type))
 		*layout = vengine_adjust(port, mp->pixelformat, mp->width, mp->height);
-	else if (!vengine_is_meta(port))
+	else
 		*layout = vengine_adjust(port, pix->pixelformat, pix->width, pix->height);
 	vengine_fill(port, layout, f);
 	return 0;
@@ -154,7 +165,7 @@ static int vengine_try_fmt(struct file *file, void *priv, struct v4l2_format *f)
 static int vengine_s_fmt(struct file *file, void *priv, struct v4l2_format *f)
 {
 	struct vengine_port_dev *port = video_drvdata(file);
-	struct vengine_layout layout = port->layout;
+	struct vengine_layout layout;
 	int ret;
 
 	ret = vengine_port_fault(port, VENGINE_OP_S_FMT);
@@ -203,9 +214,9 @@ static void vengine_take_offsets(struct vengine_port_dev *port, const struct v4l
 	struct vb2_buffer *vb;
 	unsigned int n;
 
-	if (b->type != queue->type || b->index >= queue->num_buffers)
+	vb = vb2_get_buffer(queue, b->index);
+	if (b->type != queue->type || !vb)
 		return;
-	vb = queue->bufs[b->index];
 	if (vb->state != VB2_BUF_STATE_DEQUEUED || vb->prepared)
 		return;
 	buf = vengine_buffer_of(vb);
@@ -281,6 +292,9 @@ static const struct v4l2_ioctl_ops vengine_ioctl_ops = {
 	.vidioc_s_fmt_vid_out_mplane = vengine_s_fmt,
 	.vidioc_s_fmt_meta_cap = vengine_s_fmt,
 	.vidioc_s_fmt_meta_out = vengine_s_fmt,
+	.vidioc_enum_framesizes = vengine_enum_framesizes,
+	.vidioc_subscribe_event = v4l2_ctrl_subscribe_event,
+	.vidioc_unsubscribe_event = v4l2_event_unsubscribe,
 	.vidioc_reqbufs = vengine_reqbufs,
 	.vidioc_create_bufs = vb2_ioctl_create_bufs,
 	.vidioc_prepare_buf = vengine_prepare_buf,
@@ -321,16 +335,16 @@ static int vengine_queue_setup(struct vb2_queue *queue, unsigned int *num_buffer
 			       struct device *alloc_devs[])
 {
 	const struct vengine_port_dev *port = vb2_get_drv_priv(queue);
-	unsigned int n, planes = vengine_num_planes(port);
+	unsigned int n, planes = port->layout.num_planes;
 	u64 bytes = 0;
 
 	if (*num_planes && *num_planes != planes)
 		return -EINVAL;
 	for (n = 0; n < planes; n++) {
-		if (*num_planes && sizes[n] < vengine_plane_size(port, n))
+		if (*num_planes && sizes[n] < port->layout.sizeimage[n])
 			return -EINVAL;
 		if (!*num_planes)
-			sizes[n] = vengine_plane_size(port, n);
+			sizes[n] = port->layout.sizeimage[n];
 		bytes += PAGE_ALIGN((u64)sizes[n]);
 	}
 	*num_planes = planes;
@@ -347,14 +361,17 @@ static int vengine_buf_out_validate(struct vb2_buffer *vb)
 
 static int vengine_buf_prepare(struct vb2_buffer *vb)
 {
-	struct vengine_port_dev *port = vengine_port_of(vb);
+	const struct vengine_layout *layout = &vengine_port_of(vb)->layout;
 	unsigned int n;
 
 	for (n = 0; n < vb->num_planes; n++) {
 		if (!vengine_plane_address(vengine_buffer_of(vb), n))
 			return -EINVAL;
 		if (!V4L2_TYPE_IS_OUTPUT(vb->type))
-			vb2_set_plane_payload(vb, n, vengine_plane_size(port, n));
+			vb2_set_plane_payload(vb, n, layout->sizeimage[n]);
+		else if (vb2_get_plane_payload(vb, n) <
+			 (u64)vb->planes[n].data_offset + layout->sizeimage[n])
+			return -EINVAL;
 	}
 	return 0;
 }
@@ -394,26 +411,44 @@ static const struct vb2_ops vengine_vb2_ops = {
 
 /* Links */
 
+/* The core refuses changes while a link's pipeline streams. */
 static int vengine_link_setup(struct media_entity *entity, const struct media_pad *local,
 			      const struct media_pad *remote, u32 flags)
 {
 	struct vengine_port_dev *port = video_get_drvdata(media_entity_to_video_device(entity));
-	int ret = vengine_port_fault(port, VENGINE_OP_SETUP_LINK);
 
-	if (ret)
-		return ret;
-	spin_lock_irq(&port->engine->lock);
-	if (port->streaming)
-		ret = -EBUSY;
-	else
-		port->linked = flags & MEDIA_LNK_FL_ENABLED;
-	spin_unlock_irq(&port->engine->lock);
-	return ret;
+	return vengine_fault(port->engine, VENGINE_OP_SETUP_LINK, NULL);
 }
 
 static const struct media_entity_operations vengine_video_entity_ops = {
 	.link_setup = vengine_link_setup,
 };
+
+/* Controls */
+
+static int vengine_set_port_control(struct v4l2_ctrl *ctrl)
+{
+	struct vengine_port_dev *port = container_of(ctrl->handler, struct vengine_port_dev,
+						     controls);
+
+	WRITE_ONCE(port->brightness, ctrl->val);
+	return 0;
+}
+
+static const struct v4l2_ctrl_ops vengine_control_ops = {
+	.s_ctrl = vengine_set_port_control,
+};
+
+static int vengine_controls_init(struct vengine_port_dev *port)
+{
+	if (!vengine_has_brightness(port->desc))
+		return 0;
+	v4l2_ctrl_handler_init(&port->controls, 1);
+	v4l2_ctrl_new_std(&port->controls, &vengine_control_ops, V4L2_CID_BRIGHTNESS,
+			  -VENGINE_PORT_BRIGHTNESS, VENGINE_PORT_BRIGHTNESS, 1, 0);
+	port->vdev.ctrl_handler = &port->controls;
+	return port->controls.error;
+}
 
 /* Set-up */
 
@@ -447,8 +482,7 @@ static int vengine_queue_init(struct vengine_port_dev *port)
 	queue->ops = &vengine_vb2_ops;
 	queue->mem_ops = &vb2_vmalloc_memops;
 	queue->timestamp_flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
-	/* None: streaming begins before the first request, and a refusal must be STREAMON's. */
-	queue->min_buffers_needed = 0;
+	/* No buffers are asked for before the start: a refusal must be STREAMON's. */
 	queue->supports_requests = true;
 	queue->lock = &port->queue_lock;
 	queue->dev = port->engine->dev;
@@ -466,13 +500,11 @@ int vengine_port_init(struct vengine *engine, u32 index)
 	port->engine = engine;
 	port->index = index;
 	port->desc = &vengine_ports[index];
-	port->linked = port->desc->immutable;
 	INIT_LIST_HEAD(&port->arrived);
 	INIT_LIST_HEAD(&port->active);
-	if (!vengine_is_meta(port))
-		port->layout = vengine_layout_of(port->desc->format, VENGINE_DEFAULT_WIDTH,
-						 VENGINE_DEFAULT_HEIGHT);
-	ret = vengine_queue_init(port);
+	port->layout = vengine_adjust(port, port->desc->format, VENGINE_DEFAULT_WIDTH,
+				      VENGINE_DEFAULT_HEIGHT);
+	ret = vengine_queue_init(port) ?: vengine_controls_init(port);
 	if (ret)
 		return ret;
 
@@ -495,15 +527,20 @@ int vengine_port_init(struct vengine *engine, u32 index)
 	return media_entity_pads_init(&vdev->entity, 1, &port->pad);
 }
 
-/* The dma-bufs that the queue's buffers keep, each as often as it is kept. */
-unsigned int vengine_port_dmabufs(struct vengine_port_dev *port)
+/* The dma-bufs that the queue's buffers keep, each as often as it is kept; -EINTR when killed. */
+int vengine_port_dmabufs(struct vengine_port_dev *port)
 {
-	unsigned int index, plane, count = 0;
+	unsigned int index, plane;
+	int count = 0;
 
-	mutex_lock(&port->queue_lock);
-	for (index = 0; index < port->queue.num_buffers; index++)
-		for (plane = 0; plane < port->queue.bufs[index]->num_planes; plane++)
-			count += !!port->queue.bufs[index]->planes[plane].dbuf;
+	if (mutex_lock_killable(&port->queue_lock))
+		return -EINTR;
+	for (index = 0; index < VENGINE_MAX_BUFFERS; index++) {
+		struct vb2_buffer *vb = vb2_get_buffer(&port->queue, index);
+
+		for (plane = 0; vb && plane < vb->num_planes; plane++)
+			count += !!vb->planes[plane].dbuf;
+	}
 	mutex_unlock(&port->queue_lock);
 	return count;
 }

@@ -10,19 +10,21 @@
 #define VENGINE_H
 
 #include <linux/atomic.h>
-#include <linux/debugfs.h>
 #include <linux/list.h>
 #include <linux/mutex.h>
+#include <linux/seq_file.h>
 #include <linux/spinlock.h>
 #include <linux/wait.h>
 #include <media/media-device.h>
 #include <media/media-request.h>
+#include <media/v4l2-ctrls.h>
 #include <media/v4l2-dev.h>
 #include <media/v4l2-device.h>
 #include <media/v4l2-subdev.h>
 #include <media/videobuf2-v4l2.h>
 
 #include "vengine-desc.h"
+#include "vengine-fault.h"
 #include "vengine-picture.h"
 
 #define VENGINE_CORE_PADS (VENGINE_PORTS + 1)
@@ -40,39 +42,6 @@ enum vengine_count {
 	VENGINE_COUNTS
 };
 
-/* Operations that can be made to fail. The private ioctls stand in the order of their numbers. */
-enum vengine_op {
-	VENGINE_OP_QUERYCAP,
-	VENGINE_OP_G_FMT,
-	VENGINE_OP_S_FMT,
-	VENGINE_OP_REQBUFS,
-	VENGINE_OP_QBUF,
-	VENGINE_OP_DQBUF,
-	VENGINE_OP_STREAMON,
-	VENGINE_OP_STREAMOFF,
-	VENGINE_OP_BUFFER,
-	VENGINE_OP_REQUEST_ALLOC,
-	VENGINE_OP_REQUEST_QUEUE,
-	VENGINE_OP_REQUEST_REINIT,
-	VENGINE_OP_SETUP_LINK,
-	VENGINE_OP_SUBSCRIBE_EVENT,
-	VENGINE_OP_UNSUBSCRIBE_EVENT,
-	VENGINE_OP_DQEVENT,
-	VENGINE_OP_ADD_KVA,
-	VENGINE_OP_DEL_KVA,
-	VENGINE_OP_S_INIT_INFO,
-	VENGINE_OP_SET_CONTROL,
-	VENGINE_OP_GET_CONTROL,
-	VENGINE_OP_ADD_FENCE,
-	VENGINE_OP_DEL_FENCE,
-	VENGINE_OP_ALOC_BUF,
-	VENGINE_OP_FREE_BUF,
-	VENGINE_OP_CLEAR_USER_RESOURCE,
-	VENGINE_OP_ACQUIRE_IOVA,
-	VENGINE_OP_RELEASE_IOVA,
-	VENGINE_OPS
-};
-
 /* A run of the engine: the buffers of one media request, or one buffer queued without. */
 struct vengine_job {
 	struct list_head node;		/* in vengine.ready once all buffers are there */
@@ -88,6 +57,7 @@ struct vengine_buffer {
 	struct vengine_job *job;
 	struct list_head job_node;	/* in vengine_job.buffers */
 	struct list_head port_node;	/* in vengine_port_dev.arrived or .active */
+	bool last;			/* to be taken out of its request, which ends with it */
 	struct vengine_job own_job;	/* of a buffer without request */
 };
 
@@ -106,11 +76,13 @@ struct vengine_port_dev {
 	struct video_device vdev;
 	struct media_pad pad;
 	struct vb2_queue queue;
+	struct media_pipeline pipe;
 	struct mutex queue_lock;	/* queue and everything that its ioctls change */
-	struct vengine_layout layout;	/* of a video node */
+	struct v4l2_ctrl_handler controls;
+	s32 brightness;			/* its control's value */
+	struct vengine_layout layout;
 	u32 sequence;
 	/* Guarded by the engine's lock: */
-	bool linked;
 	bool streaming;
 	struct list_head arrived;	/* buffers that came while the stream is being started */
 	struct list_head active;	/* buffers in jobs that the worker has not taken */
@@ -172,11 +144,16 @@ static inline struct vengine_buffer *vengine_buffer_of(struct vb2_buffer *vb)
 	return container_of(to_vb2_v4l2_buffer(vb), struct vengine_buffer, vb);
 }
 
+/* What calls what: main, then debugfs, video, engine, subdev and fault, never back. */
+
+/* vengine-debugfs.c: the files that tests read and write */
+void vengine_debugfs_register(struct vengine *engine);
+void vengine_debugfs_cleanup(struct vengine *engine);
+bool vengine_counts_clean(void);
+
 /* vengine-video.c: the video nodes */
 int vengine_port_init(struct vengine *engine, u32 index);
-unsigned int vengine_port_dmabufs(struct vengine_port_dev *port);
-unsigned int vengine_num_planes(const struct vengine_port_dev *port);
-u32 vengine_plane_size(const struct vengine_port_dev *port, unsigned int plane);
+int vengine_port_dmabufs(struct vengine_port_dev *port);
 
 /* vengine-engine.c: requests and the processing of buffers */
 extern const struct media_device_ops vengine_media_ops;
@@ -193,13 +170,16 @@ int vengine_subdev_init(struct vengine *engine);
 int vengine_subdev_register(struct vengine *engine);
 void vengine_subdev_completed(struct vengine *engine, u32 frame);
 
-/* vengine-debugfs.c: faults, hangs, records and counts */
-void vengine_debugfs_init(struct vengine *engine);
-void vengine_debugfs_register(struct vengine *engine);
-void vengine_debugfs_cleanup(struct vengine *engine);
-bool vengine_counts_clean(void);
+/* vengine-fault.c: faults, hangs and records */
+void vengine_tests_init(struct vengine *engine);
 int vengine_fault(struct vengine *engine, enum vengine_op op, const char *entity);
+bool vengine_fault_armed(struct vengine *engine, enum vengine_op op);
+int vengine_tell_fault(struct vengine *engine, const char *line);
+void vengine_clear_faults(struct vengine *engine);
+int vengine_show_faults(struct vengine *engine, struct seq_file *s);
 void vengine_record(struct vengine *engine, enum vengine_op op, const void *bytes, size_t size);
+void vengine_clear_records(struct vengine *engine);
+int vengine_show_records(struct vengine *engine, struct seq_file *s);
 void vengine_hold_request(struct vengine *engine, struct media_request *req);
 void vengine_release_held(struct vengine *engine);
 

@@ -86,6 +86,19 @@ static const __u32 vengine_splane_formats[] = {
 	V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_GREY, V4L2_PIX_FMT_NV12,
 };
 
+/*
+ * The nodes that capture pictures have the standard control V4L2_CID_BRIGHTNESS, in steps of 1 from
+ * minus to plus this and at first 0. It is added to the luma of that node's pictures, beside the
+ * sub-device's control. A request's value takes effect with the request's pictures, and stays.
+ */
+#define VENGINE_PORT_BRIGHTNESS 64
+
+static inline int vengine_has_brightness(const struct vengine_port *port)
+{
+	return port->buf_type == V4L2_BUF_TYPE_VIDEO_CAPTURE ||
+	       port->buf_type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
+}
+
 struct vengine_control {
 	__s32 id;
 	const char *name;

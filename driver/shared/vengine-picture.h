@@ -7,6 +7,12 @@
 #ifndef VENGINE_PICTURE_H
 #define VENGINE_PICTURE_H
 
+#ifdef __KERNEL__
+#include <linux/string.h>
+#else
+#include <string.h>
+#endif
+
 #include "vengine-desc.h"
 
 struct vengine_layout {
@@ -95,9 +101,13 @@ static inline struct vengine_layout vengine_layout_of(__u32 fourcc, __u32 width,
 static inline struct vengine_picture vengine_map(const struct vengine_layout *l,
 						 __u8 *const planes[3])
 {
-	struct vengine_picture p = { l->fourcc, l->width, l->height, { 0, 0, 0 }, { 0, 0, 0 } };
+	struct vengine_picture p;
 	__u32 i;
 
+	memset(&p, 0, sizeof(p));
+	p.fourcc = l->fourcc;
+	p.width = l->width;
+	p.height = l->height;
 	for (i = 0; i < l->num_planes; i++) {
 		p.data[i] = planes[i];
 		p.stride[i] = l->bytesperline[i];
@@ -215,14 +225,24 @@ static inline void vengine_draw_test(const struct vengine_picture *p, __u32 fram
 				      vengine_test_pixel(p->width, p->height, frame, x, y));
 }
 
-/* FNV-1a over the luma of the visible picture. */
+/* FNV-1a over the luma of the visible picture, row by row from VENGINE_CHECKSUM_START. */
+#define VENGINE_CHECKSUM_START 2166136261u
+
+static inline __u32 vengine_checksum_row(__u32 hash, const struct vengine_picture *p, __u32 y)
+{
+	__u32 x;
+
+	for (x = 0; x < p->width; x++)
+		hash = (hash ^ vengine_read(p, x, y).y) * 16777619u;
+	return hash;
+}
+
 static inline __u32 vengine_checksum(const struct vengine_picture *p)
 {
-	__u32 hash = 2166136261u, x, y;
+	__u32 hash = VENGINE_CHECKSUM_START, y;
 
 	for (y = 0; y < p->height; y++)
-		for (x = 0; x < p->width; x++)
-			hash = (hash ^ vengine_read(p, x, y).y) * 16777619u;
+		hash = vengine_checksum_row(hash, p, y);
 	return hash;
 }
 
