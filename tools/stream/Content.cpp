@@ -16,7 +16,7 @@ constexpr uint64_t kReportedErrors = 10;
 }  // namespace
 
 Content::Content(const std::vector<NodePort>& ports, client::SceneSession& session)
-    : mPorts(ports), mSession(session), mErrors(ports.size()) {
+    : mPorts(ports), mSession(session), mInputs(ports.size()), mErrors(ports.size()) {
     mMappings.reserve(ports.size());
     session.visitAll([this](client::SessionRequest& request) { layGaps(request); });
 }
@@ -47,35 +47,52 @@ void Content::layGaps(client::SessionRequest& request) {
 }
 
 bool Content::fill(client::SessionRequest& request) {
-    const bool mapped = map(request, client::CpuAccess::Write, client::CpuAccess::Write);
-    for (size_t port = 0; mapped && port < mPorts.size(); ++port) {
+    bool isFilled = map(request, client::CpuAccess::Write, client::CpuAccess::Write);
+    for (size_t port = 0; isFilled && port < mPorts.size(); ++port) {
         const client::FrameMapping& frame = mMappings[port];
-        if (mPorts[port].node.isOutput())
+        if (mInputs[port])
+            isFilled = mInputs[port]->read(frame);
+        else if (mPorts[port].node.isOutput())
             fillOutput(request.number(), port, frame);
         else
             for (size_t i = 0; i < frame.planeCount(); ++i)
                 mCanary.lay(frame.plane(i));
     }
     mMappings.clear();
-    return mapped;
+    return isFilled;
 }
 
 bool Content::check(client::SessionRequest& request) {
     const uint64_t errorsBefore = mReported;
     if (map(request, client::CpuAccess::Read, client::CpuAccess::Read)) {
+        mRequest = &request;
         beginCheck(request.number());
-        for (size_t port = 0; port < mPorts.size(); ++port) {
-            std::string error = checkGaps(mMappings[port]);
-            if (error.empty() && !mPorts[port].node.isOutput())
-                error = checkCapture(request.number(), port, mMappings[port]);
-            if (!error.empty())
+        for (size_t port = 0; port < mPorts.size(); ++port)
+            if (const std::string error = checkFrame(port); !error.empty())
                 report(request.number(), port, error);
-        }
     } else {
         report(request.number(), mMappings.size() - 1, "cannot be mapped");
     }
     mMappings.clear();
     return mReported == errorsBefore;
+}
+
+std::string Content::checkFrame(size_t port) {
+    const int result = mRequest->frame(port).result();
+    if (result < 0)
+        return std::string("lost, its dequeue failed: ") + strerror(-result);
+    if (result != 0)
+        return "the driver flagged it as broken";
+    const std::string error = checkGaps(mMappings[port]);
+    if (!error.empty() || mPorts[port].node.isOutput())
+        return error;
+    return checkCapture(mRequest->number(), port, mMappings[port]);
+}
+
+size_t Content::written(size_t port, size_t plane) const {
+    const uint32_t used = mRequest->frame(port).bytesUsed(plane);
+    const size_t size = mMappings[port].plane(plane).size();
+    return used == 0 ? size : std::min<size_t>(used, size);
 }
 
 std::string Content::checkGaps(const client::FrameMapping& planes) const {
@@ -111,10 +128,10 @@ void PlainContent::fillOutput(uint64_t number, size_t port, const client::FrameM
     }
 }
 
-std::string PlainContent::checkCapture(uint64_t /*number*/, size_t /*port*/,
+std::string PlainContent::checkCapture(uint64_t /*number*/, size_t port,
                                        const client::FrameMapping& planes) {
     for (size_t i = 0; i < planes.planeCount(); ++i)
-        if (const auto at = canary().findUnwritten(planes.plane(i)))
+        if (const auto at = canary().findUnwritten(planes.plane(i).first(written(port, i))))
             return "plane " + std::to_string(i) + " was not written at byte " +
                    std::to_string(*at) + " of " + std::to_string(planes.plane(i).size());
     return {};

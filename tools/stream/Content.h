@@ -6,13 +6,16 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <corvane/client/SceneSession.h>
 
 #include "Canary.h"
+#include "ControlPlan.h"
 #include "Device.h"
+#include "RawFiles.h"
 
 namespace NSVista::NSCorvane::tools {
 
@@ -32,7 +35,13 @@ public:
     Content(const Content&) = delete;
     Content& operator=(const Content&) = delete;
 
-    /** Makes a request ready to be queued. @return false when its memory cannot be mapped. */
+    /** Takes a port's frames from a file in place of the content's own. */
+    void setInput(size_t port, FrameReader reader) { mInputs[port] = std::move(reader); }
+    /** Controls that change what captures show; outlives the content. */
+    void setControls(const ControlPlan* controls) { mControls = controls; }
+
+    /** Makes a request ready to be queued. @return false when its memory cannot be mapped, or a
+     * file not be read. */
     bool fill(client::SessionRequest& request);
     /** Checks a finished request; the first errors go to stderr. @return all is as expected. */
     bool check(client::SessionRequest& request);
@@ -54,6 +63,10 @@ protected:
     virtual std::string checkCapture(uint64_t number, size_t port,
                                      const client::FrameMapping& planes) = 0;
     const Canary& canary() const { return mCanary; }
+    const ControlPlan* controls() const { return mControls; }
+    /** Bytes that the driver wrote to a plane of the request at hand; all where it does not tell.
+     */
+    size_t written(size_t port, size_t plane) const;
     /** The frames of the request at hand, in the order of the ports. */
     const Mappings& frames() const { return mMappings; }
 
@@ -62,6 +75,7 @@ private:
     bool map(client::SessionRequest& request, client::CpuAccess outputs,
              client::CpuAccess captures);
     void layGaps(client::SessionRequest& request);
+    std::string checkFrame(size_t port);
     std::string checkGaps(const client::FrameMapping& planes) const;
     void report(uint64_t number, size_t port, const std::string& error);
 
@@ -69,6 +83,9 @@ private:
     client::SceneSession& mSession;
     Canary mCanary;
     Mappings mMappings;
+    std::vector<std::optional<FrameReader>> mInputs;  ///< by port
+    const ControlPlan* mControls = nullptr;
+    const client::SessionRequest* mRequest = nullptr;  ///< the one at hand
     std::vector<uint64_t> mErrors;
     uint64_t mReported = 0;
 };

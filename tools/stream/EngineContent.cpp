@@ -150,8 +150,9 @@ void EngineContent::beginCheck(uint64_t number) {
         mMask = pictureOf(*port, frames()[*port]);
         mSource.mask = &mMask;
     }
-    if (find(VENGINE_ROLE_TUNING))
-        mSource.brightness = brightnessOf(number);
+    mTuning = {};
+    if (const auto port = find(VENGINE_ROLE_TUNING))
+        memcpy(&mTuning, frames()[*port].plane(0).data(), sizeof(mTuning));
     // The test picture's number is the engine's own count: the first request tells where it began.
     if (mFirstFrame)
         mSource.frame = *mFirstFrame + static_cast<uint32_t>(number);
@@ -165,7 +166,7 @@ std::string EngineContent::checkCapture(uint64_t number, size_t port,
         mSource.frame = readFrameNumber(port, planes);
         mFirstFrame = mSource.frame - static_cast<uint32_t>(number);
     }
-    return checkPicture(port, planes);
+    return checkPicture(number, port, planes);
 }
 
 std::string EngineContent::checkStats(uint64_t number, const client::FrameMapping& planes) {
@@ -179,7 +180,7 @@ std::string EngineContent::checkStats(uint64_t number, const client::FrameMappin
     if (stats.ports != taking)
         return "the statistics name ports " + std::to_string(stats.ports) + " instead of " +
                std::to_string(taking);
-    if (stats.tuning_serial != (find(VENGINE_ROLE_TUNING) ? serialOf(number) : 0))
+    if (stats.tuning_serial != mTuning.serial)
         return "the statistics name tuning " + std::to_string(stats.tuning_serial);
     if (stats.input_checksum != (mSource.input != nullptr ? vengine_checksum(mSource.input) : 0))
         return "the statistics have another checksum of the input";
@@ -191,9 +192,15 @@ std::string EngineContent::checkStats(uint64_t number, const client::FrameMappin
     return {};
 }
 
-std::string EngineContent::checkPicture(size_t port, const client::FrameMapping& planes) {
+std::string EngineContent::checkPicture(uint64_t number, size_t port,
+                                        const client::FrameMapping& planes) {
     Role& role = mRoles[port];
     const vengine_picture expected = expectedPicture(role);
+    const auto control = controls() != nullptr ? controls()->valueOf(ports()[port].entity,
+                                                                     V4L2_CID_BRIGHTNESS, number)
+                                               : std::nullopt;
+    mSource.brightness =
+        vengine_brightness(static_cast<int32_t>(control.value_or(0)), mTuning.brightness);
     vengine_capture(&mSource, role.role, &expected);
     return differenceOf(pictureOf(port, planes), expected);
 }

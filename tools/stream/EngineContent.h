@@ -47,12 +47,13 @@ private:
     vengine_picture pictureOf(size_t port, const client::FrameMapping& planes) const;
     vengine_picture expectedPicture(Role& role) const;
     std::string checkStats(uint64_t number, const client::FrameMapping& planes);
-    std::string checkPicture(size_t port, const client::FrameMapping& planes);
+    std::string checkPicture(uint64_t number, size_t port, const client::FrameMapping& planes);
     uint32_t readFrameNumber(size_t port, const client::FrameMapping& planes) const;
 
     std::vector<Role> mRoles;
     std::optional<uint32_t> mFirstFrame;  ///< the engine's number of our first request
     vengine_source mSource{};             ///< of the captures of the request at hand
+    vengine_tuning mTuning{};
     vengine_picture mInput{};
     vengine_picture mMask{};
 };

@@ -4,9 +4,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 
 #include "Console.h"
+#include "Version.h"
 #include "vengine-desc.h"
 
 namespace NSVista::NSCorvane::tools {
@@ -14,39 +16,81 @@ namespace NSVista::NSCorvane::tools {
 namespace {
 
 constexpr unsigned kMaxBuffers = 64;
-/** What most kernels grant a node. */
-constexpr unsigned kUsualBuffers = 32;
 
-/** "WxH", or an error text. */
+using Read = std::string (*)(const std::string&, Options&);
+
+/** Splits "ENTITY=VALUE"; without an entity that one is empty. */
+std::pair<std::string, std::string> split(const std::string& text) {
+    const size_t equals = text.find('=');
+    if (equals == std::string::npos)
+        return {{}, text};
+    return {text.substr(0, equals), text.substr(equals + 1)};
+}
+
+/** These return what is wrong with a text, empty for nothing. */
 std::string readSize(const std::string& text, Options& options) {
+    const auto [entity, size] = split(text);
     char rest = 0;
     unsigned width = 0;
     unsigned height = 0;
-    if (sscanf(text.c_str(), "%5ux%5u%c", &width, &height, &rest) != 2 || width == 0 || height == 0)
-        return "a size is WIDTHxHEIGHT, not \"" + text + "\"";
-    options.width = width;
-    options.height = height;
+    if (sscanf(size.c_str(), "%5ux%5u%c", &width, &height, &rest) != 2 || width == 0 || height == 0)
+        return "a size is WIDTHxHEIGHT, not \"" + size + "\"";
+    options.formats.push_back({entity, 0, width, height});
     return {};
 }
 
 std::string readFormat(const std::string& text, Options& options) {
-    options.format = v4l2::fourccOf(text);
-    return options.format != 0 ? std::string()
-                               : "a format is NV12M, NM12 and the like, not \"" + text + "\"";
+    const auto [entity, name] = split(text);
+    const uint32_t fourcc = v4l2::fourccOf(name);
+    if (fourcc == 0)
+        return "a format is NV12M, NM12 and the like, not \"" + name + "\"";
+    options.formats.push_back({entity, fourcc, 0, 0});
+    return {};
 }
 
-using Check = std::string (*)(const std::string&, Options&);
+std::string readControl(const std::string& text, Options& options) {
+    const std::optional<ControlWish> wish = ControlWish::parse(text);
+    if (!wish)
+        return "a control is [ENTITY:]CONTROL=NUMBER[@REQUEST], not \"" + text + "\"";
+    options.controls.push_back(*wish);
+    return {};
+}
 
-/** An option whose value is read by a function that tells what is wrong with it. */
-CLI::Option* addRead(CLI::App& app, const char* name, Options& options, Check read,
+std::string readInput(const std::string& text, Options& options) {
+    options.inputs.push_back(split(text));
+    const auto& [entity, file] = options.inputs.back();
+    return entity.empty() || file.empty() ? "an input is ENTITY=FILE, not \"" + text + "\""
+                                          : std::string();
+}
+
+/** An option, given once or more, whose values a function reads. */
+CLI::Option* addRead(CLI::App& app, const char* name, Options& options, Read read,
                      const char* help) {
-    return app.add_option_function<std::string>(
+    return app.add_option_function<std::vector<std::string>>(
         name,
-        [&options, read](const std::string& text) {
-            if (const std::string wrong = read(text, options); !wrong.empty())
-                throw CLI::ValidationError(wrong);
+        [&options, read](const std::vector<std::string>& texts) {
+            for (const std::string& text : texts)
+                if (const std::string wrong = read(text, options); !wrong.empty())
+                    throw CLI::ValidationError(wrong);
         },
         help);
+}
+
+/** A number of a range, which an error names in words. */
+CLI::Validator between(uint64_t least, uint64_t most) {
+    return CLI::Validator(
+        [least, most](const std::string& text) {
+            uint64_t value = 0;
+            const char* const end = text.data() + text.size();
+            const auto parsed = std::from_chars(text.data(), end, value);
+            const bool isRead = parsed.ec == std::errc() && parsed.ptr == end;
+            if (isRead && value >= least && value <= most)
+                return std::string();
+            return "it takes a number from " + std::to_string(least) +
+                   (most == UINT64_MAX ? " on" : " to " + std::to_string(most)) + ", not \"" +
+                   text + "\"";
+        },
+        std::to_string(least) + (most == UINT64_MAX ? "..." : ".." + std::to_string(most)));
 }
 
 void addStreamOptions(CLI::App& app, Options& options) {
@@ -57,25 +101,35 @@ void addStreamOptions(CLI::App& app, Options& options) {
                    "Ports: a list of entity names or indexes, how many of the first, or \"all\"")
         ->capture_default_str();
     app.add_option("--requests", options.requests, "Requests to stream; 0: until interrupted")
-        ->check(CLI::NonNegativeNumber)
+        ->check(between(0, UINT64_MAX))
         ->capture_default_str();
     app.add_option("--in-flight", options.inFlight, "Requests under way at a time")
-        ->check(CLI::Range(1U, kMaxBuffers))
+        ->check(between(1, kMaxBuffers))
         ->capture_default_str();
     app.add_option("--buffers", options.buffers, "Buffers per port")
-        ->check(CLI::Range(1U, kMaxBuffers))
-        ->default_str("twice those in flight");
-    addRead(app, "--size", options, readSize, "Size of pictures, WIDTHxHEIGHT")
+        ->check(between(1, kMaxBuffers))
+        ->default_str("those in flight");
+    addRead(app, "--size", options, readSize,
+            "Size of pictures, [ENTITY=]WIDTHxHEIGHT; more than once for several ports")
         ->default_str("the driver's");
-    addRead(app, "--format", options, readFormat, "Format of the video ports, as --list names it")
+    addRead(app, "--format", options, readFormat,
+            "Format of pictures, [ENTITY=]FORMAT, as --list names them")
         ->default_str("the driver's");
     app.add_option("--fps", options.frameRate, "Frames per second of video captures")
-        ->check(CLI::Range(1U, 1000U))
+        ->check(between(1, 1000))
         ->default_str("the driver's");
     app.add_option("--offset", options.offset,
                    "Bytes before the first plane; above 0 all planes of a buffer share one dma-buf")
-        ->check(CLI::Range(0U, 1U << 24))
+        ->check(between(0, 1U << 24))
         ->default_str("192 on the virtual engine, else 0");
+    addRead(app, "--control", options, readControl,
+            "Set [ENTITY:]CONTROL=NUMBER at once, or with a request: ...@REQUEST");
+    addRead(app, "--input", options, readInput,
+            "Raw frames for an output port, ENTITY=FILE; they begin anew at the file's end");
+    app.add_option("--skip", options.skip,
+                   "Requests at the beginning that are neither checked nor saved nor timed")
+        ->check(between(0, UINT64_MAX))
+        ->capture_default_str();
     app.add_flag("--worker", options.worker, "Dequeue on the buffer monitor's thread always");
 }
 
@@ -84,7 +138,7 @@ void addEngineOptions(CLI::App& app, Options& options) {
     CLI::Option* const sim =
         app.add_flag("--sim", options.sim, "Use the virtual engine in this process")->group(group);
     app.add_option("--latency-us", options.latencyUs, "Time that a request takes")
-        ->check(CLI::NonNegativeNumber)
+        ->check(between(0, UINT64_MAX))
         ->default_val(500)
         ->needs(sim)
         ->group(group);
@@ -94,7 +148,7 @@ void addEngineOptions(CLI::App& app, Options& options) {
         ->needs(sim)
         ->group(group);
     app.add_option("--seed", options.seed, "Seed of the random order")
-        ->check(CLI::NonNegativeNumber)
+        ->check(between(0, UINT64_MAX))
         ->default_val(1)
         ->needs(sim)
         ->group(group);
@@ -104,6 +158,11 @@ void addOutputOptions(CLI::App& app, Options& options) {
     const char* const group = "Output";
     app.add_option("--snapshot", options.snapshot, "Write the last request's pictures to a PNG")
         ->group(group);
+    app.add_option("--save", options.save,
+                   "Write every captured frame to this folder: a raw file a port, and a text file "
+                   "that describes it")
+        ->group(group);
+    app.add_flag("--json", options.json, "Print the result for machines")->group(group);
     app.add_option("--trace", options.trace,
                    "Write a timeline in the Chrome trace event format (Perfetto's viewer opens it)")
         ->group(group);
@@ -123,21 +182,21 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     CLI::App app("Streams requests through a media device and checks every frame.\n",
                  "corvane-stream");
     app.footer("Exit codes: 0 success, 1 the run failed, 2 bad use.");
+    addVersion(app);
     addStreamOptions(app, options);
     addEngineOptions(app, options);
     addOutputOptions(app, options);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& end) {
+        return app.exit(end);
     } catch (const CLI::ParseError& error) {
         return complain(kBadUse, "%s; --help tells more", error.what());
     }
     if (options.model.empty())
         options.model = VENGINE_MODEL;
-    // Spare buffers, so that queueing does not wait for dequeues, which come after completions.
     if (options.buffers == 0)
-        options.buffers = std::max(options.inFlight, std::min(2 * options.inFlight, kUsualBuffers));
+        options.buffers = options.inFlight;
     if (options.buffers < options.inFlight)
         return complain(kBadUse, "--buffers %u are fewer than the %u requests in flight",
                         options.buffers, options.inFlight);

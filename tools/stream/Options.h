@@ -7,8 +7,19 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "ControlPlan.h"
 
 namespace NSVista::NSCorvane::tools {
+
+/** A format or a size, for one port or for all video ports. */
+struct FormatWish {
+    std::string entity;  ///< empty: all
+    uint32_t format;     ///< fourcc; 0: not wished
+    uint32_t width, height;
+};
 
 struct Options {
     bool list = false;
@@ -16,10 +27,11 @@ struct Options {
     std::string ports = "all";
     uint64_t requests = 100;  ///< 0: until interrupted
     unsigned inFlight = 4;
-    unsigned buffers = 0;  ///< per port
-    uint32_t width = 0;    ///< 0: the driver's size
-    uint32_t height = 0;
-    uint32_t format = 0;     ///< fourcc; 0: the driver's
+    unsigned buffers = 0;             ///< per port
+    std::vector<FormatWish> formats;  ///< the later one counts
+    std::vector<ControlWish> controls;
+    std::vector<std::pair<std::string, std::string>> inputs;  ///< entity and file
+    uint64_t skip = 0;       ///< requests at the beginning that are not looked at
     uint32_t frameRate = 0;  ///< per second; 0: the driver's
     std::optional<uint32_t> offset;
     bool worker = false;
@@ -31,6 +43,8 @@ struct Options {
 
     std::string snapshot;  ///< paths; empty: none
     std::string trace;
+    std::string save;  ///< folder
+    bool json = false;
     bool dump = false;
     bool events = false;
     unsigned verbose = 0;

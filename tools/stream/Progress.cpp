@@ -2,52 +2,83 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
+#include "Report.h"
+#include "Runner.h"
+
 namespace NSVista::NSCorvane::tools {
 
-Progress::Progress(bool quiet, uint64_t total)
-    : mQuiet(quiet), mTerminal(isatty(STDERR_FILENO) == 1), mTotal(total) {
+namespace {
+
+template <class... Args>
+std::string textOf(const char* format, Args... args) {
+    char text[160];
+    snprintf(text, sizeof(text), format, args...);
+    return text;
+}
+
+}  // namespace
+
+Progress::Progress(const Options& options, const std::vector<NodePort>& ports,
+                   const client::SceneSession& session)
+    : mOptions(options), mPorts(ports), mSession(session), mTerminal(isatty(STDERR_FILENO) == 1) {
 }
 
 Progress::~Progress() {
-    if (mLineShown && mTerminal)
-        fputs("\r\033[K", stderr);
+    if (mIsViewShown)
+        fprintf(stderr, "\r\033[%zuA\033[J", mPorts.size() + 1);
 }
 
-void Progress::update(uint64_t done, uint64_t failed) {
+void Progress::update(const RunResult& result, const std::vector<uint64_t>& errors) {
     using namespace std::chrono_literals;
-    if (mQuiet)
-        return;
     const auto now = Clock::now();
     const auto age = now - mShownAt;
-    if (age < (mTerminal ? 200ms : 1000ms))
+    if (mOptions.quiet || age < (mTerminal ? 200ms : 1000ms))
         return;
-    print(done, failed,
-          static_cast<double>(done - mShown) / std::chrono::duration<double>(age).count());
+    const double perSecond =
+        static_cast<double>(result.completed - mShown) / std::chrono::duration<double>(age).count();
+    if (mTerminal) {
+        const std::string up = textOf("\r\033[%zuA", mPorts.size() + 1);
+        fputs(((mIsViewShown ? up : "") + view(result, errors, perSecond)).c_str(), stderr);
+        mIsViewShown = true;
+    } else {
+        fprintf(stderr, "%s\n", summary(result, perSecond).c_str());
+    }
     mShownAt = now;
-    mShown = done;
-    mLineShown = true;
+    mShown = result.completed;
 }
 
-void Progress::print(uint64_t done, uint64_t failed, double perSecond) const {
-    constexpr uint64_t kWidth = 24;
-    if (mTerminal)
-        fputc('\r', stderr);
-    if (mTerminal && mTotal != 0) {
-        fputc('[', stderr);
-        for (uint64_t i = 0; i < kWidth; ++i)
-            fputc(i < done * kWidth / mTotal ? '#' : '.', stderr);
-        fputs("] ", stderr);
+std::string Progress::summary(const RunResult& result, double perSecond) const {
+    std::string text = textOf("%" PRIu64, result.completed);
+    if (mOptions.requests != 0)
+        text += textOf(" of %" PRIu64, mOptions.requests);
+    text += textOf(" requests, %.0f a second", perSecond);
+    return result.failed == 0 ? text : text + textOf(", %" PRIu64 " failed", result.failed);
+}
+
+std::string Progress::view(const RunResult& result, const std::vector<uint64_t>& errors,
+                           double perSecond) const {
+    constexpr uint64_t kWidth = 16;
+    std::string text;
+    if (mOptions.requests != 0) {
+        const uint64_t done = std::min(kWidth, result.completed * kWidth / mOptions.requests);
+        text = "[" + std::string(done, '#') + std::string(kWidth - done, '.') + "] ";
     }
-    fprintf(stderr, "%" PRIu64, done);
-    if (mTotal != 0)
-        fprintf(stderr, " of %" PRIu64, mTotal);
-    fprintf(stderr, " requests, %.0f a second", perSecond);
-    if (failed != 0)
-        fprintf(stderr, ", %" PRIu64 " failed", failed);
-    fputs(mTerminal ? "\033[K" : "\n", stderr);
+    text += summary(result, perSecond) + ", latency " + durationText(result.total.quantile(0.5)) +
+            "\033[K\n";
+    const auto statistics = mSession.statistics();
+    for (size_t i = 0; i < mPorts.size(); ++i) {
+        const client::PortStatistics& port = statistics[i];
+        text += textOf("  %-18.18s %6.0f/s %2" PRIu64 " in flight %3" PRIu64 " bad %3" PRIu64
+                       " remaps\033[K\n",
+                       port.name.c_str(), perSecond,
+                       port.queued - std::min(port.queued, port.dequeued + port.lost), errors[i],
+                       port.remapped);
+    }
+    return text;
 }
 
 }  // namespace NSVista::NSCorvane::tools

@@ -1,16 +1,109 @@
 #include "Report.h"
 
-#include <algorithm>
+#include <corvane/V4L2.h>
+
 #include <cinttypes>
 #include <cstdio>
 
-#include "Picture.h"
+#include "Console.h"
+#include "Json.h"
+#include "NodeFormats.h"
 
 namespace NSVista::NSCorvane::tools {
 
 namespace {
 
-std::string textOf(LatencyHistogram::Duration duration) {
+std::string median(const LatencyHistogram& durations) {
+    return durationText(durations.quantile(0.5));
+}
+
+std::string portSize(const PixelFormat& format) {
+    return format.width == 0 ? std::to_string(format.planes[0].size) + " bytes" : sizeText(format);
+}
+
+double perSecond(const RunResult& result) {
+    const double seconds = result.seconds.count();
+    return seconds > 0 ? static_cast<double>(result.completed) / seconds : 0;
+}
+
+void printTables(const Options& options, const std::vector<NodePort>& ports,
+                 const client::SceneSession& session, const Content& content,
+                 const RunResult& result) {
+    printf("%s: %zu port%s, %u in flight, %u buffers a port\n\n", options.model.c_str(),
+           ports.size(), ports.size() == 1 ? "" : "s", options.inFlight, options.buffers);
+    printf("  %" PRIu64 " requests in %.2f s: %.1f requests per second, %" PRIu64
+           " failed, %" PRIu64 " lost\n",
+           result.completed, result.seconds.count(), perSecond(result), result.failed, result.lost);
+    printf("  queue to callback  min %s, median %s, p99 %s, max %s\n",
+           durationText(result.total.least()).c_str(), median(result.total).c_str(),
+           durationText(result.total.quantile(0.99)).c_str(),
+           durationText(result.total.greatest()).c_str());
+    printf("  medians of it      buffers %s, request %s, driver %s, report %s\n\n",
+           median(result.buffers).c_str(), median(result.queue).c_str(),
+           median(result.driver).c_str(), median(result.report).c_str());
+
+    std::vector<Row> rows = {{"port", "format", "size", "queued", "dequeued", "errors", "remaps"}};
+    const auto statistics = session.statistics();
+    for (size_t port = 0; port < ports.size(); ++port) {
+        const PixelFormat& format = session.format(port);
+        const client::PortStatistics& counts = statistics[port];
+        rows.push_back({ports[port].entity, v4l2::formatName(format.format), portSize(format),
+                        std::to_string(counts.queued), std::to_string(counts.dequeued),
+                        std::to_string(content.errors()[port]), std::to_string(counts.remapped)});
+    }
+    printTable(rows, {3, 4, 5, 6});
+}
+
+void addDurations(Json& json, const char* name, const LatencyHistogram& durations) {
+    json.object(name);
+    json.number("min_ns", durations.least().count());
+    json.number("median_ns", durations.quantile(0.5).count());
+    json.number("p99_ns", durations.quantile(0.99).count());
+    json.number("max_ns", durations.greatest().count());
+    json.end();
+}
+
+void printJson(const Options& options, const std::vector<NodePort>& ports,
+               const client::SceneSession& session, const Content& content,
+               const RunResult& result) {
+    Json json;
+    json.object();
+    json.text("model", options.model);
+    json.flag("good", result.isGood());
+    json.text("trouble", result.trouble);
+    json.number("completed", static_cast<int64_t>(result.completed));
+    json.number("failed", static_cast<int64_t>(result.failed));
+    json.number("lost", static_cast<int64_t>(result.lost));
+    json.decimal("seconds", result.seconds.count());
+    json.decimal("per_second", perSecond(result));
+    json.number("in_flight", options.inFlight);
+    addDurations(json, "latency", result.total);
+    json.array("ports");
+    const auto statistics = session.statistics();
+    for (size_t port = 0; port < ports.size(); ++port) {
+        const PixelFormat& format = session.format(port);
+        const client::PortStatistics& counts = statistics[port];
+        json.object();
+        json.text("entity", ports[port].entity);
+        json.text("format", v4l2::formatName(format.format));
+        json.number("width", format.width);
+        json.number("height", format.height);
+        json.number("queued", static_cast<int64_t>(counts.queued));
+        json.number("dequeued", static_cast<int64_t>(counts.dequeued));
+        json.number("broken", static_cast<int64_t>(counts.broken));
+        json.number("lost", static_cast<int64_t>(counts.lost));
+        json.number("errors", static_cast<int64_t>(content.errors()[port]));
+        json.number("remapped", static_cast<int64_t>(counts.remapped));
+        json.end();
+    }
+    json.end();
+    json.end();
+    puts(json.result().c_str());
+}
+
+}  // namespace
+
+std::string durationText(LatencyHistogram::Duration duration) {
     char text[32];
     const auto ns = static_cast<double>(duration.count());
     if (ns < 1e6)
@@ -20,50 +113,11 @@ std::string textOf(LatencyHistogram::Duration duration) {
     return text;
 }
 
-std::string median(const LatencyHistogram& durations) {
-    return textOf(durations.quantile(0.5));
-}
-
-std::string sizeOf(const PixelFormat& format) {
-    if (format.width == 0)
-        return std::to_string(format.planes[0].size) + " bytes";
-    return std::to_string(format.width) + "x" + std::to_string(format.height);
-}
-
-}  // namespace
-
 void printReport(const Options& options, const std::vector<NodePort>& ports,
                  const client::SceneSession& session, const Content& content,
                  const RunResult& result) {
-    const double seconds = result.seconds.count();
-    printf("%s: %zu port%s, %u in flight, %u buffers a port\n\n", options.model.c_str(),
-           ports.size(), ports.size() == 1 ? "" : "s", options.inFlight, options.buffers);
-    printf("  %" PRIu64 " requests in %.2f s: %.1f requests per second, %" PRIu64
-           " failed, %" PRIu64 " lost\n",
-           result.completed, seconds,
-           seconds > 0 ? static_cast<double>(result.completed) / seconds : 0, result.failed,
-           result.lost);
-    printf("  queue to callback  min %s, median %s, p99 %s, max %s\n",
-           textOf(result.total.least()).c_str(), median(result.total).c_str(),
-           textOf(result.total.quantile(0.99)).c_str(), textOf(result.total.greatest()).c_str());
-    printf("  medians of it      buffers %s, request %s, driver %s, report %s\n\n",
-           median(result.buffers).c_str(), median(result.queue).c_str(),
-           median(result.driver).c_str(), median(result.report).c_str());
-
-    size_t nameWidth = 4;
-    for (const NodePort& port : ports)
-        nameWidth = std::max(nameWidth, port.entity.size());
-    const auto width = static_cast<int>(nameWidth);
-    printf("  %-*s  %-8s  %-11s  %9s  %9s  %6s\n", width, "port", "format", "size", "queued",
-           "dequeued", "errors");
-    const auto statistics = session.statistics();
-    for (size_t port = 0; port < ports.size(); ++port) {
-        const PixelFormat& format = session.format(port);
-        printf("  %-*s  %-8s  %-11s  %9" PRIu64 "  %9" PRIu64 "  %6" PRIu64 "\n", width,
-               ports[port].entity.c_str(), v4l2::formatName(format.format).c_str(),
-               sizeOf(format).c_str(), statistics[port].queued, statistics[port].dequeued,
-               content.errors()[port]);
-    }
+    const auto print = options.json ? printJson : printTables;
+    print(options, ports, session, content, result);
 }
 
 }  // namespace NSVista::NSCorvane::tools

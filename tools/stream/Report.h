@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "Content.h"
@@ -11,7 +12,11 @@
 
 namespace NSVista::NSCorvane::tools {
 
-/** Prints to stdout. @param session after its stop. */
+/** "12.5 us" or "3.40 ms". */
+std::string durationText(LatencyHistogram::Duration duration);
+
+/** Prints to stdout, a table or, where the options ask for it, JSON. @param session after its stop.
+ */
 void printReport(const Options& options, const std::vector<NodePort>& ports,
                  const client::SceneSession& session, const Content& content,
                  const RunResult& result);

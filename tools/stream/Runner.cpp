@@ -23,7 +23,7 @@ constexpr std::chrono::seconds kStall{10};
 void Runner::run(RunResult& result) {
     const auto begin = Clock::now();
     auto lastProgress = begin;
-    Progress progress(mOptions.quiet, mOptions.requests);
+    Progress progress(mOptions, mPorts, mSession);
     while (result.trouble.empty()) {
         submitWhatFits(result);
         if (mayEnd(result) || !result.trouble.empty())
@@ -35,7 +35,11 @@ void Runner::run(RunResult& result) {
             lastProgress = now;
         else if (now - lastProgress > kStall)
             result.trouble = "no request completed for 10 s";
-        progress.update(result.completed, result.failed);
+        progress.update(result, mContent.errors());
+    }
+    // After a refusal those that are under way still complete, as a rule.
+    while (!result.trouble.empty() && !mWish.terminated &&
+           mSession.wait(kLook, [&](client::SessionRequest& r) { inspect(r, result); }) == 0) {
     }
     if (mWish.terminated)
         result.trouble = "the driver refused a call that must not fail (see the log)";
@@ -56,34 +60,43 @@ void Runner::submitWhatFits(RunResult& result) {
            (mOptions.requests == 0 || mSubmitted < mOptions.requests + mLeftOver) &&
            mSubmitted - result.completed < mOptions.inFlight) {
         bool filled = false;
-        const int submitted = mSession.submit([&](client::SessionRequest& request) {
-            const TraceSection section(kTraceArea, "fill request");
-            filled = mContent.fill(request);
-        });
+        const int submitted =
+            mSession.submit([&](client::SessionRequest& request) { filled = prepare(request); });
+        if (submitted == -EAGAIN)
+            return;  // Requests that lost a frame are not used again.
         if (submitted == 0)
             ++mSubmitted;
         if (submitted != 0 || !filled) {
             result.trouble = submitted != 0
                                  ? std::string("a request was refused: ") + strerror(-submitted)
-                                 : "a buffer cannot be mapped";
+                                 : "a request cannot be filled";
             return;
         }
     }
 }
 
+bool Runner::prepare(client::SessionRequest& request) {
+    const TraceSection section(kTraceArea, "fill request");
+    return mContent.fill(request) && mControls.apply(request) == 0;
+}
+
 void Runner::inspect(client::SessionRequest& request, RunResult& result) {
     const TraceSection section(kTraceArea, "check request");
+    ++result.completed;
+    if (request.number() < mOptions.skip)
+        return;
     const client::RequestTimes times = request.times();
     result.total.add(times.total);
     result.buffers.add(times.buffers);
     result.queue.add(times.queue);
     result.driver.add(times.driver);
     result.report.add(times.report);
-    ++result.completed;
     if (!mContent.check(request))
         ++result.failed;
     if (mSnapshot != nullptr)
         mSnapshot->take(mPorts, request);
+    if (mSaver != nullptr && !mSaver->save(request))
+        result.trouble = "frames cannot be saved";
 }
 
 }  // namespace NSVista::NSCorvane::tools

@@ -40,18 +40,20 @@ class Runner {
 public:
     /**
      * @param leftOver requests that the device is known to keep for good when nothing follows them.
-     * @param snapshot may be null. All are referred to, not copied.
+     * @param snapshot, saver may be null. All are referred to, not copied.
      */
     Runner(const Options& options, const std::vector<NodePort>& ports,
            client::SceneSession& session, Content& content, const EndWish& wish, unsigned leftOver,
-           Snapshot* snapshot)
+           Snapshot* snapshot, FrameSaver* saver, ControlPlan& controls)
         : mOptions(options),
           mPorts(ports),
           mSession(session),
           mContent(content),
           mWish(wish),
           mLeftOver(leftOver),
-          mSnapshot(snapshot) {}
+          mSnapshot(snapshot),
+          mSaver(saver),
+          mControls(controls) {}
 
     /** Streams until all requests are done or the end is wished for; the session goes on. */
     void run(RunResult& result);
@@ -59,6 +61,7 @@ public:
 private:
     bool mayEnd(const RunResult& result) const;
     void submitWhatFits(RunResult& result);
+    bool prepare(client::SessionRequest& request);
     void inspect(client::SessionRequest& request, RunResult& result);
 
     const Options& mOptions;
@@ -68,6 +71,8 @@ private:
     const EndWish& mWish;
     const unsigned mLeftOver;
     Snapshot* const mSnapshot;
+    FrameSaver* const mSaver;
+    ControlPlan& mControls;
     uint64_t mSubmitted = 0;
 };
 

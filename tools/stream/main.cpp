@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <optional>
 
 #include "Console.h"
@@ -81,9 +80,6 @@ private:
 bool prepareFile(const std::string& path) {
     if (path.empty())
         return true;
-    std::error_code error;
-    if (const auto folder = std::filesystem::path(path).parent_path(); !folder.empty())
-        std::filesystem::create_directories(folder, error);
     FILE* const file = fopen(path.c_str(), "we");
     if (file == nullptr) {
         say("%s: %s", path.c_str(), strerror(errno));
@@ -110,13 +106,74 @@ std::unique_ptr<client::IDmaBufSource> makeSource(const Options& options,
     return client::makeVideoNodeSource(ports.front().nodePath);
 }
 
+/** A port with what is wished for it; metadata has one format only. */
+client::SessionPort sessionPort(const Options& options, const NodePort& port) {
+    client::SessionPort result{port.entity, port.index, port.entity, 0, 0, 0};
+    for (const FormatWish& wish : options.formats) {
+        if ((wish.entity.empty() && port.node.isMeta()) ||
+            (!wish.entity.empty() && wish.entity != port.entity))
+            continue;
+        if (wish.format != 0)
+            result.format = wish.format;
+        if (wish.width != 0) {
+            result.width = wish.width;
+            result.height = wish.height;
+        }
+    }
+    return result;
+}
+
+/** Whether the ports that formats and inputs are for are there. */
+bool checkNames(const Options& options, const std::vector<NodePort>& ports) {
+    const auto isKnown = [&](const std::string& entity, bool asOutput) {
+        const auto found = std::find_if(ports.begin(), ports.end(), [&](const NodePort& port) {
+            return port.entity == entity && (!asOutput || port.node.isOutput());
+        });
+        if (found == ports.end())
+            say("no %sport \"%s\" takes part", asOutput ? "output " : "", entity.c_str());
+        return found != ports.end();
+    };
+    return std::all_of(options.formats.begin(), options.formats.end(),
+                       [&](const FormatWish& wish) {
+                           return wish.entity.empty() || isKnown(wish.entity, false);
+                       }) &&
+           std::all_of(options.inputs.begin(), options.inputs.end(),
+                       [&](const auto& input) { return isKnown(input.first, true); });
+}
+
+/** Keeps the numbers of requests and buffers to what every port's device grants. */
+void limitToGranted(Options& options, const std::vector<NodePort>& ports) {
+    const unsigned wanted = options.buffers;
+    for (const NodePort& port : ports) {
+        uint32_t granted = 0;
+        if (client::queryGrantedBuffers(port.nodePath, options.buffers, granted) == 0 &&
+            granted != 0)
+            options.buffers = std::min(options.buffers, granted);
+    }
+    options.inFlight = std::min(options.inFlight, options.buffers);
+    if (options.buffers < wanted && !options.quiet)
+        say("the device grants %u buffers a port, not %u", options.buffers, wanted);
+}
+
+bool openInputs(const Options& options, const std::vector<NodePort>& ports,
+                const client::SceneSession& session, Content& content) {
+    for (const auto& [entity, file] : options.inputs)
+        for (size_t port = 0; port < ports.size(); ++port) {
+            FrameReader reader;
+            if (ports[port].entity != entity)
+                continue;
+            if (!reader.open(file, ports[port], session.format(port)))
+                return false;
+            content.setInput(port, std::move(reader));
+        }
+    return true;
+}
+
 Plan makePlan(const Options& options, const Device& device, const std::vector<NodePort>& ports) {
     Plan plan{options.model, {}, makeSource(options, ports)};
     plan.session.name = kSceneName;
     for (const NodePort& port : ports)
-        plan.session.ports.push_back({port.entity, port.index, port.entity,
-                                      port.node.isMeta() ? 0 : options.format, options.width,
-                                      options.height});
+        plan.session.ports.push_back(sessionPort(options, port));
     plan.session.links = device.linksOf(ports);
     plan.session.buffers = static_cast<int>(options.buffers);
     const uint32_t offset = EngineContent::isFor(device) ? kEngineOffset : 0;
@@ -139,9 +196,10 @@ void noteOtherFormats(const Options& options, const std::vector<NodePort>& ports
                       const client::SceneSession& session) {
     for (size_t port = 0; port < ports.size() && !options.quiet; ++port) {
         const PixelFormat& format = session.format(port);
-        const bool asWished = (options.format == 0 || format.format == options.format) &&
-                              (options.width == 0 ||
-                               (format.width == options.width && format.height == options.height));
+        const client::SessionPort& wish = session.desc().ports[port];
+        const bool asWished =
+            (wish.format == 0 || format.format == wish.format) &&
+            (wish.width == 0 || (format.width == wish.width && format.height == wish.height));
         if (!asWished && !ports[port].node.isMeta())
             say("%s made %s %ux%u of the wanted format", ports[port].entity.c_str(),
                 v4l2::formatName(format.format).c_str(), format.width, format.height);
@@ -171,8 +229,13 @@ int streamOn(const Options& options, const Device& device, const std::vector<Nod
     noteOtherFormats(options, ports, session);
     setFrameRates(options, ports);
     const std::unique_ptr<Content> content = makeContent(device, ports, session);
-    if (!content)
-        return kRunFailed;
+    ControlPlan controls;
+    FrameSaver saver;
+    if (!content || !openInputs(options, ports, session, *content) ||
+        !controls.prepare(options.controls, ports) ||
+        (!options.save.empty() && !saver.open(options.save, ports, session)))
+        return kBadUse;
+    content->setControls(&controls);
     std::unique_ptr<EventPrinter> events;
     if (options.events && !(events = EventPrinter::start()))
         return kRunFailed;
@@ -184,7 +247,8 @@ int streamOn(const Options& options, const Device& device, const std::vector<Nod
     RunResult result;
     const unsigned kept = requestsKept(device, ports);
     Runner(options, ports, session, *content, gWish, kept,
-           options.snapshot.empty() ? nullptr : &snapshot)
+           options.snapshot.empty() ? nullptr : &snapshot, options.save.empty() ? nullptr : &saver,
+           controls)
         .run(result);
     if (options.dump)
         dumpAll(manager);
@@ -195,13 +259,14 @@ int streamOn(const Options& options, const Device& device, const std::vector<Nod
         result.trouble = "the scene did not stop cleanly (see the log)";
 
     printReport(options, ports, session, *content, result);
-    if (kept != 0)
+    if (kept != 0 && !options.json)
         printf("\n  The device keeps its last output buffer, and %u request with it.\n", kept);
     if (!result.trouble.empty())
         say("%s", result.trouble.c_str());
     const bool drawn = options.snapshot.empty() || result.completed == 0 ||
                        snapshot.write(options.snapshot, options.model);
-    return result.isGood() && drawn ? kSuccess : kRunFailed;
+    const bool saved = saver.finish();
+    return result.isGood() && drawn && saved ? kSuccess : kRunFailed;
 }
 
 /** The first device of a model. @return empty, with a line on stderr, when there is none. */
@@ -217,13 +282,14 @@ std::optional<Device> findDevice(const std::string& model) {
     return std::nullopt;
 }
 
-int stream(const Options& options) {
+int stream(Options& options) {
     const std::optional<Device> device = findDevice(options.model);
     if (!device)
         return kBadUse;
     const std::vector<NodePort> ports = choosePorts(*device, options.ports);
-    if (ports.empty())
+    if (ports.empty() || !checkNames(options, ports))
         return kBadUse;
+    limitToGranted(options, ports);
     if (options.inFlight <= requestsKept(*device, ports))
         return complain(kBadUse, "this device's output needs --in-flight 2 or more");
     const Entity* const subDevice = device->subDevice();
@@ -246,7 +312,7 @@ int stream(const Options& options) {
     return code;
 }
 
-int run(const Options& options) {
+int run(Options& options) {
     configureLog(options);
     handleSignals();
     Utils::setTerminateHandler([] { gWish.terminated = true; });

@@ -129,6 +129,9 @@ public:
     /** In the order of the session's ports. */
     size_t frameCount() const { return mFrames.size(); }
     Frame& frame(size_t port) { return mFrames[port]; }
+    const Frame& frame(size_t port) const { return mFrames[port]; }
+    /** The media request, for controls that are to go with it: ControlNode::set(). */
+    int descriptor() const { return mRequest->getRequestFD(); }
     /** Of the request's last cycle. */
     RequestTimes times() const;
 
