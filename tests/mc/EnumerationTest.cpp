@@ -47,10 +47,10 @@ TEST_F(Enumeration, TakesMediaNodesByNameSkipsFailuresAndStops) {
                      shown("STILL ENUMERATING", "/dev/media999"),
                      shown("STOP TO ENUMERATE", "/dev/media0")}));
     EXPECT_EQ(kernel.takeCalls(),
-              Lines({"open /dev/media 0x2", "ioctl 100 0xc1007c00", "close 100",
+              Lines({"open /dev/media 0x2", "MEDIA_IOC_DEVICE_INFO 100", "close 100",
                      "open /dev/media8 0x2", "close -13", "open /dev/media6 0x2", "close -6",
-                     "open /dev/media999 0x2", "ioctl 101 0xc1007c00", "close 101",
-                     "open /dev/media0 0x2", "ioctl 102 0xc1007c00", "close 102"}));
+                     "open /dev/media999 0x2", "MEDIA_IOC_DEVICE_INFO 101", "close 101",
+                     "open /dev/media0 0x2", "MEDIA_IOC_DEVICE_INFO 102", "close 102"}));
     EXPECT_EQ(kernel.openDirectories, 0);
 }
 
@@ -109,7 +109,7 @@ TEST_F(Enumeration, TakesInLinksThatComeUpWhileItCounts) {
         EXPECT_EQ(topology->linkDescs().size(), found);
         EXPECT_EQ(topology->linkDescs().back().sink.entity, 2U);
         const Lines calls = kernel.takeCalls();
-        EXPECT_EQ(std::count(calls.begin(), calls.end(), "ioctl 100 0xc0287c02"), walks);
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "MEDIA_IOC_ENUM_LINKS 100"), walks);
     }
 }
 

@@ -88,8 +88,8 @@ TEST_F(MediaDeviceTest, SetsLinksByTheirPadsAlone) {
     EXPECT_TRUE(mDevice.enableLink(true, "a", 3, nullptr, 0));
     EXPECT_EQ(mSent, (std::vector<std::vector<uint32_t>>{{1, 0, 2, 0, 0, 2, 3, 1, 0, 0, 5, 0, 0},
                                                          {1, 0, 2, 0, 0, 2, 3, 1, 0, 0, 4, 0, 0}}));
-    EXPECT_EQ(mKernel.takeCalls(),
-              Lines({"open /dev/media0 0x2", "ioctl 100 0xc0347c03", "ioctl 100 0xc0347c03"}));
+    EXPECT_EQ(mKernel.takeCalls(), Lines({"open /dev/media0 0x2", "MEDIA_IOC_SETUP_LINK 100",
+                                          "MEDIA_IOC_SETUP_LINK 100"}));
     EXPECT_EQ(mLog.take(), Lines({"W [enableLink] Not found link(a:3-:0) to enable:1"}));
     EXPECT_EQ(mTopology->linkDescs()[0].flags, 4U);
 }

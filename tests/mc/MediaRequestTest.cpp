@@ -10,8 +10,8 @@ namespace NSVista::NSCorvane::test {
 namespace {
 
 constexpr char kTag[] = "corvane-MediaDevice";
-constexpr char kQueue[] = "ioctl 200 0x7c80";
-constexpr char kReinit[] = "ioctl 200 0x7c81";
+constexpr char kQueue[] = "MEDIA_REQUEST_IOC_QUEUE 200";
+constexpr char kReinit[] = "MEDIA_REQUEST_IOC_REINIT 200";
 
 /** Notes what it is asked between the kernel's calls. */
 class NotingMonitor : public IEventMonitor {
@@ -49,7 +49,7 @@ protected:
         mKernel.answer(MEDIA_REQUEST_IOC_REINIT, 0);
         mRequest = std::make_unique<mc::MediaRequest>(7);
         mRequest->setRequestDone([this] { mKernel.note("done"); });
-        EXPECT_EQ(mKernel.takeCalls(), Lines({"ioctl 7 0x80047c05"}));
+        EXPECT_EQ(mKernel.takeCalls(), Lines({"MEDIA_IOC_REQUEST_ALLOC 7"}));
     }
     void watch() {
         EXPECT_EQ(mRequest->setMonitor(mMonitor), 0);

@@ -1,11 +1,11 @@
 #include "Platform.h"
 
 #include <corvane/IDeviceEnumerator.h>
-#include <corvane/kvxdip.h>
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/mc/MediaTopology.h>
 #include <corvane/platform/System.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/media.h>
 #include <linux/videodev2.h>
 
@@ -61,71 +61,13 @@ void hurryWebcam(const std::string& node) {
     System::Close(fd, 0);
 }
 
-/** Request codes of the operations that can be made to fail. */
-const std::map<std::string, unsigned long> kOperations = {
-    {"querycap", VIDIOC_QUERYCAP},
-    {"g_fmt", VIDIOC_G_FMT},
-    {"s_fmt", VIDIOC_S_FMT},
-    {"reqbufs", VIDIOC_REQBUFS},
-    {"qbuf", VIDIOC_QBUF},
-    {"dqbuf", VIDIOC_DQBUF},
-    {"streamon", VIDIOC_STREAMON},
-    {"streamoff", VIDIOC_STREAMOFF},
-    {"request_alloc", MEDIA_IOC_REQUEST_ALLOC},
-    {"request_queue", MEDIA_REQUEST_IOC_QUEUE},
-    {"request_reinit", MEDIA_REQUEST_IOC_REINIT},
-    {"setup_link", MEDIA_IOC_SETUP_LINK},
-    {"subscribe_event", VIDIOC_SUBSCRIBE_EVENT},
-    {"unsubscribe_event", VIDIOC_UNSUBSCRIBE_EVENT},
-    {"add_kva", KVXDIP_IOC_ADD_KVA},
-    {"del_kva", KVXDIP_IOC_DEL_KVA},
-    {"s_init_info", KVXDIP_IOC_S_INIT_INFO},
-    {"set_control", KVXDIP_IOC_SET_CONTROL},
-    {"get_control", KVXDIP_IOC_GET_CONTROL},
-    {"add_fence", KVXDIP_IOC_ADD_FENCE},
-    {"del_fence", KVXDIP_IOC_DEL_FENCE},
-    {"aloc_buf", KVXDIP_IOC_ALOC_BUF},
-    {"free_buf", KVXDIP_IOC_FREE_BUF},
-    {"clear_user_resource", KVXDIP_IOC_CLEAR_USER_RESOURCE},
-    {"acquire_iova", KVXDIP_IOC_ACQUIRE_IOVA},
-    {"release_iova", KVXDIP_IOC_RELEASE_IOVA},
-};
-
-/** Tells the driver's test side; a kernel without it has nothing to take back. */
-void tellDriver(const std::string& command) {
-    std::ofstream("/sys/kernel/debug/vengine/fault") << command << std::flush;
-}
-
 }  // namespace
 
-void Platform::fail(const std::string& operation, int error, unsigned nth) const {
+void Platform::order(const std::string& line) const {
     if (mEngine != nullptr)
-        mEngine->faults().fail(sim::Call::ioctl(kOperations.at(operation)), error, nth);
+        ASSERT_EQ(mEngine->faults().order(line), 0) << line;
     else
-        tellDriver(operation + " " + std::to_string(-error) + " " + std::to_string(nth));
-}
-
-void Platform::failBuffer() const {
-    if (mEngine != nullptr)
-        mDevice->failBuffer(mPorts[0].name);
-    else
-        tellDriver("buffer -5 1 " + mPorts[0].name);
-}
-
-void Platform::grantOneBuffer() const {
-    if (mEngine != nullptr)
-        mDevice->setBufferLimit(1);
-    else
-        tellDriver("reqbufs 1");
-}
-
-void Platform::behave() const {
-    if (mEngine != nullptr) {
-        mEngine->faults().clear();
-        mDevice->setBufferLimit(VENGINE_MAX_BUFFERS);
-    } else if (fails()) {
-        tellDriver("clear");
-    }
+        std::ofstream("/sys/kernel/debug/vengine/fault") << line << std::flush;
 }
 
 Platform& Platform::instance() {

@@ -44,19 +44,8 @@ public:
     sim::Device* virtualDevice() const { return mDevice; }
     /** The device can be made to fail. */
     bool fails() const { return drawsTestPicture(); }
-    /**
-     * Makes the @p nth call of an operation from now on fail, once.
-     * @param operation "querycap", "qbuf", "setup_link", "aloc_buf": the ioctl's name in lower
-     * case.
-     * @param error an errno.
-     */
-    void fail(const std::string& operation, int error, unsigned nth = 1) const;
-    /** Makes the first port's next buffer come back in error. */
-    void failBuffer() const;
-    /** Makes the next VIDIOC_REQBUFS that is granted grant one buffer only. */
-    void grantOneBuffer() const;
-    /** Takes back what fail() and grantOneBuffer() have set up. */
-    void behave() const;
+    /** Gives a line to the device's test side: "qbuf -5 2", "buffer -5", "reqbufs 1", "clear". */
+    void order(const std::string& line) const;
     /** Frames are numbered and drawn as the virtual engine's. */
     bool drawsTestPicture() const { return mModel == "vengine"; }
     std::shared_ptr<IMediaDevice> search() const;

@@ -1,7 +1,5 @@
 #include "Rig.h"
 
-#include <corvane/platform/Printer.h>
-
 #include <algorithm>
 #include <bit>
 #include <chrono>
@@ -11,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "support/Capture.h"
 #include "vengine-picture.h"
 
 namespace NSVista::NSCorvane::test {
@@ -19,12 +18,6 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{20};
 constexpr uint8_t kPoison = 0xA5;
-
-class TextPrinter : public IPrinter {
-public:
-    void printLine(const char* text) override { all += std::string(text) + "\n"; }
-    std::string all;
-};
 
 bool isOutput(const std::string& entity) {
     for (const auto& port : vengine_ports)
@@ -90,7 +83,7 @@ int Rig::init() {
     return ret;
 }
 
-int Rig::start(int buffers, int slots) {
+int Rig::start(int buffers) {
     if (const int ret = init(); ret != 0)
         return ret;
     scene->acquire();
@@ -103,7 +96,7 @@ int Rig::start(int buffers, int slots) {
         if (const int ret = scene->importBuffer(port, buffers); ret != 0)
             return ret;
     }
-    for (int i = 0; i < (slots != 0 ? slots : buffers); ++i)
+    for (int i = 0; i < buffers; ++i)
         if (const int ret = makeSlot(); ret != 0)
             return ret;
     scene->setRequestDoneCallback([this](IRequest* request) {
@@ -225,9 +218,10 @@ int Rig::stop() {
 }
 
 std::string Rig::dump() const {
-    TextPrinter printer;
-    scene->dumpState(&printer);
-    return printer.all;
+    std::string text;
+    for (const std::string& line : dumpOf(*scene))
+        text += line + "\n";
+    return text;
 }
 
 }  // namespace NSVista::NSCorvane::test

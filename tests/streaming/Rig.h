@@ -31,11 +31,10 @@ public:
 
     int init();
     /**
-     * init, formats, @p buffers buffers of every port, start.
-     * @param slots requests with memory of their own; 0: as many as buffers.
+     * init, formats, @p buffers buffers of every port, as many requests with memory, start.
      * @return 0 or the first failure.
      */
-    int start(int buffers, int slots = 0);
+    int start(int buffers);
     /** Poisons and fills the slot's buffers for the first @p ports ports (0: all). */
     void fill(size_t slot, size_t ports = 0);
     int queue(size_t slot) { return scene->queueRequest(mRequests[slot].get(), 0); }

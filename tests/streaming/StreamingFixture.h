@@ -9,6 +9,7 @@
 #include <corvane/platform/System.h>
 #include <corvane/platform/ULog.h>
 #include <gtest/gtest.h>
+#include <linux/media.h>
 
 #include <algorithm>
 #include <atomic>
@@ -17,6 +18,7 @@
 
 #include "Platform.h"
 #include "Rig.h"
+#include "support/Capture.h"
 
 namespace NSVista::NSCorvane::test {
 
@@ -40,7 +42,8 @@ protected:
         Utils::setTerminateHandler([] {});
     }
     void TearDown() override {
-        Platform::instance().behave();
+        if (Platform::instance().fails())
+            Platform::instance().order("clear");
         if (auto* device = Platform::instance().virtualDevice()) {
             device->setTiming({});
             device->resume();
@@ -55,12 +58,18 @@ protected:
         EXPECT_EQ(Platform::instance().openFiles(), 0U);
     }
     /** Error lines since the last call. */
-    std::vector<std::string> errors() {
-        std::vector<std::string> texts;
+    Lines errors() {
+        Lines texts;
         for (const auto& line : mLog.take())
             if (line.level == Utils::ULog::kError)
                 texts.push_back(line.text);
         return texts;
+    }
+    static void expectNoLinks() {
+        const Platform& platform = Platform::instance();
+        for (const auto& port : platform.ports())
+            for (const auto& link : port.links)
+                EXPECT_EQ(platform.linkFlags(link) & MEDIA_LNK_FL_ENABLED, 0U) << port.name;
     }
     static size_t portsOrSkip(size_t wanted) {
         return std::min(wanted, Platform::instance().ports().size());

@@ -16,8 +16,35 @@
 #include <vector>
 
 #include <corvane/platform/System.h>
+#include <linux/media.h>
+#include <linux/videodev2.h>
 
 namespace NSVista::NSCorvane::test {
+
+/** An ioctl as a test's record names it; a code that is not in the list as its number. */
+inline std::string ioctlName(unsigned long request) {
+#define CORVANE_IOCTL(name) \
+    { name, #name }
+    static const std::map<unsigned long, const char*> kNames = {
+        CORVANE_IOCTL(VIDIOC_QUERYCAP),
+        CORVANE_IOCTL(VIDIOC_G_FMT),
+        CORVANE_IOCTL(VIDIOC_S_FMT),
+        CORVANE_IOCTL(VIDIOC_REQBUFS),
+        CORVANE_IOCTL(VIDIOC_QBUF),
+        CORVANE_IOCTL(VIDIOC_DQBUF),
+        CORVANE_IOCTL(VIDIOC_STREAMON),
+        CORVANE_IOCTL(VIDIOC_STREAMOFF),
+        CORVANE_IOCTL(MEDIA_IOC_DEVICE_INFO),
+        CORVANE_IOCTL(MEDIA_IOC_ENUM_ENTITIES),
+        CORVANE_IOCTL(MEDIA_IOC_ENUM_LINKS),
+        CORVANE_IOCTL(MEDIA_IOC_SETUP_LINK),
+        CORVANE_IOCTL(MEDIA_IOC_REQUEST_ALLOC),
+        CORVANE_IOCTL(MEDIA_REQUEST_IOC_QUEUE),
+        CORVANE_IOCTL(MEDIA_REQUEST_IOC_REINIT)};
+#undef CORVANE_IOCTL
+    const auto found = kNames.find(request);
+    return found != kNames.end() ? found->second : std::to_string(request);
+}
 
 /**
  * Installed while it lives. Answers are set before other threads run; calls come from any thread.
@@ -56,7 +83,7 @@ public:
         const std::lock_guard lock(mLock);
         mCalls.push_back(std::move(text));
     }
-    /** "open PATH FLAGS", "close FD", "ioctl FD CODE" and so on since the last call. */
+    /** "open PATH FLAGS", "close FD", "VIDIOC_QBUF FD" and so on since the last call. */
     std::vector<std::string> takeCalls() {
         const std::lock_guard lock(mLock);
         return std::exchange(mCalls, {});
@@ -81,7 +108,7 @@ public:
         return closeResult;
     }
     int ioctl(int fd, unsigned long request, void* arg) override {
-        record("ioctl %d %#lx", fd, request);
+        record("%s %d", ioctlName(request).c_str(), fd);
         const auto found = mAnswers.find(request);
         return found != mAnswers.end() ? found->second(fd, arg) : -ENOTTY;
     }

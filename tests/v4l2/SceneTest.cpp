@@ -329,7 +329,7 @@ TEST_F(SceneTest, StreamsRequests) {
     open({0, 1});
     mLog.setLevel(Utils::ULog::kDebug);
     EXPECT_EQ(mScene->start(), 0);
-    EXPECT_EQ(calls(), Lines({"ioctl 101 0x40045612", "ioctl 100 0x40045612"}));
+    EXPECT_EQ(calls(), Lines({"VIDIOC_STREAMON 101", "VIDIOC_STREAMON 100"}));
     EXPECT_EQ(log(), Lines({"I [start] + Scene::start", "D [start] Start port: v1  #DECKEY",
                             "D [start] Start port: v0  #DECKEY", "I [start] - Scene::start"}));
     const auto info = mScene->getDebugInfo();
@@ -458,8 +458,8 @@ TEST_F(SceneTest, StartsAgainWithoutItsMonitor) {
     EXPECT_EQ(log().at(1),
               "W [stop] scene: 1 request(s) are with the driver: drain them, or take their event "
               "monitor away, before stop()");
-    EXPECT_EQ(calls(), Lines({"ioctl 100 0x40045612", "ioctl 100 0x40045613",
-                              "ioctl 100 0x40045612", "ioctl 100 0x40045613"}));
+    EXPECT_EQ(calls(), Lines({"VIDIOC_STREAMON 100", "VIDIOC_STREAMOFF 100", "VIDIOC_STREAMON 100",
+                              "VIDIOC_STREAMOFF 100"}));
     EXPECT_EQ(dumpOf(*mScene)[2], "    mPortObserverMap[0]={ }");
 }
 

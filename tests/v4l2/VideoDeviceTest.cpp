@@ -80,7 +80,7 @@ TEST_F(VideoDeviceTest, OpensAndClosesOnce) {
                      "W [openDevice] /dev/video3 100 was opened",
                      "E [closeDevice] Failed to close /dev/video3 100"}));
     EXPECT_EQ(mKernel.takeCalls(), Lines({"open /dev/video3 0x802", "open /dev/video3 0x802",
-                                          "ioctl 100 0x80685600", "close 100", "close 100"}));
+                                          "VIDIOC_QUERYCAP 100", "close 100", "close 100"}));
     mKernel.answer(VIDIOC_QUERYCAP, -EIO);
     EXPECT_EQ(mDevice->openDevice(), -EIO);
     EXPECT_EQ(mKernel.takeCalls().back(), "close 101");
