@@ -36,8 +36,10 @@ struct FrameBuffer {
  * A V4L2 video node as one port uses it.
  *
  * Open, close, format, import and streaming calls are serialised by the owner; queueBuffer() runs
- * on client threads while dequeBuffer() runs on a completion or the buffer monitor's thread.
- * Destroying an open device is fatal. Results are 0 or the negated errno unless noted.
+ * on client threads while dequeBuffer() runs on a completion or the buffer monitor's thread;
+ * dumpState() may run beside anything. Destroying an open device is fatal. Results are 0 or the
+ * negated errno unless noted; "reported and ends the service" is said of refusals that leave the
+ * driver in an unknown state, which are returned all the same.
  */
 class CORVANE_EXPORT IV4L2VideoDevice : public IV4L2BufferObserver {
 public:
@@ -48,7 +50,7 @@ public:
     static std::shared_ptr<IV4L2VideoDevice> make(IMediaDevice& media, const std::string& name,
                                                   const std::string& entityName, int portIndex);
 
-    /** Prints one line, once a buffer was queued; nothing before. */
+    /** Prints a line, once a buffer was queued; nothing before. */
     virtual void dumpState(IPrinter* printer) const = 0;
     /** Sets the buffer monitor, held weakly, and attaches to it; null only forgets. @return 0. */
     virtual int setMonitor(const std::shared_ptr<IV4L2BufferMonitor>& monitor) = 0;
@@ -60,19 +62,30 @@ public:
     virtual int openDevice() = 0;
     /** @return also -EINVAL when it is closed. */
     virtual int closeDevice() = 0;
-    /** VIDIOC_G_FMT. A refusal is reported and ends the service. */
+    /**
+     * VIDIOC_G_FMT. A refusal is reported and ends the service.
+     * @param[out] format untouched on failure.
+     */
     virtual int getFormat(PixelFormat& format) = 0;
-    /** VIDIOC_S_FMT. A refusal is reported and ends the service. */
+    /**
+     * VIDIOC_S_FMT. A refusal is reported and ends the service.
+     * @param[in,out] format what the driver made of it, whose sizes buffers must have. Of a
+     *        single-plane node the size is the driver's alone.
+     */
     virtual int setFormat(PixelFormat& format) = 0;
     /**
      * VIDIOC_REQBUFS for dma-bufs. A refusal is reported and ends the service.
-     * @param count 0 to 64; more is fatal.
-     * @return also -EINVAL for a negative count, -ENOMEM when the driver grants fewer.
+     * @param count 0 to 64; more is fatal. After 0 the next queueBuffer() is fatal.
+     * @return also -EINVAL for a negative count, before anything changes; -ENOMEM when the driver
+     *         grants fewer. After a failure all of @p count indexes count as free nevertheless.
      */
     virtual int importBuffer(int count) = 0;
     /** VIDIOC_STREAMON. */
     virtual int streamOn() = 0;
-    /** VIDIOC_STREAMOFF; on success detaches from the buffer monitor for good. */
+    /**
+     * VIDIOC_STREAMOFF; on success ends waits for a free index, and detaches from the buffer
+     * monitor for good.
+     */
     virtual int streamOff() = 0;
     /**
      * VIDIOC_QBUF at the lowest free index; blocks while none is free.
@@ -82,7 +95,11 @@ public:
      *         VIDIOC_QBUF was refused stays taken.
      */
     virtual int queueBuffer(const FrameBuffer& buffer, IMediaRequest* request, int argument) = 0;
-    /** VIDIOC_DQBUF. @return 0, or -1 for a failure or a buffer in error. */
+    /**
+     * VIDIOC_DQBUF, tried ten times while no buffer is ready; the buffer's index is free then.
+     * @return 0, or -1 for a buffer in error (V4L2_BUF_FLAG_ERROR) or a failure, after which the
+     *         index stays taken. Fatal on a monitored port for a buffer that no request has bound.
+     */
     virtual int dequeBuffer() = 0;
 };
 

@@ -64,15 +64,17 @@ public:
      */
     void notifyComplete();
 
-    /** Buffers with the driver. */
+    /** Buffers with the driver. The counts wrap at 2^32. */
     uint32_t determineInqueBufferCount() const;
     /** Buffers completed but not dequeued. */
     uint32_t determineNeedToDQBUFCount() const;
     bool needToDQBUF() const { return determineNeedToDQBUFCount() != 0; }
 
+    /** @name Texts of a state dump. Any thread. @{ */
     std::string toString_runtime() const;
     std::string toString_config() const;
     std::string toString_debugtrace() const;
+    /** @} */
 
 private:
     static constexpr size_t kReservedObservers = 8;

@@ -52,8 +52,13 @@ public:
     int queueBuffer(const FrameBuffer& buffer, IMediaRequest* request, int argument) override;
     int dequeBuffer() override;
 
+    /** The state in a line. Any thread. */
     std::string toString() const;
-    /** VIDIOC_REQBUFS with count 0. @return 0 or the negated errno. */
+    /**
+     * VIDIOC_REQBUFS with count 0, of the memory type that importBuffer() set. A refusal is
+     * reported and ends the service. Not while a completion may be running.
+     * @return 0 or the negated errno.
+     */
     int releaseBuffer();
     /**
      * The lowest free index, taken. Blocks without a limit while none is free, reported each second
@@ -61,7 +66,7 @@ public:
      * @return -EPIPE when the node has streamed off and none is free; waits under way end so.
      */
     int acquireBufferIndex();
-    /** Gives an index back and wakes queuers that wait for one. */
+    /** Gives an index back and wakes queuers that wait for one. Fatal for one never imported. */
     void releaseBufferIndex(unsigned int index);
     /** onNotify() without its trace section. */
     void startToDequeueBuffer();

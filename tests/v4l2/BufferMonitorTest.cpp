@@ -134,13 +134,14 @@ TEST_F(BufferMonitorTest, TracesBuffersByDefaultOnDetailedUserDebugBuilds) {
     } cases[] = {
         {"4", "userdebug", "-1", true}, {"4", "userdebug", "3", true},
         {"4", "userdebug", "2", false}, {"3", "userdebug", "-1", false},
-        {"4", "eng", "-1", false},      {"4", "user", "-1", false},
+        {"4", "eng", "-1", false},      {"6", nullptr, "-1", false},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.level << " " << c.build << " " << c.own);
+        SCOPED_TRACE(testing::Message() << c.level << " " << (c.build != nullptr ? c.build : "") << " " << c.own);
         // Read at load and once a process: the process of its own inherits the environment.
         setenv("persist.vendor.kvx.camera.ulog.detailslevel", c.level, 1);
-        setenv("ro.vendor.build.type", c.build, 1);
+        c.build != nullptr ? setenv("ro.vendor.build.type", c.build, 1)
+                           : unsetenv("ro.vendor.build.type");
         setenv("persist.vendor.kvx.camera.log_level", c.own, 1);
         inOwnProcess([&] {
             EXPECT_THAT(dumpOf(*mMonitor).front(),

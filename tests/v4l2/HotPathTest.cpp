@@ -3,7 +3,10 @@
 #include <corvane/platform/ULog.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "support/Allocations.h"
+#include "support/Capture.h"
 #include "support/NullEngine.h"
 
 namespace NSVista::NSCorvane::test {
@@ -40,6 +43,29 @@ TEST_P(HotPath, AllocatesNothingAndCallsTheKernelTwiceAPortAndTwiceMore) {
     EXPECT_EQ(engine.kernel.calls - calls, kCycles * (2 * ports + 2));
     EXPECT_EQ(engine.monitor->rearmed - rearmed, kCycles);
     EXPECT_EQ(engine.completed - completed, kCycles);
+}
+
+/** What comes on with the level, as the processes of a service have it from their start. */
+TEST(ManyPorts, StreamAtEachDetailLevelWithoutAWarning) {
+    for (const char* level : {"1", "2", "3", "4", "5", "6"}) {
+        SCOPED_TRACE(level);
+        setenv("persist.vendor.kvx.camera.ulog.detailslevel", level, 1);
+        inOwnProcess([] {
+            Utils::ULog::RingULogger lines(10000);
+            Utils::ULog::ULogger::install(&lines);
+            {
+                NullEngine engine(3);
+                for (int i = 0; i < 100; ++i) {
+                    engine.cycle();
+                    engine.drain();
+                }
+            }
+            Utils::ULog::ULogger::install(nullptr);
+            for (const auto& line : lines.take())
+                EXPECT_GT(line.level, Utils::ULog::kWarning) << line.text;
+        });
+    }
+    unsetenv("persist.vendor.kvx.camera.ulog.detailslevel");
 }
 
 INSTANTIATE_TEST_SUITE_P(Ports, HotPath, testing::Range(1, 9));

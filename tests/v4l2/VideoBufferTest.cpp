@@ -52,7 +52,8 @@ TEST_F(VideoDeviceTest, ImportsBuffers) {
 
 TEST_F(VideoDeviceTest, ReleasesBuffersWithTheMemoryTypeItHas) {
     open(2);
-    EXPECT_EQ(mDevice->releaseBuffer(), 0);
+    EXPECT_EQ(tracedBy([this] { EXPECT_EQ(mDevice->releaseBuffer(), 0); }, 5),
+              Lines({"V4L2VideoDevice VIDIOC_REQBUFS count=0"}));
     EXPECT_EQ(mRequested, "count=0 type=9 memory=4");
     EXPECT_EQ(free(), "0x3");
     mKernel.answer(VIDIOC_REQBUFS, -EBUSY);
