@@ -226,8 +226,10 @@ TEST_F(BufferMonitorTest, ServesOnePortOnTheWorkerInAnotherMode) {
                 testing::UnorderedElementsAre(exit + "+ " + counts(1, 1, 0),
                                               exit + "- " + counts(1, 1, 0, 0, false),
                                               loop + "- " + counts(1, 1, 0, 0, false)));
-    EXPECT_EQ(mMonitor->readyToRun(std::string()), 0);
-    pthread_getname_np(pthread_self(), threadName, sizeof(threadName));
+    std::thread([&] {
+        EXPECT_EQ(mMonitor->readyToRun(std::string()), 0);
+        pthread_getname_np(pthread_self(), threadName, sizeof(threadName));
+    }).join();
     EXPECT_STREQ(threadName, "P2Drv-BufferMon");
     EXPECT_STREQ(mMonitor->getThreadName(), "P2Drv-BufferMon");
 }
