@@ -10,15 +10,29 @@ namespace {
 
 /** What a case works on: a capture that streams, an output with a format but no buffers. */
 struct Scene {
-    Port &capture, &output;
+    Port &in, &out;
     int bound, empty;  ///< requests: one with buffer 0 of the capture, one with nothing
     int media;
 };
+using Change = void (*)(Port&);
 
 struct Answer {
     const char* name;
     int expected;
-    int (*act)(const Scene&);
+    int (*act)(const Scene&) = nullptr;
+    Change queue = nullptr;       ///< instead: queues buffer 1 of the capture, changed
+    Change queueInput = nullptr;  ///< or of the output
+    bool whole = false;           ///< tells the end of the request's queueing, not of the buffer's
+
+    int answer(const Scene& s) const {
+        if (act != nullptr)
+            return act(s);
+        Port& port = queue != nullptr ? s.in : s.out;
+        if (queue == nullptr && port.requestBuffers(4) != 4)
+            return -1;
+        const int result = port.queue(1, s.empty, queue != nullptr ? queue : queueInput);
+        return whole && result == 0 ? call(s.empty, MEDIA_REQUEST_IOC_QUEUE) : result;
+    }
 };
 
 void PrintTo(const Answer& answer, std::ostream* out) {
@@ -27,19 +41,11 @@ void PrintTo(const Answer& answer, std::ostream* out) {
 
 /** Does something with the capture's node opened a second time. */
 int byAnother(const Scene& s, const std::function<int(Port&)>& act) {
-    Fd other(s.capture.name);
-    std::swap(other, s.capture.node);
-    const int result = act(s.capture);
-    std::swap(other, s.capture.node);
+    Fd other(s.in.name);
+    std::swap(other, s.in.node);
+    const int result = act(s.in);
+    std::swap(other, s.in.node);
     return result;
-}
-
-/** Queues a buffer that is bad only in its memory, then the request, and tells the latter's end. */
-int queueRequestWith(const Scene& s, Port& port, const std::function<void(Port&)>& change) {
-    if (&port == &s.output && port.requestBuffers(4) != 4)
-        return -1;
-    const int result = port.queue(1, s.empty, change);
-    return result < 0 ? result - 1000 : call(s.empty, MEDIA_REQUEST_IOC_QUEUE);
 }
 
 int completeThen(const Scene& s, const std::function<int()>& act) {
@@ -53,121 +59,59 @@ int setFormat(Port& port) {
     return call(port.node, VIDIOC_S_FMT, &format);
 }
 
+#define ACT(what) [](const Scene& s) -> int { return what; }
+#define WITH(what) [](Port& p) { what; }
+#define ANOTHER(what) ACT(byAnother(s, [&](Port& p) { return what; }))
+#define COMPLETE(what) ACT(completeThen(s, [&] { return what; }))
+
+// clang-format off
 const Answer kAnswers[] = {
-    {"REQBUFS(0) while streaming", -EBUSY, [](auto& s) { return s.capture.requestBuffers(0); }},
-    {"REQBUFS of memory type 0", -EINVAL, [](auto& s) { return s.output.requestBuffers(0, 0); }},
-    {"REQBUFS of another memory type while streaming", -EINVAL,
-     [](auto& s) { return s.capture.requestBuffers(1, V4L2_MEMORY_USERPTR); }},
-    {"REQBUFS beyond the limit", 32, [](auto& s) { return s.output.requestBuffers(64); }},
-    {"REQBUFS of another opener", -EBUSY,
-     [](auto& s) { return byAnother(s, [](Port& p) { return p.requestBuffers(1); }); }},
-    {"S_FMT with buffers", -EBUSY, [](auto& s) { return setFormat(s.capture); }},
-    {"STREAMON without buffers", -EINVAL, [](auto& s) { return s.output.stream(true); }},
+    {"REQBUFS(0) while streaming", -EBUSY, ACT(s.in.requestBuffers(0))},
+    {"REQBUFS of memory type 0", -EINVAL, ACT(s.out.requestBuffers(0, 0))},
+    {"REQBUFS of another memory while streaming", -EINVAL, ACT(s.in.requestBuffers(1, V4L2_MEMORY_USERPTR))},
+    {"REQBUFS beyond the limit", 32, ACT(s.out.requestBuffers(64))},
+    {"REQBUFS of another opener", -EBUSY, ANOTHER(p.requestBuffers(1))},
+    {"S_FMT with buffers", -EBUSY, ACT(s.out.requestBuffers(1) - 1 + setFormat(s.out))},
+    {"STREAMON without buffers", -EINVAL, ACT(s.out.stream(true))},
     {"STREAMON with its link disabled", -EPIPE,
-     [](auto& s) {
-         return s.output.requestBuffers(1) + setLink(s.media, kInput, 0) + s.output.stream(true) -
-                1;
-     }},
-    {"STREAMON twice", 0, [](auto& s) { return s.capture.stream(true); }},
-    {"STREAMON of another opener", -EBUSY,
-     [](auto& s) { return byAnother(s, [](Port& p) { return p.stream(true); }); }},
-    {"STREAMOFF of another opener", -EBUSY,
-     [](auto& s) { return byAnother(s, [](Port& p) { return p.stream(false); }); }},
-    {"STREAMOFF when not streaming", 0, [](auto& s) { return s.output.stream(false); }},
-    {"DQBUF when not streaming", -EINVAL, [](auto& s) { return s.output.dequeue(); }},
-    {"DQBUF with nothing done", -EAGAIN, [](auto& s) { return s.capture.dequeue(); }},
-    {"DQBUF with nothing done and too few planes", -EAGAIN,
-     [](auto& s) { return s.capture.dequeue(1); }},
-    {"DQBUF of another opener", -EBUSY,
-     [](auto& s) { return byAnother(s, [](Port& p) { return p.dequeue(); }); }},
-    {"DQBUF with too few planes", -EINVAL,
-     [](auto& s) { return completeThen(s, [&] { return s.capture.dequeue(1); }); }},
-    {"DQBUF with too many planes", -EINVAL,
-     [](auto& s) {
-         return completeThen(s, [&] { return s.capture.dequeue(VIDEO_MAX_PLANES + 1); });
-     }},
-    {"QBUF of an index already bound", -EINVAL,
-     [](auto& s) { return s.capture.queue(0, s.empty); }},
-    {"QBUF of an index out of range", -EINVAL, [](auto& s) { return s.capture.queue(4, s.empty); }},
-    {"QBUF of another memory type", -EINVAL,
-     [](auto& s) { return s.capture.queue(1, s.empty, [](Port& p) { p.record.memory = 1; }); }},
-    {"QBUF of another buffer type", -EINVAL,
-     [](auto& s) { return s.capture.queue(1, s.empty, [](Port& p) { p.record.type = 1; }); }},
-    {"QBUF without planes", -EINVAL,
-     [](auto& s) { return s.capture.queue(1, s.empty, [](Port& p) { p.record.length = 0; }); }},
-    {"QBUF of another opener", -EBUSY,
-     [](auto& s) { return byAnother(s, [&](Port& p) { return p.queue(1, s.empty); }); }},
-    {"QBUF with a request fd that is none", -EINVAL,
-     [](auto& s) { return s.capture.queue(1, s.capture.node); }},
-    {"QBUF without a request among others with", -EBUSY,
-     [](auto& s) { return s.capture.queue(1, -1); }},
-    {"QBUF of a bound index without a request", -EBUSY,
-     [](auto& s) { return s.capture.queue(0, -1); }},
-    {"QBUF into a completed request", -EBUSY,
-     [](auto& s) { return completeThen(s, [&] { return s.capture.queue(1, s.bound); }); }},
-    {"QBUF of two buffers of a node into one request", 0,
-     [](auto& s) { return s.capture.queue(1, s.bound); }},
-    {"QBUF with more bytes used than the plane has", -EINVAL,
-     [](auto& s) {
-         return s.output.requestBuffers(2) - 2 + s.output.queue(1, s.empty, [](Port& p) {
-             p.planes[0].bytesused = p.planes[0].length + 1;
-         });
-     }},
-    {"QBUF with a data offset at the end of the data", -EINVAL,
-     [](auto& s) {
-         return s.output.requestBuffers(2) - 2 + s.output.queue(1, s.empty, [](Port& p) {
-             p.planes[0].data_offset = p.planes[0].length;
-         });
-     }},
-    {"queue of an empty request", -ENOENT,
-     [](auto& s) { return call(s.empty, MEDIA_REQUEST_IOC_QUEUE); }},
-    {"queue of a completed request", -EBUSY,
-     [](auto& s) {
-         return completeThen(s, [&] { return call(s.bound, MEDIA_REQUEST_IOC_QUEUE); });
-     }},
-    {"REINIT of an idle request", 0,
-     [](auto& s) { return call(s.bound, MEDIA_REQUEST_IOC_REINIT); }},
-    {"REINIT gives the index back", 0,
-     [](auto& s) { return call(s.bound, MEDIA_REQUEST_IOC_REINIT) + s.capture.queue(0, s.empty); }},
-    {"REINIT before DQBUF, and DQBUF after", 0,
-     [](auto& s) {
-         return completeThen(s, [&] {
-             const int result = call(s.bound, MEDIA_REQUEST_IOC_REINIT);
-             return result < 0 ? result : s.capture.dequeue();
-         });
-     }},
-    {"queue with a bad dma-buf fd", -EINVAL,
-     [](auto& s) {
-         return queueRequestWith(s, s.capture, [](Port& p) { p.planes[1].m.fd = -1; });
-     }},
-    {"queue with a plane past the end of its dma-buf", -EINVAL,
-     [](auto& s) {
-         return queueRequestWith(s, s.capture,
-                                 [&](Port& p) { p.planes[1].reserved[2] = UINT32_MAX - 8; });
-     }},
-    {"queue with a capture plane below its size", -EINVAL,
-     [](auto& s) {
-         return queueRequestWith(s, s.capture, [](Port& p) { p.planes[0].length = 1; });
-     }},
-    {"queue with an output plane below its size", -EINVAL,
-     [](auto& s) { return queueRequestWith(s, s.output, [](Port& p) { p.planes[0].length--; }); }},
-    {"queue with an output plane longer than its dma-buf", -EFAULT,
-     [](auto& s) {
-         return queueRequestWith(s, s.output, [&](Port& p) { p.planes[0].length = 1u << 20; });
-     }},
-    {"queue with less data than a picture behind the data offset", -EINVAL,
-     [](auto& s) {
-         return queueRequestWith(s, s.output, [](Port& p) { p.planes[0].data_offset = 1; });
-     }},
-    {"unknown ioctl on a video node", -ENOTTY,
-     [](auto& s) {
-         kvxdip_memory memory = {};
-         return call(s.capture.node, KVXDIP_IOC_ALOC_BUF, &memory);
-     }},
-    {"unknown ioctl on a request", -ENOTTY, [](auto& s) { return call(s.empty, VIDIOC_QBUF); }},
-    {"unknown ioctl on a media device", -ENOTTY,
-     [](auto& s) { return call(s.media, MEDIA_REQUEST_IOC_QUEUE); }},
+     ACT(s.out.requestBuffers(1) - 1 + setLink(s.media, kInput, 0) + s.out.stream(true))},
+    {"STREAMON twice", 0, ACT(s.in.stream(true))},
+    {"STREAMON of another opener", -EBUSY, ANOTHER(p.stream(true))},
+    {"STREAMOFF of another opener", -EBUSY, ANOTHER(p.stream(false))},
+    {"STREAMOFF when not streaming", 0, ACT(s.out.stream(false))},
+    {"DQBUF when not streaming", -EINVAL, ACT(s.out.dequeue())},
+    {"DQBUF with nothing done and too few planes", -EAGAIN, ACT(s.in.dequeue(1))},
+    {"DQBUF of another opener", -EBUSY, ANOTHER(p.dequeue())},
+    {"DQBUF with too few planes", -EINVAL, COMPLETE(s.in.dequeue(1))},
+    {"DQBUF with too many planes", -EINVAL, COMPLETE(s.in.dequeue(VIDEO_MAX_PLANES + 1))},
+    {"QBUF of an index already bound", -EINVAL, ACT(s.in.queue(0, s.empty))},
+    {"QBUF of an index out of range", -EINVAL, ACT(s.in.queue(4, s.empty))},
+    {"QBUF of another memory type", -EINVAL, {}, WITH(p.record.memory = 1)},
+    {"QBUF of another buffer type", -EINVAL, {}, WITH(p.record.type = 1)},
+    {"QBUF without planes", -EINVAL, {}, WITH(p.record.length = 0)},
+    {"QBUF of another opener", -EBUSY, ANOTHER(p.queue(1, s.empty))},
+    {"QBUF with a request fd that is none", -EINVAL, ACT(s.in.queue(1, s.in.node))},
+    {"QBUF without a request among others with", -EBUSY, ACT(s.in.queue(1, -1))},
+    {"QBUF of a bound index without a request", -EBUSY, ACT(s.in.queue(0, -1))},
+    {"QBUF into a completed request", -EBUSY, COMPLETE(s.in.queue(1, s.bound))},
+    {"QBUF of two buffers of a node into one request", 0, ACT(s.in.queue(1, s.bound))},
+    {"QBUF with more data than the plane has", -EINVAL, {}, {}, WITH(p.planes[0].bytesused = p.planes[0].length + 1)},
+    {"QBUF with a data offset at the data's end", -EINVAL, {}, {}, WITH(p.planes[0].data_offset = p.planes[0].length)},
+    {"queue of an empty request", -ENOENT, ACT(call(s.empty, MEDIA_REQUEST_IOC_QUEUE))},
+    {"queue of a completed request", -EBUSY, COMPLETE(call(s.bound, MEDIA_REQUEST_IOC_QUEUE))},
+    {"REINIT gives the index back", 0, ACT(call(s.bound, MEDIA_REQUEST_IOC_REINIT) + s.in.queue(0, s.empty))},
+    {"REINIT before DQBUF, and DQBUF after", 0, COMPLETE(call(s.bound, MEDIA_REQUEST_IOC_REINIT) + s.in.dequeue())},
+    {"queue with a bad dma-buf fd", -EINVAL, {}, WITH(p.planes[1].m.fd = -1), {}, true},
+    {"queue with a plane past the end of its dma-buf", -EINVAL, {}, WITH(p.planes[1].reserved[2] = UINT32_MAX - 8), {}, true},
+    {"queue with a capture plane below its size", -EINVAL, {}, WITH(p.planes[0].length = 1), {}, true},
+    {"queue with an output plane below its size", -EINVAL, {}, {}, WITH(p.planes[0].length--), true},
+    {"queue with an output plane beyond its dma-buf", -EFAULT, {}, {}, WITH(p.planes[0].length = 1u << 20), true},
+    {"queue with less than a picture behind the data offset", -EINVAL, {}, {}, WITH(p.planes[0].data_offset = 1), true},
+    {"unknown ioctl on a video node", -ENOTTY, ACT(call(s.in.node, KVXDIP_IOC_ALOC_BUF, &s.in.record))},
+    {"unknown ioctl on a request", -ENOTTY, ACT(call(s.empty, VIDIOC_QBUF))},
+    {"unknown ioctl on a media device", -ENOTTY, ACT(call(s.media, MEDIA_REQUEST_IOC_QUEUE))},
 };
+// clang-format on
 
 }  // namespace
 
@@ -178,7 +122,7 @@ TEST_P(AnswersTest, IsTheKernels) {
     const Fd bound = newRequest(media), empty = newRequest(media);
     ASSERT_EQ(output.requestBuffers(0), 0);
     ASSERT_EQ(capture.queue(0, bound), 0);
-    EXPECT_EQ(GetParam().act({capture, output, bound, empty, media}), GetParam().expected);
+    EXPECT_EQ(GetParam().answer({capture, output, bound, empty, media}), GetParam().expected);
     if (GetParam().expected < 0) {
         EXPECT_EQ(errno, -GetParam().expected);
     }

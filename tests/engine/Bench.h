@@ -165,12 +165,4 @@ class ProcessTest : public EngineTest {
     }
 };
 
-/** A case that needs the kernel's side. */
-class DriverTest : public EngineTest {
-    void SetUp() override {
-        if (bench.inProcess())
-            GTEST_SKIP() << "needs the driver";
-    }
-};
-
 }  // namespace NSVista::NSCorvane::test
