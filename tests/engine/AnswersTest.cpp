@@ -39,12 +39,12 @@ void PrintTo(const Answer& answer, std::ostream* out) {
     *out << answer.name;
 }
 
-/** Does something with the capture's node opened a second time. */
-int byAnother(const Scene& s, const std::function<int(Port&)>& act) {
-    Fd other(s.in.name);
-    std::swap(other, s.in.node);
-    const int result = act(s.in);
-    std::swap(other, s.in.node);
+/** Does something with a port's node opened a second time. */
+int byAnother(Port& port, const std::function<int(Port&)>& act) {
+    Fd other(port.name);
+    std::swap(other, port.node);
+    const int result = act(port);
+    std::swap(other, port.node);
     return result;
 }
 
@@ -61,7 +61,7 @@ int setFormat(Port& port) {
 
 #define ACT(what) [](const Scene& s) -> int { return what; }
 #define WITH(what) [](Port& p) { what; }
-#define ANOTHER(what) ACT(byAnother(s, [&](Port& p) { return what; }))
+#define ANOTHER(what) ACT(byAnother(s.in, [&](Port& p) { return what; }))
 #define COMPLETE(what) ACT(completeThen(s, [&] { return what; }))
 
 // clang-format off
@@ -71,6 +71,9 @@ const Answer kAnswers[] = {
     {"REQBUFS of another memory while streaming", -EINVAL, ACT(s.in.requestBuffers(1, V4L2_MEMORY_USERPTR))},
     {"REQBUFS beyond the limit", 32, ACT(s.out.requestBuffers(64))},
     {"REQBUFS of another opener", -EBUSY, ANOTHER(p.requestBuffers(1))},
+    {"REQBUFS of another opener when none are left", 1,
+     ACT(s.out.requestBuffers(2) - 2 + s.out.requestBuffers(0) +
+         byAnother(s.out, [](Port& p) { return p.requestBuffers(1); }))},
     {"S_FMT with buffers", -EBUSY, ACT(s.out.requestBuffers(1) - 1 + setFormat(s.out))},
     {"STREAMON without buffers", -EINVAL, ACT(s.out.stream(true))},
     {"STREAMON with its link disabled", -EPIPE,

@@ -290,6 +290,7 @@ TEST_F(StreamTest, KeepsTheMemoryOfAnIndex) {
     ASSERT_EQ(main.queue(0, refused), 0);
     ASSERT_EQ(main.queue(1, refused, [](Port& p) { p.planes[1].m.fd = -1; }), 0);
     ASSERT_EQ(call(refused, MEDIA_REQUEST_IOC_QUEUE), -EINVAL);
+    EXPECT_EQ(bench.held(), "dmabufs 2\nrequests 1\n") << "nothing of the index with a bad plane";
     ASSERT_EQ(call(refused, MEDIA_REQUEST_IOC_REINIT), 0);
     exchange();
     forget();

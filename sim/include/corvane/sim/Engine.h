@@ -129,6 +129,9 @@ enum class DirectoryOrder { NEWEST_FIRST, OLDEST_FIRST };
  * request shows nothing where Linux shows EPOLLERR, and a watch that does not ask for EPOLLPRI
  * works normally afterwards.
  *
+ * Nodes that capture video have the standard control V4L2_CID_BRIGHTNESS, added to the luma of the
+ * node's pictures: at once, or of a request for its frame and from then on.
+ *
  * Any dma-buf that can be mapped serves: memory files as well as real ones.
  */
 class CORVANE_EXPORT Engine : public System::Kernel {
