@@ -119,7 +119,10 @@ int ControlNode::exchange(unsigned long code, const Control& control, int64_t& v
     list.controls = &item;
     if (const int result = mNode.ioctl(code, &list); result < 0)
         return result;
-    value = isLong ? item.value64 : item.value;
+    if (control.type == V4L2_CTRL_TYPE_BITMASK)
+        value = static_cast<uint32_t>(item.value);
+    else
+        value = isLong ? item.value64 : item.value;
     return 0;
 }
 

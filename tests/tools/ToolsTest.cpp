@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -59,16 +60,39 @@ protected:
 };
 
 TEST_F(ToolsTest, BadUseIsOneLineAndExitCode2) {
-    for (const char* arguments :
-         {"--bogus", "--model nothing", "--sim --model nothing", "--sim --ports nobody",
-          "--sim --ports 0", "--sim --requests -3", "--sim --ports 10", "--sim --ports 3,3",
-          "--sim --in-flight 0", "--sim --size 5", "--sim --format NV120", "--sim --buffers 2",
-          "--latency-us 5", "--sim --trace /dev/null/none.json"}) {
+    for (const char* arguments : {"--bogus",
+                                  "--model nothing",
+                                  "--sim --model nothing",
+                                  "--sim --ports nobody",
+                                  "--sim --ports 0",
+                                  "--sim --requests -3",
+                                  "--sim --ports 10",
+                                  "--sim --ports 3,3",
+                                  "--sim --in-flight 0",
+                                  "--sim --size 5",
+                                  "--sim --format NV120",
+                                  "--sim --buffers 2",
+                                  "--latency-us 5",
+                                  "--sim --trace /dev/null/none.json",
+                                  "--sim --snapshot no/folder.png",
+                                  "--sim --ports 2 --format nobody=NV12",
+                                  "--sim --ports 2 --input vengine-main=x",
+                                  "--sim --ports 2 --input vengine-input=/dev/null",
+                                  "--sim --control nothing=1",
+                                  "--sim --control brightness=65",
+                                  "--sim --control brightness",
+                                  "--sim --save no/such"}) {
         const Outcome result = runStream(arguments);
         EXPECT_EQ(result.code, 2) << arguments;
         EXPECT_THAT(result.output, ContainsRegex("^corvane-stream: [^\n]*\n$")) << arguments;
     }
-    for (const char* arguments : {"--bogus", "--sim --model nothing", "--sim --subdev nobody"}) {
+    EXPECT_THAT(runStream("--sim --in-flight 65").output,
+                HasSubstr("--in-flight: it takes a number from 1 to 64, not \"65\""));
+    for (const char* arguments :
+         {"--bogus", "--sim --model nothing", "--sim --subdev nobody",
+          "--sim --set-link a:0->b:0=on", "--sim --set-link 'vengine-core:0->vengine-main:0'",
+          "--sim --set-format nobody=NV12", "--sim --set-format vengine-main=NV12,64",
+          "--sim --set-format vengine-stats=64x64"}) {
         const Outcome result = run(kInfo + arguments + " 2>&1");
         EXPECT_EQ(result.code, 2) << arguments;
         EXPECT_THAT(result.output, ContainsRegex("^corvane-info: [^\n]*\n$")) << arguments;
@@ -79,19 +103,81 @@ TEST_F(ToolsTest, GoodRunsCountEveryBuffer) {
     for (const char* arguments :
          {"--ports all --in-flight 5 --order random --seed 7", "--ports 3 --worker",
           "--ports vengine-flip,vengine-mask --offset 0 --order reversed", "--ports 7,0,8,5",
-          "--ports 0,1 --format YUV420M", "--ports 0,1 --format YM12"}) {
+          "--ports 0,1 --format YUV420M", "--ports 0,1 --format YM12",
+          "--ports 0,1,2 --format vengine-main=YUV420M --size vengine-input=128x32",
+          "--ports 8 --control brightness=9 --control vengine-main:brightness=-30@7",
+          "--skip 50"}) {
         const Outcome result =
             runStream(std::string("--sim --quiet --size 64x48 --requests 60 ") + arguments);
         EXPECT_EQ(result.code, 0) << arguments << '\n' << result.output;
         EXPECT_THAT(result.output, ContainsRegex("60 requests .* 0 failed, 0 lost\n"));
-        EXPECT_THAT(result.output, ContainsRegex("vengine-[a-z]+ .* 60 +60 +0\n"));
+        EXPECT_THAT(result.output, ContainsRegex("vengine-[a-z]+ .* 60 +60 +0 +0\n"));
     }
 }
 
 TEST_F(ToolsTest, FailedRunIsExitCode1) {
-    const Outcome result = runStream("--sim --ports 1 --buffers 40");
+    const Outcome result = runStream("--sim --ports 1 --requests 3 --quiet --snapshot /dev/full");
     EXPECT_EQ(result.code, 1);
-    EXPECT_THAT(result.output, ContainsRegex("the scene cannot be set up: Cannot allocate memory"));
+    EXPECT_THAT(result.output, ContainsRegex("3 requests .* 0 failed, 0 lost\n"));
+}
+
+TEST_F(ToolsTest, SavedFramesCanBeTheNextRunsInput) {
+    const std::string common = "--sim --quiet --size 64x16 --ports 0,1 --requests ";
+    EXPECT_EQ(runStream(common + "3 --save " + file("first")).code, 0);
+    const std::string frames = contentOf(file("first/vengine-main.raw"));
+    EXPECT_EQ(frames.size(), 3U * 1536);
+    EXPECT_EQ(contentOf(file("first/vengine-main.txt")),
+              "entity vengine-main\nformat NV12M\nsize 64x16\nframe 1536 bytes\n"
+              "plane 0: 1024 bytes, 64 a line\nplane 1: 512 bytes, 64 a line\n");
+    const Outcome second =
+        runStream(common + "5 --skip 1 --input vengine-input=" + file("first/vengine-main.raw") +
+                  " --save " + file("second"));
+    EXPECT_EQ(second.code, 0) << second.output;
+    // Request 0 is skipped, the file's three frames begin anew at request 3.
+    EXPECT_TRUE(contentOf(file("second/vengine-main.raw")) ==
+                frames.substr(1536) + frames.substr(0, 2 * 1536));
+    std::ofstream(file("odd.raw")) << "too short";
+    EXPECT_EQ(runStream(common + "1 --input vengine-input=" + file("odd.raw")).code, 2);
+}
+
+TEST_F(ToolsTest, AControlOfARequestTakesEffectInItsFrame) {
+    EXPECT_EQ(runStream("--sim --quiet --size 64x16 --ports vengine-grey --requests 6 --save " +
+                        file("f") +
+                        " --control brightness=-64 --control brightness=64@3 "
+                        "--control 0x980900=0@4")
+                  .code,
+              0);
+    const std::string frames = contentOf(file("f/vengine-grey.raw"));
+    std::vector<int> lumas;  // of the brightest bar, which the frame's number does not touch
+    for (size_t frame = 0; frame < 6; ++frame)
+        lumas.push_back(static_cast<uint8_t>(frames[frame * 1024 + 64 * 8]));
+    const int normal = lumas[5];
+    EXPECT_THAT(lumas, testing::ElementsAre(normal - 64, normal - 64, normal - 64,
+                                            std::min(255, normal + 64), normal, normal));
+}
+
+TEST_F(ToolsTest, ResultsForMachines) {
+    const Outcome stream = runStream("--sim --quiet --ports 2 --requests 4 --size 64x16 --json");
+    EXPECT_THAT(stream.output,
+                AllOf(StartsWith("{\"model\":\"vengine\",\"good\":true,\"trouble\":\"\","
+                                 "\"completed\":4,\"failed\":0,\"lost\":0,"),
+                      HasSubstr("{\"entity\":\"vengine-input\",\"format\":\"NV12M\",\"width\":64,"
+                                "\"height\":16,\"queued\":4,\"dequeued\":4,\"broken\":0,"
+                                "\"lost\":0,\"errors\":0,\"remapped\":0}]}\n")));
+    const Outcome info = run(kInfo + "--sim --json --set-format vengine-main=YUV420M,128x64 " +
+                             "--set-link 'vengine-core:0->vengine-main:0=on'");
+    EXPECT_EQ(info.code, 0);
+    EXPECT_THAT(
+        info.output,
+        AllOf(StartsWith("[{\"model\":\"vengine\",\"path\":\"/dev/media0\","),
+              HasSubstr("\"format\":\"YUV420M\",\"width\":128,\"height\":64,\"planes\":["
+                        "{\"stride\":128,\"size\":8192},{\"stride\":64,\"size\":2048},"),
+              HasSubstr("{\"name\":\"Brightness\",\"id\":9963776,\"value\":0,\"minimum\":-64,"
+                        "\"maximum\":64,\"step\":1,\"default\":0,\"menu\":[]}"),
+              HasSubstr("{\"source\":\"vengine-core:0\",\"sink\":\"vengine-main:0\","
+                        "\"enabled\":true,\"immutable\":false}")));
+    EXPECT_EQ(run("echo '" + stream.output + "' | python3 -m json.tool >/dev/null").code, 0);
+    EXPECT_THAT(run(kInfo + "--version").output, StartsWith("corvane-info 1."));
 }
 
 TEST_F(ToolsTest, LostOutputIsExitCode1) {
@@ -128,6 +214,7 @@ TEST_F(ToolsTest, ListsDevicesTheSameWayInBothTools) {
                         "YUV420M  320x240  320 + 160 + 160  76,800 + 19,200 + 19,200\n"),
               HasSubstr("  vengine-stats     3     /dev/video3  metadata capture             "
                         "VEST     -        -                64\n"),
+              HasSubstr("vengine-grey      Brightness  0x980900  0            0  -64 to 64\n"),
               HasSubstr("brightness      0  -64 to 64, default 0\n")));
     const Outcome list = run("LC_ALL=C " + kStream + "--sim --list");
     EXPECT_EQ(list.code, 0);

@@ -1,5 +1,6 @@
 #include "Listing.h"
 
+#include <corvane/client/Controls.h>
 #include <langinfo.h>
 
 #include <algorithm>
@@ -119,20 +120,6 @@ std::string planeSizeText(const PixelFormat::Plane& plane) {
     return bytesText(plane.size);
 }
 
-/** Prints the fourccs that a queue offers, in lines of bearable length. */
-void printOffers(const Entity& entity, const QueueFormat& queue) {
-    constexpr size_t kPerLine = 12;
-    for (size_t i = 0; i < queue.supported.size(); i++) {
-        if (i == 0)
-            printf("  %-15s  ", entity.devnode.c_str());
-        else if (i % kPerLine == 0)
-            printf("\n  %-15s  ", "");
-        printf("%s ", v4l2::formatName(queue.supported[i]).c_str());
-    }
-    if (!queue.supported.empty())
-        printf("\n");
-}
-
 std::string portText(const Device& device, const Entity& entity) {
     for (const NodePort& port : device.ports)
         if (port.entity == entity.name)
@@ -154,29 +141,80 @@ void addFormatRows(const Device& device, const Entity& entity, const NodeFormats
         rows.push_back({entity.name, port, entity.devnode, "neither video nor metadata"});
 }
 
+/** Formats that offer the same sizes share a row. */
+void addOfferRows(const Entity& entity, const QueueFormat& queue, std::vector<Row>& rows) {
+    const size_t first = rows.size();
+    for (const OfferedFormat& offer : queue.offered) {
+        const std::string name = v4l2::formatName(offer.fourcc);
+        if (rows.size() > first && rows.back()[2] == offer.sizes)
+            rows.back()[1] += " " + name;
+        else
+            rows.push_back({entity.name, name, offer.sizes, {}});
+    }
+    if (!queue.rates.empty()) {
+        if (rows.size() == first)
+            rows.push_back({entity.name, {}, {}, {}});
+        rows.back()[3] = queue.rates;
+    }
+}
+
 void printFormats(const Device& device) {
-    std::vector<std::pair<const Entity*, NodeFormats>> nodes;
     std::vector<Row> rows = {
         {"entity", "port", "node", "queue", "format", "size", "stride, B", "planes, B"}};
-    bool offers = false;
+    std::vector<Row> offers = {{"entity", "formats", "sizes", "frames a second"}};
     for (const Entity& entity : device.entities) {
         if (!entity.isVideoNode() || entity.devnode.empty())
             continue;
-        const auto& formats = nodes.emplace_back(&entity, readFormats(entity.devnode)).second;
+        const NodeFormats formats = readFormats(entity.devnode);
         addFormatRows(device, entity, formats, rows);
         for (const QueueFormat& queue : formats.queues)
-            offers = offers || !queue.supported.empty();
+            addOfferRows(entity, queue, offers);
     }
-    if (nodes.empty())
-        return;
-    printf("\nFormats\n");
-    printTable(rows);
-    if (offers)
+    if (rows.size() > 1) {
+        printf("\nFormats\n");
+        printTable(rows);
+    }
+    if (offers.size() > 1) {
         printf("\nFormats offered\n");
-    for (const auto& [entity, formats] : nodes) {
-        for (const QueueFormat& queue : formats.queues)
-            printOffers(*entity, queue);
+        printTable(offers);
     }
+}
+
+std::string valueText(const client::Control& control, int64_t value) {
+    for (const auto& [number, name] : control.menu)
+        if (number == value)
+            return std::to_string(value) + " (" + name + ")";
+    return std::to_string(value);
+}
+
+std::string menuText(const client::Control& control) {
+    std::string text;
+    for (const auto& [number, name] : control.menu)
+        text += (text.empty() ? "" : ", ") + std::to_string(number) + " " + name;
+    return text.empty() && control.hasValue() ? control.rangeText() : text;
+}
+
+void printControls(const Device& device) {
+    std::vector<Row> rows = {{"entity", "control", "id", "value", "default", "range"}};
+    for (const Entity& entity : device.entities) {
+        if (entity.devnode.empty())
+            continue;
+        client::ControlNode node(entity.devnode);
+        for (const client::Control& control : node ? node.list() : std::vector<client::Control>()) {
+            int64_t value = 0;
+            const bool isRead = node.get(control, value) == 0;
+            char id[16];
+            snprintf(id, sizeof(id), "0x%x", control.id);
+            rows.push_back({entity.name, control.name, id,
+                            isRead ? valueText(control, value) : std::string("-"),
+                            control.hasValue() ? std::to_string(control.defaultValue) : "-",
+                            menuText(control)});
+        }
+    }
+    if (rows.size() == 1)
+        return;
+    printf("\nControls\n");
+    printTable(rows, {4});
 }
 
 }  // namespace
@@ -197,6 +235,7 @@ void printDevice(const Device& device) {
     printFact("interface", "media " + versionText(info.media_version));
     printTopology(device);
     printFormats(device);
+    printControls(device);
 }
 
 void printDevices(const std::vector<Device>& devices) {

@@ -3,19 +3,62 @@
 #include <corvane/client/NodeFd.h>
 #include <fcntl.h>
 
+#include <cstdio>
+
 namespace NSVista::NSCorvane::tools {
 
 namespace {
 
-std::vector<uint32_t> readSupported(client::NodeFd& node, uint32_t bufferType) {
-    std::vector<uint32_t> supported;
+std::string pairText(uint32_t width, uint32_t height) {
+    return std::to_string(width) + "x" + std::to_string(height);
+}
+
+std::string readSizes(client::NodeFd& node, uint32_t fourcc) {
+    std::string text;
+    v4l2_frmsizeenum size = {};
+    size.pixel_format = fourcc;
+    for (; node.ioctl(VIDIOC_ENUM_FRAMESIZES, &size) >= 0; ++size.index) {
+        if (size.type != V4L2_FRMSIZE_TYPE_DISCRETE) {
+            const v4l2_frmsize_stepwise& range = size.stepwise;
+            return pairText(range.min_width, range.min_height) + " to " +
+                   pairText(range.max_width, range.max_height) + " by " +
+                   pairText(range.step_width, range.step_height);
+        }
+        text += (text.empty() ? "" : " ") + pairText(size.discrete.width, size.discrete.height);
+    }
+    return text;
+}
+
+std::string rateText(const v4l2_fract& interval) {
+    char text[32];
+    snprintf(text, sizeof(text), "%g",
+             interval.numerator == 0
+                 ? 0.0
+                 : static_cast<double>(interval.denominator) / interval.numerator);
+    return text;
+}
+
+std::string readRates(client::NodeFd& node, const PixelFormat& format) {
+    std::string text;
+    v4l2_frmivalenum rate = {};
+    rate.pixel_format = format.format;
+    rate.width = format.width;
+    rate.height = format.height;
+    for (; node.ioctl(VIDIOC_ENUM_FRAMEINTERVALS, &rate) >= 0; ++rate.index) {
+        if (rate.type != V4L2_FRMIVAL_TYPE_DISCRETE)
+            return rateText(rate.stepwise.max) + " to " + rateText(rate.stepwise.min);
+        text += (text.empty() ? "" : " ") + rateText(rate.discrete);
+    }
+    return text;
+}
+
+std::vector<OfferedFormat> readOffered(client::NodeFd& node, uint32_t bufferType) {
+    std::vector<OfferedFormat> offered;
     v4l2_fmtdesc desc = {};
     desc.type = bufferType;
-    while (node.ioctl(VIDIOC_ENUM_FMT, &desc) >= 0) {
-        supported.push_back(desc.pixelformat);
-        desc.index++;
-    }
-    return supported;
+    for (; node.ioctl(VIDIOC_ENUM_FMT, &desc) >= 0; ++desc.index)
+        offered.push_back({desc.pixelformat, readSizes(node, desc.pixelformat)});
+    return offered;
 }
 
 }  // namespace
@@ -40,8 +83,9 @@ NodeFormats readFormats(const std::string& devnode) {
             continue;
         }
         QueueFormat& queue =
-            result.queues.emplace_back(QueueFormat{&type, {}, readSupported(node, type.type)});
+            result.queues.emplace_back(QueueFormat{&type, {}, readOffered(node, type.type), {}});
         v4l2::readFormat(format, v4l2::formatClassOfType(type.type), queue.format);
+        queue.rates = readRates(node, queue.format);
     }
     return result;
 }

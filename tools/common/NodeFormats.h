@@ -12,11 +12,18 @@
 
 namespace NSVista::NSCorvane::tools {
 
+/** A format that a queue offers. */
+struct OfferedFormat {
+    uint32_t fourcc;
+    std::string sizes;  ///< "64x16 to 4096x4096 by 2x2" or a list; empty when it tells none
+};
+
 /** One queue of a video node with its current format. */
 struct QueueFormat {
     const v4l2::BufferType* type;
     PixelFormat format;
-    std::vector<uint32_t> supported;  ///< fourccs the node offers; empty when it tells none
+    std::vector<OfferedFormat> offered;  ///< empty when it tells none
+    std::string rates;                   ///< frames per second of the current format; or empty
 };
 
 /** What a video node told. */

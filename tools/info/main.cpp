@@ -21,7 +21,11 @@
 #include "Controls.h"
 #include "Device.h"
 #include "Graph.h"
+#include "JsonReport.h"
 #include "Listing.h"
+#include "Settings.h"
+#include "Version.h"
+#include "Watch.h"
 
 namespace NSVista::NSCorvane::tools {
 
@@ -30,7 +34,8 @@ namespace {
 struct Options {
     std::string model, dot, subDevice;
     std::vector<int> controls;
-    bool sim = false, dump = false;
+    std::vector<std::string> links, formats;
+    bool sim = false, dump = false, json = false, watch = false;
 };
 
 ExitCode writeGraph(const std::string& graph, const std::string& path) {
@@ -110,17 +115,41 @@ void dumpState(const std::vector<Device>& devices) {
     IDefaultSubDeviceProvider::instance()->dumpState(&printer);
 }
 
+/** Carries the wished changes out and reads the devices anew. */
+ExitCode change(const Options& options, std::vector<Device>& devices) {
+    if (options.links.empty() && options.formats.empty())
+        return kSuccess;
+    if (devices.size() != 1)
+        return complain(kBadUse, "there are %zu devices: --model names the one to change",
+                        devices.size());
+    ExitCode code = kSuccess;
+    for (const std::string& wish : options.links)
+        code = std::max(code, setLink(devices.front(), wish));
+    for (const std::string& wish : options.formats)
+        code = std::max(code, setFormat(devices.front(), wish));
+    devices = findDevices(options.model);
+    return code;
+}
+
 ExitCode run(const Options& options) {
     std::optional<sim::VirtualEngine> engine;
     std::optional<sim::ScopedKernel> kernel;
     if (options.sim)
         kernel.emplace(engine.emplace());
 
-    const std::vector<Device> devices = findDevices(options.model);
+    if (options.watch)
+        return watchDevices();
+    std::vector<Device> devices = findDevices(options.model);
     if (devices.empty() && !options.model.empty())
         return complain(kBadUse, "no media device of model \"%s\"", options.model.c_str());
     if (devices.empty())
         return complain(kRunFailed, "no media device found (--sim shows the virtual engine)");
+    if (const ExitCode code = change(options, devices); code != kSuccess)
+        return code;
+    if (options.json) {
+        puts(makeJson(devices).c_str());
+        return kSuccess;
+    }
     if (!options.dot.empty())
         return writeGraph(makeGraph(devices), options.dot);
     if (const ExitCode code = checkControls(options, devices); code != kSuccess)
@@ -145,6 +174,7 @@ int main(int argc, char** argv) {
     CLI::App app("Shows media devices: topology, formats of their nodes, controls.",
                  "corvane-info");
     app.footer("Exit codes: 0 success, 1 a device could not be read, 2 bad use.");
+    addVersion(app);
     app.add_option("-m,--model", options.model, "Only media devices of this model")
         ->type_name("NAME");
     app.add_flag("--sim", options.sim, "Show the virtual engine in place of this machine");
@@ -157,11 +187,18 @@ int main(int argc, char** argv) {
         ->type_name("NAME");
     app.add_option("--control", options.controls, "Ids of the sub-device's controls to read")
         ->type_name("ID");
+    app.add_option("--set-link", options.links, "Enable or disable SOURCE:PAD->SINK:PAD=on or =off")
+        ->type_name("LINK");
+    app.add_option("--set-format", options.formats,
+                   "Set ENTITY=FORMAT, ENTITY=WIDTHxHEIGHT or ENTITY=FORMAT,WIDTHxHEIGHT")
+        ->type_name("FORMAT");
+    app.add_flag("--json", options.json, "Print everything for machines");
+    app.add_flag("--watch", options.watch, "Tell of devices that come and go, until interrupted");
     app.add_flag("--dump", options.dump, "Print the library's state");
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& end) {
+        return app.exit(end);
     } catch (const CLI::ParseError& error) {
         return complain(kBadUse, "%s; --help tells more", error.what());
     }

@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "Console.h"
+#include "RawFiles.h"
 
 namespace NSVista::NSCorvane::tools {
 
@@ -80,9 +83,12 @@ bool Canvas::writePng(const std::string& path) const {
     image.width = mWidth;
     image.height = mHeight;
     image.format = PNG_FORMAT_RGB;
-    if (png_image_write_to_file(&image, path.c_str(), 0, mPixels.data(), 0, nullptr) != 0)
+    // Not by name: libpng removes what it cannot write, were it a device node.
+    File file(fopen(path.c_str(), "we"));
+    if (file && png_image_write_to_stdio(&image, file.get(), 0, mPixels.data(), 0, nullptr) != 0 &&
+        fclose(file.release()) == 0)
         return true;
-    say("%s: %s", path.c_str(), image.message);
+    say("%s: %s", path.c_str(), PNG_IMAGE_FAILED(image) ? image.message : strerror(errno));
     return false;
 }
 
