@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <corvane/IPort.h>
@@ -143,6 +144,15 @@ private:
     void waitUnderGuard(State state, const char* operation, const char* advice) const;
     [[noreturn]] void refuseSecondBuffer(int portIndex, const FrameBuffer& existing) const;
 
+    /** A port's buffer; the port is looked up once, as a scene's table does not change. */
+    struct PortBuffer {
+        FrameBuffer buffer;
+        std::shared_ptr<Port> port;
+    };
+
+    PortBuffer& bufferOf(int portIndex);
+    void findPort(int portIndex, PortBuffer& entry) const;
+
     std::shared_ptr<IMediaRequest> mMediaRequest;
     QueryPort mQueryPort;
     RequestDone mRequestDone;
@@ -150,7 +160,9 @@ private:
     std::atomic<int32_t> mState{kIdle};
     std::atomic<int32_t> mStatus{0};
     std::vector<int32_t> mPortIndexes;
-    std::unordered_map<int32_t, FrameBuffer> mBuffers;
+    std::unordered_map<int32_t, PortBuffer> mBuffers;
+    /** Entries of mBuffers in the order in which they were made: cycles are filled alike. */
+    std::vector<std::pair<int32_t, PortBuffer*>> mAdded;
 };
 
 /**

@@ -26,7 +26,7 @@ namespace NSVista::NSCorvane {
 namespace {
 
 constexpr int kSubflow = 4;
-constexpr size_t kIndexesInPlace = 8;
+constexpr size_t kIndexesInPlace = 64;
 constexpr int64_t kRaceNs = 1'000'000;
 constexpr char kStillQueued[] =
     "is still under way: wait for its done callback, which must return, or use another request";
@@ -109,8 +109,8 @@ int Request::addBuffer(int portIndex, std::function<void(FrameBuffer&)> fill) tr
     if (!fill)
         CORVANE_FATAL("Bad buffer fill: index=%#x", portIndex);
     waitForState(kIdle, "addBuffer", kStillQueued);
+    FrameBuffer& buffer = bufferOf(portIndex).buffer;
     mPortIndexes.push_back(portIndex);
-    FrameBuffer& buffer = mBuffers[portIndex];
     if (buffer.planeCount != 0)
         refuseSecondBuffer(portIndex, buffer);
     fill(buffer);
@@ -118,34 +118,52 @@ int Request::addBuffer(int portIndex, std::function<void(FrameBuffer&)> fill) tr
 }
 CORVANE_NO_THROW
 
+/** The entry of a port, made when there is none. */
+Request::PortBuffer& Request::bufferOf(int portIndex) {
+    const size_t expected = mPortIndexes.size();
+    if (expected < mAdded.size() && mAdded[expected].first == portIndex)
+        return *mAdded[expected].second;
+    const auto [entry, made] = mBuffers.try_emplace(portIndex);
+    if (made)
+        mAdded.emplace_back(portIndex, &entry->second);
+    return entry->second;
+}
+
+void Request::findPort(int portIndex, PortBuffer& entry) const {
+    constexpr const char* kOperation = "queueBuffers";
+    if (!mQueryPort)
+        CORVANE_FATAL_AS(kOperation, "Bad function");
+    entry.port = mQueryPort(portIndex);
+    if (entry.port == nullptr)
+        CORVANE_FATAL_AS(kOperation, "Bad port index:%#x", portIndex);
+}
+
 void Request::refuseSecondBuffer(int portIndex, const FrameBuffer& existing) const {
     constexpr const char* kOperation = "addBuffer";
     CORVANE_LOGE_AS(kOperation, "(%#x, %s) has existed", portIndex,
                     NSCorvane::toString(existing).c_str());
     CORVANE_LOGE_AS(kOperation, "Something wrong - Request=%s", toString().c_str());
-    for (const auto& [index, buffer] : mBuffers)
+    for (const auto& [index, entry] : mBuffers)
         CORVANE_LOGE_AS(kOperation, "Existed (%#x, %s)", index,
-                        NSCorvane::toString(buffer).c_str());
+                        NSCorvane::toString(entry.buffer).c_str());
     CORVANE_FATAL_AS(kOperation, "FATAL");
 }
 
 int Request::queueBuffers(int argument) try {
     const TraceSection section(area::kQueueBuffers, "Request::queueBuffers");
-    for (auto& [portIndex, buffer] : mBuffers) {
-        if (!mQueryPort)
-            CORVANE_FATAL("Bad function");
-        const auto port = mQueryPort(portIndex);
-        if (port == nullptr)
-            CORVANE_FATAL("Bad port index:%#x", portIndex);
-        const auto device = port->queueingDevice();
+    for (auto& [portIndex, entry] : mBuffers) {
+        if (entry.port == nullptr)
+            findPort(portIndex, entry);
+        const auto device = entry.port->queueingDevice();
         if (device == nullptr)
             CORVANE_FATAL("Bad VideoDevice");
-        if (const int ret = device->queueBuffer(buffer, mMediaRequest.get(), argument); ret != 0) {
-            CORVANE_LOGE("Failed to queue buffer to port %s", port->getName().c_str());
+        const int ret = device->queueBuffer(entry.buffer, mMediaRequest.get(), argument);
+        if (ret != 0) {
+            CORVANE_LOGE("Failed to queue buffer to port %s", entry.port->getName().c_str());
             return ret;
         }
         // The mark of a buffer that was filled in this cycle.
-        buffer.planeCount = 0;
+        entry.buffer.planeCount = 0;
     }
     mState.store(kBuffersQueued, std::memory_order_release);
     return 0;
@@ -170,7 +188,8 @@ CORVANE_NO_THROW
 
 void Request::requestDone() try {
     const TraceSection section(area::kDone, "Request::requestDone");
-    reqtrack::doneToSubmodule(getTrackBuffer(), kSubflow);
+    if (unsigned long* const track = mMediaRequest->getTrackBuffer())
+        reqtrack::doneToSubmodule(track, kSubflow);
     waitForState(kQueued, "requestDone", "has completed, but its queueing does not end");
     int32_t inPlace[kIndexesInPlace];
     std::vector<int32_t> more;
