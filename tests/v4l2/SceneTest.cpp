@@ -13,8 +13,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -23,13 +21,15 @@
 
 namespace {
 std::atomic<bool> sNoThreads{false};
-}
+std::atomic<int> sThreads{0};
+}  // namespace
 
 /** Stands before the C library's. */
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*start)(void*), void* argument) {
     static const auto next =
         reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    ++sThreads;
     return sNoThreads ? EAGAIN : next(thread, attributes, start, argument);
 }
 
@@ -420,28 +420,17 @@ TEST_F(SceneTest, StreamsAsItWasChosenBefore) {
 
 TEST_F(SceneTest, HasItsWorkerBeforeItStreamsAndStopsOnlyThen) {
     open({0});
-    const auto workers = [] {
-        int count = 0;
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-            std::string name;
-            std::getline(std::ifstream(task.path() / "comm"), name);
-            count += name == "P2Drv-BufferMon";
-        }
-        return count;
-    };
-    while (workers() != 0)  // an earlier test's, joined but not quite gone
-        std::this_thread::yield();
+    timeguard::TimeBomb::make("first", 1000000000, 0, "makes the guards' thread");
+    const int threads = sThreads;
     std::future<int> stopped;
     mKernel.on<uint32_t>(VIDIOC_STREAMON, [&](int, uint32_t&) {
-        EXPECT_EQ(workers(), 1);
+        EXPECT_EQ(sThreads, threads + 1) << "its worker";
         stopped = std::async(std::launch::async, [this] { return mScene->stop(); });
         EXPECT_EQ(stopped.wait_for(50ms), std::future_status::timeout) << "it starts still";
         return 0;
     });
     EXPECT_EQ(mScene->start(), 0);
     EXPECT_EQ(stopped.get(), 0);
-    while (workers() != 0)
-        std::this_thread::yield();
 }
 
 TEST_F(SceneTest, StartsAgainWithoutItsMonitor) {
