@@ -61,11 +61,7 @@ TEST_F(MediaDeviceTest, OpensOnceAndClosesAtTheFirstRelease) {
     EXPECT_EQ(dumpOf(mDevice, 'V'), Lines({"<<MediaDevice>> fd=-1 '/dev/media0' " + info}));
     EXPECT_EQ(mKernel.takeCalls(),
               Lines({"open /dev/media0 0x2", "open /dev/media0 0x2", "close 100"}));
-    mKernel.closeResult = 0;
-    {
-        mc::MediaDevice scoped("/dev/media1", mInfo, nullptr);
-        scoped.acquire();
-    }
+    mc::MediaDevice("/dev/media1", mInfo, nullptr).acquire();
     EXPECT_EQ(mKernel.takeCalls(), Lines({"open /dev/media1 0x2", "close 101"}));
 }
 

@@ -1,5 +1,7 @@
 #include <corvane/mc/MediaTopology.h>
 
+#include <locale>
+
 #include "MediaGraph.h"
 #include "support/Capture.h"
 
@@ -8,46 +10,50 @@ namespace {
 
 constexpr char kTag[] = "corvane-DeviceEnumerator";
 
-TEST(Topology, PrintsItself) {
-    const media_pad_desc pads[] = {padOf(1, 0, 2), padOf(1, 1, 1)};
-    const media_link_desc links[] = {linkOf(pads[0], padOf(2, 17, 1), 3)};
-    media_entity_desc desc = entityOf(1, "an entity name of 32 characters!", 2, 1);
-    desc.flags = 4;
-    mc::MediaTopology topology("/dev/media0");
+/** Prints "1,000", as the locale of a process may. */
+struct Grouping : std::numpunct<char> {
+    char do_thousands_sep() const override { return ','; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+void insert(mc::MediaTopology& topology, const media_entity_desc& desc,
+            const media_link_desc* links = nullptr, const media_pad_desc* pads = nullptr) {
     topology.insertEntityDesc(desc);
     topology.insertEntity(std::make_shared<mc::MediaEntity>(desc, links, pads));
-    topology.insertEntityDesc(entityOf(2, "b", 0, 0));
-    topology.insertEntity(
-        std::make_shared<mc::MediaEntity>(entityOf(2, "b", 0, 0), nullptr, nullptr));
-    const std::string first =
-        " .id=1 .name=an entity name of 32 characters! .type=7 .flags=4 .pads=2 .links=1"
-        " .dev.major=81 .dev.minor=1";
-    const std::string second = " .id=2 .name=b .type=7 .pads=0 .links=0 .dev.major=81 .dev.minor=2";
-    const std::string link =
-        " .source= .entity=1 .index=0 .flags=2 .sink= .entity=2 .index=17 .flags=1 .flags=3";
-    topology.insertLinkDesc(links[0]);
-
-    const std::string head =
-        "<<MediaTopology>> '/dev/media0' MediaEntity[2] media_entity_desc[2] media_link_desc[1]";
-    EXPECT_EQ(dumpOf(topology, 'I'), Lines({head}));
-    EXPECT_EQ(dumpOf(topology, 'V'),
-              Lines({head, "MediaEntity[2]",
-                     "entity=" + first + " links[{" + link +
-                         " }] pads[{ .entity=1 .index=0 .flags=2 }{ .entity=1 .index=1 .flags=1 }]",
-                     "entity=" + second + " links[] pads[]", "media_entity_desc[2]", first, second,
-                     "media_link_desc[1]", link}));
 }
 
-TEST(Topology, KeepsTheFirstEntityOfAName) {
-    mc::MediaTopology topology("t");
-    for (const uint32_t id : {1U, 2U}) {
-        topology.insertEntityDesc(entityOf(id, "twin", 0, 0));
-        topology.insertEntity(
-            std::make_shared<mc::MediaEntity>(entityOf(id, "twin", 0, 0), nullptr, nullptr));
-    }
-    EXPECT_EQ(topology.findEntity("twin")->desc().id, 1U);
-    EXPECT_EQ(topology.entityDescs().size(), 2U);
+TEST(Topology, PrintsItselfAndKeepsTheFirstEntityOfAName) {
+    const char* const name = "an entity name of 32 characters!";
+    const media_pad_desc pads[] = {padOf(1, 0, 2), padOf(1, 1000, 1)};
+    const media_link_desc link = linkOf(pads[0], padOf(2, 17, 1), 3);
+    media_entity_desc desc = entityOf(1000, name, 2, 1);
+    desc.flags = 4;
+    mc::MediaTopology topology("/dev/media0");
+    insert(topology, desc, &link, pads);
+    insert(topology, entityOf(2, name, 0, 0));
+    topology.insertLinkDesc(link);
+    EXPECT_EQ(topology.findEntity(name)->desc().id, 1000U);
     EXPECT_EQ(topology.findEntity(nullptr), nullptr);
+
+    const std::string first =
+        " .id=1000 .name=an entity name of 32 characters! .type=7 .flags=4 .pads=2 .links=1"
+        " .dev.major=81 .dev.minor=1000";
+    const std::string linkText =
+        " .source= .entity=1 .index=0 .flags=2 .sink= .entity=2 .index=17 .flags=1 .flags=3";
+    const std::string head =
+        "<<MediaTopology>> '/dev/media0' MediaEntity[1] media_entity_desc[2] media_link_desc[1]";
+    const std::locale classic = std::locale::global(std::locale(std::locale(), new Grouping));
+    EXPECT_EQ(dumpOf(topology, 'I'), Lines({head}));
+    EXPECT_EQ(dumpOf(topology, 'V'),
+              Lines({head, "MediaEntity[1]",
+                     "entity=" + first + " links[{" + linkText +
+                         " }] pads[{ .entity=1 .index=0 .flags=2 }{ .entity=1 .index=1000 .flags=1"
+                         " }]",
+                     "media_entity_desc[2]", first,
+                     " .id=2 .name=an entity name of 32 characters! .type=7 .pads=0 .links=0"
+                     " .dev.major=81 .dev.minor=2",
+                     "media_link_desc[1]", linkText}));
+    std::locale::global(classic);
 }
 
 TEST(Topology, FindsDeviceNodesThroughSysfs) {

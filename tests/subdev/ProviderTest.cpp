@@ -33,12 +33,6 @@ protected:
     DefaultSubDeviceProvider mProvider;
 };
 
-/** Acquires the sub-device in a child with a configuration of its own. */
-void acquireWith(const DefaultMediaConfigs& configs) {
-    registerDefaultMediaConfigs(&configs);
-    DefaultSubDeviceProvider().acquire("AAAA");
-}
-
 }  // namespace
 
 TEST_F(ProviderTest, OpensForTheFirstUserAndClosesAfterTheLast) {
@@ -133,20 +127,19 @@ TEST_F(ProviderTest, BringsUpAndTearsDownInTurnsUnderManyThreads) {
 }
 
 TEST_F(ProviderTest, EndsOnFaultsOfTheProcess) {
+    const auto acquireTwice = [&] {
+        mProvider.acquire("AAAA");
+        mProvider.acquire("AAAA");
+    };
+    const auto acquireNobody = [&] {
+        mConfigs.subdevice_entity_name = "";
+        registerDefaultMediaConfigs(&mConfigs);
+        mProvider.acquire("AAAA");
+    };
     test::expectFatal({
-        {[&] {
-             mProvider.acquire("AAAA");
-             mProvider.acquire("AAAA");
-         },
-         "corvane-V4L2SubDevice", "acquire", "A same user id AAAA has existed."},
-        {[] {
-             acquireWith({VENGINE_MODEL, "nobody"});
-         },
-         "corvane-DeviceEnumerator", "determineDefaultSubDevnodePath",
-         "No subdev path for  .mediadevice_model_name=vengine .subdevice_entity_name=nobody. "
-         "ret=1"},
-        {[] { acquireWith({}); }, "corvane-DeviceEnumerator", "findMediaEntityDevnodePath",
-         "mMediaTopologyList.size=0 != 1"},
+        {acquireTwice, "corvane-V4L2SubDevice", "acquire", "A same user id AAAA has existed."},
+        {acquireNobody, "corvane-DeviceEnumerator", "determineDefaultSubDevnodePath",
+         "No subdev path for  .mediadevice_model_name=vengine .subdevice_entity_name=. ret=1"},
     });
 }
 
