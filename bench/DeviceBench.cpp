@@ -1,7 +1,6 @@
 // What a request costs on a kernel driver, by ways of streaming it: a line of JSON for each round.
 // In a guest that counts instructions a nanosecond of the clock is an instruction.
 #include <corvane/platform/System.h>
-#include <corvane/platform/ULog.h>
 #include <linux/perf_event.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -27,7 +26,8 @@ const std::map<std::string, std::function<std::unique_ptr<Way>(Device&)>> kWays 
     {"bare, handed over", makeHandOver},
     {"library", [](Device& device) { return makeLibrary(device, false); }},
     {"library, direct", [](Device& device) { return makeLibrary(device, true); }},
-    {"session, waiting", makeSession},
+    {"session, callback", [](Device& device) { return makeSession(device, true); }},
+    {"session, waiting", [](Device& device) { return makeSession(device, false); }},
 };
 
 /** Planes that came to an index which had other memory before. One thread queues at a time. */
@@ -185,7 +185,6 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: %s PORTS IN-FLIGHT REQUESTS ROUNDS [WAY...]\n", argv[0]);
         return 2;
     }
-    NSVista::Utils::ULog::ULogger::sDetailsLevel = 1;
     std::vector<std::string> ways(argv + 5, argv + argc);
     if (ways.empty())
         for (const auto& [name, make] : kWays)

@@ -5,7 +5,9 @@
 #include <corvane/client/EpollEventMonitor.h>
 #include <corvane/client/SceneSession.h>
 
+#include <algorithm>
 #include <chrono>
+#include <functional>
 
 #include "Way.h"
 
@@ -98,11 +100,11 @@ private:
 
 class Session : public Way {
 public:
-    explicit Session(Device& device) : Way(device) {
+    Session(Device& device, bool callback) : Way(device), mCallback(callback) {
         client::SessionDesc desc;
         desc.name = "bench";
-        desc.buffers = static_cast<int>(mDevice.slots());
-        for (size_t i = 0; i < mDevice.ports(); ++i)
+        desc.buffers = static_cast<int>(device.slots());
+        for (size_t i = 0; i < device.ports(); ++i)
             desc.ports.push_back({device.port(i).port_name, device.port(i).index,
                                   device.port(i).device_name, 0, 0, 0});
         for (const LinkDesc& link : device.links())
@@ -111,24 +113,47 @@ public:
         const auto source = client::makeVideoNodeSource(Device::exporter(*device.media()));
         int error = 0;
         mSession = client::SceneSession::open(std::move(desc), device.media(), *source, error);
-        require(mSession != nullptr && mSession->start() == 0, "a session");
+        require(mSession != nullptr, "a session");
+        if (callback)
+            mSession->setDoneCallback([this](client::SessionRequest& request) {
+                watch.called(slotOf(request));
+                if (mCountdown.next())
+                    require(mSession->submitAgain(request, mFill) == 0, "a submission");
+            });
+        require(mSession->start() == 0, "a session's start");
     }
 
     void run(uint64_t requests) override {
+        if (mCallback) {
+            mCountdown.start(requests, mDevice.slots());
+            for (size_t i = 0; i < std::min<uint64_t>(requests, mDevice.slots()); ++i)
+                require(mSession->submit(mFill) == 0, "a submission");
+            mCountdown.wait();
+            mSession->drain(std::chrono::seconds(10));  // a callback returns before it is free
+            return;
+        }
         uint64_t queued = 0;
         for (uint64_t done = 0; done < requests; ++done) {
             for (; queued < requests; ++queued)
-                if (mSession->submit([this](client::SessionRequest& request) {
-                        watch.queued(request.number() % mDevice.slots());
-                    }) != 0)
+                if (mSession->submit(mFill) != 0)
                     break;
-            mSession->wait(std::chrono::seconds(10), [this](client::SessionRequest& request) {
-                watch.called(request.number() % mDevice.slots());
-            });
+            require(mSession->wait(std::chrono::seconds(10),
+                                   [this](client::SessionRequest& request) {
+                                       watch.called(slotOf(request));
+                                   }) == 0,
+                    "a wait");
         }
     }
 
 private:
+    size_t slotOf(const client::SessionRequest& request) const {
+        return request.number() % mDevice.slots();
+    }
+
+    const bool mCallback;
+    Countdown mCountdown;
+    const std::function<void(client::SessionRequest&)> mFill =
+        [this](client::SessionRequest& request) { watch.queued(slotOf(request)); };
     std::unique_ptr<client::SceneSession> mSession;
 };
 
@@ -138,8 +163,8 @@ std::unique_ptr<Way> makeLibrary(Device& device, bool direct) {
     return std::make_unique<Library>(device, direct);
 }
 
-std::unique_ptr<Way> makeSession(Device& device) {
-    return std::make_unique<Session>(device);
+std::unique_ptr<Way> makeSession(Device& device, bool callback) {
+    return std::make_unique<Session>(device, callback);
 }
 
 }  // namespace NSVista::NSCorvane::bench

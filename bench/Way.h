@@ -97,8 +97,8 @@ std::unique_ptr<Way> makeBare(Device& device);
 std::unique_ptr<Way> makeHandOver(Device& device);
 /** A scene; requests are queued again by who saw the last of them. */
 std::unique_ptr<Way> makeLibrary(Device& device, bool direct);
-/** A SceneSession, driven by a thread that waits. */
-std::unique_ptr<Way> makeSession(Device& device);
+/** A SceneSession, driven by a thread that waits, or by its callback. */
+std::unique_ptr<Way> makeSession(Device& device, bool callback);
 
 /** Told of each VIDIOC_QBUF while somebody counts; null otherwise. */
 extern void (*noteQueuedBuffer)(int node, const v4l2_buffer& buffer);

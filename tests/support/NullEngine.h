@@ -147,8 +147,14 @@ class NullEngine {
 public:
     static constexpr int kBuffers = 4;
 
-    /** @param direct dequeues on the completing thread. */
-    explicit NullEngine(int ports, bool direct = false) : mPrevious(System::setKernel(&kernel)) {
+    /**
+     * @param direct dequeues on the completing thread.
+     * @param shared the kernel of several; null for one of its own.
+     */
+    explicit NullEngine(int ports, bool direct = false, NullKernel* shared = nullptr)
+        : mOwnKernel(shared != nullptr ? nullptr : new NullKernel),
+          kernel(shared != nullptr ? *shared : *mOwnKernel),
+          mPrevious(System::setKernel(&kernel)) {
         for (int i = 0; i < ports; ++i)
             mPorts.push_back({"port", i, "node", false, false, false});
         mDesc = {"null", nullptr, ports, mPorts.data(), 0, nullptr};
@@ -206,7 +212,11 @@ public:
         drain();
     }
 
-    NullKernel kernel;
+private:
+    std::unique_ptr<NullKernel> mOwnKernel;
+
+public:
+    NullKernel& kernel;
     std::shared_ptr<NullEventMonitor> monitor = std::make_shared<NullEventMonitor>();
     uint64_t completed = 0;
 

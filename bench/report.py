@@ -1,0 +1,132 @@
+"""The results of bench/run as text, as a document and as a picture."""
+
+DEVICE_COLUMNS = {"instructions": "instructions", "time": "ns a request",
+                  "system calls": "system calls", "switches": "switches",
+                  "allocations": "allocations", "remapped planes": "remapped planes",
+                  "to callback": "ns to callback", "to last dequeue": "ns to last dequeue"}
+
+
+def cell(value):
+    if isinstance(value, float):
+        return f"{value:,.0f}" if value >= 100 else f"{value:.2f}".rstrip("0").rstrip(".")
+    return str(value)
+
+
+def table(heading, rows):
+    """A table that reads well as it is and as a document."""
+    rows = [list(map(cell, row)) for row in [heading, *rows]]
+    widths = [max(map(len, column)) for column in zip(*rows)]
+    lines = ["| " + " | ".join(text.rjust(width) for text, width in zip(row, widths)) + " |"
+             for row in rows]
+    lines.insert(1, "|" + "|".join("-" * (width + 1) + ":" for width in widths) + "|")
+    return "\n".join(lines) + "\n"
+
+
+def library(results):
+    rows = []
+    before = None
+    for ports, ways in results.items():
+        spent = [ways[way]["instructions"] for way in ["default", "direct"]]
+        steps = [(now - then) / (int(ports) - int(before[0])) for now, then in zip(spent, before[1])
+                 ] if before else ["", ""]
+        rows.append([ports, spent[0], steps[0], spent[1], steps[1], ways["default"]["harness"],
+                     max(way["allocations"] for way in ways.values())])
+        before = ports, spent
+    return "Instructions a request, the library alone:\n\n" + table(
+        ["ports", "default", "a further port", "direct", "a further port", "harness, taken off",
+         "allocations"], rows)
+
+
+def growth(results):
+    texts = {"scenes": ("scenes", "instructions a request (2 ports)"),
+             "requests": ("after requests", "instructions a request (1 port)"),
+             "entities": ("entities", "instructions an entity, at the search")}
+    return "\n".join(table(texts[name], results[name].items()) for name in texts)
+
+
+def device(results):
+    parts = []
+    for delay in sorted({entry["delay"] for entry in results}):
+        for in_flight in sorted({entry["in flight"] for entry in results}):
+            chosen = [entry for entry in results
+                      if (entry["delay"], entry["in flight"]) == (delay, in_flight)]
+            bare = {entry["ports"]: entry["instructions"] for entry in chosen
+                    if entry["way"] == "bare"}
+            rows = [[entry["ports"], entry["way"], entry["instructions"] / bare[entry["ports"]],
+                     *(entry.get(name, "") for name in DEVICE_COLUMNS)] for entry in chosen]
+            parts.append(f"Driver's delay {delay} us, {in_flight} in flight:\n\n" + table(
+                ["ports", "way", "of bare", *DEVICE_COLUMNS.values()], rows))
+    return "\n".join(parts)
+
+
+def looking(results):
+    plain = {entry["ports"]: entry["instructions"] for entry in results
+             if entry["looking"] == "nothing"}
+    return "What a request costs more on the driver, one in flight, dequeued directly:\n\n" + table(
+        ["looked at by", "ports", "instructions", "more", "system calls", "allocations"],
+        [[entry["looking"], entry["ports"], entry["instructions"],
+          entry["instructions"] - plain[entry["ports"]], entry["system calls"],
+          entry["allocations"]] for entry in results])
+
+
+SECTIONS = {"library": library, "growth": growth, "device": device, "looking": looking}
+
+TEXTS = {
+    "library": ("The library alone",
+                "Over a kernel that does nothing, under callgrind, release build. Several ports "
+                "include the hand-over\nto the buffer monitor's thread, but for direct dequeues."),
+    "growth": ("Growth", "The same, by scenes, by requests, and at the search by a device's size."),
+    "device": ("On a kernel driver",
+               "The virtual engine's driver in a guest that counts instructions: a nanosecond is "
+               "an instruction, one\nprocessor. *Bare* makes the system calls and nothing else; "
+               "*handed over* does so on two threads, as the\nlibrary's default does for several "
+               "ports. Instructions are the process's own, kernel included; times\nare the whole "
+               "machine's."),
+    "looking": ("Looking", "A log to a file in memory, a timeline to one, or the kernel's marker."),
+}
+
+
+def document(results):
+    lines = ["# What a request costs", "",
+             "Written by `bench/run --write`; `bench/run --help` tells more.", "",
+             "![Instructions a request on a kernel driver](performance.svg)", ""]
+    for part, (title, text) in TEXTS.items():
+        if part in results:
+            lines += [f"## {title}", "", text, f"Measured {results[part + ' measured']}.", "",
+                      SECTIONS[part](results[part])]
+    return "\n".join(lines)
+
+
+def plot(results):
+    """Bars of instructions a request on the driver: zero delay, one in flight, by ports."""
+    chosen = [entry for entry in results.get("device", [])
+              if (entry["delay"], entry["in flight"]) == (0, 1)]
+    ways = list(dict.fromkeys(entry["way"] for entry in chosen))
+    ports = sorted({entry["ports"] for entry in chosen})
+    colours = ["#555555", "#999999", "#1f6fb4", "#5aa9e6", "#d2691e", "#e9a66b", "#6b8e23"]
+    width, height, left, base = 760, 320, 60, 270
+    top = max((entry["instructions"] for entry in chosen), default=1)
+    parts = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" '
+             'font-family="sans-serif" font-size="11">',
+             f'<rect width="{width}" height="{height}" fill="white"/>']
+    for share in range(5):
+        y = base - 220 * share / 4
+        parts.append(f'<path d="M{left} {y}H{width - 10}" stroke="#dddddd"/>'
+                     f'<text x="{left - 6}" y="{y + 4}" text-anchor="end">'
+                     f'{top * share / 4000:.0f} k</text>')
+    group = (width - left - 20) / max(len(ports), 1)
+    bar = group / (len(ways) + 1)
+    for entry in chosen:
+        x = left + group * ports.index(entry["ports"]) + bar * (ways.index(entry["way"]) + 0.5)
+        tall = 220 * entry["instructions"] / top
+        parts.append(f'<rect x="{x:.1f}" y="{base - tall:.1f}" width="{bar * 0.9:.1f}" '
+                     f'height="{tall:.1f}" fill="{colours[ways.index(entry["way"]) % 7]}"/>')
+    for place, count in enumerate(ports):
+        parts.append(f'<text x="{left + group * (place + 0.5):.0f}" y="{base + 16}" '
+                     f'text-anchor="middle">{count} port{"s" if count > 1 else ""}</text>')
+    for place, way in enumerate(ways):
+        x = left + place * (width - left) / max(len(ways), 1)
+        parts.append(f'<rect x="{x:.0f}" y="{base + 28}" width="10" height="10" '
+                     f'fill="{colours[place % 7]}"/><text x="{x + 14:.0f}" y="{base + 37}">{way}'
+                     '</text>')
+    return "\n".join([*parts, "</svg>", ""])
