@@ -149,7 +149,7 @@ private:
     uint32_t mSequence CORVANE_GUARDED_BY(deviceState) = 0;  ///< of the next buffer that is done
     bool mUsesRequests CORVANE_GUARDED_BY(deviceState) = false;
     bool mUsesPlain CORVANE_GUARDED_BY(deviceState) = false;
-    int32_t mBrightness CORVANE_GUARDED_BY(deviceState) = defaultBrightness();
+    int32_t mBrightness CORVANE_GUARDED_BY(deviceState) = kDefaultBrightness;
     uint64_t mRemaps CORVANE_GUARDED_BY(deviceState) = 0;
 };
 

@@ -11,9 +11,6 @@ namespace NSVista::NSCorvane::sim {
 
 namespace {
 
-/** The sub-device's control of that name has the same range. */
-constexpr const vengine_control& kRange = vengine_controls[0];
-
 struct Control {
     uint32_t id;
     const char* name;
@@ -22,11 +19,11 @@ struct Control {
 };
 
 /** In the order of their numbers; the framework adds the class by itself. */
-const Control kControls[] = {
+constexpr Control kControls[] = {
     {V4L2_CID_USER_CLASS, "User Controls", V4L2_CTRL_TYPE_CTRL_CLASS,
      V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY, 0, 0, 0},
-    {V4L2_CID_BRIGHTNESS, "Brightness", V4L2_CTRL_TYPE_INTEGER, V4L2_CTRL_FLAG_SLIDER, kRange.min,
-     kRange.max, 1},
+    {V4L2_CID_BRIGHTNESS, "Brightness", V4L2_CTRL_TYPE_INTEGER, V4L2_CTRL_FLAG_SLIDER,
+     -VENGINE_PORT_BRIGHTNESS, VENGINE_PORT_BRIGHTNESS, 1},
 };
 
 const Control* findControl(uint32_t id) {
@@ -74,10 +71,6 @@ int checkControls(v4l2_ext_controls& list, uint32_t refusedFlag) {
 
 }  // namespace
 
-int32_t defaultBrightness() {
-    return kRange.def;
-}
-
 int queryControl(v4l2_query_ext_ctrl& query) {
     const uint32_t id = query.id & V4L2_CTRL_ID_MASK;
     const Control* control = findControl(id);
@@ -94,7 +87,7 @@ int queryControl(v4l2_query_ext_ctrl& query) {
     query.minimum = control->min;
     query.maximum = control->max;
     query.step = static_cast<uint64_t>(control->step);
-    query.default_value = control->id == V4L2_CID_BRIGHTNESS ? defaultBrightness() : 0;
+    query.default_value = kDefaultBrightness;
     query.flags = control->flags;
     query.elem_size = sizeof(int32_t);
     query.elems = 1;
@@ -135,7 +128,8 @@ int setControls(v4l2_ext_controls& list, bool set, std::optional<int32_t>& brigh
     if (result < 0 && set)
         list.error_idx = list.count;
     for (uint32_t i = 0; result == 0 && i < list.count; ++i) {
-        brightness = std::clamp<int32_t>(list.controls[i].value, kRange.min, kRange.max);
+        brightness = std::clamp<int32_t>(list.controls[i].value, -VENGINE_PORT_BRIGHTNESS,
+                                         VENGINE_PORT_BRIGHTNESS);
         list.controls[i].value = *brightness;
     }
     return result;

@@ -28,6 +28,6 @@ int setControls(v4l2_ext_controls& list, bool set, std::optional<int32_t>& brigh
 /** @} */
 
 /** The control's value after start. */
-int32_t defaultBrightness();
+inline constexpr int32_t kDefaultBrightness = 0;
 
 }  // namespace NSVista::NSCorvane::sim

@@ -124,7 +124,7 @@ int VideoFile::listedControls(uint32_t code, v4l2_ext_controls& list) {
         const bool initial = list.which == V4L2_CTRL_WHICH_DEF_VAL;
         const int32_t current =
             request != nullptr ? *request->control(mQueue) : mQueue.brightness();
-        return getControls(list, initial ? defaultBrightness() : current);
+        return getControls(list, initial ? kDefaultBrightness : current);
     }
     std::optional<int32_t> brightness;
     const int result = setControls(list, set, brightness);
