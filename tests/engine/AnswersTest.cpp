@@ -101,6 +101,8 @@ const Answer kAnswers[] = {
     {"QBUF with more data than the plane has", -EINVAL, {}, {}, WITH(p.planes[0].bytesused = p.planes[0].length + 1)},
     {"QBUF with a data offset at the data's end", -EINVAL, {}, {}, WITH(p.planes[0].data_offset = p.planes[0].length)},
     {"queue of an empty request", -ENOENT, ACT(call(s.empty, MEDIA_REQUEST_IOC_QUEUE))},
+    {"queue of a request whose node stopped", -ENOENT,
+     ACT(s.in.stream(false) + call(s.bound, MEDIA_REQUEST_IOC_QUEUE))},
     {"queue of a completed request", -EBUSY, COMPLETE(call(s.bound, MEDIA_REQUEST_IOC_QUEUE))},
     {"REINIT gives the index back", 0, ACT(call(s.bound, MEDIA_REQUEST_IOC_REINIT) + s.in.queue(0, s.empty))},
     {"REINIT before DQBUF, and DQBUF after", 0, COMPLETE(call(s.bound, MEDIA_REQUEST_IOC_REINIT) + s.in.dequeue())},
