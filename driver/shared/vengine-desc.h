@@ -77,15 +77,6 @@ static const struct vengine_port vengine_ports[VENGINE_PORTS] = {
 	  VENGINE_ROLE_MASK, 0 },
 };
 
-/* Pixel formats that every multi-planar, and every single-plane, video node takes. */
-static const __u32 vengine_mplane_formats[] = {
-	V4L2_PIX_FMT_NV12M, V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12,
-};
-
-static const __u32 vengine_splane_formats[] = {
-	V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_GREY, V4L2_PIX_FMT_NV12,
-};
-
 /*
  * The nodes that capture pictures have the standard control V4L2_CID_BRIGHTNESS, in steps of 1 from
  * minus to plus this and at first 0. It is added to the luma of that node's pictures, beside the

@@ -15,6 +15,15 @@
 
 #include "vengine-desc.h"
 
+/* Pixel formats that every multi-planar, and every single-plane, video node takes. */
+static const __u32 vengine_mplane_formats[] = {
+	V4L2_PIX_FMT_NV12M, V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12,
+};
+
+static const __u32 vengine_splane_formats[] = {
+	V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_GREY, V4L2_PIX_FMT_NV12,
+};
+
 struct vengine_layout {
 	__u32 fourcc;
 	__u32 width, height;
