@@ -398,7 +398,7 @@ TEST_F(SceneSessionTest, StopWithRequestsInFlightLosesThemAndANewSessionStreams)
             EXPECT_EQ(session->start(), -EBUSY) << "a session starts once";
         }
         EXPECT_THAT(takeLines(),
-                    ElementsAre(HasSubstr("frames still with the driver: vengine-main 2")));
+                    testing::Contains(HasSubstr("frames still with the driver: vengine-main 2")));
         mEngine.device().resume();
         const auto next = openStarted(ports);
         EXPECT_EQ(next->submit({}), 0);

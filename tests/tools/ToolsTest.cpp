@@ -90,7 +90,7 @@ TEST_F(ToolsTest, BadUseIsOneLineAndExitCode2) {
                 HasSubstr("--in-flight: it takes a number from 1 to 64, not \"65\""));
     for (const char* arguments :
          {"--bogus", "--sim --model nothing", "--sim --subdev nobody",
-          "--sim --set-link a:0->b:0=on", "--sim --set-link 'vengine-core:0->vengine-main:0'",
+          "--sim --set-link 'a:0->b:0=on'", "--sim --set-link 'vengine-core:0->vengine-main:0'",
           "--sim --set-format nobody=NV12", "--sim --set-format vengine-main=NV12,64",
           "--sim --set-format vengine-stats=64x64"}) {
         const Outcome result = run(kInfo + arguments + " 2>&1");
