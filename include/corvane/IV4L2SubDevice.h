@@ -25,8 +25,11 @@ namespace NSVista::NSCorvane {
 /**
  * The driver's sub-device, shared by all its users.
  *
- * Every operation but the first three is one or more ioctls on one descriptor, without a lock: any
- * thread, concurrently. Results are 0 or the negated errno.
+ * Every operation but the first three makes ioctls on one descriptor, without a lock: any thread,
+ * concurrently. Results are the negated errno of a refused ioctl, else 0; queryEvent(),
+ * setControl() and getControl() hand on what the driver returned, 0 or more. Every refusal but
+ * queryEvent()'s is logged; one that "ends the service" is reported as well, and terminateService()
+ * is called before the operation returns.
  */
 class CORVANE_EXPORT IV4L2SubDevice {
 public:
@@ -46,7 +49,10 @@ public:
     virtual int queryEvent(v4l2_event& event) = 0;
     /** KVXDIP_IOC_S_INIT_INFO: the driver reads 8 bytes. A refusal ends the service. */
     virtual int setInitInfo(init_info* info) = 0;
-    /** KVXDIP_IOC_CLEAR_USER_RESOURCE: a clean-up, a refusal is only logged. */
+    /**
+     * KVXDIP_IOC_CLEAR_USER_RESOURCE: gives back what the driver holds for one user's instance. A
+     * refusal is only logged.
+     */
     virtual int releaseUserResource(unsigned long userId, unsigned long instance) = 0;
     /** KVXDIP_IOC_SET_CONTROL: a refusal is only logged. */
     virtual int setControl(int id, int value) = 0;
@@ -61,7 +67,11 @@ public:
     virtual int mapKVA(const std::unordered_set<int>& fds) = 0;
     /** KVXDIP_IOC_DEL_KVA, like mapKVA(). */
     virtual int unmapKVA(const std::unordered_set<int>& fds) = 0;
-    /** KVXDIP_IOC_ACQUIRE_IOVA. A refusal ends the service. */
+    /**
+     * KVXDIP_IOC_ACQUIRE_IOVA. A refusal ends the service.
+     * @param fd a dma-buf.
+     * @param coherence the device's view of it is coherent with the processor's.
+     */
     virtual int mapIOVA(int fd, bool coherence) = 0;
     /** KVXDIP_IOC_RELEASE_IOVA: a refusal is only logged. */
     virtual int unmapIOVA(int fd, bool coherence) = 0;

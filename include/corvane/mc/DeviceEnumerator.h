@@ -69,8 +69,8 @@ struct FoundMediaDevice {
 
 /**
  * Finds media devices and caches what it met; caches only grow. Any thread. The configuration's
- * lock may be held when the caches' lock is taken, never the reverse; neither is held during an
- * enumeration's callbacks.
+ * lock may be held when the caches' lock is taken, never the reverse; the caches' lock is not held
+ * while devices are looked at, the configuration's is where the default device is wanted.
  */
 class CORVANE_EXPORT DeviceEnumerator : public IDeviceEnumerator {
 public:

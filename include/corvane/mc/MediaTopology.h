@@ -67,7 +67,7 @@ public:
     const std::string& name() const { return mName; }
     /** In enumeration order. */
     const std::vector<media_entity_desc>& entityDescs() const { return mEntityDescs; }
-    /** The links of all entities, entity by entity; a link stands once for either end. */
+    /** Entity by entity in enumeration order; a link stands once, with the entity of its source. */
     const std::vector<media_link_desc>& linkDescs() const { return mLinkDescs; }
 
     /** @param detail 'V' prints everything, anything else one line. */
