@@ -54,7 +54,9 @@ int formatPlain(char* text, size_t size, const char* format, va_list args) {
         at += wide ? 3 : 2;
         if (conversion == 's' && !wide) {
             const char* const argument = va_arg(again, const char*);
-            output.add(argument, strlen(argument));
+            plain = argument != nullptr;
+            if (plain)
+                output.add(argument, strlen(argument));
         } else if (conversion == 'd' && !wide) {
             output.number(va_arg(again, int));
         } else if (conversion == 'u') {

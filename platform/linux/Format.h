@@ -15,8 +15,8 @@ namespace NSVista::NSCorvane {
 std::string formatText(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
 
 /**
- * vsnprintf(3) for names on a thread that must not lose time: formats of %s, %d, %u and %zu alone
- * are done without the C library's.
+ * vsnprintf(3) where time counts: formats of %s, %d, %u and %zu alone are done at a fraction of its
+ * cost, all others by it.
  */
 int formatPlain(char* text, size_t size, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));

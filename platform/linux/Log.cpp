@@ -77,7 +77,7 @@ void writeUnified(const Severity& severity, const Site& site, const char* format
     char text[Utils::ULog::kTextMax + 1];
     va_list args;
     va_start(args, format);
-    const int length = vsnprintf(text, sizeof(text), format, args);
+    const int length = formatPlain(text, sizeof(text), format, args);
     va_end(args);
     if (length >= 0)
         Utils::ULog::sink().log(kModule, site.tag, severity.unified, text,

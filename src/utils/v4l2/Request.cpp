@@ -33,12 +33,14 @@ constexpr char kStillQueued[] =
 
 /** " #A=time#B=time..." of a request's stamps, in order. */
 std::string debugTimes(const RequestDebugInfo& info) {
-    std::string text = " ";
+    std::string text;
+    text.reserve(240);
+    text += ' ';
     char label = 'A';
     for (const struct timespec* stamp :
          {&info.created, &info.filled, &info.queueStart, &info.queued, &info.done, &info.reported,
           &info.consumed, &info.released})
-        text += std::string("#") + label++ + "=" + convertToFormattedLogTime(loadStamp(*stamp));
+        (((text += '#') += label++) += '=') += convertToFormattedLogTime(loadStamp(*stamp));
     return text;
 }
 
