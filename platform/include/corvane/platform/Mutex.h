@@ -14,8 +14,9 @@
 #include <corvane/platform/Export.h>
 
 #if defined(CORVANE_CHECK_RELOCK)
+#include <pthread.h>
+
 #include <atomic>
-#include <thread>
 #endif
 
 #if defined(__clang__)
@@ -55,16 +56,16 @@ class LockOwner {
 public:
     /** Ends the process when the caller holds the mutex. */
     void check() const {
-        if (mThread.load(std::memory_order_relaxed) == std::this_thread::get_id())
+        if (mThread.load(std::memory_order_relaxed) == pthread_self())
             endOnRelock();
     }
-    void set() { mThread.store(std::this_thread::get_id(), std::memory_order_relaxed); }
-    void clear() { mThread.store({}, std::memory_order_relaxed); }
+    void set() { mThread.store(pthread_self(), std::memory_order_relaxed); }
+    void clear() { mThread.store(0, std::memory_order_relaxed); }
 
 private:
     [[noreturn]] CORVANE_EXPORT static void endOnRelock();
 
-    std::atomic<std::thread::id> mThread{};
+    std::atomic<pthread_t> mThread{0};  ///< 0: nobody
 };
 
 #else
