@@ -58,8 +58,8 @@ public:
     /**
      * Sets a fault up as the driver's own test side takes it: "qbuf -5 2 vengine-main", "streamon
      * hang", "reqbufs 1" (grants one buffer at most), "buffer -5" (the error flag); or "clear". The
-     * words and the grammar are those of driver/shared/vengine-fault.h. A "request_reinit" strikes one
-     * call.
+     * words and the grammar are those of driver/shared/vengine-fault.h. A "request_reinit" strikes
+     * one call.
      * @return 0, or -EINVAL for a line that the driver refuses.
      */
     int order(const std::string& line);
