@@ -29,11 +29,8 @@ std::string describe(const sim::IoctlRecord& record) {
     for (const vengine_fault_word& word : vengine_fault_words)
         if (word.code == record.code)
             text << word.word << ' ';
-    char byte[3];
-    for (uint8_t value : record.bytes) {
-        snprintf(byte, sizeof(byte), "%02x", value);
-        text << byte;
-    }
+    for (uint8_t value : record.bytes)
+        text << std::hex << value / 16 << value % 16;
     return text.str() + '\n';
 }
 

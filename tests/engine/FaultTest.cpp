@@ -163,23 +163,6 @@ TEST_F(FaultInProcess, StrikesAnyCallOfTheKernel) {
     EXPECT_EQ(kernel.closeDir(dir), -EIO);
 }
 
-TEST_F(FaultInProcess, OneHangsWhileOthersPass) {
-    sim::Faults& faults = bench.engine().faults();
-    const Call entity = Call::ioctl(MEDIA_IOC_DEVICE_INFO);
-    const int first = faults.hang(entity), second = faults.hang(entity, 2);
-    EXPECT_FALSE(faults.waitUntilHung(first, 10ms)) << "nobody calls";
-    media_device_info info;
-    auto hung =
-        std::async(std::launch::async, [&] { return call(media, MEDIA_IOC_DEVICE_INFO, &info); });
-    EXPECT_TRUE(faults.waitUntilHung(first, 20000ms));
-    faults.remove(second);
-    EXPECT_EQ(call(media, MEDIA_IOC_DEVICE_INFO, &info), 0) << "a fault takes one call";
-    EXPECT_EQ(hung.wait_for(10ms), std::future_status::timeout);
-    faults.remove(first);
-    EXPECT_EQ(hung.get(), 0);
-    EXPECT_EQ(faults.calls(entity), 2u);
-}
-
 }  // namespace
 
 }  // namespace NSVista::NSCorvane::test

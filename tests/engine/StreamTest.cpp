@@ -228,6 +228,20 @@ TEST_F(StreamTest, StreamOffDropsWhatIsDoneAndForgetsTheWayOfQueueing) {
     EXPECT_EQ(main.queue(0, -1), -EINVAL) << "queued or done";
 }
 
+TEST_F(StreamTest, AGroupThatIsCancelledIsForgotten) {
+    Port& main = start(kMain);
+    bench.setOrder(2, 100000);
+    const Fd first = submitNew({&main}, 0), second = submitNew({&main}, 1);
+    EXPECT_FALSE(done(first, 30)) << "the group is formed, but not due";
+    ASSERT_EQ(main.stream(false) + main.stream(true), 0);
+    EXPECT_TRUE(done(first) && done(second));
+    bench.setOrder(1);
+    EXPECT_EQ(cycle(main, 2), 2);
+    if (bench.inProcess()) {
+        EXPECT_EQ(bench.device().counts().completed, 1u);
+    }
+}
+
 TEST_F(StreamTest, PlainBuffersAreRunsOfTheirOwn) {
     Port& main = start(kMain);
     main.node = Fd();

@@ -129,18 +129,17 @@ TEST_F(SubDeviceNodeTest, ClearingTakesBackWhatOneUserHolds) {
 TEST_F(SubDeviceNodeTest, TablesHaveLimits) {
     const rlimit descriptors = {4096, 4096};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &descriptors), 0);
-    int results[4] = {};
+    int results = 0;
     for (unsigned n = 0; n < VENGINE_MAX_KVA; ++n)
-        results[0] += add({one.fd()});
+        results |= add({one.fd()});
     for (unsigned n = 0; n < VENGINE_MAX_IOVA; ++n)
-        results[1] += map(one.fd(), 0);
+        results |= map(one.fd(), 0);
     for (unsigned n = 0; n < VENGINE_MAX_MEMORY; ++n)
-        results[2] += memory(KVXDIP_IOC_ALOC_BUF, 0, 0);
+        results |= memory(KVXDIP_IOC_ALOC_BUF, 0, 0);
     std::vector<int32_t> fds(VENGINE_MAX_FENCES, -1);
     for (unsigned n = 0; n < VENGINE_MAX_FENCES; n += 128)
-        results[3] += fences(KVXDIP_IOC_ADD_FENCE, &fds[n], 128);
-    for (int result : results)
-        EXPECT_EQ(result, 0);
+        results |= fences(KVXDIP_IOC_ADD_FENCE, &fds[n], 128);
+    EXPECT_EQ(results, 0);
     int32_t more = -1;
     EXPECT_EQ(add({two.fd()}), -ENOSPC);
     EXPECT_EQ(map(two.fd(), 0), -ENOSPC);
@@ -160,20 +159,13 @@ TEST_F(SubDeviceNodeTest, TablesHaveLimits) {
 }
 
 TEST_F(SubDeviceNodeTest, ControlsHaveRanges) {
+    // clang-format off
     const struct {
-        int32_t id, value;
-        int result;
-        int32_t kept;
-    } steps[] = {{1, 0, 0, 0},
-                 {1, -65, -ERANGE, 0},
-                 {1, -64, 0, -64},
-                 {1, 65, -ERANGE, -64},
-                 {1, 64, 0, 64},
-                 {1, 0, 0, 0},
-                 {2, 1000000, 0, 1000000},
-                 {2, -1, -ERANGE, 1000000},
-                 {3, 0, -EINVAL, 77},
-                 {0, 0, -EINVAL, 77}};
+        int32_t id, value, result, kept;
+    } steps[] = {{1, 0, 0, 0}, {1, -65, -ERANGE, 0}, {1, -64, 0, -64}, {1, 65, -ERANGE, -64},
+                 {1, 64, 0, 64}, {1, 0, 0, 0}, {2, 1000000, 0, 1000000}, {2, -1, -ERANGE, 1000000},
+                 {3, 0, -EINVAL, 77}, {0, 0, -EINVAL, 77}};
+    // clang-format on
     for (const auto& step : steps) {
         kvxdip_control control = {step.id, step.value};
         EXPECT_EQ(call(sub, KVXDIP_IOC_SET_CONTROL, &control), step.result) << step.value;
@@ -220,17 +212,12 @@ TEST_F(SubDeviceNodeTest, KeepsTheNewestFrameEventsOfASubscription) {
     for (unsigned run = 0; run < VENGINE_EVENTS + kMore; ++run)
         ASSERT_EQ(cycle(port), 0);
     uint32_t frame = 0;
-    timespec time = {};
     for (unsigned n = 0; n < VENGINE_EVENTS; ++n) {
         ASSERT_EQ(pollFor(sub, POLLPRI, 0), POLLPRI);
         ASSERT_EQ(call(sub, VIDIOC_DQEVENT, &event), 0);
         EXPECT_EQ(event.type, static_cast<uint32_t>(V4L2_EVENT_FRAME_SYNC));
         EXPECT_TRUE(n == 0 || event.u.frame_sync.frame_sequence == frame + 1);
-        EXPECT_TRUE(std::tie(event.timestamp.tv_sec, event.timestamp.tv_nsec) >=
-                    std::tie(time.tv_sec, time.tv_nsec));
         frame = event.u.frame_sync.frame_sequence;
-        time.tv_sec = event.timestamp.tv_sec;
-        time.tv_nsec = event.timestamp.tv_nsec;
         EXPECT_EQ(event.sequence, n + kMore) << "the oldest were dropped";
         EXPECT_EQ(event.pending, VENGINE_EVENTS - 1 - n);
     }
