@@ -3,8 +3,9 @@
  * The virtual engine's driver: what its parts share.
  *
  * Locks, outermost first: the media device's req_queue_mutex, a port's queue_lock, the media
- * device's graph_mutex, the engine's run_lock, its lock. sub_lock stands alone: nothing that may
- * wait for a user or for memory is done under it. fence_lock and test_lock are innermost.
+ * device's graph_mutex, the engine's run_lock, a control handler's lock, the engine's lock.
+ * sub_lock stands alone: nothing that may wait for a user or for memory is done under it.
+ * fence_lock and test_lock are innermost.
  */
 #ifndef VENGINE_H
 #define VENGINE_H
