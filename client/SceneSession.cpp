@@ -140,6 +140,10 @@ int SceneSession::openScene(std::shared_ptr<IMediaDevice> media,
 }
 
 int SceneSession::prepareBuffers(IDmaBufSource& source) {
+    // First of all: here a busy device says so, where a refused format would end the service.
+    for (const SessionPort& port : mDesc.ports)
+        if (const int result = askForBuffers(port); result != 0)
+            return result;
     for (const SessionPort& wanted : mDesc.ports) {
         PixelFormat format{};
         if (const int result = negotiate(wanted, mScene->queryPort(wanted.index), format);
@@ -151,26 +155,33 @@ int SceneSession::prepareBuffers(IDmaBufSource& source) {
     for (int slot = 0; slot < mDesc.buffers; ++slot)
         if (const int result = allocateRequest(static_cast<unsigned>(slot), source); result != 0)
             return result;
-    for (const SessionPort& port : mDesc.ports)
-        if (const int result = importBuffers(port); result != 0)
+    for (size_t i = 0; i < mDesc.ports.size(); ++i)
+        if (const int result =
+                mScene->importBuffer(mScene->queryPort(mDesc.ports[i].index), mIndexCounts[i]);
+            result != 0)
             return result;
     prepareRequests();
     return 0;
 }
 
-int SceneSession::importBuffers(const SessionPort& port) {
+int SceneSession::askForBuffers(const SessionPort& port) {
     // With one index more than requests no queueing finds all of them taken.
     const auto wanted = static_cast<uint32_t>(std::min(mDesc.buffers + 1, kMaxBuffers));
     uint32_t granted = 0;
-    if (queryGrantedBuffers(mMedia->getEntityDevnodePath(port.entity), wanted, granted) != 0)
-        granted = static_cast<uint32_t>(mDesc.buffers);  // The import will tell why.
+    const int result =
+        queryGrantedBuffers(mMedia->getEntityDevnodePath(port.entity), wanted, granted);
+    if (result != 0) {
+        CORVANE_LOGE("%s: %s cannot be asked for buffers: %s", mDesc.name.c_str(),
+                     port.name.c_str(), strerror(-result));
+        return result;
+    }
     if (granted < static_cast<uint32_t>(mDesc.buffers)) {
         CORVANE_LOGE("%s: %s grants %u buffers, not %d", mDesc.name.c_str(), port.name.c_str(),
                      granted, mDesc.buffers);
         return -ENOMEM;
     }
-    return mScene->importBuffer(mScene->queryPort(port.index),
-                                static_cast<int>(std::min(granted, wanted)));
+    mIndexCounts.push_back(static_cast<int>(std::min(granted, wanted)));
+    return 0;
 }
 
 void SceneSession::prepareRequests() {

@@ -189,7 +189,7 @@ private:
     void describe();
     std::string wrongWith(const IMediaDevice& media) const;
     int prepareBuffers(IDmaBufSource& source);
-    int importBuffers(const SessionPort& port);
+    int askForBuffers(const SessionPort& port);
     void prepareRequests();
     void requestDone(SessionRequest& request);
     int negotiate(const SessionPort& wanted, const std::shared_ptr<IPort>& port,
@@ -217,6 +217,7 @@ private:
     std::shared_ptr<Scene> mScene;
     std::shared_ptr<EpollEventMonitor> mEvents;
     std::vector<PixelFormat> mFormats;
+    std::vector<int> mIndexCounts;  ///< buffer indexes to import, per port
     std::vector<std::unique_ptr<SessionRequest>> mRequests;
     std::vector<SessionRequest*> mRequestOfFd;
     std::unique_ptr<Counts[]> mCounts;  ///< per port
