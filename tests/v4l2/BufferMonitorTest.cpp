@@ -137,7 +137,8 @@ TEST_F(BufferMonitorTest, TracesBuffersByDefaultOnDetailedUserDebugBuilds) {
         {"4", "eng", "-1", false},      {"6", nullptr, "-1", false},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.level << " " << (c.build != nullptr ? c.build : "") << " " << c.own);
+        SCOPED_TRACE(testing::Message()
+                     << c.level << " " << (c.build != nullptr ? c.build : "") << " " << c.own);
         // Read at load and once a process: the process of its own inherits the environment.
         setenv("persist.vendor.kvx.camera.ulog.detailslevel", c.level, 1);
         c.build != nullptr ? setenv("ro.vendor.build.type", c.build, 1)
@@ -168,9 +169,9 @@ TEST_F(BufferMonitorTest, ServesOnePortOnTheCallersThread) {
     std::thread::id thread;
     const auto observer =
         std::make_shared<Observer>([&thread] { thread = std::this_thread::get_id(); });
-    mMonitor->attachObserver(observer, 7);
+    mMonitor->attachObserver(observer, 32);
     notify({1});
-    notify({7});
+    notify({32});
     EXPECT_EQ(mNotified, std::vector<int>({1}));
     EXPECT_EQ(thread, std::this_thread::get_id());
     EXPECT_EQ(text(), counts(1, 0, 0));
@@ -314,50 +315,40 @@ TEST_F(BufferMonitorTest, ExitsAfterThePassUnderWay) {
 TEST_F(BufferMonitorTest, EndsOnConsistencyErrors) {
     attach(1);
     mMonitor->attachObserver(std::make_shared<Observer>([] {}), 3);
+    mMonitor->attachObserver(mObservers[0], 5);
+    mMonitor->detachObserver(nullptr, 5);
     property_set(PROPERTY("tracebuf"), "1");
     V4L2BufferMonitor traced("t");
     traced.attachRequestBuffer(7, 2);
-    const auto dump = [](const std::string& function, const std::string& counts_) {
-        const std::string prefix = "corvane-BufferMonitor: [" + function + "] ";
-        return Lines{prefix + "V4L2BufferMonitor:t-0x", " mode:0 tracebuf:1 logv:0 " + counts_,
-                     prefix + "    mPortObserverMap[0]={ }",
-                     prefix + "    mTraceBufferMap={ 7-2 }"};
-    };
-    const auto after = [](std::string first, Lines lines) {
-        lines.insert(lines.begin(), std::move(first));
-        return lines;
+    // What goes wrong, where, what is said then, and the state that is dumped before.
+    const std::string ports = "mPortObserverMap[2]={ (0x3) (0) }";
+    const std::string buffers = "    mTraceBufferMap={ 7-2 }";
+    const auto fatal = [](std::function<void()> action, const char* where, Lines before) {
+        return FatalCase{std::move(action), kTag, where, "FATAL", std::move(before)};
     };
     expectFatal({
-        {[&] { mMonitor->attachObserver(nullptr, 0); },
-         kTag,
-         "attachObserver",
-         "FATAL",
-         {"[attachObserver] (0, (nil)) has existed",
-          "[attachObserver] mPortObserverMap[2]={ (0x3) (0) }"}},
-        {[&] { mMonitor->detachObserver(nullptr, 0x1a); },
-         kTag,
-         "detachObserver",
-         "FATAL",
-         {"[detachObserver] (0x1a, (nil)) hasn't existed",
-          "[detachObserver] mPortObserverMap[2]={ (0x3) (0) }"}},
-        {[&] { traced.attachRequestBuffer(7, 2); }, kTag, "attachRequestBuffer", "FATAL",
-         after("[attachRequestBuffer] requestFd:7 bufferIndex:2 existed",
-               dump("attachRequestBuffer", counts(0, 0, 1)))},
-        {[&] { traced.detachRequestBuffer(8, 2); }, kTag, "detachRequestBuffer", "FATAL",
-         after("[detachRequestBuffer] requestFd:8 bufferIndex:2 not found",
-               dump("detachRequestBuffer", counts(0, 0, 1)))},
+        fatal([&] { mMonitor->attachObserver(nullptr, 0); }, "attachObserver",
+              {"(0, (nil)) has existed", ports}),
+        fatal([&] { mMonitor->detachObserver(nullptr, 0x1a); }, "detachObserver",
+              {"(0x1a, (nil)) hasn't existed", ports}),
+        fatal([&] { traced.attachRequestBuffer(7, 2); }, "attachRequestBuffer",
+              {"requestFd:7 bufferIndex:2 existed", "[attachRequestBuffer] V4L2", buffers}),
+        fatal([&] { traced.detachRequestBuffer(8, 2); }, "detachRequestBuffer",
+              {"requestFd:8 bufferIndex:2 not found", "[detachRequestBuffer] V4L2", buffers}),
+        fatal(
+            [&] {
+                notify({0, 31});
+            },
+            "notifyRequestDone", {"[operator()] port index:0x1f doesn't existed", ports}),
+        fatal(
+            [&] {
+                notify({0, 32});
+            },
+            "notifyRequestDone", {"[operator()] port index:0x20 doesn't existed", ports}),
         {[&] { notify({}); }, kTag, "notifyRequestDone",
          "requestFd:200 without buffer passed - " + counts(0, 0, 0) + " "},
         {[&] { notify({5}); }, kTag, "notifyRequestDone", "port index:0x5 doesn't existed"},
         {[&] { notify({3}); }, kTag, "notifyRequestDone", "Bad observer"},
-        {[&] {
-             notify({0, 31});
-         },
-         kTag,
-         "notifyRequestDone",
-         "FATAL",
-         {"[operator()] port index:0x1f doesn't existed",
-          "[notifyRequestDone] mPortObserverMap[2]={ (0x3) (0) }"}},
     });
 }
 

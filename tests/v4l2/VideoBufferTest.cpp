@@ -136,8 +136,9 @@ TEST_F(VideoDeviceTest, EndsAWaitForAnIndexWhenItStreamsOff) {
     EXPECT_EQ(mDevice->streamOff(), 0);
     mDevice->importBuffer(1);
     EXPECT_EQ(queue(), 0);
-    waiting = queuesOnItsOwn();
     mLog.take();
+    waiting = queuesOnItsOwn();
+    waits();
     mDevice->releaseBufferIndex(0);
     EXPECT_EQ(waiting.get(), 0);
     EXPECT_EQ(free(), "0x0");
@@ -421,7 +422,13 @@ TEST_F(VideoDeviceTest, KeepsMemoryAtItsIndex) {
 
     mDevice->importBuffer(4);
     EXPECT_EQ(indexOf(7), 0U) << "an import forgets all memory";
+    mDevice->setKeepIndexes(false);
+    EXPECT_EQ(indexOf(8), 0U);
+    mDevice->setKeepIndexes(true);
+    EXPECT_EQ(indexOf(9), 0U) << "so does a new beginning";
     EXPECT_EQ(mDevice->remappedBuffers(), 2U);
+    mDevice->setKeepIndexes(false);
+    EXPECT_EQ(dumpOf(*mDevice).size(), 2U) << "the count is shown still";
 }
 
 TEST_F(VideoDeviceTest, TakesEachIndexOnceOnManyThreads) {
