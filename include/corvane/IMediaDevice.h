@@ -40,8 +40,7 @@ public:
      * Sets or clears a link's enabled flag (MEDIA_IOC_SETUP_LINK).
      *
      * The link is the first one with these two pad numbers; the entity names appear in messages
-     * only. A refusal by the driver is reported and ends the service; the flag counts as changed
-     * all the same, and is sent again with the next change.
+     * only. A refusal by the driver is reported and ends the service.
      * @return false when the driver refuses; true otherwise, also for an unknown or an immutable
      *         link, which are warned of.
      */

@@ -102,7 +102,7 @@ TEST_F(MediaDeviceTest, IsReadBesideOpenAndClose) {
     reader.join();
 }
 
-TEST_F(MediaDeviceTest, ReportsARefusedLinkAndKeepsItsFlags) {
+TEST_F(MediaDeviceTest, ReportsARefusedLinkWithItsCause) {
     const std::string fail = "MEDIA_IOC_SETUP_LINK fail err=";
     mSetupResult = -EBADF;
     EXPECT_FALSE(mDevice.enableLink(true, "a", 0, "b", 3));
@@ -117,7 +117,7 @@ TEST_F(MediaDeviceTest, ReportsARefusedLinkAndKeepsItsFlags) {
                                   "E [enableLink] /dev/media0: link(a:0-b:3) is in use: links "
                                   "change while nothing streams"}));
     ASSERT_EQ(mSent.size(), 2U);
-    EXPECT_EQ(mSent[1], mSent[0]) << "the flag stays set";
+    EXPECT_EQ(mSent[1], mSent[0]) << "asked for again";
     EXPECT_EQ(mSent[1][10], 5U);
 }
 
