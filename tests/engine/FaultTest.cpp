@@ -83,6 +83,10 @@ TEST_F(FaultTest, StrikesTheCallItIsSetFor) {
     EXPECT_EQ(grey.requestBuffers(2), -EIO);
     EXPECT_EQ(grey.requestBuffers(2), 2);
 
+    ASSERT_TRUE(bench.fault("reqbufs -12") && bench.fault("reqbufs -5 2"));
+    EXPECT_EQ(grey.requestBuffers(2), -ENOMEM);
+    EXPECT_EQ(grey.requestBuffers(2), -EIO) << "a call that another fault strikes counts";
+
     Port& negative = start(kNegative);
     ASSERT_TRUE(bench.fault("request_reinit -16"));
     const Fd request = submitNew({&negative}, 0);
