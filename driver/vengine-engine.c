@@ -308,7 +308,7 @@ static void vengine_write_stats(struct vengine_run *run, struct vengine_buffer *
 		run->failed = true;
 }
 
-static void vengine_write_picture(struct vengine_run *run, struct vengine_buffer *buf)
+static noinline void vengine_write_picture(struct vengine_run *run, struct vengine_buffer *buf)
 {
 	const struct vengine_port_dev *port = vengine_port_of(&buf->vb.vb2_buf);
 	struct vengine_source source = run->source;

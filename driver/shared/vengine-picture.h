@@ -188,50 +188,60 @@ static inline void vengine_write(const struct vengine_picture *p, __u32 x, __u32
 	p->data[0][y * p->stride[0] + x] = c.y;
 }
 
+/* A test picture: its size and number, and where its square is. */
+struct vengine_test {
+	__u32 width, height, frame;
+	__u32 side, at_x, at_y;
+};
+
+static inline struct vengine_test vengine_test_of(__u32 width, __u32 height, __u32 frame)
+{
+	struct vengine_test t = { width, height, frame, (width < height ? width : height) / 4, 0, 0 };
+	__u32 span_x = width - t.side, span_y = height - t.side;
+
+	t.at_x = frame * 4 % (2 * span_x);
+	t.at_y = frame * 2 % (2 * span_y);
+	if (t.at_x >= span_x)
+		t.at_x = 2 * span_x - 1 - t.at_x;
+	if (t.at_y >= span_y)
+		t.at_y = 2 * span_y - 1 - t.at_y;
+	return t;
+}
+
 /*
  * The test picture: colour bars, a diagonal ramp and a bouncing square; the frame's number stands
  * in the top four rows, one bit per two columns, lowest first.
  */
-static inline struct vengine_yuv vengine_test_pixel(__u32 width, __u32 height, __u32 frame,
-						    __u32 x, __u32 y)
+static inline struct vengine_yuv vengine_test_pixel(const struct vengine_test *t, __u32 x, __u32 y)
 {
 	static const struct vengine_yuv bars[8] = {
 		{ 235, 128, 128 }, { 210, 16, 146 }, { 170, 166, 16 }, { 145, 54, 34 },
 		{ 106, 202, 222 }, { 81, 90, 240 },  { 41, 240, 110 }, { 16, 128, 128 },
 	};
-	__u32 side = (width < height ? width : height) / 4;
-	__u32 span_x = width - side, span_y = height - side;
-	__u32 at_x = frame * 4 % (2 * span_x), at_y = frame * 2 % (2 * span_y);
-	struct vengine_yuv c = bars[x * 8 / width];
+	struct vengine_yuv c = { 0, 128, 128 };
 
-	if (at_x >= span_x)
-		at_x = 2 * span_x - 1 - at_x;
-	if (at_y >= span_y)
-		at_y = 2 * span_y - 1 - at_y;
 	if (y < 4 && x < 64) {
-		c.y = frame >> x / 2 & 1 ? 235 : 16;
-		c.u = 128;
-		c.v = 128;
-	} else if (x - at_x < side && y - at_y < side) {
-		c.y = (__u8)(16 + (x - at_x + y - at_y) * 200 / (2 * side));
-		c.u = (__u8)(frame * 5);
-		c.v = (__u8)(255 - frame * 5);
-	} else if (y >= height * 3 / 4) {
-		c.y = (__u8)(x + y + frame);
-		c.u = 128;
-		c.v = 128;
+		c.y = t->frame >> x / 2 & 1 ? 235 : 16;
+	} else if (x - t->at_x < t->side && y - t->at_y < t->side) {
+		c.y = (__u8)(16 + (x - t->at_x + y - t->at_y) * 200 / (2 * t->side));
+		c.u = (__u8)(t->frame * 5);
+		c.v = (__u8)(255 - t->frame * 5);
+	} else if (y >= t->height * 3 / 4) {
+		c.y = (__u8)(x + y + t->frame);
+	} else {
+		c = bars[x * 8 / t->width];
 	}
 	return c;
 }
 
 static inline void vengine_draw_test(const struct vengine_picture *p, __u32 frame)
 {
+	struct vengine_test test = vengine_test_of(p->width, p->height, frame);
 	__u32 x, y;
 
 	for (y = 0; y < p->height; y++)
 		for (x = 0; x < p->width; x++)
-			vengine_write(p, x, y,
-				      vengine_test_pixel(p->width, p->height, frame, x, y));
+			vengine_write(p, x, y, vengine_test_pixel(&test, x, y));
 }
 
 /* FNV-1a over the luma of the visible picture, row by row from VENGINE_CHECKSUM_START. */
@@ -261,10 +271,12 @@ static inline __s32 vengine_brightness(__s32 control, __s32 tuning)
 	return control + (tuning < -255 ? -255 : tuning > 255 ? 255 : tuning);
 }
 
-/* The pixel (x, y) that a capture port of a role and size shows. */
-static inline struct vengine_yuv vengine_capture_pixel(const struct vengine_source *s, __u32 role,
-						       __u32 width, __u32 height, __u32 x, __u32 y)
+/* The pixel (x, y) that a capture port of a role shows, at the size of the test picture. */
+static inline struct vengine_yuv vengine_capture_pixel(const struct vengine_source *s,
+						       const struct vengine_test *test, __u32 role,
+						       __u32 x, __u32 y)
 {
+	__u32 width = test->width, height = test->height;
 	struct vengine_yuv c;
 	__s32 luma;
 
@@ -276,7 +288,7 @@ static inline struct vengine_yuv vengine_capture_pixel(const struct vengine_sour
 		c = vengine_read(s->input, x * s->input->width / width,
 				 y * s->input->height / height);
 	else
-		c = vengine_test_pixel(width, height, s->frame, x, y);
+		c = vengine_test_pixel(test, x, y);
 	luma = c.y + s->brightness;
 	if (s->mask)
 		luma = (luma + vengine_read(s->mask, x * s->mask->width / width,
@@ -297,11 +309,11 @@ static inline struct vengine_yuv vengine_capture_pixel(const struct vengine_sour
 static inline void vengine_capture_row(const struct vengine_source *s, __u32 role,
 				       const struct vengine_picture *out, __u32 y)
 {
+	struct vengine_test test = vengine_test_of(out->width, out->height, s->frame);
 	__u32 x;
 
 	for (x = 0; x < out->width; x++)
-		vengine_write(out, x, y,
-			      vengine_capture_pixel(s, role, out->width, out->height, x, y));
+		vengine_write(out, x, y, vengine_capture_pixel(s, &test, role, x, y));
 }
 
 static inline void vengine_capture(const struct vengine_source *s, __u32 role,
