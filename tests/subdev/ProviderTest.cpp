@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <thread>
 
 #include "EngineTest.h"
@@ -124,6 +125,26 @@ TEST_F(ProviderTest, BringsUpAndTearsDownInTurnsUnderManyThreads) {
     EXPECT_EQ(mEngine.device().counts().openFiles, 0u);
     EXPECT_EQ(dump().size(), 1u);
     EXPECT_THAT(mReports.take(), IsEmpty());
+}
+
+TEST_F(ProviderTest, LetsASecondUserWaitForTheBringUp) {
+    const int hang = mEngine.faults().hang({sim::Operation::OPEN, 0, VENGINE_SUBDEV_ENTITY});
+    std::shared_ptr<IV4L2SubDevice> first, second;
+    std::atomic<bool> returned = false;
+    std::thread opener([&] { first = mProvider.acquire("AAAA"); });
+    EXPECT_TRUE(mEngine.faults().waitUntilHung(hang, std::chrono::seconds(10)));
+    std::thread follower([&] {
+        second = mProvider.acquire("BBBB");
+        returned = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(returned);
+    mEngine.faults().remove(hang);
+    opener.join();
+    follower.join();
+    EXPECT_TRUE(first != nullptr && first == second);
+    mProvider.release("AAAA", first);
+    mProvider.release("BBBB", second);
 }
 
 TEST_F(ProviderTest, EndsOnFaultsOfTheProcess) {
