@@ -28,8 +28,8 @@
 
 #define VENGINE_MIN_WIDTH 64
 #define VENGINE_MIN_HEIGHT 16
-#define VENGINE_MAX_WIDTH 4096
-#define VENGINE_MAX_HEIGHT 4096
+#define VENGINE_MAX_WIDTH 2048
+#define VENGINE_MAX_HEIGHT 2048
 #define VENGINE_DEFAULT_WIDTH 320
 #define VENGINE_DEFAULT_HEIGHT 240
 
@@ -167,7 +167,7 @@ struct vengine_stats {
 
 #define VENGINE_MAX_BUFFERS 32
 
-/* Bytes that a node allocates for its buffers, eight of the largest pictures; -ENOMEM beyond. */
+/* Bytes that a node allocates for its buffers, 32 of the largest pictures; -ENOMEM beyond. */
 #define VENGINE_MAX_ALLOCATED (256u << 20)
 
 #endif /* VENGINE_DESC_H */
