@@ -1,6 +1,7 @@
 #include <corvane/IRequest.h>
 #include <corvane/SceneControl.h>
 #include <corvane/SceneDesc.h>
+#include <corvane/platform/ReqTrack.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
@@ -70,6 +71,8 @@ protected:
 
 TEST_F(RequestTest, RunsCyclesAndRemembersItsPorts) {
     mLog.setLevel(Utils::ULog::kDebug);
+    unsigned long track[reqtrack::kTrackBufferWords] = {};
+    mRequest->setTrackBuffer(track);
     add(0x1a, 5);
     add(1, 6);
     EXPECT_EQ(mRequest->queueRequest(0), 0);
@@ -77,6 +80,7 @@ TEST_F(RequestTest, RunsCyclesAndRemembersItsPorts) {
     EXPECT_EQ(mRequest->toString(), "{ .requestFD=200 .state=2 }");
     media().done();
     EXPECT_EQ(mDone, std::vector<int>({0x1a, 1}));
+    EXPECT_NE(reqtrack::stamp(track, reqtrack::kDone), 0U);
     EXPECT_EQ(mLog.take(),
               Lines({"D [queueRequest] It's time to queue: { .requestFD=200 .state=2 }",
                      "D [requestDone] [Request::requestDone] { .requestFD=200 .state=0 }"}));
