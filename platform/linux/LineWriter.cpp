@@ -88,12 +88,33 @@ LineWriter& LineWriter::standardError() {
     return *writer;
 }
 
+/** Waits for whoever writes, as long as for room. @return false when it takes longer. */
+bool LineWriter::enter() {
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    MutexLock lock(mLock);
+    while (mBusy) {
+        if (mFree.wait_until(lock.native(), end) == std::cv_status::timeout && mBusy)
+            return false;
+    }
+    return mBusy = true;
+}
+
+void LineWriter::leave() {
+    const MutexLock lock(mLock);
+    mBusy = false;
+    mFree.notify_one();
+}
+
 void LineWriter::write(const char* line, size_t length) noexcept {
-    const std::unique_lock lock(mLock, kPatience);
-    if (!lock.owns_lock()) {
+    if (!enter()) {
         ++mDropped;
         return;
     }
+    writeAlone(line, length);
+    leave();
+}
+
+void LineWriter::writeAlone(const char* line, size_t length) {
     const bool file = isFile(mFd);
     std::optional<PipeSignalKeeper> keeper;
     if (!file)

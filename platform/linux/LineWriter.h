@@ -4,11 +4,12 @@
  */
 #pragma once
 
+#include <corvane/platform/Mutex.h>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 
 namespace NSVista::NSCorvane {
 
@@ -32,8 +33,14 @@ public:
     void write(const char* line, size_t length) noexcept;
 
 private:
+    bool enter() CORVANE_EXCLUDES(mLock);
+    void leave() CORVANE_EXCLUDES(mLock);
+    void writeAlone(const char* line, size_t length);
+
     const int mFd;
-    std::timed_mutex mLock;  ///< one line at a time
+    Mutex mLock;
+    std::condition_variable mFree;
+    bool mBusy CORVANE_GUARDED_BY(mLock) = false;  ///< one line at a time
     std::atomic<uint64_t> mDropped{0};
 };
 

@@ -153,6 +153,9 @@ private:
 /** Puts events into rings; a thread of its own makes them text and writes the file. */
 class FileBackend final : public Backend {
 public:
+    /** @param parents the one of the process that this one was forked from; kept, not used. */
+    explicit FileBackend(const FileBackend* parents) : mParents(parents) {}
+
     int start(const std::string& path);
 
     void event(Kind kind, const char* name, int32_t value) override {
@@ -178,6 +181,7 @@ private:
     void end(const char* mark);
     void tellLost();
 
+    const FileBackend* const mParents;
     std::thread mThread;
     int mPid = 0;
     Mutex mLock;
@@ -370,7 +374,7 @@ Backend* startFileBackend(const char* path, int& error) {
     static FileBackend* backend = nullptr;
     static pid_t owner = 0;
     if (owner != getpid())
-        backend = new FileBackend;
+        backend = new FileBackend(backend);
     owner = getpid();
     error = backend->start(path);
     return error == 0 ? backend : nullptr;

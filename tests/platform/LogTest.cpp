@@ -221,6 +221,13 @@ TEST_F(LogTest, DropsAndCountsWhatNobodyReads) {
                                                    " log lines were dropped\\)\n[^\n]*again\n"));
 }
 
+TEST_F(LogTest, PrintsMicroseconds) {
+    using NSVista::NSCorvane::convertToFormattedLogTime;
+    EXPECT_EQ(convertToFormattedLogTime({0, 0}), "-");
+    EXPECT_THAT(convertToFormattedLogTime({86400 * 20, 7123999}),
+                testing::MatchesRegex("01-2[0-9] [0-2][0-9]:[0-5][0-9]:00[.]007123"));
+}
+
 TEST_F(LogTest, AppendsToAFileOfItsOwner) {
     const std::string path = testing::TempDir() + "corvane-log-" + std::to_string(getpid());
     {

@@ -12,7 +12,7 @@ using NSVista::Utils::ULog::ULogger;
 
 namespace {
 
-constexpr const char* kKey = "persist.test.key";
+constexpr const char* kKey = "persist.test.Key";
 
 TEST(Properties, TakesTheProcessThenTheEnvironmentThenTheDefault) {
     EXPECT_EQ(property_get_int32(kKey, 3), 3);
@@ -49,7 +49,7 @@ TEST(Properties, AsksTheNextSourceForWhatDoesNotParse) {
     for (const auto& line : log.take())
         lines += line.text + ";";
     EXPECT_EQ(lines,
-              "[warn] persist.test.key: bad value '-5';[warn] persist.test.key: bad value 'x6';");
+              "[warn] persist.test.Key: bad value '-5';[warn] persist.test.Key: bad value 'x6';");
 
     setenv(kKey, "", 1);  // absent
     EXPECT_EQ(property_get_uint64(kKey, 3), 3U);

@@ -86,6 +86,7 @@ TEST_F(TraceTest, CostsNothingAndFormatsNothingWithoutABackend) {
     { TraceSection section(5, name); }
     EXPECT_TRUE(formatted);
     trace::stop();
+    EXPECT_FALSE(traceEnabled(5));
     EXPECT_EQ(trace::start("/nonexistent/trace"), -ENOENT);
     EXPECT_EQ(atrace_get_enabled_tags(), 0u);
     EXPECT_EQ(read(), "sections 1 1 open 0 False\n");
@@ -99,7 +100,14 @@ TEST_F(TraceTest, CostsNothingAndFormatsNothingWithoutABackend) {
 
 TEST_F(TraceTest, WritesAValidFileWhateverIsTraced) {
     TraceSection before(5, "begun before the trace");
-    ASSERT_EQ(trace::start(mPath.c_str()), 0);
+    char name[16];
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    pthread_setname_np(pthread_self(), "worker");
+    for (int i = 0; i < 2; ++i) {  // the second one is empty but for what follows
+        ASSERT_EQ(trace::start(mPath.c_str()), 0);
+        atrace_int_body("trace", i);
+    }
+    pthread_setname_np(pthread_self(), name);
     before.end();
     atrace_begin_body("left open");
     atrace_async_begin_body("quote\" back\\slash \n \xff", -1);
@@ -108,10 +116,11 @@ TEST_F(TraceTest, WritesAValidFileWhateverIsTraced) {
     trace::stop();
     atrace_begin_body("after the end");
     EXPECT_EQ(read(),
+              "counter trace 1\n"
               "async b 'quote\" back\\\\slash \\n \\xff' -1 True\n"
               "async e '' 7 True\n"
               "counter count -3\n"
-              "sections 1 1 open 0 False\n");
+              "sections 1 1 open 0 True\n");
 }
 
 TEST_F(TraceTest, KeepsTheSectionsOfManyThreads) {
