@@ -211,12 +211,12 @@ uint32_t EngineContent::readFrameNumber(size_t port, const client::FrameMapping&
     const vengine_picture picture = pictureOf(port, planes);
     vengine_source ones = mSource;
     ones.frame = ~0U;
+    const vengine_test test = vengine_test_of(picture.width, picture.height, ones.frame);
     uint32_t frame = 0;
     for (uint32_t bit = 0; bit < 32; ++bit) {
         const uint32_t x = role.role == VENGINE_ROLE_MIRROR ? picture.width - 1 - 2 * bit : 2 * bit;
         const uint32_t y = role.role == VENGINE_ROLE_FLIP ? picture.height - 1 : 0;
-        const vengine_yuv one =
-            vengine_capture_pixel(&ones, role.role, picture.width, picture.height, x, y);
+        const vengine_yuv one = vengine_capture_pixel(&ones, &test, role.role, x, y);
         if (vengine_read(&picture, x, y).y == one.y)
             frame |= 1U << bit;
     }
