@@ -181,7 +181,7 @@ private:
     void end(const char* mark);
     void tellLost();
 
-    const FileBackend* const mParents;
+    [[maybe_unused]] const FileBackend* const mParents;
     std::thread mThread;
     int mPid = 0;
     Mutex mLock;
