@@ -328,7 +328,9 @@ int run(Options& options) {
     }
     if (!prepareFile(options.snapshot) || !prepareFile(options.trace))
         return kBadUse;
-    if (const int result = trace::start(options.trace.c_str()); result != 0) {
+    // Without the option a trace that the property asked for goes on.
+    const int result = options.trace.empty() ? 0 : trace::start(options.trace.c_str());
+    if (result != 0) {
         return complain(kBadUse, "%s: %s", options.trace.c_str(), strerror(-result));
     }
     customizeThreadReadyToRun(kThreadName, strlen(kThreadName));
