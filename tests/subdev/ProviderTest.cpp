@@ -105,7 +105,7 @@ TEST_F(ProviderTest, BringsUpAndTearsDownInTurnsUnderManyThreads) {
     std::atomic<int> lost = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; t++) {
-        threads.emplace_back([&, user = EIGHTCC("user" + std::to_string(t))] {
+        threads.emplace_back([&, t, user = EIGHTCC("user" + std::to_string(t))] {
             for (int round = 0; round < kRounds; round++) {
                 auto subDevice = mProvider.acquire(user);
                 if (!subDevice || subDevice->getControl(VENGINE_CTRL_USER, nullptr) != 0)
