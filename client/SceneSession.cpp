@@ -305,7 +305,7 @@ int SceneSession::queue(SessionRequest& request, const Visit& fill) {
         fill(request);
     for (size_t port = 0; port < mDesc.ports.size(); ++port) {
         Frame& frame = request.mFrames[port];
-        frame.mDequeued.result = -EINPROGRESS;
+        frame.setResult(-EINPROGRESS);
         request.mRequest->addBuffer(mDesc.ports[port].index,
                                     [&frame](FrameBuffer& to) { to = frame.mBuffer; });
     }
@@ -348,8 +348,10 @@ void SceneSession::dequeued(const DequeuedBuffer& buffer) {
     counts.dequeued.fetch_add(1, std::memory_order_relaxed);
     if (buffer.result != 0)
         counts.broken.fetch_add(1, std::memory_order_relaxed);
-    if ((request->mPending.load(std::memory_order_relaxed) & bitOf(port)) != 0)
+    if ((request->mPending.load(std::memory_order_relaxed) & bitOf(port)) != 0) {
         request->mFrames[port].mDequeued = buffer;
+        request->mFrames[port].setResult(buffer.result);
+    }
     if (!clear(*request, bitOf(port))) {
         // It was taken for lost; so another request's frame is.
         {
@@ -438,6 +440,7 @@ bool SceneSession::settleOneLoss(size_t port) {
             pending, (pending & ~bitOf(port)) | SessionRequest::kSettling));
         victim->mFrames[port].mDequeued = {};
         victim->mFrames[port].mDequeued.result = mLosses[port].front();
+        victim->mFrames[port].setResult(mLosses[port].front());
         mLosses[port].erase(mLosses[port].begin());
     }
     if (!victim->mIsRetired.exchange(true))

@@ -118,7 +118,7 @@ TEST_F(EpollEventMonitorTest, ASignalEndsNothing) {
     struct sigaction before {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, &before);
-    pthread_t thread{};
+    std::atomic<pthread_t> thread{};
     Observer observer([&] { thread = pthread_self(); });
     EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN | kOneShot), 0);
     EXPECT_EQ(mMonitor->rearmObserver(&observer, EPOLLIN | kOneShot), 0);

@@ -102,7 +102,10 @@ TEST_F(VideoDeviceTest, EndsAWaitForAnIndexWhenItStreamsOff) {
         return std::async(std::launch::async, [this] { return queue(); });
     };
     const auto waits = [this] {
-        while (mLog.take() != Lines({"W [operator()] wait for buffer index"}))
+        for (Lines lines;
+             std::find(lines.begin(), lines.end(), "W [operator()] wait for buffer index") ==
+             lines.end();
+             lines = mLog.take())
             std::this_thread::yield();
     };
     const Lines ended = {"E [queueBuffer] dip streamed off while no buffer index was free"};

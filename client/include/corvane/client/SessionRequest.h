@@ -71,14 +71,15 @@ public:
 
     /**
      * @name Of the frame's last cycle, once its request is handed over
+     * Where requests are handed over early, result() tells whether there is more to ask.
      * @{ */
     /**
      * 0, DequeuedBuffer::kBroken for a frame that the driver flagged, or the negated errno of a
      * dequeue that failed: its memory is the driver's until the session's end. -EINPROGRESS while
-     * it was not dequeued (where requests are handed over early).
+     * it was not dequeued (where requests are handed over early). Any thread.
      */
-    int result() const { return mDequeued.result; }
-    bool isGood() const { return mDequeued.result == 0; }
+    int result() const { return __atomic_load_n(&mResult, __ATOMIC_ACQUIRE); }
+    bool isGood() const { return result() == 0; }
     /** The driver's frame count. */
     uint32_t sequence() const { return mDequeued.sequence; }
     /** The driver's time, of CLOCK_MONOTONIC where the flags say no other. */
@@ -106,8 +107,12 @@ private:
     int allocateShared(const FrameLayout& layout, IDmaBufSource& source);
     int allocateApart(const FrameLayout& layout, IDmaBufSource& source);
 
+    /** Publishes what was written into mDequeued. */
+    void setResult(int result) { __atomic_store_n(&mResult, result, __ATOMIC_RELEASE); }
+
     PixelFormat mFormat{};
     DequeuedBuffer mDequeued{};
+    int mResult = 0;
     FrameBuffer mBuffer{};
     std::array<DmaBuf, FrameBuffer::kMaxPlanes> mMemory;
 };
