@@ -102,9 +102,8 @@ TEST_F(VideoDeviceTest, EndsAWaitForAnIndexWhenItStreamsOff) {
         return std::async(std::launch::async, [this] { return queue(); });
     };
     const auto waits = [this] {
-        for (Lines lines;
-             std::find(lines.begin(), lines.end(), "W [operator()] wait for buffer index") ==
-             lines.end();
+        for (Lines lines; std::find(lines.begin(), lines.end(),
+                                    "W [operator()] wait for buffer index") == lines.end();
              lines = mLog.take())
             std::this_thread::yield();
     };
