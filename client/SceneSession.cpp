@@ -88,7 +88,7 @@ std::string SceneSession::wrongWith(const IMediaDevice& media) const {
     for (size_t i = 0; i < mDesc.ports.size(); ++i) {
         const SessionPort& port = mDesc.ports[i];
         for (size_t j = 0; j < i; ++j)
-            if (const std::string clash = clashOf(mDesc.ports[j], port); !clash.empty())
+            if (std::string clash = clashOf(mDesc.ports[j], port); !clash.empty())
                 return clash;
         if (!media.hasEntity(port.entity))
             return "port " + quoted(port.name) + ": the device has no entity " +

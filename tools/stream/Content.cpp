@@ -83,7 +83,7 @@ std::string Content::checkFrame(size_t port) {
         return std::string("lost, its dequeue failed: ") + strerror(-result);
     if (result != 0)
         return "the driver flagged it as broken";
-    const std::string error = checkGaps(mMappings[port]);
+    std::string error = checkGaps(mMappings[port]);
     if (!error.empty() || mPorts[port].node.isOutput())
         return error;
     return checkCapture(mRequest->number(), port, mMappings[port]);
