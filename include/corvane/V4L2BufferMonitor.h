@@ -70,7 +70,11 @@ public:
     uint32_t determineNeedToDQBUFCount() const;
     bool needToDQBUF() const { return determineNeedToDQBUFCount() != 0; }
 
-    /** @name Texts of a state dump. Any thread. @{ */
+    /**
+     * @name Texts of a state dump
+     * Any thread.
+     * @{
+     */
     std::string toString_runtime() const;
     std::string toString_config() const;
     std::string toString_debugtrace() const;
