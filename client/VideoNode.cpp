@@ -8,6 +8,21 @@
 
 namespace NSVista::NSCorvane::client {
 
+namespace {
+
+/** @return 0 or the negated errno, also of a node that could not be opened. */
+int readCaps(NodeFd& node, uint32_t& caps) {
+    if (!node)
+        return node.error();
+    v4l2_capability capability{};
+    if (const int result = node.ioctl(VIDIOC_QUERYCAP, &capability); result < 0)
+        return result;
+    caps = v4l2::deviceCaps(capability);
+    return 0;
+}
+
+}  // namespace
+
 bool VideoNode::isOutput() const {
     return v4l2::isOutput(bufferType);
 }
@@ -23,12 +38,8 @@ bool VideoNode::isMultiPlanar() const {
 int queryVideoNode(const std::string& path, VideoNode& node) {
     node = {};
     NodeFd fd(path.c_str(), O_RDWR | O_NONBLOCK);
-    if (!fd)
-        return fd.error();
-    v4l2_capability caps{};
-    if (const int result = fd.ioctl(VIDIOC_QUERYCAP, &caps); result < 0)
+    if (const int result = readCaps(fd, node.capabilities); result != 0)
         return result;
-    node.capabilities = v4l2::deviceCaps(caps);
     if ((node.capabilities & V4L2_CAP_STREAMING) != 0)
         node.bufferType = v4l2::portBufferType(node.capabilities);
     if (node.bufferType == 0)
@@ -44,14 +55,12 @@ int queryVideoNode(const std::string& path, VideoNode& node) {
 
 int queryGrantedBuffers(const std::string& path, uint32_t wanted, uint32_t& granted) {
     NodeFd fd(path.c_str(), O_RDWR | O_NONBLOCK);
-    if (!fd)
-        return fd.error();
-    v4l2_capability caps{};
-    if (const int result = fd.ioctl(VIDIOC_QUERYCAP, &caps); result < 0)
+    uint32_t caps = 0;
+    if (const int result = readCaps(fd, caps); result != 0)
         return result;
     v4l2_requestbuffers request{};
     request.count = wanted;
-    request.type = v4l2::portBufferType(v4l2::deviceCaps(caps));
+    request.type = v4l2::portBufferType(caps);
     request.memory = V4L2_MEMORY_DMABUF;
     if (const int result = fd.ioctl(VIDIOC_REQBUFS, &request); result < 0)
         return result;
