@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include <corvane/platform/Record.h>
 #include <corvane/platform/Trace.h>
 
 #include "Format.h"
@@ -94,6 +95,7 @@ void __android_log_assert(const char* /*condition*/, const char* tag, const char
     length += static_cast<size_t>(std::max(body, 0));
     writeLine(line, std::min(length, sizeof(line) - 1));
     NSVista::NSCorvane::trace::stop();
+    NSVista::NSCorvane::record::flush();
     abort();
 }
 

@@ -1,5 +1,6 @@
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/Record.h>
 #include <corvane/platform/Service.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -89,6 +90,7 @@ void terminateService() {
     // The signal usually ends the process with no exit handler run.
     NSCorvane::log::flushUnified();
     NSCorvane::trace::flush();
+    NSCorvane::record::flush();
     kill(getpid(), SIGTERM);
 }
 

@@ -1,4 +1,5 @@
 #include <corvane/platform/Clock.h>
+#include <corvane/platform/Mutex.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "FdTable.h"
+#include "KernelWrapper.h"
 
 namespace NSVista::NSCorvane::System {
 
@@ -18,6 +20,9 @@ namespace {
 
 /** Null stands for linuxKernel(), so that no initialiser has to run before the first call. */
 constinit std::atomic<Kernel*> gKernel{nullptr};
+
+constinit Mutex gChange;  ///< one change of kernels at a time
+constinit KernelWrapper* gWrapper CORVANE_GUARDED_BY(gChange) = nullptr;
 
 Kernel& kernel() noexcept {
     Kernel* const installed = gKernel.load(std::memory_order_acquire);
@@ -27,8 +32,19 @@ Kernel& kernel() noexcept {
 }  // namespace
 
 Kernel* setKernel(Kernel* kernel) noexcept {
-    Kernel* const before = gKernel.exchange(kernel, std::memory_order_acq_rel);
+    const MutexLock lock(gChange);
+    std::atomic<Kernel*>& installed = gWrapper != nullptr ? gWrapper->mInner : gKernel;
+    Kernel* const before = installed.exchange(kernel, std::memory_order_acq_rel);
     return before != nullptr ? before : &linuxKernel();
+}
+
+void wrapKernel(KernelWrapper* wrapper) noexcept {
+    const MutexLock lock(gChange);
+    Kernel* const client = (gWrapper != nullptr ? gWrapper->mInner : gKernel).load();
+    if (wrapper != nullptr)
+        wrapper->mInner.store(client, std::memory_order_release);
+    gWrapper = wrapper;
+    gKernel.store(wrapper != nullptr ? wrapper : client, std::memory_order_release);
 }
 
 int Open(const char* path, int flags, unsigned long owner) noexcept {

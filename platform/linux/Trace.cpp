@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "FilePattern.h"
 #include "Format.h"
 #include "PropertyText.h"
 #include "TraceBackend.h"
@@ -38,14 +39,6 @@ void enable(bool on) {
 void emit(Kind kind, const char* name, int32_t value) {
     if (Backend* const backend = running())
         backend->event(kind, name != nullptr ? name : "", value);
-}
-
-/** "%p" is the process id: a child that inherits the name traces into a file of its own. */
-std::string filePath(const char* target) {
-    std::string path(target);
-    for (size_t at = 0; (at = path.find("%p", at)) != std::string::npos;)
-        path.replace(at, 2, std::to_string(getpid()));
-    return path;
 }
 
 void stopLocked() CORVANE_REQUIRES(gLock) {

@@ -1,0 +1,35 @@
+/**
+ * @file
+ * A kernel between the operations and the one that a client installed.
+ */
+#pragma once
+
+#include <atomic>
+
+#include <corvane/platform/System.h>
+
+namespace NSVista::NSCorvane::System {
+
+/** Sees every call, whichever kernel carries it out. */
+class KernelWrapper : public Kernel {
+public:
+    /** The kernel that a client installed. Each call reads it once. */
+    Kernel& inner() const noexcept {
+        Kernel* const kernel = mInner.load(std::memory_order_acquire);
+        return kernel != nullptr ? *kernel : linuxKernel();
+    }
+
+private:
+    friend Kernel* setKernel(Kernel* kernel) noexcept;
+    friend void wrapKernel(KernelWrapper* wrapper) noexcept;
+
+    std::atomic<Kernel*> mInner{nullptr};
+};
+
+/**
+ * Puts a wrapper around the installed kernel, and around those installed later; null takes it away.
+ * @param wrapper lives for ever: calls may be inside it. One at a time. Any thread.
+ */
+void wrapKernel(KernelWrapper* wrapper) noexcept;
+
+}  // namespace NSVista::NSCorvane::System

@@ -1,0 +1,67 @@
+#include "RecordArgument.h"
+
+#include <linux/media.h>
+
+namespace NSVista::NSCorvane::record {
+
+namespace {
+
+template <class T>
+const T& as(const void* arg) {
+    return *static_cast<const T*>(arg);
+}
+
+const void* pointer(uint64_t address) {
+    return reinterpret_cast<const void*>(static_cast<uintptr_t>(address));
+}
+
+/** What an array holds at most: a wrong count must not be believed. */
+constexpr uint32_t kItemsMost = 4096;
+
+void addCounted(Blocks& blocks, const void* items, uint64_t count, size_t size, uint32_t index) {
+    if (count <= kItemsMost)
+        blocks.add(items, count * size, kArray + index);
+}
+
+void addControls(Blocks& blocks, const v4l2_ext_controls& list) {
+    addCounted(blocks, list.controls, list.count, sizeof(v4l2_ext_control), 0);
+    if (list.controls == nullptr || list.count > kItemsMost)
+        return;
+    for (uint32_t i = 0; i < list.count; ++i)
+        addCounted(blocks, list.controls[i].ptr, list.controls[i].size, 1, 1 + i);
+}
+
+void addTopology(Blocks& blocks, const media_v2_topology& graph) {
+    addCounted(blocks, pointer(graph.ptr_entities), graph.num_entities, sizeof(media_v2_entity), 0);
+    addCounted(blocks, pointer(graph.ptr_interfaces), graph.num_interfaces,
+               sizeof(media_v2_interface), 1);
+    addCounted(blocks, pointer(graph.ptr_pads), graph.num_pads, sizeof(media_v2_pad), 2);
+    addCounted(blocks, pointer(graph.ptr_links), graph.num_links, sizeof(media_v2_link), 3);
+}
+
+}  // namespace
+
+void addArrays(Blocks& blocks, uint32_t code, const void* arg, bool after) {
+    switch (code) {
+        case VIDIOC_QUERYBUF:
+        case VIDIOC_PREPARE_BUF: {
+            const auto& buffer = as<v4l2_buffer>(arg);
+            if (V4L2_TYPE_IS_MULTIPLANAR(buffer.type) && buffer.length <= VIDEO_MAX_PLANES)
+                blocks.add(buffer.m.planes, buffer.length * sizeof(v4l2_plane), kArray);
+            break;
+        }
+        case VIDIOC_G_EXT_CTRLS:
+        case VIDIOC_S_EXT_CTRLS:
+        case VIDIOC_TRY_EXT_CTRLS:
+            addControls(blocks, as<v4l2_ext_controls>(arg));
+            break;
+        case MEDIA_IOC_G_TOPOLOGY:
+            if (after)
+                addTopology(blocks, as<media_v2_topology>(arg));
+            break;
+        default:
+            break;
+    }
+}
+
+}  // namespace NSVista::NSCorvane::record
