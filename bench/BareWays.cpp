@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <deque>
+#include <stop_token>
 #include <thread>
 
 #include "Way.h"
@@ -126,7 +127,14 @@ private:
 
 class Bare : public Way {
 public:
-    explicit Bare(Device& device) : Way(device), mBare(device) {}
+    Bare(Device& device, bool company) : Way(device), mBare(device) {
+        if (company)
+            mCompany = std::jthread([](const std::stop_token& stop) {
+                std::mutex lock;
+                std::unique_lock held(lock);
+                std::condition_variable_any().wait(held, stop, [] { return false; });
+            });
+    }
 
     void run(uint64_t requests) override {
         uint64_t queued = 0;
@@ -155,6 +163,7 @@ private:
         mBare.queue(slot);
     }
     BareDevice mBare;
+    std::jthread mCompany;
 };
 
 class HandOver : public Way {
@@ -235,8 +244,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Way> makeBare(Device& device) {
-    return std::make_unique<Bare>(device);
+std::unique_ptr<Way> makeBare(Device& device, bool company) {
+    return std::make_unique<Bare>(device, company);
 }
 
 std::unique_ptr<Way> makeHandOver(Device& device) {

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "vengine-desc.h"
 
@@ -48,6 +49,8 @@ Device::Device(size_t ports, size_t slots)
         const PixelFormat format = setFormat(i);
         for (auto& frames : mFrames)
             require(frames.emplace_back().allocate(format, {}, *source) == 0, "memory");
+        for (auto& frames : mFrames)
+            prepare(i, frames.back());
     }
 }
 
@@ -61,6 +64,15 @@ uint32_t Device::bufferType(size_t port) const {
 
 std::string Device::node(size_t port) const {
     return mMedia->getEntityDevnodePath(mPorts[port].device_name);
+}
+
+void Device::prepare(size_t port, client::Frame& frame) {
+    if (vengine_ports[port].role != VENGINE_ROLE_TUNING)
+        return;
+    const vengine_tuning tuning = {VENGINE_TUNING_MAGIC, 0, 0, {}};
+    const client::FrameMapping mapping = frame.map(client::CpuAccess::Write);
+    require(static_cast<bool>(mapping), "a mapping");
+    memcpy(mapping.plane(0).data(), &tuning, sizeof(tuning));
 }
 
 std::string Device::exporter(const IMediaDevice& media) {

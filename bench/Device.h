@@ -38,6 +38,9 @@ public:
         return mFrames[slot][port].buffer();
     }
 
+    /** Writes what the driver wants to read: it gives requests back undone without it. */
+    static void prepare(size_t port, client::Frame& frame);
+
     static constexpr uint32_t kWidth = 64;
     static constexpr uint32_t kHeight = 16;
     /** A node that nothing is streamed through: it exports memory. */

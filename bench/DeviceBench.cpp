@@ -1,5 +1,6 @@
 // What a request costs on a kernel driver, by ways of streaming it: a line of JSON for each round.
 // In a guest that counts instructions a nanosecond of the clock is an instruction.
+#include <corvane/client/EpollEventMonitor.h>
 #include <corvane/platform/System.h>
 #include <linux/perf_event.h>
 #include <sys/ioctl.h>
@@ -15,6 +16,7 @@
 #include <string>
 #include <tuple>
 
+#include "TinyMonitor.h"
 #include "Way.h"
 #include "support/Allocations.h"
 
@@ -22,10 +24,15 @@ namespace NSVista::NSCorvane::bench {
 namespace {
 
 const std::map<std::string, std::function<std::unique_ptr<Way>(Device&)>> kWays = {
-    {"bare", makeBare},
+    {"bare", [](Device& device) { return makeBare(device, false); }},
+    {"bare, in company", [](Device& device) { return makeBare(device, true); }},
     {"bare, handed over", makeHandOver},
-    {"library", [](Device& device) { return makeLibrary(device, false); }},
-    {"library, direct", [](Device& device) { return makeLibrary(device, true); }},
+    {"library",
+     [](Device& device) { return makeLibrary(device, std::make_shared<TinyMonitor>(), false); }},
+    {"library, direct",
+     [](Device& device) { return makeLibrary(device, std::make_shared<TinyMonitor>(), true); }},
+    {"library, EpollEventMonitor",
+     [](Device& device) { return makeLibrary(device, client::EpollEventMonitor::make(), true); }},
     {"session, callback", [](Device& device) { return makeSession(device, true); }},
     {"session, waiting", [](Device& device) { return makeSession(device, false); }},
 };

@@ -2,12 +2,13 @@
 #include <corvane/DequeuedBuffer.h>
 #include <corvane/IRequest.h>
 #include <corvane/SceneControl.h>
-#include <corvane/client/EpollEventMonitor.h>
 #include <corvane/client/SceneSession.h>
 
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <utility>
+#include <vector>
 
 #include "Way.h"
 
@@ -17,14 +18,18 @@ namespace {
 
 class Library : public Way {
 public:
-    Library(Device& device, bool direct)
-        : Way(device), mScene(nullptr, device.desc(), device.media()), mSlots(mDevice.slots()) {
+    Library(Device& device, std::shared_ptr<IEventMonitor> monitor, bool direct)
+        : Way(device),
+          mScene(nullptr, device.desc(), device.media()),
+          mEvents(std::move(monitor)),
+          mSlots(mDevice.slots()) {
         // A worker dequeues after the callback; else the callback comes last.
         mEndsPerRequest = direct || device.ports() == 1 ? 1 : device.ports() + 1;
         require(mScene.init() == 0 && mScene.acquire() == 0, "a scene");
+        // An index more than requests: who uses all up has each release warn and wake somebody.
         for (size_t i = 0; i < device.ports(); ++i)
             require(mScene.importBuffer(mScene.queryPort(static_cast<int>(i)),
-                                        static_cast<int>(mDevice.slots())) == 0,
+                                        static_cast<int>(mDevice.slots()) + 1) == 0,
                     "an import");
         mScene.setDirectDequeue(direct);
         mScene.setRequestDoneCallback([this](IRequest* request) {
@@ -36,7 +41,7 @@ public:
         });
         if (mEndsPerRequest != 1)
             mScene.setBufferDequeuedCallback([this](const DequeuedBuffer& buffer) {
-                const size_t slot = slotOf(buffer.requestFd);
+                const size_t slot = mSlotOfFd[static_cast<size_t>(buffer.requestFd)];
                 if (mSlots[slot].endsToCome == 1)
                     watch.dequeued(slot);
                 cameBack(slot);
@@ -46,6 +51,9 @@ public:
             mSlots[slot].request = mScene.createRequest();
             mSlots[slot].request->setCookie(reinterpret_cast<void*>(slot));
             mSlots[slot].request->setMonitor(mEvents);
+            const auto fd = static_cast<size_t>(mSlots[slot].request->getRequestFD());
+            mSlotOfFd.resize(std::max(mSlotOfFd.size(), fd + 1));
+            mSlotOfFd[fd] = slot;
         }
     }
     ~Library() override {
@@ -69,12 +77,6 @@ private:
         std::atomic<size_t> endsToCome{0};
     };
 
-    size_t slotOf(int requestFd) const {
-        size_t slot = 0;
-        while (mSlots[slot].request->getRequestFD() != requestFd)
-            ++slot;
-        return slot;
-    }
     void queue(size_t slot) {
         watch.queued(slot);
         mSlots[slot].endsToCome.store(mEndsPerRequest, std::memory_order_relaxed);
@@ -92,9 +94,10 @@ private:
     }
 
     Scene mScene;
-    std::shared_ptr<client::EpollEventMonitor> mEvents = client::EpollEventMonitor::make();
+    std::shared_ptr<IEventMonitor> mEvents;
     std::vector<Slot> mSlots;
-    size_t mEndsPerRequest;  ///< callback, and dequeues where they come later
+    std::vector<size_t> mSlotOfFd;  ///< by request descriptor
+    size_t mEndsPerRequest;         ///< callback, and dequeues where they come later
     Countdown mCountdown;
 };
 
@@ -114,6 +117,10 @@ public:
         int error = 0;
         mSession = client::SceneSession::open(std::move(desc), device.media(), *source, error);
         require(mSession != nullptr, "a session");
+        mSession->visitAll([](client::SessionRequest& request) {
+            for (size_t i = 0; i < request.frameCount(); ++i)
+                Device::prepare(i, request.frame(i));
+        });
         if (callback)
             mSession->setDoneCallback([this](client::SessionRequest& request) {
                 watch.called(slotOf(request));
@@ -159,8 +166,9 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Way> makeLibrary(Device& device, bool direct) {
-    return std::make_unique<Library>(device, direct);
+std::unique_ptr<Way> makeLibrary(Device& device, std::shared_ptr<IEventMonitor> monitor,
+                                 bool direct) {
+    return std::make_unique<Library>(device, std::move(monitor), direct);
 }
 
 std::unique_ptr<Way> makeSession(Device& device, bool callback) {

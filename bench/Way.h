@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include <corvane/IEventMonitor.h>
 #include <corvane/platform/Clock.h>
 
 #include <atomic>
@@ -91,12 +92,17 @@ private:
     bool mDone = false;
 };
 
-/** One thread that makes the system calls and nothing else. */
-std::unique_ptr<Way> makeBare(Device& device);
+/**
+ * One thread that makes the system calls and nothing else.
+ * @param company whether the process has another thread, which sleeps: with two the kernel counts
+ *        references at each call, so that no client with a thread of its own gets by with less.
+ */
+std::unique_ptr<Way> makeBare(Device& device, bool company);
 /** The same on two threads: one sees completions, a worker dequeues and queues again. */
 std::unique_ptr<Way> makeHandOver(Device& device);
 /** A scene; requests are queued again by who saw the last of them. */
-std::unique_ptr<Way> makeLibrary(Device& device, bool direct);
+std::unique_ptr<Way> makeLibrary(Device& device, std::shared_ptr<IEventMonitor> monitor,
+                                 bool direct);
 /** A SceneSession, driven by a thread that waits, or by its callback. */
 std::unique_ptr<Way> makeSession(Device& device, bool callback);
 

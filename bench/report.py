@@ -6,6 +6,14 @@ DEVICE_COLUMNS = {"instructions": "instructions", "time": "ns a request",
                   "to callback": "ns to callback", "to last dequeue": "ns to last dequeue"}
 
 
+# What the other ways are held against.
+BASES = ["bare", "bare, in company", "bare, handed over"]
+
+
+def ratio(value, base):
+    return f"{value / base:.3f}" if base else ""
+
+
 def cell(value):
     if isinstance(value, float):
         return f"{value:,.0f}" if value >= 100 else f"{value:.2f}".rstrip("0").rstrip(".")
@@ -50,12 +58,14 @@ def device(results):
         for in_flight in sorted({entry["in flight"] for entry in results}):
             chosen = [entry for entry in results
                       if (entry["delay"], entry["in flight"]) == (delay, in_flight)]
-            bare = {entry["ports"]: entry["instructions"] for entry in chosen
-                    if entry["way"] == "bare"}
-            rows = [[entry["ports"], entry["way"], entry["instructions"] / bare[entry["ports"]],
+            spent = {(entry["ports"], entry["way"]): entry["instructions"] for entry in chosen}
+            rows = [[entry["ports"], entry["way"],
+                     *(ratio(entry["instructions"], spent.get((entry["ports"], base)))
+                       for base in BASES),
                      *(entry.get(name, "") for name in DEVICE_COLUMNS)] for entry in chosen]
             parts.append(f"Driver's delay {delay} us, {in_flight} in flight:\n\n" + table(
-                ["ports", "way", "of bare", *DEVICE_COLUMNS.values()], rows))
+                ["ports", "way", *(f"of {base}" for base in BASES), *DEVICE_COLUMNS.values()],
+                rows))
     return "\n".join(parts)
 
 
@@ -78,10 +88,13 @@ TEXTS = {
     "growth": ("Growth", "The same, by scenes, by requests, and at the search by a device's size."),
     "device": ("On a kernel driver",
                "The virtual engine's driver in a guest that counts instructions: a nanosecond is "
-               "an instruction, one\nprocessor. *Bare* makes the system calls and nothing else; "
-               "*handed over* does so on two threads, as the\nlibrary's default does for several "
-               "ports. Instructions are the process's own, kernel included; times\nare the whole "
-               "machine's."),
+               "an instruction, one\nprocessor. *Bare* makes the system calls and nothing else, "
+               "on the only thread of its process;\n*in company* another thread sleeps beside it, "
+               "as in every process that uses the library: the kernel\nthen counts references to "
+               "descriptors at each call. *Handed over* uses two threads, as the library's\n"
+               "default does for several ports. *Library* is watched by the least that an event "
+               "monitor can be, but\nfor one line with `EpollEventMonitor`. Instructions are the "
+               "process's own, kernel included; times are\nthe whole machine's."),
     "looking": ("Looking", "A log to a file in memory, a timeline to one, or the kernel's marker."),
 }
 
