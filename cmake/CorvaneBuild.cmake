@@ -1,7 +1,7 @@
 # What every target of the project shares: language level, warnings, visibility, sanitizers.
 include(GNUInstallDirs)
 
-set(CMAKE_COMPILE_WARNING_AS_ERROR ON)
+set(CMAKE_COMPILE_WARNING_AS_ERROR ${CORVANE_WERROR})
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -11,6 +11,10 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+
+# What is installed finds its libraries beside it, wherever the whole lies.
+file(RELATIVE_PATH library_folder ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+set(CMAKE_INSTALL_RPATH "$ORIGIN;$ORIGIN/${library_folder}")
 
 set(CORVANE_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
 
@@ -31,6 +35,11 @@ if(CORVANE_SANITIZE)
     target_link_options(corvane_build INTERFACE -fsanitize=${CORVANE_SANITIZE})
 endif()
 
+set(CORVANE_SOVERSION ${PROJECT_VERSION_MAJOR})
+if(CORVANE_SOVERSION EQUAL 0)
+    string(APPEND CORVANE_SOVERSION .${PROJECT_VERSION_MINOR})
+endif()
+
 # corvane_library(NAME alias SOURCES...): one shared library of the project, lib<NAME>.so, with the
 # alias corvane::<alias>.
 function(corvane_library name alias)
@@ -44,18 +53,39 @@ function(corvane_library name alias)
     set_target_properties(${name} PROPERTIES
         EXPORT_NAME ${alias}
         VERSION ${PROJECT_VERSION}
-        SOVERSION ${PROJECT_VERSION_MAJOR}
+        SOVERSION ${CORVANE_SOVERSION}
         VERIFY_INTERFACE_HEADER_SETS ON)
 endfunction()
 
-# corvane_headers(NAME FOLDER): the library's public headers, all those below FOLDER; its users find
-# them there, or where they are installed. The target all_verify_interface_header_sets checks that
-# each one compiles alone.
+# corvane_headers(NAME FOLDER [COMPONENT]): the library's public headers, all those below FOLDER; its
+# users find them there, or where they are installed. The target all_verify_interface_header_sets
+# checks that each one compiles alone. The library is installed with the components library and
+# development, or whole with the one that is named.
 function(corvane_headers name folder)
     cmake_path(ABSOLUTE_PATH folder NORMALIZE)
     file(GLOB_RECURSE headers CONFIGURE_DEPENDS ${folder}/*.h)
     target_sources(${name} PUBLIC FILE_SET HEADERS BASE_DIRS ${folder} FILES ${headers})
     if(CORVANE_INSTALL)
-        install(TARGETS ${name} EXPORT corvane FILE_SET HEADERS)
+        set(export corvane)
+        set(runtime library)
+        set(development development)
+        if(ARGC GREATER 2)
+            set(export corvane_${ARGV2})
+            set(runtime ${ARGV2})
+            set(development ${ARGV2})
+        endif()
+        install(TARGETS ${name} EXPORT ${export}
+            LIBRARY COMPONENT ${runtime} NAMELINK_COMPONENT ${development}
+            FILE_SET HEADERS COMPONENT ${development})
+    endif()
+endfunction()
+
+# corvane_tool(NAME SOURCES...): a program for users, installed with the component tools; the caller
+# links the libraries it needs.
+function(corvane_tool name)
+    add_executable(${name} ${ARGN})
+    target_link_libraries(${name} PRIVATE corvane_build)
+    if(CORVANE_INSTALL)
+        install(TARGETS ${name} COMPONENT tools)
     endif()
 endfunction()

@@ -4,6 +4,10 @@
  */
 #pragma once
 
+#if __cplusplus < 202002L
+#error "Corvane's headers need C++20: compile with -std=c++20 or later"
+#endif
+
 #define CORVANE_EXPORT __attribute__((visibility("default")))
 /** One for each shared object, however that is built. */
 #define CORVANE_HIDDEN __attribute__((visibility("hidden")))
