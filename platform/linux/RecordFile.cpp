@@ -27,9 +27,10 @@ UniqueFd moveUp(UniqueFd fd) {
     return high ? std::move(high) : std::move(fd);
 }
 
+/** Into a zeroed field, whose last byte stays zero. */
 template <size_t N>
 void copyText(char (&to)[N], const char* from) {
-    strncpy(to, from, N - 1);
+    memcpy(to, from, strnlen(from, N - 1));
 }
 
 FileHead makeHead(size_t noteSize) {
