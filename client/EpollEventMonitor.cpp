@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <iterator>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -25,7 +26,13 @@ namespace NSVista::NSCorvane::client {
 namespace {
 
 constexpr uint64_t kWakeId = 0;
+constexpr unsigned kSlotBits = 24;
+constexpr uint64_t kMostSlots = uint64_t{1} << kSlotBits;
 constexpr int kBatch = 16;
+
+size_t slotOf(uint64_t id) {
+    return id % kMostSlots;
+}
 
 /** Whether to watch from the first re-arm on only. */
 bool isDeferred(int fd, uint32_t events) {
@@ -64,11 +71,13 @@ public:
 
 private:
     /**
-     * One attachment. Its id, never used again, travels in the epoll events, so that a report that
-     * was fetched before a detach finds nobody, whatever descriptor or address came back since.
+     * One attachment, in a slot that others had before. Its id, never used again, travels in the
+     * epoll events, so that a report that was fetched before a detach finds nobody, whatever
+     * descriptor or address came back since. The id's low bits are the slot.
      */
     struct Watch {
         uint64_t id;
+        IEventObserver* observer;  ///< null in a free slot
         int fd;
         uint32_t events;
         bool added;  ///< epoll knows it
@@ -77,7 +86,10 @@ private:
 
     int control(int operation, Watch& watch) CORVANE_REQUIRES(mLock);
     void unwatch(Watch& watch) CORVANE_REQUIRES(mLock);
+    size_t freeSlot() CORVANE_REQUIRES(mLock);
+    IEventObserver* begin(uint64_t id, uint32_t events) CORVANE_EXCLUDES(mLock);
     void dispatch(uint64_t id, uint32_t events) CORVANE_EXCLUDES(mLock);
+    void awaitCallback(const IEventObserver* observer, MutexLock& lock) CORVANE_REQUIRES(mLock);
 
     const std::string mName;
     UniqueFd mEpollFd;
@@ -86,10 +98,12 @@ private:
     std::atomic<std::thread::id> mThread{};
     mutable Mutex mLock;
     std::condition_variable mCallbackEnded;
-    std::unordered_map<IEventObserver*, Watch> mWatches CORVANE_GUARDED_BY(mLock);
-    std::unordered_map<uint64_t, IEventObserver*> mObservers CORVANE_GUARDED_BY(mLock);
-    uint64_t mLastId CORVANE_GUARDED_BY(mLock) = kWakeId;
-    IEventObserver* mCalled CORVANE_GUARDED_BY(mLock) = nullptr;
+    std::vector<Watch> mWatches CORVANE_GUARDED_BY(mLock);
+    std::unordered_map<IEventObserver*, size_t> mSlots CORVANE_GUARDED_BY(mLock);
+    uint64_t mAttachments CORVANE_GUARDED_BY(mLock) = 0;
+    /** Set under the lock, cleared without: whoever waits for that is counted before he looks. */
+    std::atomic<IEventObserver*> mCalled{nullptr};
+    std::atomic<int> mWaiting{0};
 };
 
 int EpollEventMonitor::Loop::open() {
@@ -127,25 +141,37 @@ bool EpollEventMonitor::Loop::threadLoop() {
     return !mExit;
 }
 
+/** @return whom to call, null when he was detached since the report was fetched. */
+IEventObserver* EpollEventMonitor::Loop::begin(uint64_t id, uint32_t events) {
+    const MutexLock lock(mLock);
+    Watch& watch = mWatches[slotOf(id)];
+    if (watch.id != id)
+        return nullptr;
+    ++watch.reports;
+    if (isLasting(events) && (watch.events & EPOLLONESHOT) == 0)
+        unwatch(watch);
+    mCalled.store(watch.observer, std::memory_order_relaxed);
+    return watch.observer;
+}
+
 void EpollEventMonitor::Loop::dispatch(uint64_t id, uint32_t events) {
-    IEventObserver* observer = nullptr;
-    {
-        MutexLock lock(mLock);
-        const auto found = mObservers.find(id);
-        if (found == mObservers.end())
-            return;
-        observer = found->second;
-        Watch& watch = mWatches.find(observer)->second;
-        ++watch.reports;
-        if (isLasting(events) && (watch.events & EPOLLONESHOT) == 0)
-            unwatch(watch);
-        mCalled = observer;
-    }
+    IEventObserver* const observer = begin(id, events);
+    if (observer == nullptr)
+        return;
     observer->onEvent({events});
     // The observer may be gone by now.
-    MutexLock lock(mLock);
-    mCalled = nullptr;
+    mCalled.store(nullptr);
+    if (mWaiting.load() == 0)
+        return;
+    const MutexLock lock(mLock);
     mCallbackEnded.notify_all();
+}
+
+void EpollEventMonitor::Loop::awaitCallback(const IEventObserver* observer, MutexLock& lock) {
+    mWaiting.fetch_add(1);
+    while (mCalled.load() == observer)
+        mCallbackEnded.wait(lock.native());
+    mWaiting.fetch_sub(1);
 }
 
 int EpollEventMonitor::Loop::control(int operation, Watch& watch) {
@@ -158,30 +184,43 @@ void EpollEventMonitor::Loop::unwatch(Watch& watch) {
     watch.added = false;
 }
 
+size_t EpollEventMonitor::Loop::freeSlot() {
+    const auto found = std::find_if(mWatches.begin(), mWatches.end(),
+                                    [](const Watch& watch) { return watch.observer == nullptr; });
+    const auto slot = static_cast<size_t>(found - mWatches.begin());
+    if (found == mWatches.end() && slot < kMostSlots)
+        mWatches.push_back({});
+    return slot;
+}
+
 int EpollEventMonitor::Loop::attach(IEventObserver* observer, uint32_t events) {
     if (observer == nullptr)
         return -EINVAL;
     const int fd = observer->getEventFD();
     if (fd < 0)
         return -EBADF;
-    MutexLock lock(mLock);
-    if (mWatches.count(observer) != 0)
+    const MutexLock lock(mLock);
+    if (mSlots.count(observer) != 0)
         return -EEXIST;
-    Watch watch{++mLastId, fd, events, !isDeferred(fd, events), 0};
+    const size_t slot = freeSlot();
+    if (slot == kMostSlots)
+        return -ENOSPC;
+    Watch watch{
+        ++mAttachments << kSlotBits | slot, observer, fd, events, !isDeferred(fd, events), 0};
     if (watch.added)
         if (const int result = control(EPOLL_CTL_ADD, watch); result != 0)
             return result;
-    mWatches.emplace(observer, watch);
-    mObservers.emplace(watch.id, observer);
+    mSlots.emplace(observer, slot);
+    mWatches[slot] = watch;
     return 0;
 }
 
 int EpollEventMonitor::Loop::rearm(IEventObserver* observer, uint32_t events) {
-    MutexLock lock(mLock);
-    const auto found = mWatches.find(observer);
-    if (found == mWatches.end())
+    const MutexLock lock(mLock);
+    const auto found = mSlots.find(observer);
+    if (found == mSlots.end())
         return -ENOENT;
-    Watch& watch = found->second;
+    Watch& watch = mWatches[found->second];
     watch.events = events;
     const int result = control(watch.added ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, watch);
     watch.added = watch.added || result == 0;
@@ -190,23 +229,20 @@ int EpollEventMonitor::Loop::rearm(IEventObserver* observer, uint32_t events) {
 
 int EpollEventMonitor::Loop::detach(IEventObserver* observer) {
     MutexLock lock(mLock);
-    const auto found = mWatches.find(observer);
-    const bool attached = found != mWatches.end();
+    const auto found = mSlots.find(observer);
+    const bool attached = found != mSlots.end();
     if (attached) {
-        Watch watch = found->second;
-        mObservers.erase(watch.id);
-        mWatches.erase(found);
+        Watch watch = std::exchange(mWatches[found->second], Watch{});
+        mSlots.erase(found);
         // A descriptor that was closed too early may be another observer's by now.
-        const bool reused =
-            std::any_of(mWatches.begin(), mWatches.end(), [&watch](const auto& other) {
-                return other.second.fd == watch.fd && other.second.added;
-            });
+        const bool reused = std::any_of(
+            mWatches.begin(), mWatches.end(),
+            [&watch](const Watch& other) { return other.added && other.fd == watch.fd; });
         if (watch.added && !reused)
             control(EPOLL_CTL_DEL, watch);
     }
-    if (mThread.load() != std::this_thread::get_id())
-        while (mCalled == observer && observer != nullptr)
-            mCallbackEnded.wait(lock.native());
+    if (observer != nullptr && mThread.load() != std::this_thread::get_id())
+        awaitCallback(observer, lock);
     return attached ? 0 : -ENOENT;
 }
 
@@ -214,8 +250,8 @@ void EpollEventMonitor::Loop::dumpState(IPrinter* printer) const {
     std::vector<Watch> watches;
     {
         MutexLock lock(mLock);
-        for (const auto& [observer, watch] : mWatches)
-            watches.push_back(watch);
+        std::copy_if(mWatches.begin(), mWatches.end(), std::back_inserter(watches),
+                     [](const Watch& watch) { return watch.observer != nullptr; });
     }
     std::sort(watches.begin(), watches.end(),
               [](const Watch& a, const Watch& b) { return a.id < b.id; });

@@ -56,7 +56,7 @@ public:
      * @param observer not owned; attached until detachObserver().
      * @param events epoll event bits.
      * @return 0, -EINVAL for null, -EEXIST when it is attached already, -EBADF for a bad
-     *         descriptor, or the negated errno of epoll_ctl.
+     *         descriptor, -ENOSPC beyond 2^24 observers, or the negated errno of epoll_ctl.
      */
     int attachObserver(IEventObserver* observer, uint32_t events) override;
     /** @return 0, -ENOENT when it is not attached, or the negated errno of epoll_ctl. */
