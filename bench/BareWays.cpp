@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a client without the library does: the system calls that a request needs, and no more.
 #include <corvane/platform/UniqueFd.h>
 #include <fcntl.h>

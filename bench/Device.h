@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * The device that is streamed: its first ports, with formats and memory for every request.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a request costs on a kernel driver, by ways of streaming it: a line of JSON for each round.
 // In a guest that counts instructions a nanosecond of the clock is an instruction.
 #include <corvane/client/EpollEventMonitor.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library as a client uses it: a scene by hand, or a session.
 #include <corvane/DequeuedBuffer.h>
 #include <corvane/IRequest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library over a kernel that does nothing, for instruction counters: what remains is its own
 // work. What is counted lies between calls of corvane_bench_mark().
 #include <corvane/IDeviceEnumerator.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Runs a program under callgrind and tells what of its instructions are whose."""
 import collections
 import os

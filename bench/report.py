@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The results of bench/run as text, as a document and as a picture."""
 
 DEVICE_COLUMNS = {"instructions": "instructions", "time": "ns a request",
@@ -107,6 +108,7 @@ def document(results):
         if part in results:
             lines += [f"## {title}", "", text, f"Measured {results[part + ' measured']}.", "",
                       SECTIONS[part](results[part])]
+    lines += ["", "<!-- SPDX-License-Identifier: Apache-2.0 -->", ""]
     return "\n".join(lines)
 
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/client/DmaBuf.h>
 #include <fcntl.h>
 #include <linux/dma-heap.h>

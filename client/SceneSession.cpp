@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/V4L2VideoDevice.h>
 #include <corvane/client/SceneSession.h>
 #include <corvane/client/VideoNode.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/client/SessionRequest.h>
 #include <corvane/platform/Log.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What every target of the project shares: language level, warnings, visibility, sanitizers.
 include(GNUInstallDirs)
 

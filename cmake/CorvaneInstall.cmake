@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What others find us by: the package for find_package(corvane), with the targets corvane::v4l2_linux,
 # platform, client and, where the component simulation is installed, sim; and the same for pkg-config.
 include(CMakePackageConfigHelpers)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What the folders of tests share. How long a test may take is the runner's to say (the presets do, and
 # ctest --timeout before them): a property would overrule it.
 find_package(GTest REQUIRED)

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The virtual engine's test side, in debugfs: faults, what it received, what it holds.
  */

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * What tests do to the virtual engine and learn from it: faults, which vengine-fault.h describes,
  * and the record of private ioctls. Whatever can be made to fail asks here; nothing here asks back.

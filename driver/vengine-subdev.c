@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The virtual engine's sub-device: frame-sync events, controls and the private ioctls, whose
  * answers vengine-desc.h lists.

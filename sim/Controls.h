@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * The standard control of a video capture node, answered as the kernel's control framework does.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * What the locks of a device and of its sub-device guard, as the thread-safety analysis reads it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * The engine proper: takes jobs in, processes them, and decides when and in which order they end.

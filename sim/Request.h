@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Media requests, and the work that a request or a single buffer is for the engine.

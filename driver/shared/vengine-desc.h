@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 OR BSD-3-Clause */
+/* SPDX-License-Identifier: GPL-2.0-only OR Apache-2.0 */
 /*
  * The virtual engine, described once: its entities, ports, pads, links, formats and controls. The
  * kernel module and the in-process engine are both built from this table.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 OR BSD-3-Clause */
+/* SPDX-License-Identifier: GPL-2.0-only OR Apache-2.0 */
 /*
  * Faults of the virtual engine as a line of text tells them, for the kernel module, the in-process
  * engine and the tests of both:

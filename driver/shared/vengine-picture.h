@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 OR BSD-3-Clause */
+/* SPDX-License-Identifier: GPL-2.0-only OR Apache-2.0 */
 /*
  * The virtual engine's pictures: how formats lie in memory, the moving test picture, and what each
  * port makes of it. Integer arithmetic only: the kernel module, the in-process engine and whoever

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * The descriptors of a scene, which a client fills in as constant tables.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * The words of V4L2: what capabilities, buffer types, formats and fixed-length texts mean.

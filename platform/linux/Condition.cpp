@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Condition.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>

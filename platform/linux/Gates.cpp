@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Gates.h>
 #include <corvane/platform/Mutex.h>
 #include <corvane/platform/Trace.h>

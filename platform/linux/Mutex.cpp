@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Mutex.h>
 
 #if defined(CORVANE_CHECK_RELOCK)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Events of a record on their way from the threads that call to the thread that writes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Trace events on their way from the threads that trace to the thread that writes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/client/DmaBuf.h>
 #include <corvane/client/SessionRequest.h>
 #include <corvane/client/VideoNode.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/client/EpollEventMonitor.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/client/SceneSession.h>
 #include <corvane/platform/Properties.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * The virtual engine by bare ioctls: the kernel's where the environment has CORVANE_TEST_MODEL,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Faults on purpose: by the line that both engines take, and what only the process's can do.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * What an engine consists of: nodes, capabilities, formats, links.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * What of the driver's sub-device an in-process engine does not have: records of 32-bit programs
  * (this is built as one too), real fences, memory that nobody serves, and users.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a stranger's first program is: one port of the virtual engine, ten requests.
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/client/SceneSession.h>

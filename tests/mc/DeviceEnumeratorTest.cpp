@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The enumerator's caches live as long as the process: each test runs in a process of its own.
 #include <corvane/IMediaDevice.h>
 #include <corvane/mc/DeviceEnumerator.h>

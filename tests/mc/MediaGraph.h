@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Media devices on a fake kernel: their infos, entities, pads and links.

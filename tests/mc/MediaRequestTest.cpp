@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/IRequest.h>
 #include <corvane/mc/MediaDevice.h>
 #include <corvane/platform/ReqTrack.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Properties.h>
 #include <corvane/platform/ULog.h>
 #include <gtest/gtest.h>

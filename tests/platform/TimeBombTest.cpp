@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/TimeBomb.h>
 #include <corvane/platform/ULog.h>
 #include <gmock/gmock.h>

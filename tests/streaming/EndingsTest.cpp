@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a call that the driver refuses ends, one of each kind, with the refusal made by the driver.
 #include <corvane/IDefaultSubDeviceProvider.h>
 #include <corvane/IDeviceEnumerator.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What watching costs: the program's own epoll calls stand before the library's.
 #include <dlfcn.h>
 #include <sys/epoll.h>

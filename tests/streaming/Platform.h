@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Where the streaming suite runs: on the virtual engine, or on a driver of the running kernel.

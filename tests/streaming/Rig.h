@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * A scene with buffers and requests over the first ports of the platform, built by hand.

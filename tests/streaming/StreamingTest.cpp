@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The request cycle end to end, on the virtual engine or on a driver of the running kernel.
 #include <corvane/platform/Properties.h>
 #include <gtest/gtest.h>

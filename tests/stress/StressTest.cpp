@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scenes of two devices are built, streamed, failed and torn down on one event monitor, while other
 // threads look at everything there is to be looked at.
 #include <corvane/DequeuedBuffer.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * What the tests of the sub-device share: a virtual engine, and what was logged and reported.

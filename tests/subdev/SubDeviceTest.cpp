@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/V4L2SubDevice.h>
 #include <corvane/kvxdip.h>
 #include <corvane/platform/TimeBomb.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * What the library says: its log, its reports, its dumps and how it ends the process.

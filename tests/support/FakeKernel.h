@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * A kernel that answers what a test tells it to, and keeps a record of the calls.

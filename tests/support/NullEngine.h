@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * A scene over a kernel that does nothing: what remains is the library's own work.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The trace sections of the whole library: their names, and the areas that show them.
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/IEventMonitor.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/V4L2BufferMonitor.h>
 #include <corvane/platform/Properties.h>
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What one request costs in the steady state: no allocation, and the kernel calls it cannot do
 // without. The program counts every operator new of the process.
 #include <corvane/platform/ULog.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/IRequest.h>
 #include <corvane/SceneControl.h>
 #include <corvane/SceneDesc.h>

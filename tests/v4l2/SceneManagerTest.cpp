@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pipes are registered once a process: tests that register some run in a process of their own.
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/SceneControl.h>

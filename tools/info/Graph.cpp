@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "Graph.h"
 
 #include "NodeFormats.h"

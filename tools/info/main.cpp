@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * corvane-info: what media devices there are and how they are wired and set.

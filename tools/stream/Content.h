@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * What a run puts into its output buffers, and what it expects in its captures.

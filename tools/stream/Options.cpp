@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "Options.h"
 
 #include <corvane/V4L2.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Frames from and to files: the planes one after the other, as the format lays them out.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/SceneManager.h>
 #include <corvane/platform/Printer.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The interfaces' destructors live here, so that each has its virtual table in one place.
 #include <corvane/IDefaultSubDeviceProvider.h>
 #include <corvane/IDeviceEnumerator.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "SceneText.h"
 
 #include <corvane/IV4L2VideoDevice.h>

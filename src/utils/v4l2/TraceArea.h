@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * The library's trace areas: bit numbers of its trace-bit set.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffers of a video node: import, queue and dequeue.
 #include <corvane/V4L2VideoDevice.h>
 

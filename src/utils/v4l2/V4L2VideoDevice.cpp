@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening, classing and streaming of a video node; formats and buffers are in files of their own.
 #include <corvane/V4L2VideoDevice.h>
 

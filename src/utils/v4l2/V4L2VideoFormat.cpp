@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Formats of a video node.
 #include <corvane/V4L2VideoDevice.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Free buffer indexes of a video node, and the memory that each had last.
 #include <corvane/V4L2VideoDevice.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a refused buffer of a video node leaves in the log.
 #include <corvane/V4L2VideoDevice.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Controls of video nodes and sub-devices, at once or with a request.

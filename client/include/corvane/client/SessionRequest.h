@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * What a client fills and inspects of a session: requests, and one frame of each port in them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * A mutex that clang's thread-safety analysis understands, and the annotations that go with it.

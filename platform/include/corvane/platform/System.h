@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * The system-call layer: the one door through which the library reaches the kernel.

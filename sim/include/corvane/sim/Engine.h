@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * The virtual engine: a kernel in the process, with media devices that no machine needs to have.

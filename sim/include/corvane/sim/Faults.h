@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Faults in the virtual engine: calls that fail, calls that hang, and how often calls were made.
