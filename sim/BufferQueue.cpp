@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "DeviceCore.h"
+#include "EngineDefaults.h"
 
 namespace NSVista::NSCorvane::sim {
 
@@ -15,9 +16,24 @@ BufferQueue::BufferQueue(DeviceCore& device, const EntityDesc& entity, size_t en
     : mDevice(device),
       mName(entity.name),
       mEntity(entityIndex),
-      mVideo(*entity.video),
+      mVideo(completed(*entity.video)),
       mOrdinal(ordinal),
-      mFormat(mVideo) {
+      mFormat(mVideo),
+      mControls(*mVideo.controls),
+      mBrightness(mControls.find(V4L2_CID_BRIGHTNESS)),
+      mControlValues(mControls.initial()) {
+}
+
+void BufferQueue::setControls(const SomeControlValues& values) {
+    for (size_t i = 0; i < values.size(); ++i)
+        mControlValues[i] = values[i].value_or(mControlValues[i]);
+}
+
+int32_t BufferQueue::brightness() const {
+    if (!mBrightness)
+        return 0;
+    return static_cast<int32_t>(mControlValues[*mBrightness] -
+                                mControls.at(*mBrightness).defaultValue);
 }
 
 int BufferQueue::setFormat(v4l2_format& format) {
@@ -30,15 +46,18 @@ int BufferQueue::requestBuffers(DeviceLock& lock, const void* owner, v4l2_reques
     request.capabilities = V4L2_BUF_CAP_SUPPORTS_DMABUF | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
     if (mVideo.requests != RequestUse::REFUSED)
         request.capabilities |= V4L2_BUF_CAP_SUPPORTS_REQUESTS;
+    request.capabilities = mVideo.queueCapabilities.value_or(request.capabilities);
     request.flags = 0;
-    if (request.memory != V4L2_MEMORY_DMABUF || request.type != mVideo.bufType)
+    if (request.memory != V4L2_MEMORY_DMABUF || request.type != mVideo.bufType ||
+        mVideo.bufType == 0)
         return -EINVAL;
     if (busyFor(owner) || mStreaming)
         return -EBUSY;
 
     cancel(lock);
     mBuffers.clear();
-    request.count = std::min(request.count, mDevice.bufferLimit());
+    if (request.count > 0)
+        request.count = std::min(std::max(request.count, mVideo.minBuffers), bufferLimit());
     mOwner = request.count ? owner : nullptr;
     mBuffers = std::vector<Buffer>(request.count);
     for (uint32_t i = 0; i < request.count; ++i) {
@@ -286,11 +305,18 @@ uint8_t* BufferQueue::planeData(uint32_t index, uint32_t plane) const {
     return buffer.mappings[plane].data() + from.offset + from.dataOffset;
 }
 
+uint32_t BufferQueue::bufferLimit() const {
+    return std::min(mDevice.bufferLimit().value_or(mVideo.maxBuffers), kQueueCapacity);
+}
+
 vengine_picture BufferQueue::picture(uint32_t index) const {
-    uint8_t* planes[kPicturePlanes] = {};
-    for (uint32_t i = 0; i < mFormat.planeCount(); ++i)
+    const vengine_layout& layout = mFormat.drawable();
+    if (layout.num_planes == 0)
+        return {};
+    uint8_t* planes[3] = {};
+    for (uint32_t i = 0; i < layout.num_planes; ++i)
         planes[i] = planeData(index, i);
-    return vengine_map(&mFormat.layout(), planes);
+    return vengine_map(&layout, planes);
 }
 
 void BufferQueue::complete(uint32_t index, bool good, const timespec& time) {

@@ -10,6 +10,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,7 @@ namespace NSVista::NSCorvane::sim {
 
 /** Most buffers that a queue can be told to grant, and most planes that a format has. */
 inline constexpr uint32_t kQueueCapacity = 64;
-inline constexpr uint32_t kPicturePlanes = 3;
+inline constexpr uint32_t kPicturePlanes = VIDEO_MAX_PLANES;
 
 /**
  * A video node's format and buffers, which outlive its descriptors. It keeps to the rules of the
@@ -41,6 +42,9 @@ public:
     /** @name Ioctls. Results are 0 or a negated errno.
      * @{ */
     int setFormat(v4l2_format& format) CORVANE_REQUIRES(deviceState);
+    int setParameters(v4l2_streamparm& parameters) CORVANE_REQUIRES(deviceState) {
+        return mFormat.setParameters(parameters);
+    }
     int requestBuffers(DeviceLock& lock, const void* owner, v4l2_requestbuffers& request)
         CORVANE_REQUIRES(deviceState);
     /** @param request the media request that the buffer names, null for none. */
@@ -76,16 +80,24 @@ public:
      * until the engine gives it back nobody changes its planes or the format.
      */
     uint8_t* planeData(uint32_t index, uint32_t plane) const CORVANE_NO_THREAD_SAFETY_ANALYSIS;
+    /** Of nothing that can be drawn the picture has no format. */
     vengine_picture picture(uint32_t index) const CORVANE_NO_THREAD_SAFETY_ANALYSIS;
+    /** How the planes lie in memory; as with the picture. */
+    const LayoutDesc& layout() const CORVANE_NO_THREAD_SAFETY_ANALYSIS { return mFormat.layout(); }
     /** Ends the processing of a buffer, whose request still has to be told. */
     void complete(uint32_t index, bool good, const timespec& time) CORVANE_REQUIRES(deviceState);
     /** @} */
 
-    /** @name The standard control of a capture node
+    /** @name The node's controls
      * @{ */
-    bool hasControls() const { return capture() && !v4l2::isMeta(mVideo.bufType); }
-    int32_t brightness() const CORVANE_REQUIRES(deviceState) { return mBrightness; }
-    void setBrightness(int32_t value) CORVANE_REQUIRES(deviceState) { mBrightness = value; }
+    const Controls& controls() const { return mControls; }
+    const ControlValues& controlValues() const CORVANE_REQUIRES(deviceState) {
+        return mControlValues;
+    }
+    /** Takes over those values that there are. */
+    void setControls(const SomeControlValues& values) CORVANE_REQUIRES(deviceState);
+    /** What the brightness control adds to the luma, 0 without it. */
+    int32_t brightness() const CORVANE_REQUIRES(deviceState);
     /** @} */
 
     const std::string& name() const { return mName; }
@@ -133,6 +145,7 @@ private:
     int mapPlanes(Buffer& buffer) CORVANE_REQUIRES(deviceState);
     void fill(const Buffer& buffer, v4l2_buffer& user) const CORVANE_REQUIRES(deviceState);
     void cancel(DeviceLock& lock) CORVANE_REQUIRES(deviceState);
+    uint32_t bufferLimit() const CORVANE_REQUIRES(deviceState);
 
     DeviceCore& mDevice;
     const std::string mName;
@@ -150,7 +163,9 @@ private:
     uint32_t mSequence CORVANE_GUARDED_BY(deviceState) = 0;  ///< of the next buffer that is done
     bool mUsesRequests CORVANE_GUARDED_BY(deviceState) = false;
     bool mUsesPlain CORVANE_GUARDED_BY(deviceState) = false;
-    int32_t mBrightness CORVANE_GUARDED_BY(deviceState) = kDefaultBrightness;
+    const Controls mControls;
+    const std::optional<size_t> mBrightness;  ///< place of that control
+    ControlValues mControlValues CORVANE_GUARDED_BY(deviceState);
     uint64_t mRemaps CORVANE_GUARDED_BY(deviceState) = 0;
 };
 

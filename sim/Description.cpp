@@ -24,6 +24,23 @@ EntityDesc& DeviceDesc::addVideoNode(const std::string& name, const VideoDesc& v
     return entities.emplace_back(EntityDesc{name, MEDIA_ENT_F_IO_V4L, {pad}, video});
 }
 
+namespace {
+
+SubDeviceDesc describeSubDevice() {
+    SubDeviceDesc subDevice;
+    subDevice.privateControls.emplace();
+    for (const vengine_control& control : vengine_controls)
+        subDevice.privateControls->push_back({control.id, control.min, control.max, control.def});
+    return subDevice;
+}
+
+}  // namespace
+
+bool ControlDesc::hasValue() const {
+    return type != V4L2_CTRL_TYPE_INTEGER64 && type != V4L2_CTRL_TYPE_CTRL_CLASS &&
+           (flags & V4L2_CTRL_FLAG_HAS_PAYLOAD) == 0;
+}
+
 DeviceDesc describeVirtualEngine(const char* model) {
     DeviceDesc device;
     device.setNames(VENGINE_DRIVER, model ? model : VENGINE_MODEL);
@@ -38,8 +55,11 @@ DeviceDesc describeVirtualEngine(const char* model) {
     }
     core.padFlags.push_back(MEDIA_PAD_FL_SINK);
     device.entities.push_back(core);
-    device.entities.push_back(EntityDesc{
-        VENGINE_SUBDEV_ENTITY, VENGINE_SUBDEV_FUNCTION, {MEDIA_PAD_FL_SOURCE}, {}, true});
+    device.entities.push_back(EntityDesc{VENGINE_SUBDEV_ENTITY,
+                                         VENGINE_SUBDEV_FUNCTION,
+                                         {MEDIA_PAD_FL_SOURCE},
+                                         {},
+                                         describeSubDevice()});
 
     constexpr uint32_t kFixed = MEDIA_LNK_FL_ENABLED | MEDIA_LNK_FL_IMMUTABLE;
     for (uint32_t n = 0; n < VENGINE_PORTS; ++n) {

@@ -36,7 +36,7 @@ bool DevNodes::add(const DeviceDesc& description, DeviceCore& device) {
     DevNode media{description.mediaNode.empty() ? freeName("media") : description.mediaNode,
                   "../../devices/platform/" + std::string(device.info().driver) + ".0/",
                   kMediaMajor, mMediaMinor, &device};
-    if (find(media.path()))
+    if (find(media.path()) || !areFree(description))
         return false;
     ++mMediaMinor;
     device.mediaPath = media.path();
@@ -47,8 +47,11 @@ bool DevNodes::add(const DeviceDesc& description, DeviceCore& device) {
         const EntityDesc& entity = description.entities[i];
         if (!entity.video && !entity.subDevice)
             continue;
-        DevNode node{freeName(entity.video ? "video" : "v4l-subdev"),
-                     media.sysfsDir + "video4linux/", kVideoMajor, mVideoMinor++, &device};
+        const std::pair<unsigned, unsigned> number =
+            entity.node.number.value_or(std::pair(kVideoMajor, freeMinor()));
+        DevNode node{entity.node.name.empty() ? freeName(entity.video ? "video" : "v4l-subdev")
+                                              : entity.node.name,
+                     media.sysfsDir + "video4linux/", number.first, number.second, &device};
         if (entity.video)
             node.queue = (queue++)->get();
         else
@@ -66,6 +69,29 @@ bool DevNodes::add(const DeviceDesc& description, DeviceCore& device) {
 void DevNodes::setOrder(DirectoryOrder order) {
     const MutexLock lock(mMutex);
     mOrder = order;
+}
+
+bool DevNodes::isFree(const std::pair<unsigned, unsigned>& number) const {
+    return std::none_of(mNodes.begin(), mNodes.end(), [&](const DevNode& node) {
+        return node.major == number.first && node.minor == number.second;
+    });
+}
+
+unsigned DevNodes::freeMinor() const {
+    unsigned minor = 0;
+    while (!isFree({kVideoMajor, minor}))
+        ++minor;
+    return minor;
+}
+
+/** Whether the names and numbers that a description asks for can be had. */
+bool DevNodes::areFree(const DeviceDesc& description) const {
+    return std::none_of(
+        description.entities.begin(), description.entities.end(),
+        [this](const EntityDesc& entity) CORVANE_REQUIRES(mMutex) {
+            return (!entity.node.name.empty() && find("/dev/" + entity.node.name) != nullptr) ||
+                   (entity.node.number && !isFree(*entity.node.number));
+        });
 }
 
 std::string DevNodes::freeName(std::string_view prefix) const {

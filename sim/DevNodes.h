@@ -37,7 +37,8 @@ struct DevNode {
 /** The device nodes and the directory streams over them. Any thread. */
 class DevNodes {
 public:
-    /** Adds the nodes of @p device. @return false when @p mediaNode is taken. */
+    /** Adds the nodes of @p device. @return false when a name or number that it asks for is taken.
+     */
     bool add(const DeviceDesc& description, DeviceCore& device);
     void setOrder(DirectoryOrder order);
 
@@ -63,6 +64,9 @@ private:
     std::vector<std::unique_ptr<Directory>>::iterator findDirectory(DIR* dir)
         CORVANE_REQUIRES(mMutex);
     std::string freeName(std::string_view prefix) const CORVANE_REQUIRES(mMutex);
+    bool isFree(const std::pair<unsigned, unsigned>& number) const CORVANE_REQUIRES(mMutex);
+    unsigned freeMinor() const CORVANE_REQUIRES(mMutex);
+    bool areFree(const DeviceDesc& description) const CORVANE_REQUIRES(mMutex);
     const DevNode* find(std::string_view path) const CORVANE_REQUIRES(mMutex);
 
     mutable Mutex mMutex;
@@ -70,7 +74,6 @@ private:
     std::vector<DevNode> mNodes CORVANE_GUARDED_BY(mMutex);  ///< oldest first
     std::vector<std::unique_ptr<Directory>> mDirectories CORVANE_GUARDED_BY(mMutex);
     unsigned mMediaMinor CORVANE_GUARDED_BY(mMutex) = 0;
-    unsigned mVideoMinor CORVANE_GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace NSVista::NSCorvane::sim

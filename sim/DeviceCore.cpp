@@ -11,7 +11,6 @@ DeviceCore::DeviceCore(const DeviceDesc& description, Graph graph, FileTable& fi
       mFiles(files),
       mFaults(faults),
       mGraph(std::move(graph)),
-      mBufferLimit(VENGINE_MAX_BUFFERS),
       mPipeline(*this) {
     uint32_t ordinal = 0;
     for (size_t i = 0; i < description.entities.size(); ++i) {
@@ -19,7 +18,8 @@ DeviceCore::DeviceCore(const DeviceDesc& description, Graph graph, FileTable& fi
         if (entity.video)
             mQueues.push_back(std::make_unique<BufferQueue>(*this, entity, i, ordinal++));
         else if (entity.subDevice)
-            mSubDevices.push_back(std::make_unique<SubDevice>(entity.name, filesOpen));
+            mSubDevices.push_back(
+                std::make_unique<SubDevice>(entity.name, *entity.subDevice, filesOpen));
     }
     mPipeline.start();
 }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -58,7 +59,10 @@ public:
     Graph& graph() CORVANE_REQUIRES(deviceState) { return mGraph; }
     /** MEDIA_IOC_SETUP_LINK: no change of a link whose node streams. */
     int setupLink(const media_link_desc& link) CORVANE_REQUIRES(deviceState);
-    uint32_t bufferLimit() const CORVANE_REQUIRES(deviceState) { return mBufferLimit; }
+    /** In place of what the queues grant. */
+    std::optional<uint32_t> bufferLimit() const CORVANE_REQUIRES(deviceState) {
+        return mBufferLimit;
+    }
     void setBufferLimit(uint32_t limit) CORVANE_REQUIRES(deviceState) { mBufferLimit = limit; }
     /** The brightness control of the first sub-device. */
     int32_t brightness() const;
@@ -83,7 +87,7 @@ private:
     FileTable& mFiles;
     Faults& mFaults;
     Graph mGraph CORVANE_GUARDED_BY(deviceState);
-    uint32_t mBufferLimit CORVANE_GUARDED_BY(deviceState);
+    std::optional<uint32_t> mBufferLimit CORVANE_GUARDED_BY(deviceState);
     std::vector<std::unique_ptr<BufferQueue>> mQueues;
     std::vector<std::unique_ptr<SubDevice>> mSubDevices;
     Pipeline mPipeline;

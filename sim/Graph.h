@@ -30,6 +30,8 @@ public:
      * @{ */
     int enumEntity(media_entity_desc& entity) const;
     int enumLinks(media_links_enum& links) const;
+    /** MEDIA_IOC_G_TOPOLOGY. */
+    int topology(media_v2_topology& topology) const;
     /** @param streaming whether an entity's node streams, which fixes its links. */
     int setupLink(const media_link_desc& link, const std::function<bool(size_t)>& streaming);
     /** @} */
@@ -50,8 +52,11 @@ private:
     struct Entity {
         uint32_t id;
         std::string name;
+        uint32_t function;
         uint32_t type;  ///< function, as enumeration shows it
+        uint32_t flags;
         std::vector<uint32_t> padFlags;
+        uint32_t interface;  ///< MEDIA_INTF_T_* of its node, 0 without one
         unsigned major = 0, minor = 0;
     };
     struct Link {
@@ -59,6 +64,7 @@ private:
         uint32_t flags;
     };
 
+    uint32_t padId(const Pad& pad) const;
     std::optional<Pad> findPad(const std::string& entity, uint32_t index) const;
     std::optional<Pad> findPad(const media_pad_desc& pad) const;
     const Link* findLink(const std::optional<Pad>& source, const std::optional<Pad>& sink) const;

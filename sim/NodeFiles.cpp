@@ -34,19 +34,25 @@ int VideoFile::ioctl(uint32_t code, void* arg) {
         }
         case VIDIOC_STREAMOFF:
             return mQueue.streamOff(lock, this, *static_cast<uint32_t*>(arg));
+        case VIDIOC_TRY_FMT:
+            return mQueue.format().tryOut(*static_cast<v4l2_format*>(arg));
+        case VIDIOC_ENUM_FMT:
+            return mQueue.format().enumerate(*static_cast<v4l2_fmtdesc*>(arg));
         case VIDIOC_ENUM_FRAMESIZES:
-            return enumFrameSize(*static_cast<v4l2_frmsizeenum*>(arg));
-        case VIDIOC_QUERYCTRL:
-        case VIDIOC_QUERY_EXT_CTRL:
-        case VIDIOC_QUERYMENU:
-        case VIDIOC_G_CTRL:
-        case VIDIOC_S_CTRL:
-        case VIDIOC_G_EXT_CTRLS:
-        case VIDIOC_S_EXT_CTRLS:
-        case VIDIOC_TRY_EXT_CTRLS:
-            return controls(code, arg);
+            return mQueue.format().enumerateSizes(*static_cast<v4l2_frmsizeenum*>(arg));
+        case VIDIOC_ENUM_FRAMEINTERVALS:
+            return mQueue.format().enumerateIntervals(*static_cast<v4l2_frmivalenum*>(arg));
+        case VIDIOC_G_PARM:
+            return mQueue.format().getParameters(*static_cast<v4l2_streamparm*>(arg));
+        case VIDIOC_S_PARM:
+            return mQueue.setParameters(*static_cast<v4l2_streamparm*>(arg));
         default:
-            return -ENOTTY;
+            if (!Controls::isTheirs(code))
+                return -ENOTTY;
+            return mQueue.controls().ioctl(
+                code, arg,
+                [this](uint32_t listCode, v4l2_ext_controls& list)
+                    CORVANE_REQUIRES(deviceState) { return listedControls(listCode, list); });
     }
 }
 
@@ -66,85 +72,53 @@ int VideoFile::queueBuffer(DeviceLock& lock, v4l2_buffer& buffer) {
     return result;
 }
 
-int VideoFile::enumFrameSize(v4l2_frmsizeenum& size) const {
-    if (v4l2::isMeta(mQueue.video().bufType))
-        return -ENOTTY;
-    if (size.index > 0 || !Format::known(mQueue.video().bufType, size.pixel_format))
-        return -EINVAL;
-    size.type = V4L2_FRMSIZE_TYPE_STEPWISE;
-    size.stepwise = {VENGINE_MIN_WIDTH,  VENGINE_MAX_WIDTH,  2,
-                     VENGINE_MIN_HEIGHT, VENGINE_MAX_HEIGHT, 2};
-    return 0;
-}
-
-int VideoFile::controls(uint32_t code, void* arg) {
-    if (!mQueue.hasControls())
-        return -ENOTTY;
-    switch (code) {
-        case VIDIOC_QUERYCTRL:
-            return queryControl(*static_cast<v4l2_queryctrl*>(arg));
-        case VIDIOC_QUERY_EXT_CTRL:
-            return queryControl(*static_cast<v4l2_query_ext_ctrl*>(arg));
-        case VIDIOC_QUERYMENU:
-            return -EINVAL;  // of no menu
-        case VIDIOC_G_CTRL:
-        case VIDIOC_S_CTRL: {
-            auto& control = *static_cast<v4l2_control*>(arg);
-            v4l2_ext_control one = {};
-            one.id = control.id;
-            one.value = control.value;
-            v4l2_ext_controls list = {};
-            list.count = 1;
-            list.controls = &one;
-            const int result = listedControls(
-                code == VIDIOC_G_CTRL ? VIDIOC_G_EXT_CTRLS : VIDIOC_S_EXT_CTRLS, list);
-            if (result == 0)
-                control.value = one.value;
-            return result;
-        }
-        default:
-            return listedControls(code, *static_cast<v4l2_ext_controls*>(arg));
-    }
-}
-
 int VideoFile::listedControls(uint32_t code, v4l2_ext_controls& list) {
     const bool get = code == VIDIOC_G_EXT_CTRLS, set = code == VIDIOC_S_EXT_CTRLS;
+    const Controls& controls = mQueue.controls();
     list.error_idx = list.count;
     std::shared_ptr<Request> request;
+    const SomeControlValues* requested = nullptr;
     if (list.which == V4L2_CTRL_WHICH_REQUEST_VAL) {
         request = findRequest(list.request_fd);
         if (request == nullptr || &request->device() != &mDevice)
             return -EINVAL;
         if (get ? !request->complete() : !request->idle())
             return get ? -EACCES : -EBUSY;
+        requested = request->controls(mQueue);
         // A request without the node's controls can be given some, but not asked whether it would.
-        if (!get && !set && !request->control(mQueue))
+        if (!get && !set && requested == nullptr)
             return -ENOMEM;
     }
     if (get) {
-        const bool initial = list.which == V4L2_CTRL_WHICH_DEF_VAL;
-        const int32_t current =
-            request != nullptr ? *request->control(mQueue) : mQueue.brightness();
-        return getControls(list, initial ? kDefaultBrightness : current);
+        ControlValues values =
+            list.which == V4L2_CTRL_WHICH_DEF_VAL ? controls.defaults() : mQueue.controlValues();
+        for (size_t i = 0; requested != nullptr && i < values.size(); ++i)
+            values[i] = (*requested)[i].value_or(values[i]);
+        return controls.get(list, values);
     }
-    std::optional<int32_t> brightness;
-    const int result = setControls(list, set, brightness);
-    if (!set || !brightness)
+    SomeControlValues values =
+        requested != nullptr ? *requested : SomeControlValues(controls.size());
+    const int result = controls.set(list, set, values);
+    if (!set || result < 0)
         return result;
     if (request != nullptr)
-        request->setControl(mQueue, *brightness);
+        request->setControls(mQueue, values);
     else
-        mQueue.setBrightness(*brightness);
+        mQueue.setControls(values);
     return result;
 }
 
 void VideoFile::queryCapabilities(v4l2_capability& capability) const {
-    memset(&capability, 0, sizeof(capability));
-    memcpy(capability.driver, mDevice.info().driver, sizeof(capability.driver) - 1);
-    mQueue.name().copy(reinterpret_cast<char*>(capability.card), sizeof(capability.card) - 1);
-    memcpy(capability.bus_info, mDevice.info().bus_info, sizeof(capability.bus_info) - 1);
-    capability.version = mDevice.info().driver_version;
     const VideoDesc& video = mQueue.video();
+    const media_device_info& info = mDevice.info();
+    const auto put = [](const std::string& text, auto& field) {
+        text.copy(reinterpret_cast<char*>(field), sizeof(field) - 1);
+    };
+    memset(&capability, 0, sizeof(capability));
+    put(video.driver.empty() ? v4l2::fixedText(info.driver) : video.driver, capability.driver);
+    put(video.card.empty() ? std::string(mQueue.name()) : video.card, capability.card);
+    put(video.bus.empty() ? v4l2::fixedText(info.bus_info) : video.bus, capability.bus_info);
+    capability.version = video.version != 0 ? video.version : info.driver_version;
     const v4l2::BufferType* type = v4l2::findBufferType(video.bufType);
     uint32_t own = (type != nullptr ? type->caps : 0) | V4L2_CAP_STREAMING |
                    V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_IO_MC;
@@ -183,6 +157,8 @@ int MediaFile::ioctl(uint32_t code, void* arg) {
             return mDevice.graph().enumEntity(*static_cast<media_entity_desc*>(arg));
         case MEDIA_IOC_ENUM_LINKS:
             return mDevice.graph().enumLinks(*static_cast<media_links_enum*>(arg));
+        case MEDIA_IOC_G_TOPOLOGY:
+            return mDevice.graph().topology(*static_cast<media_v2_topology*>(arg));
         case MEDIA_IOC_SETUP_LINK:
             return mDevice.setupLink(*static_cast<media_link_desc*>(arg));
         default:

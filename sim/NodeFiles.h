@@ -28,9 +28,7 @@ public:
 
 private:
     int queueBuffer(DeviceLock& lock, v4l2_buffer& buffer) CORVANE_REQUIRES(deviceState);
-    int controls(uint32_t code, void* arg) CORVANE_REQUIRES(deviceState);
     int listedControls(uint32_t code, v4l2_ext_controls& list) CORVANE_REQUIRES(deviceState);
-    int enumFrameSize(v4l2_frmsizeenum& size) const;
     /** @return null for a descriptor that is no request. */
     std::shared_ptr<Request> findRequest(int fd) const;
     void queryCapabilities(v4l2_capability& capability) const;

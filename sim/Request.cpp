@@ -14,7 +14,8 @@ namespace NSVista::NSCorvane::sim {
 Request::Request(DeviceCore& device) : mDevice(device) {
     mJob.request = this;
     mJob.buffers.reserve(device.queues().size());
-    mControls.reserve(device.queues().size());
+    for (const auto& queue : device.queues())
+        mControls.push_back({false, SomeControlValues(queue->controls().size())});
     ++mDevice.requestsAlive;
 }
 
@@ -46,7 +47,10 @@ int Request::reinit() {
     for (const BufferRef& buffer : mJob.buffers)
         buffer.queue->abandon(buffer.index);
     mJob.buffers.clear();
-    mControls.clear();
+    for (NodeControls& node : mControls) {
+        node.isThere = false;
+        std::fill(node.values.begin(), node.values.end(), std::nullopt);
+    }
     mState = State::IDLE;
     mSignal.lower();
     return 0;
@@ -67,28 +71,30 @@ void Request::unbind(const BufferRef& buffer) {
         finish();
 }
 
-void Request::setControl(BufferQueue& queue, int32_t brightness) {
-    std::erase_if(mControls, [&](const ControlValue& value) { return value.queue == &queue; });
-    mControls.push_back({&queue, brightness});
+void Request::setControls(const BufferQueue& queue, const SomeControlValues& values) {
+    mControls[queue.ordinal()] = {true, values};
 }
 
-std::optional<int32_t> Request::control(const BufferQueue& queue) const {
-    for (const ControlValue& value : mControls)
-        if (value.queue == &queue)
-            return value.brightness;
-    return std::nullopt;
+const SomeControlValues* Request::controls(const BufferQueue& queue) const {
+    const NodeControls& node = mControls[queue.ordinal()];
+    return node.isThere ? &node.values : nullptr;
 }
 
 void Request::applyControls() {
-    for (const ControlValue& value : mControls)
-        value.queue->setBrightness(value.brightness);
+    for (size_t i = 0; i < mControls.size(); ++i)
+        if (mControls[i].isThere)
+            mDevice.queues()[i]->setControls(mControls[i].values);
 }
 
 void Request::finish() {
     mJob.buffers.clear();
-    for (const auto& queue : mDevice.queues())
-        if (!control(*queue))
-            mControls.push_back({queue.get(), queue->brightness()});
+    for (size_t i = 0; i < mControls.size(); ++i) {
+        NodeControls& node = mControls[i];
+        node.isThere = true;
+        const ControlValues& current = mDevice.queues()[i]->controlValues();
+        for (size_t n = 0; n < current.size(); ++n)
+            node.values[n] = node.values[n].value_or(current[n]);
+    }
     mState = State::COMPLETE;
     mSignal.raise();
 }

@@ -11,6 +11,7 @@
 #include <optional>
 #include <vector>
 
+#include "Controls.h"
 #include "File.h"
 #include "Locks.h"
 #include "PriorityFd.h"
@@ -65,8 +66,10 @@ public:
     void unbind(const BufferRef& buffer) CORVANE_REQUIRES(deviceState);
     /** @name Controls that the request sets; a completed one has those of every node
      * @{ */
-    void setControl(BufferQueue& queue, int32_t brightness) CORVANE_REQUIRES(deviceState);
-    std::optional<int32_t> control(const BufferQueue& queue) const CORVANE_REQUIRES(deviceState);
+    void setControls(const BufferQueue& queue, const SomeControlValues& values)
+        CORVANE_REQUIRES(deviceState);
+    /** Null where the request holds none of the node. */
+    const SomeControlValues* controls(const BufferQueue& queue) const CORVANE_REQUIRES(deviceState);
     void applyControls() CORVANE_REQUIRES(deviceState);
     /** @} */
     /** All buffers are done. */
@@ -79,14 +82,15 @@ public:
 
 private:
     enum class State { IDLE, QUEUED, COMPLETE };
-    struct ControlValue {
-        BufferQueue* queue;
-        int32_t brightness;
+    /** Of one node, whose place among the device's is this one's. */
+    struct NodeControls {
+        bool isThere = false;
+        SomeControlValues values;
     };
     DeviceCore& mDevice;
     State mState CORVANE_GUARDED_BY(deviceState) = State::IDLE;
     Job mJob CORVANE_GUARDED_BY(deviceState);  ///< its buffers are those bound to the request
-    std::vector<ControlValue> mControls CORVANE_GUARDED_BY(deviceState);
+    std::vector<NodeControls> mControls CORVANE_GUARDED_BY(deviceState);
     PriorityFd mSignal CORVANE_GUARDED_BY(deviceState);
 };
 

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <linux/ioctl.h>
+#include <linux/v4l2-subdev.h>
 #include <cerrno>
 #include <cstring>
 
@@ -13,13 +14,25 @@ namespace NSVista::NSCorvane::sim {
 
 namespace {
 
-const vengine_control* findControl(int32_t id) {
-    auto at = std::find_if(std::begin(vengine_controls), std::end(vengine_controls),
-                           [id](const vengine_control& control) { return control.id == id; });
-    return at == std::end(vengine_controls) ? nullptr : at;
+template <class List>
+auto findControl(List& controls, int32_t id) {
+    return std::find_if(controls.begin(), controls.end(),
+                        [id](const PrivateControlDesc& control) { return control.id == id; });
 }
 
 }  // namespace
+
+SubDevice::SubDevice(std::string name, const SubDeviceDesc& desc, std::atomic<size_t>& filesOpen)
+    : mName(std::move(name)),
+      mFilesOpen(filesOpen),
+      mVersion(desc.version),
+      mCapabilities(desc.capabilities),
+      mSendsFrameSync(desc.sendsFrameSync),
+      mIsPrivate(desc.privateControls.has_value()),
+      mPrivateControls(desc.privateControls.value_or(std::vector<PrivateControlDesc>())),
+      mControls(desc.controls),
+      mControlValues(mControls.initial()) {
+}
 
 int SubDevice::open(int flags, const std::string& path, FileTable& files) {
     bool nonBlocking = flags & O_NONBLOCK;
@@ -45,21 +58,35 @@ int32_t SubDevice::control(int32_t id) const {
 }
 
 int SubDevice::setControl(int32_t id, int32_t value) {
-    const vengine_control* control = findControl(id);
-    if (control == nullptr)
+    const auto control = findControl(mPrivateControls, id);
+    if (control == mPrivateControls.end())
         return -EINVAL;
-    if (value < control->min || value > control->max)
+    if (value < control->minimum || value > control->maximum)
         return -ERANGE;
-    mControls[static_cast<size_t>(control - vengine_controls)] = value;
+    control->value = value;
     return 0;
 }
 
 int SubDevice::getControl(int32_t id, int32_t& value) const {
-    const vengine_control* control = findControl(id);
-    if (control == nullptr)
+    const auto control = findControl(mPrivateControls, id);
+    if (control == mPrivateControls.end())
         return -EINVAL;
-    value = mControls[static_cast<size_t>(control - vengine_controls)];
+    value = control->value;
     return 0;
+}
+
+int SubDevice::listedControls(uint32_t code, v4l2_ext_controls& list) {
+    if (list.which == V4L2_CTRL_WHICH_REQUEST_VAL)
+        return -EINVAL;
+    if (code == VIDIOC_G_EXT_CTRLS)
+        return mControls.get(
+            list, list.which == V4L2_CTRL_WHICH_DEF_VAL ? mControls.defaults() : mControlValues);
+    SomeControlValues values(mControls.size());
+    const bool set = code == VIDIOC_S_EXT_CTRLS;
+    const int result = mControls.set(list, set, values);
+    for (size_t i = 0; set && result == 0 && i < values.size(); ++i)
+        mControlValues[i] = values[i].value_or(mControlValues[i]);
+    return result;
 }
 
 void SubDevice::frameDone(uint32_t frame, const timespec& time) {
@@ -105,6 +132,25 @@ int SubDeviceFile::ioctl(uint32_t code, void* arg) {
             return unsubscribe(*static_cast<v4l2_event_subscription*>(arg));
         case VIDIOC_DQEVENT:
             return dequeueEvent(lock, *static_cast<v4l2_event*>(arg));
+        case VIDIOC_SUBDEV_QUERYCAP: {
+            auto& capability = *static_cast<v4l2_subdev_capability*>(arg);
+            capability = {};
+            capability.version = mDevice.mVersion;
+            capability.capabilities = mDevice.mCapabilities;
+            return 0;
+        }
+        default:
+            if (Controls::isTheirs(code))
+                return mDevice.mControls.ioctl(
+                    code, arg,
+                    [this](uint32_t listCode, v4l2_ext_controls& list) CORVANE_REQUIRES(
+                        subDeviceState) { return mDevice.listedControls(listCode, list); });
+            return mDevice.mIsPrivate ? privateIoctl(code, arg) : -ENOTTY;
+    }
+}
+
+int SubDeviceFile::privateIoctl(uint32_t code, void* arg) {
+    switch (code) {
         case KVXDIP_IOC_SET_CONTROL: {
             auto& control = *static_cast<kvxdip_control*>(arg);
             return mDevice.setControl(control.id, control.value);
@@ -149,7 +195,8 @@ int SubDeviceFile::ioctl(uint32_t code, void* arg) {
 }
 
 int SubDeviceFile::subscribe(const v4l2_event_subscription& subscription) {
-    if (subscription.type != V4L2_EVENT_FRAME_SYNC || subscription.id != 0)
+    if (!mDevice.mSendsFrameSync || subscription.type != V4L2_EVENT_FRAME_SYNC ||
+        subscription.id != 0)
         return -EINVAL;
     mSubscribed = true;
     return 0;

@@ -18,6 +18,7 @@
 
 #include <corvane/sim/Engine.h>
 
+#include "Controls.h"
 #include "File.h"
 #include "Holdings.h"
 #include "Locks.h"
@@ -33,8 +34,7 @@ class SubDeviceFile;
 class SubDevice {
 public:
     /** @param filesOpen the device's count of open descriptors. */
-    SubDevice(std::string name, std::atomic<size_t>& filesOpen)
-        : mName(std::move(name)), mFilesOpen(filesOpen) {}
+    SubDevice(std::string name, const SubDeviceDesc& desc, std::atomic<size_t>& filesOpen);
 
     /** @return a new descriptor or the negated errno. */
     int open(int flags, const std::string& path, FileTable& files);
@@ -51,13 +51,18 @@ private:
     friend class SubDeviceFile;
     int setControl(int32_t id, int32_t value) CORVANE_REQUIRES(subDeviceState);
     int getControl(int32_t id, int32_t& value) const CORVANE_REQUIRES(subDeviceState);
+    /** Standard controls, of which requests know nothing. */
+    int listedControls(uint32_t code, v4l2_ext_controls& list) CORVANE_REQUIRES(subDeviceState);
 
     mutable Mutex mMutex;
     std::condition_variable mEventQueued;
     const std::string mName;
     std::atomic<size_t>& mFilesOpen;
-    std::array<int32_t, VENGINE_CONTROLS> mControls CORVANE_GUARDED_BY(subDeviceState) = {
-        vengine_controls[0].def, vengine_controls[1].def};
+    const uint32_t mVersion, mCapabilities;
+    const bool mSendsFrameSync, mIsPrivate;
+    std::vector<PrivateControlDesc> mPrivateControls CORVANE_GUARDED_BY(subDeviceState);
+    const Controls mControls;
+    ControlValues mControlValues CORVANE_GUARDED_BY(subDeviceState);
     std::vector<SubDeviceFile*> mFiles CORVANE_GUARDED_BY(subDeviceState);
     std::vector<IoctlRecord> mRecords CORVANE_GUARDED_BY(subDeviceState);
     SubDeviceCounts mPast CORVANE_GUARDED_BY(
@@ -79,6 +84,7 @@ public:
 
 private:
     friend class SubDevice;
+    int privateIoctl(uint32_t code, void* arg) CORVANE_REQUIRES(subDeviceState);
     int subscribe(const v4l2_event_subscription& subscription) CORVANE_REQUIRES(subDeviceState);
     int unsubscribe(const v4l2_event_subscription& subscription) CORVANE_REQUIRES(subDeviceState);
     int dequeueEvent(SubDeviceLock& lock, v4l2_event& event) CORVANE_REQUIRES(subDeviceState);

@@ -83,7 +83,7 @@ public:
     /** Path of an entity's node, empty without one. */
     std::string nodePath(const std::string& entity) const;
 
-    /** Most buffers that VIDIOC_REQBUFS grants a node: 1 to 64, at first VENGINE_MAX_BUFFERS. */
+    /** Most buffers that VIDIOC_REQBUFS grants every node: 1 to 64; at first what they say. */
     void setBufferLimit(unsigned limit);
     /** Sets when requests complete, those in flight included where they wait for a group. */
     void setTiming(const Timing& timing);
@@ -146,7 +146,7 @@ public:
     /**
      * Adds a media device with its nodes.
      * @return the device, owned by the engine; null when a link names an entity or a pad that the
-     *         description does not have, or the media node's name is taken.
+     *         description does not have, or a node's name or number is taken.
      */
     Device* addDevice(const DeviceDesc& description);
     void setDirectoryOrder(DirectoryOrder order);

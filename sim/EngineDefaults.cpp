@@ -1,0 +1,106 @@
+#include "EngineDefaults.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include <corvane/V4L2.h>
+
+#include "vengine-picture.h"
+
+namespace NSVista::NSCorvane::sim {
+
+namespace {
+
+/** As the kernel describes formats. */
+const char* describe(uint32_t fourcc) {
+    switch (fourcc) {
+        case V4L2_PIX_FMT_NV12M:
+            return "Y/UV 4:2:0 (N-C)";
+        case V4L2_PIX_FMT_YUV420M:
+            return "Planar YUV 4:2:0 (N-C)";
+        case V4L2_PIX_FMT_NV12:
+            return "Y/UV 4:2:0";
+        case V4L2_PIX_FMT_YUYV:
+            return "YUYV 4:2:2";
+        case V4L2_PIX_FMT_GREY:
+            return "8-bit Greyscale";
+        default:
+            return "";
+    }
+}
+
+AnswerDesc answerOf(uint32_t fourcc, uint32_t width, uint32_t height) {
+    const vengine_layout layout =
+        vengine_layout_of(fourcc, vengine_clamp_size(width, VENGINE_MIN_WIDTH, VENGINE_MAX_WIDTH),
+                          vengine_clamp_size(height, VENGINE_MIN_HEIGHT, VENGINE_MAX_HEIGHT));
+    AnswerDesc answer{width, height, {layout.width, layout.height, {}}};
+    for (uint32_t i = 0; i < layout.num_planes; ++i)
+        answer.layout.planes.push_back({layout.bytesperline[i], layout.sizeimage[i]});
+    return answer;
+}
+
+FormatDesc pictureFormat(uint32_t fourcc) {
+    FormatDesc format;
+    format.fourcc = fourcc;
+    format.description = describe(fourcc);
+    format.sizes.push_back(
+        {V4L2_FRMSIZE_TYPE_STEPWISE,
+         {VENGINE_MIN_WIDTH, VENGINE_MAX_WIDTH, 2, VENGINE_MIN_HEIGHT, VENGINE_MAX_HEIGHT, 2},
+         {}});
+    for (const auto& [width, height] : kProbedSizes)
+        format.answers.push_back(answerOf(fourcc, width, height));
+    return format;
+}
+
+FormatDesc metadataFormat(uint32_t fourcc) {
+    FormatDesc format;
+    format.fourcc = fourcc;
+    format.description = v4l2::fourccText(fourcc);
+    format.answers = {{0, 0, {0, 0, {{0, VENGINE_META_SIZE}}}}};
+    return format;
+}
+
+std::vector<FormatDesc> ownFormats(const VideoDesc& video) {
+    std::vector<FormatDesc> formats;
+    if (v4l2::isMeta(video.bufType))
+        formats.push_back(metadataFormat(video.format));
+    else if (v4l2::isMultiPlanar(video.bufType))
+        std::transform(std::begin(vengine_mplane_formats), std::end(vengine_mplane_formats),
+                       std::back_inserter(formats), pictureFormat);
+    else
+        std::transform(std::begin(vengine_splane_formats), std::end(vengine_splane_formats),
+                       std::back_inserter(formats), pictureFormat);
+    return formats;
+}
+
+/** The brightness of nodes that capture pictures; the control framework adds the class itself. */
+std::vector<ControlDesc> ownControls(const VideoDesc& video) {
+    if (video.bufType == 0 || v4l2::isMeta(video.bufType) || v4l2::isOutput(video.bufType))
+        return {};
+    ControlDesc heading;
+    heading.id = V4L2_CID_USER_CLASS;
+    heading.name = "User Controls";
+    heading.type = V4L2_CTRL_TYPE_CTRL_CLASS;
+    heading.flags = V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY;
+    ControlDesc brightness;
+    brightness.id = V4L2_CID_BRIGHTNESS;
+    brightness.name = "Brightness";
+    brightness.minimum = -VENGINE_PORT_BRIGHTNESS;
+    brightness.maximum = VENGINE_PORT_BRIGHTNESS;
+    brightness.step = 1;
+    brightness.flags = V4L2_CTRL_FLAG_SLIDER;
+    return {heading, brightness};
+}
+
+}  // namespace
+
+VideoDesc completed(const VideoDesc& video) {
+    VideoDesc whole = video;
+    if (whole.formats.empty() && whole.bufType != 0)
+        whole.formats = ownFormats(video);
+    if (!whole.controls)
+        whole.controls = ownControls(video);
+    return whole;
+}
+
+}  // namespace NSVista::NSCorvane::sim
