@@ -8,13 +8,18 @@ if(NOT QEMU)
 endif()
 include(GoogleTest)
 
-# corvane_test(NAME SOURCES...): a program of tests; the caller links the libraries under test. It is
-# compiled without optimisation where that is not the point of the build: the compiler takes less than
-# half the time, the test no longer.
-function(corvane_test name)
+# corvane_test_program(NAME SOURCES...): a program of tests; the caller links the libraries under test.
+# It is compiled without optimisation where that is not the point of the build: the compiler takes less
+# than half the time, the test no longer.
+function(corvane_test_program name)
     add_executable(${name} ${ARGN})
     target_compile_options(${name} PRIVATE $<$<NOT:$<CONFIG:Release>>:-O0>)
     target_link_libraries(${name} PRIVATE corvane_build corvane_test_support GTest::gtest_main)
+endfunction()
+
+# corvane_test(NAME SOURCES...): the same, whose tests run on this machine.
+function(corvane_test name)
+    corvane_test_program(${ARGV})
     gtest_discover_tests(${name})
 endfunction()
 

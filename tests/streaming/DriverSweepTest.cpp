@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: Apache-2.0
+// Whole lives of a client on the driver, each of whose operations is refused at its first and at
+// its second call. How that has to end stands in a table; the driver tells that nothing is left.
+#include <corvane/IDefaultSubDeviceProvider.h>
+#include <corvane/IDeviceEnumerator.h>
+#include <corvane/IV4L2SubDevice.h>
+#include <corvane/platform/Service.h>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Rig.h"
+#include "vengine-fault.h"
+
+namespace NSVista::NSCorvane::test {
+namespace {
+
+enum class Ending {
+    UNSEEN,    ///< the client's life goes on
+    RETURNED,  ///< an operation fails
+    SERVICE,   ///< it is reported, and the service is to end
+    FATAL,     ///< the process ends at once
+};
+
+struct Refusal {
+    std::string fault;  ///< operation, errno and call; without a call, both
+    Ending ending;
+    std::string line;  ///< of the log
+};
+
+const Refusal kRefusals[] = {
+    {"querycap -5", Ending::SERVICE, "[openDevice] Failed to query device capability: -5"},
+    {"g_fmt -5", Ending::SERVICE, "[getFormat] Failed to get device format: -5"},
+    {"s_fmt -5", Ending::SERVICE, "[setFormat] Failed to set device format: -5"},
+    {"reqbufs -12", Ending::SERVICE, "[importBuffer] VIDIOC_REQBUFS count=3 ret=-12"},
+    {"qbuf -5", Ending::RETURNED, "[queueBuffer] Failed to queue buffer vengine-"},
+    {"dqbuf -5", Ending::RETURNED, "[dequeBuffer] Failed to dequeue buffer: -5"},
+    {"streamon -5", Ending::SERVICE, "[start] Failed to start port"},
+    {"streamoff -5", Ending::SERVICE, "[stop] Failed to stop port"},
+    {"buffer -5", Ending::UNSEEN, ""},
+    {"request_alloc -12", Ending::FATAL, "Bad request fd < 0"},
+    {"request_queue -5", Ending::FATAL, "Failed to queue media request"},
+    {"request_reinit -16", Ending::FATAL, "Failed to reinit media request: -16"},
+    {"setup_link -5", Ending::SERVICE, "MEDIA_IOC_SETUP_LINK fail err=-5"},
+    {"subscribe_event -5", Ending::SERVICE, "Failed to VIDIOC_SUBSCRIBE_EVENT: -5"},
+    {"unsubscribe_event -5", Ending::SERVICE, "Failed to VIDIOC_UNSUBSCRIBE_EVENT: -5"},
+    {"dqevent -5", Ending::RETURNED, ""},
+    {"add_kva -5", Ending::SERVICE, "Failed to KVXDIP_IOC_ADD_KVA: -5"},
+    {"del_kva -5", Ending::SERVICE, "Failed to KVXDIP_IOC_DEL_KVA: -5"},
+    {"s_init_info -5", Ending::SERVICE, "Failed to KVXDIP_IOC_S_INIT_INFO: -5"},
+    {"set_control -5", Ending::RETURNED, "Failed to KVXDIP_IOC_SET_CONTROL: -5"},
+    {"get_control -5", Ending::RETURNED, "Failed to KVXDIP_IOC_GET_CONTROL: -5"},
+    {"add_fence -5", Ending::SERVICE, "Failed to KVXDIP_IOC_ADD_FENCE: -5"},
+    {"del_fence -5", Ending::SERVICE, "Failed to KVXDIP_IOC_DEL_FENCE: -5"},
+    {"aloc_buf -12", Ending::SERVICE, "[requestMemory] Failed on ("},
+    {"free_buf -5", Ending::SERVICE, "[requestMemory] Failed on ("},
+    {"clear_user_resource -5", Ending::RETURNED, "KVXDIP_IOC_CLEAR_USER_RESOURCE"},
+    {"acquire_iova -5", Ending::SERVICE, "KVXDIP_IOC_ACQUIRE_IOVA:-5"},
+    {"release_iova -5", Ending::RETURNED, "KVXDIP_IOC_RELEASE_IOVA:-5"},
+};
+
+constexpr int kBuffers = 3;
+bool serviceEnds = false;
+
+/**
+ * A life's steps. A failed one ends it, and so does the service's end, but all that was begun is
+ * given back.
+ */
+class Life {
+public:
+    /** @return false from the first failure on, whose result is told. */
+    bool step(const char* name, int result) {
+        if (serviceEnds)
+            result = -ECANCELED;
+        mIsWhole &= result >= 0;
+        if (result < 0)
+            fprintf(stderr, "@failed %s %d\n", name, result);
+        return mIsWhole;
+    }
+    bool isWhole() const { return mIsWhole; }
+
+private:
+    bool mIsWhole = true;
+};
+
+void negotiate(Life& life) {
+    Rig rig(2);
+    if (!life.step("init", rig.init()))
+        return;
+    rig.scene->acquire();
+    PixelFormat format{};
+    for (int port = 0; port < 2 && life.isWhole(); ++port)
+        life.step("getFormat", rig.scene->getFormat(rig.scene->queryPort(port), format)) &&
+            life.step("setFormat", rig.scene->setFormat(rig.scene->queryPort(port), format));
+}
+
+/** @return false when a buffer stayed with the driver, which only a stop without looking ends. */
+bool cycle(Life& life, Rig& rig, unsigned round) {
+    const size_t slot = round % kBuffers;
+    rig.fill(slot);
+    if (!life.step("queue", rig.queue(slot)) || !rig.waitDone(round + 1))
+        return false;
+    rig.takeDone();
+    for (int waited = 0; rig.withDriver() != 0; ++waited) {
+        if (waited == 200)
+            return life.step("dequeue", -1);
+        usleep(1000);
+    }
+    return true;
+}
+
+void stream(Life& life) {
+    Rig rig(2);
+    const int started = rig.start(kBuffers);
+    if (life.step("start", started)) {
+        unsigned round = 0;
+        while (round < 2 * kBuffers && cycle(life, rig, round))
+            ++round;
+    }
+    rig.events.reset();
+    if (started == 0)
+        life.step("stop", rig.stop());
+}
+
+void useSubDevice(Life& life) {
+    auto& provider = *IDefaultSubDeviceProvider::instance();
+    auto device = provider.acquire("user");
+    if (life.step("acquire", device == nullptr ? -1 : 0)) {
+        uint64_t info[2] = {};
+        int value = 0;
+        v4l2_event event;
+        client::DmaBuf memory;
+        Platform::instance().source().allocate(4096, memory);
+        const std::unordered_set<int> fds = {memory.fd()};
+        for (int round = 0; round < 2; ++round) {
+            std::vector<int> fences(2);
+            life.step("setInitInfo", device->setInitInfo(reinterpret_cast<init_info*>(info)));
+            life.step("setControl", device->setControl(VENGINE_CTRL_USER, 1));
+            life.step("getControl", device->getControl(VENGINE_CTRL_USER, &value));
+            life.step("allocate", device->requestMemory({true, 0, 0}));
+            life.step("free", device->requestMemory({false, 0, 0}));
+            life.step("mapKVA", device->mapKVA(fds));
+            life.step("unmapKVA", device->unmapKVA(fds));
+            life.step("mapIOVA", device->mapIOVA(memory.fd(), true));
+            life.step("unmapIOVA", device->unmapIOVA(memory.fd(), true));
+            life.step("acquireFenceFd", device->acquireFenceFd(fences));
+            life.step("releaseFenceFd", device->releaseFenceFd(fences));
+            const int pending = device->queryEvent(event);
+            life.step("queryEvent", pending == -ENOENT ? 0 : pending);
+            life.step("releaseUserResource", device->releaseUserResource(0, 0));
+        }
+    }
+    provider.release("user", device);
+    life.step("release", 0);
+}
+
+bool live() {
+    Life life;
+    negotiate(life);
+    stream(life);
+    useSubDevice(life);
+    useSubDevice(life);
+    return life.isWhole();
+}
+
+/** Lives with a fault, then without: the process that survived it is as good as new. */
+[[noreturn]] void liveWith(const std::string& fault) {
+    alarm(60);
+    Utils::setExceptionHandler([](const char*, const char*) { fputs("@reported\n", stderr); });
+    Utils::setTerminateHandler([] { serviceEnds = true; });
+    const Platform& platform = Platform::instance();
+    const DefaultMediaConfigs configs{platform.model(), VENGINE_SUBDEV_ENTITY};
+    registerDefaultMediaConfigs(&configs);
+    platform.order(fault);
+    live();
+    platform.order("clear");
+    fputs(serviceEnds ? "@terminated @again\n" : "@again\n", stderr);
+    serviceEnds = false;
+    exit(live() ? 0 : 1);
+}
+
+std::string readTestFile(const char* name) {
+    std::ifstream file(std::string("/sys/kernel/debug/vengine/") + name);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+testing::Matcher<const std::string&> told(Ending ending, const std::string& line) {
+    using testing::AllOf;
+    using testing::HasSubstr;
+    using testing::Not;
+    const auto has = [](const char* text, bool is) -> testing::Matcher<const std::string&> {
+        return is ? testing::Matcher<const std::string&>(HasSubstr(text)) : Not(HasSubstr(text));
+    };
+    return AllOf(HasSubstr(line), has("@reported", ending == Ending::SERVICE),
+                 has("@terminated", ending == Ending::SERVICE),
+                 has("@failed", ending == Ending::RETURNED || ending == Ending::SERVICE),
+                 has("@again", ending != Ending::FATAL));
+}
+
+TEST(DriverSweep, EveryRefusalEndsAsItHasToAndLeavesNothing) {
+    std::set<std::string> swept;
+    for (const Refusal& refusal : kRefusals) {
+        for (const char* const nth : {" 1", " 2"}) {
+            const std::string fault = refusal.fault + nth;
+            SCOPED_TRACE(fault);
+            swept.insert(fault.substr(0, fault.find(' ')));
+            const auto ended = [&refusal](int status) {
+                return refusal.ending == Ending::FATAL ? testing::KilledBySignal(SIGABRT)(status)
+                                                       : testing::ExitedWithCode(0)(status);
+            };
+            EXPECT_EXIT(liveWith(fault), ended, told(refusal.ending, refusal.line));
+            EXPECT_EQ(readTestFile("fault"), "") << "it was never called so often";
+            EXPECT_THAT(readTestFile("counts"), testing::Not(testing::ContainsRegex(" [1-9]")));
+            Platform::instance().order("clear");
+        }
+    }
+    EXPECT_EQ(swept.size(), size_t{VENGINE_OPS});
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane::test
