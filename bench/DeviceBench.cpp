@@ -17,6 +17,7 @@
 #include <string>
 #include <tuple>
 
+#include "GuestMarks.h"
 #include "TinyMonitor.h"
 #include "Way.h"
 #include "support/Allocations.h"
@@ -121,7 +122,9 @@ public:
         const int64_t own = processInNs();
         const int64_t switched = switches();
         const uint64_t allocated = test::allocations;
+        markGuestBegin();
         way->run(mRequests);
+        markGuestEnd();
         // In the order of what disturbs most.
         const int64_t ownAfter = processInNs();
         print("instructions", double(ownAfter - own), true);

@@ -70,6 +70,20 @@ def device(results):
     return "\n".join(parts)
 
 
+def profile(results):
+    objects = ["kernel", "[vdso]", "libc", "libcorvane_platform", "libcorvane_v4l2_linux",
+               "libcorvane_client", "corvane-bench-device"]
+    rows = []
+    for entry in results:
+        spent = entry["objects"]
+        other = sum(spent.values()) - sum(spent.get(name, 0) for name in objects)
+        rows.append([entry["ports"], entry["way"], entry["instructions"],
+                     *(round(spent.get(name, 0)) for name in objects), round(other)])
+    return "Instructions a request by the object that they are in:\n\n" + table(
+        ["ports", "way", "all", *(name.removeprefix("libcorvane_").removeprefix("corvane-")
+                                  for name in objects), "other"], rows)
+
+
 def looking(results):
     plain = {entry["ports"]: entry["instructions"] for entry in results
              if entry["looking"] == "nothing"}
@@ -80,7 +94,8 @@ def looking(results):
           entry["allocations"]] for entry in results])
 
 
-SECTIONS = {"library": library, "growth": growth, "device": device, "looking": looking}
+SECTIONS = {"library": library, "growth": growth, "device": device, "profile": profile,
+            "looking": looking}
 
 TEXTS = {
     "library": ("The library alone",
@@ -96,6 +111,9 @@ TEXTS = {
                "default does for several ports. *Library* is watched by the least that an event "
                "monitor can be, but\nfor one line with `EpollEventMonitor`. Instructions are the "
                "process's own, kernel included; times are\nthe whole machine's."),
+    "profile": ("Profile",
+                "The same driver, one in flight: a plugin of QEMU's counts each block that is "
+                "executed. What is outside\nof the process's objects is the kernel's."),
     "looking": ("Looking", "A log to a file in memory, a timeline to one, or the kernel's marker."),
 }
 
