@@ -2,6 +2,8 @@
 #include <corvane/V4L2VideoDevice.h>
 #include <corvane/client/SceneSession.h>
 #include <corvane/client/VideoNode.h>
+#include <corvane/mc/MediaDevice.h>
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/UniqueFd.h>
@@ -31,10 +33,6 @@ constexpr size_t kMaxPorts = 61;
 constexpr milliseconds kDestructorDrain{1000};
 constexpr milliseconds kLastDequeues{1000};
 
-nanoseconds monotonicNow() {
-    return std::chrono::steady_clock::now().time_since_epoch();
-}
-
 uint64_t bitOf(size_t ordinal) {
     return uint64_t{1} << ordinal;
 }
@@ -49,6 +47,24 @@ std::string clashOf(const SessionPort& a, const SessionPort& b) {
     if (a.index == b.index)
         return both + " have the same index " + std::to_string(a.index);
     return a.entity == b.entity ? both + " use the same entity " + quoted(a.entity) : std::string();
+}
+
+/** @return why a link cannot be enabled, null when nothing speaks against it. */
+const char* wrongWithLink(const IMediaDevice& media, const SessionLink& link) {
+    if (!media.hasEntity(link.sourceEntity) || !media.hasEntity(link.sinkEntity))
+        return media.hasEntity(link.sourceEntity) ? "the device has no such sink entity"
+                                                  : "the device has no such source entity";
+    const auto* const device = dynamic_cast<const mc::MediaDevice*>(&media);
+    if (device == nullptr)
+        return nullptr;  // What a client brings along cannot be asked.
+    switch (device->matchLink(link.sourceEntity, link.sourcePad, link.sinkEntity, link.sinkPad)) {
+        case mc::MediaDevice::LinkMatch::kNone:
+            return "the device has no link between these pads";
+        case mc::MediaDevice::LinkMatch::kOther:
+            return "another link of the device has the same two pad numbers, and would be set";
+        default:
+            return nullptr;
+    }
 }
 
 }  // namespace
@@ -96,11 +112,9 @@ std::string SceneSession::wrongWith(const IMediaDevice& media) const {
                    quoted(port.entity);
     }
     for (const SessionLink& link : mDesc.links)
-        for (const std::string& entity : {link.sourceEntity, link.sinkEntity})
-            if (!media.hasEntity(entity))
-                return "link " + link.sourceEntity + ":" + std::to_string(link.sourcePad) + " to " +
-                       link.sinkEntity + ":" + std::to_string(link.sinkPad) +
-                       ": the device has no entity " + quoted(entity);
+        if (const char* wrong = wrongWithLink(media, link); wrong != nullptr)
+            return "link " + link.sourceEntity + ":" + std::to_string(link.sourcePad) + " to " +
+                   link.sinkEntity + ":" + std::to_string(link.sinkPad) + ": " + wrong;
     return {};
 }
 
@@ -195,7 +209,8 @@ void SceneSession::prepareRequests() {
     for (const auto& request : mRequests) {
         request->mRequest = mScene->createRequest();
         request->mRequest->setCookie(request.get());
-        request->mRequest->setTrackBuffer(request->mTrack);
+        if (mDesc.times)
+            request->mRequest->setTrackBuffer(request->mTrack);
         request->mRequest->setMonitor(mEvents);
         const auto fd = static_cast<size_t>(request->mRequest->getRequestFD());
         mRequestOfFd.resize(std::max(mRequestOfFd.size(), fd + 1));
@@ -304,10 +319,10 @@ int SceneSession::queue(SessionRequest& request, const Visit& fill) {
     request.mNumber = mNumbers.fetch_add(1, std::memory_order_relaxed);
     if (fill)
         fill(request);
-    for (size_t port = 0; port < mDesc.ports.size(); ++port) {
+    for (size_t port = 0; port < mPortDescs.size(); ++port) {
         Frame& frame = request.mFrames[port];
         frame.setResult(-EINPROGRESS);
-        request.mRequest->addBuffer(mDesc.ports[port].index,
+        request.mRequest->addBuffer(mPortDescs[port].index,
                                     [&frame](FrameBuffer& to) { to = frame.mBuffer; });
     }
     mInFlight.fetch_add(1, std::memory_order_relaxed);
@@ -315,7 +330,8 @@ int SceneSession::queue(SessionRequest& request, const Visit& fill) {
     request.mCycle.fetch_add(1, std::memory_order_relaxed);
     request.mPending.store(mAllPorts | SessionRequest::kNotDone | SessionRequest::kHeld,
                            std::memory_order_release);
-    request.mQueued = monotonicNow();
+    if (mDesc.times)
+        request.mQueued = nanoseconds(monotonicInNs());
     const int result = mScene->queueRequest(request.mRequest.get(), 0);
     if (result == 0)
         return 0;
@@ -327,51 +343,87 @@ int SceneSession::queue(SessionRequest& request, const Visit& fill) {
 }
 
 void SceneSession::requestDone(SessionRequest& request) {
-    request.mDone = monotonicNow();
+    if (mDesc.times)
+        request.mDone = nanoseconds(monotonicInNs());
     clear(request, SessionRequest::kNotDone);
-    if (mHasLosses.load(std::memory_order_relaxed))
+    // One order with lose(): either this sees the loss, or that sees the request done.
+    if (mHasLosses.load(std::memory_order_seq_cst))
         settleLosses();
 }
 
-void SceneSession::dequeued(const DequeuedBuffer& buffer) {
-    size_t port = 0;
-    while (port < mDesc.ports.size() && mDesc.ports[port].index != buffer.portIndex)
+/** @return the ordinal of a port, which most often is its index. */
+size_t SceneSession::ordinalOf(int portIndex) const {
+    auto port = static_cast<size_t>(portIndex);
+    if (port < mPortDescs.size() && mPortDescs[port].index == portIndex)
+        return port;
+    port = 0;
+    while (port < mPortDescs.size() && mPortDescs[port].index != portIndex)
         ++port;
+    return port;
+}
+
+SessionRequest* SceneSession::requestOf(const DequeuedBuffer& buffer) const {
+    const auto fd = static_cast<size_t>(buffer.requestFd);
+    return fd < mRequestOfFd.size() ? mRequestOfFd[fd] : nullptr;
+}
+
+// All dequeues of a session are on one thread, and so are the losses that they tell of.
+void SceneSession::dequeued(const DequeuedBuffer& buffer) {
+    const size_t port = ordinalOf(buffer.portIndex);
+    if (buffer.result < 0 || mHasLosses.load(std::memory_order_relaxed)) {
+        dequeuedAmongLosses(port, buffer);
+        return;
+    }
+    SessionRequest* const request = requestOf(buffer);
+    const uint64_t bit = bitOf(port);
+    if (request == nullptr || (request->mPending.load(std::memory_order_relaxed) & bit) == 0)
+        return;
+    mCounts[port].take(buffer);
+    request->mFrames[port].tell(buffer);
+    // Nobody else clears the bit of a frame while none is lost.
+    const uint64_t left = request->mPending.fetch_sub(bit, std::memory_order_seq_cst) - bit;
+    if ((left & ~SessionRequest::kHeld) == 0)
+        goOn(*request, bit, left);
+}
+
+void SceneSession::dequeuedAmongLosses(size_t port, const DequeuedBuffer& buffer) {
     if (buffer.result < 0) {
         lose(port, buffer.result);
         return;
     }
-    const auto fd = static_cast<size_t>(buffer.requestFd);
-    SessionRequest* const request = fd < mRequestOfFd.size() ? mRequestOfFd[fd] : nullptr;
+    SessionRequest* const request = requestOf(buffer);
     if (request == nullptr)
         return;
-    Counts& counts = mCounts[port];
-    counts.dequeued.fetch_add(1, std::memory_order_relaxed);
-    if (buffer.result != 0)
-        counts.broken.fetch_add(1, std::memory_order_relaxed);
-    if ((request->mPending.load(std::memory_order_relaxed) & bitOf(port)) != 0) {
-        request->mFrames[port].mDequeued = buffer;
-        request->mFrames[port].setResult(buffer.result);
+    mCounts[port].take(buffer);
+    {
+        // The completing thread may take this very frame for a lost one.
+        const MutexLock lock(mLock);
+        if ((request->mPending.load(std::memory_order_relaxed) & bitOf(port)) != 0)
+            request->mFrames[port].tell(buffer);
     }
-    if (!clear(*request, bitOf(port))) {
-        // It was taken for lost; so another request's frame is.
-        {
-            const MutexLock lock(mLock);
-            mLosses[port].push_back(request->mFrames[port].result());
-        }
-        settleLosses();
+    if (clear(*request, bitOf(port)))
+        return;
+    // It was taken for lost; so another request's frame is.
+    {
+        const MutexLock lock(mLock);
+        mLosses[port].push_back(request->mFrames[port].result());
     }
+    settleLosses();
 }
 
 /** @return whether the bit was set. */
 bool SceneSession::clear(SessionRequest& request, uint64_t bit) {
-    const uint64_t before = request.mPending.fetch_and(~bit, std::memory_order_acq_rel);
+    const uint64_t before = request.mPending.fetch_and(~bit, std::memory_order_seq_cst);
     if ((before & bit) == 0)
         return false;
-    const uint64_t left = before & ~bit;
-    const bool isSettled = bit != SessionRequest::kHeld && (left & ~SessionRequest::kHeld) == 0;
+    goOn(request, bit, before & ~bit);
+    return true;
+}
+
+void SceneSession::goOn(SessionRequest& request, uint64_t cleared, uint64_t left) {
+    const bool isSettled = cleared != SessionRequest::kHeld && (left & ~SessionRequest::kHeld) == 0;
     const bool isDelivered =
-        mDesc.handOver == HandOver::WhenDone ? bit == SessionRequest::kNotDone : isSettled;
+        mDesc.handOver == HandOver::WhenDone ? cleared == SessionRequest::kNotDone : isSettled;
     if (isDelivered)
         deliver(request);
     if (left == 0 && !request.mIsRetired)
@@ -380,7 +432,6 @@ bool SceneSession::clear(SessionRequest& request, uint64_t bit) {
         mInFlight.fetch_sub(1, std::memory_order_release);
     if (isSettled || isDelivered)
         mWakeup->signal.raise();
-    return true;
 }
 
 void SceneSession::deliver(SessionRequest& request) {
@@ -405,7 +456,7 @@ void SceneSession::lose(size_t port, int error) {
         const MutexLock lock(mLock);
         mLosses[port].push_back(error);
     }
-    mHasLosses = true;
+    mHasLosses.store(true, std::memory_order_seq_cst);
     settleLosses();
 }
 
@@ -424,7 +475,7 @@ bool SceneSession::settleOneLoss(size_t port) {
         if (mLosses[port].empty())
             return false;
         const auto lacks = [port](const SessionRequest& request) {
-            const uint64_t pending = request.mPending.load(std::memory_order_acquire);
+            const uint64_t pending = request.mPending.load(std::memory_order_seq_cst);
             constexpr uint64_t kNot = SessionRequest::kNotDone | SessionRequest::kSettling;
             return (pending & bitOf(port)) != 0 && (pending & kNot) == 0;
         };

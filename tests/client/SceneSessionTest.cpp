@@ -142,7 +142,9 @@ TEST_F(SceneSessionTest, AMistakeInTheDescriptionIsOneLineThatNamesIt) {
         {"no such entity", [](auto& d) { d.ports[1].entity = "nobody"; }, -EINVAL,
          "port \"vengine-input\": the device has no entity \"nobody\""},
         {"no such link", [](auto& d) { d.links[0].sinkEntity = "nobody"; }, -EINVAL,
-         "link vengine-core:0 to nobody:0: the device has no entity \"nobody\""},
+         "link vengine-core:0 to nobody:0: the device has no such sink entity"},
+        {"wrong pads", [](auto& d) { d.links[0].sinkPad = 7; }, -EINVAL,
+         "link vengine-core:0 to vengine-main:7: the device has no link between these pads"},
         {"wrapping layout", [](auto& d) { d.layout.guard = ~0U; }, -EOVERFLOW, "Value too large"},
     };
     for (const Mistake& mistake : mistakes) {
@@ -203,6 +205,7 @@ TEST_F(SceneSessionTest, StopWaitsForEveryCompletionAndDequeue) {
             SessionDesc desc = describe(ports);
             desc.direct = way.direct;
             desc.handOver = way.handOver;
+            desc.times = true;
             const auto session = openStarted(desc);
             for (int i = 0; i < 3; ++i)
                 EXPECT_EQ(session->submit({}), 0);

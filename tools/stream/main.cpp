@@ -177,6 +177,7 @@ Plan makePlan(const Options& options, const Device& device, const std::vector<No
         plan.session.ports.push_back(sessionPort(options, port));
     plan.session.links = device.linksOf(ports);
     plan.session.buffers = static_cast<int>(options.buffers);
+    plan.session.times = true;
     const uint32_t offset = EngineContent::isFor(device) ? kEngineOffset : 0;
     plan.session.layout = {options.offset.value_or(offset), kGuard};
     return plan;

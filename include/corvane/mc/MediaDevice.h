@@ -26,6 +26,13 @@ namespace NSVista::NSCorvane::mc {
  */
 class CORVANE_EXPORT MediaDevice : public IMediaDevice {
 public:
+    /** What MediaDevice::enableLink() makes of a link, which it knows by the pad numbers alone. */
+    enum class LinkMatch {
+        kNone,   ///< the device has no such link
+        kOther,  ///< it has, but another link with these pad numbers comes first and is set
+        kSame,   ///< the named link is set
+    };
+
     /**
      * @param path must not be empty, @p info not null (fatal).
      * @param topology may be null: then the device has no entities and no links.
@@ -47,6 +54,9 @@ public:
                     const char* sinkEntity, unsigned int sinkPad) override;
     std::shared_ptr<IMediaRequest> makeRequest() override;
 
+    /** Looks at a link without setting it. Any thread. */
+    LinkMatch matchLink(const std::string& sourceEntity, unsigned int sourcePad,
+                        const std::string& sinkEntity, unsigned int sinkPad) const;
     /** See acquire(). */
     int open();
     /** See release(). */

@@ -199,15 +199,14 @@ void V4L2VideoDevice::setDequeuedCallback(std::function<void(const DequeuedBuffe
 }
 
 void V4L2VideoDevice::tellDequeued(const v4l2_buffer& buffer, int result) const {
-    DequeuedBuffer told = {};
+    DequeuedBuffer told;  // only the planes that there are: this is done for every buffer
     told.portIndex = mPortIndex;
-    told.bufferIndex = DequeuedBuffer::kNoIndex;
-    told.requestFd = -1;
     told.result = result;
-    if (result >= 0) {
+    if (result < 0) {
+        told = {mPortIndex, DequeuedBuffer::kNoIndex, -1, result, 0, 0, 0, {}, 0, {}};
+    } else {
         told.bufferIndex = buffer.index;
-        if ((buffer.flags & V4L2_BUF_FLAG_REQUEST_FD) != 0)
-            told.requestFd = buffer.request_fd;
+        told.requestFd = (buffer.flags & V4L2_BUF_FLAG_REQUEST_FD) != 0 ? buffer.request_fd : -1;
         told.flags = buffer.flags;
         told.field = buffer.field;
         told.sequence = buffer.sequence;

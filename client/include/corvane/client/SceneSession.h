@@ -61,6 +61,8 @@ struct SessionDesc {
      * to the buffer monitor's thread; then both ways to hand over are the same.
      */
     bool direct = true;
+    /** Requests note when they pass each station, for SessionRequest::times(): 7 clock readings. */
+    bool times = false;
 };
 
 /** What went through a port. */
@@ -182,6 +184,12 @@ public:
 private:
     struct Counts {
         std::atomic<uint64_t> dequeued{0}, broken{0}, lost{0};
+
+        void take(const DequeuedBuffer& buffer) {
+            dequeued.fetch_add(1, std::memory_order_relaxed);
+            if (buffer.result != 0)
+                broken.fetch_add(1, std::memory_order_relaxed);
+        }
     };
     struct Wakeup;
 
@@ -198,7 +206,11 @@ private:
     int allocateRequest(unsigned slot, IDmaBufSource& source);
     SessionRequest* takeFree();
     int queue(SessionRequest& request, const Visit& fill);
+    size_t ordinalOf(int portIndex) const;
+    SessionRequest* requestOf(const DequeuedBuffer& buffer) const;
+    void dequeuedAmongLosses(size_t port, const DequeuedBuffer& buffer) CORVANE_EXCLUDES(mLock);
     bool clear(SessionRequest& request, uint64_t bit);
+    void goOn(SessionRequest& request, uint64_t cleared, uint64_t left);
     void deliver(SessionRequest& request);
     void dequeued(const DequeuedBuffer& buffer);
     void lose(size_t port, int error) CORVANE_EXCLUDES(mLock);

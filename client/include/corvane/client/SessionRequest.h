@@ -110,6 +110,10 @@ private:
 
     /** Publishes what was written into mDequeued. */
     void setResult(int result) { __atomic_store_n(&mResult, result, __ATOMIC_RELEASE); }
+    void tell(const DequeuedBuffer& buffer) {
+        mDequeued = buffer;
+        setResult(buffer.result);
+    }
 
     PixelFormat mFormat{};
     DequeuedBuffer mDequeued{};
@@ -138,7 +142,7 @@ public:
     const Frame& frame(size_t port) const { return mFrames[port]; }
     /** The media request, for controls that are to go with it: ControlNode::set(). */
     int descriptor() const { return mRequest->getRequestFD(); }
-    /** Of the request's last cycle. */
+    /** Of the request's last cycle; zeros unless SessionDesc::times asks for them. */
     RequestTimes times() const;
 
 private:

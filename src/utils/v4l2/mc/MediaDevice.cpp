@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -122,6 +123,25 @@ bool MediaDevice::enableLink(bool enable, const char* sourceEntity, unsigned int
         return false;
     }
     return true;
+}
+CORVANE_NO_THROW
+
+MediaDevice::LinkMatch MediaDevice::matchLink(const std::string& sourceEntity,
+                                              unsigned int sourcePad, const std::string& sinkEntity,
+                                              unsigned int sinkPad) const try {
+    const auto source = findEntity(sourceEntity);
+    const auto sink = findEntity(sinkEntity);
+    if (source == nullptr || sink == nullptr)
+        return LinkMatch::kNone;
+    const auto isNamed = [&](const media_link_desc& link) {
+        return link.source.entity == source->desc().id && link.source.index == sourcePad &&
+               link.sink.entity == sink->desc().id && link.sink.index == sinkPad;
+    };
+    const auto& links = mTopology->linkDescs();
+    if (std::none_of(links.begin(), links.end(), isNamed))
+        return LinkMatch::kNone;
+    const MediaLink& first = mLinks.find(MediaLink::key(sourcePad, sinkPad))->second;
+    return isNamed(first.copyLinkDesc()) ? LinkMatch::kSame : LinkMatch::kOther;
 }
 CORVANE_NO_THROW
 
