@@ -14,9 +14,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <deque>
+#include <fstream>
+#include <iterator>
 #include <vector>
 
 #include "support/FakeKernel.h"
@@ -154,6 +157,9 @@ TEST(DmaBufTest, MemoryFileIsMappedAndGivenBack) {
         EXPECT_STREQ(reinterpret_cast<char*>(other.map(CpuAccess::Read).data()) + 4990, "two");
     }
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    std::ifstream maps("/proc/self/maps");
+    const std::string mapped(std::istreambuf_iterator<char>(maps), {});
+    EXPECT_EQ(mapped.find("corvane-buffer"), std::string::npos);
     EXPECT_FALSE(DmaBuf(-1, 100).map(CpuAccess::Read));
 }
 
@@ -254,6 +260,16 @@ TEST(VideoNodeTest, TellsWhetherBuffersTakeRequests) {
         EXPECT_EQ(queryVideoNode("/dev/video0", node), 0);
         EXPECT_EQ(node.takesRequests, expected);
     }
+    std::vector<uint32_t> asked;
+    kernel.on<v4l2_requestbuffers>(VIDIOC_REQBUFS, [&](int, v4l2_requestbuffers& to) {
+        asked.push_back(to.count);
+        to.count = std::min(to.count, 3U);
+        return 0;
+    });
+    uint32_t granted = 0;
+    EXPECT_EQ(queryGrantedBuffers("/dev/video0", 8, granted), 0);
+    EXPECT_EQ(granted, 3U);
+    EXPECT_THAT(asked, ElementsAre(8, 0)) << "given back";
 }
 
 TEST(VideoNodeTest, SetsAFrameRate) {

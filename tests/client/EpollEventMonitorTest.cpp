@@ -96,6 +96,12 @@ TEST_F(EpollEventMonitorTest, WatchesFromTheAttachOrFromTheFirstRearm) {
         }
         EXPECT_EQ(mMonitor->detachObserver(&observer), 0);
     }
+    Observer both;
+    EXPECT_EQ(mMonitor->attachObserver(&both, EPOLLIN), 0);
+    EXPECT_EQ(mMonitor->rearmObserver(&both, EPOLLOUT | kOneShot), 0);
+    both.waitForCalls(1);
+    EXPECT_EQ(both.events(), EPOLLOUT) << "what the re-arm asks for";
+    EXPECT_EQ(mMonitor->detachObserver(&both), 0);
 }
 
 TEST_F(EpollEventMonitorTest, TellsOfAHangUpOnce) {

@@ -51,9 +51,14 @@ public:
         }
         if (request == VIDIOC_DQBUF && dequeueDelay != 0ms)
             std::this_thread::sleep_for(dequeueDelay);
-        return VirtualEngine::ioctl(fd, request, arg);
+        const int result = VirtualEngine::ioctl(fd, request, arg);
+        if (request != VIDIOC_DQBUF || result != 0)
+            return result;
+        const bool isInput = V4L2_TYPE_IS_OUTPUT(static_cast<v4l2_buffer*>(arg)->type);
+        return isInput && loses.exchange(false) ? -EIO : 0;
     }
 
+    std::atomic<bool> loses{false};  ///< the next buffer dequeued from the input is gone
     bool staleStrides = false;
     std::chrono::milliseconds dequeueDelay{0};
 };
@@ -358,6 +363,7 @@ TEST_F(SceneSessionTest, AnEventDescriptorServesALoop) {
             ++taken;
     }
     EXPECT_EQ(session->submit({}), 0);
+    EXPECT_EQ(poll(&watched, 1, 5000), 1) << "for one alone as well";
     EXPECT_EQ(session->wait(5s, {}), 0);
     EXPECT_EQ(poll(&watched, 1, 0), 0) << "nothing is left to be taken";
 }
@@ -391,16 +397,38 @@ TEST_F(SceneSessionTest, AFailedDequeueLosesItsFrameAndNothingHangs) {
     }
 }
 
+TEST_F(SceneSessionTest, ALossIsTheOldestRequests) {
+    mEngine.dequeueDelay = 20ms;  // both requests are done when the first one's dequeue fails
+    mEngine.loses = true;
+    SessionDesc desc = describe(2, 2);
+    desc.direct = false;
+    auto session = openStarted(desc);
+    EXPECT_EQ(session->submit({}) + session->submit({}), 0);
+    std::vector<int> results(2);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(session->wait(5s, [&](auto& r) { results.at(r.number()) = r.frame(1).result(); }),
+                  0);
+    EXPECT_THAT(results, ElementsAre(-EIO, 0));
+    session.reset();
+    EXPECT_THAT(takeLines(), testing::Contains(HasSubstr("vengine-input lost a frame")));
+}
+
 TEST_F(SceneSessionTest, StopWithRequestsInFlightLosesThemAndANewSessionStreams) {
     for (const size_t ports : {1U, 4U}) {
         mEngine.device().hold();
         {
-            const auto session = openStarted(ports);
+            // Handed over when done, with slow dequeues still to come: the stop waits for those.
+            SessionDesc desc = describe(ports);
+            desc.direct = ports == 1;
+            desc.handOver = HandOver::WhenDone;
+            mEngine.dequeueDelay = 30ms;
+            const auto session = openStarted(desc);
             for (int i = 0; i < 3; ++i)
                 EXPECT_EQ(session->submit({}), 0);
             mEngine.device().completeNext();
             EXPECT_EQ(session->wait(5s, {}), 0);
             EXPECT_EQ(session->stop(20ms), -ETIMEDOUT);
+            mEngine.dequeueDelay = 0ms;
             for (const PortStatistics& port : session->statistics())
                 EXPECT_EQ(port.dequeued, 1U) << port.name;
             EXPECT_EQ(session->stop(0ms), -EPIPE);

@@ -34,20 +34,35 @@ TEST_F(GraphTest, TellsWhatTheNodesAre) {
 }
 
 TEST_F(GraphTest, FormatsAreAdjustedAndPersist) {
-    for (unsigned n : {kMain, kGrey}) {
-        const vengine_port& port = vengine_ports[n];
+    const struct {
+        unsigned port;
+        uint32_t fourcc;
+        uint32_t width, height;  ///< asked for
+        vengine_layout wanted;
+    } asks[] = {
+        {kMain, vengine_mplane_formats[1], 1, 1,
+         vengine_layout_of(vengine_mplane_formats[1], VENGINE_MIN_WIDTH, VENGINE_MIN_HEIGHT)},
+        {kMain, 1, 67, 5000,
+         vengine_layout_of(vengine_ports[kMain].format, 66, VENGINE_MAX_HEIGHT)},
+        {kGrey, vengine_splane_formats[1], 1, 1,
+         vengine_layout_of(vengine_splane_formats[1], VENGINE_MIN_WIDTH, VENGINE_MIN_HEIGHT)},
+        {kGrey, 1, 67, 5000,
+         vengine_layout_of(vengine_ports[kGrey].format, 66, VENGINE_MAX_HEIGHT)},
+    };
+    for (const auto& ask : asks) {
+        const vengine_port& port = vengine_ports[ask.port];
+        const vengine_layout& wanted = ask.wanted;
         v4l2_format format = {};
         format.type = port.buf_type;
-        format.fmt.pix.width = 67;  // the first fields of both records are the same
-        format.fmt.pix.height = 5000;
-        format.fmt.pix.pixelformat = 1;
+        format.fmt.pix.width = ask.width;  // the first fields of both records are the same
+        format.fmt.pix.height = ask.height;
+        format.fmt.pix.pixelformat = ask.fourcc;
         ASSERT_EQ(call(Fd(port.name), VIDIOC_S_FMT, &format), 0);
         memset(&format.fmt, 0xff, sizeof(format.fmt));
         ASSERT_EQ(call(Fd(port.name), VIDIOC_G_FMT, &format), 0);
-        const vengine_layout wanted = vengine_layout_of(port.format, 66, VENGINE_MAX_HEIGHT);
         PixelFormat found = {};
         v4l2::readFormat(format, v4l2::formatClassOfType(port.buf_type), found);
-        EXPECT_EQ(found.width, 66u);
+        EXPECT_EQ(found.width, wanted.width);
         EXPECT_EQ(found.height, wanted.height);
         EXPECT_EQ(found.format, wanted.fourcc);
         EXPECT_EQ(format.fmt.pix.field, static_cast<uint32_t>(V4L2_FIELD_NONE));

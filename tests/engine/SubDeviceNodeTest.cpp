@@ -186,6 +186,8 @@ TEST_F(SubDeviceNodeTest, FencesBecomeReadableWithTheNextRequest) {
     EXPECT_TRUE(readable(fds[0])) << "given back, nobody would signal it";
     EXPECT_EQ(fences(KVXDIP_IOC_DEL_FENCE, fds, 1), -EINVAL) << "already given back";
     EXPECT_EQ(fences(KVXDIP_IOC_DEL_FENCE, fds, 2), -EINVAL);
+    int32_t twice[2] = {fds[1], fds[1]};
+    EXPECT_EQ(fences(KVXDIP_IOC_DEL_FENCE, twice, 2), -EINVAL);
     EXPECT_FALSE(readable(fds[1])) << "of a refused call nothing is given back";
     EXPECT_EQ(cycle(port), 0);
     EXPECT_TRUE(readable(fds[1]));

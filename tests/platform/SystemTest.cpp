@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/FakeKernel.h"
+
 using namespace NSVista::NSCorvane;
 
 namespace {
@@ -34,45 +36,16 @@ extern "C" __attribute__((visibility("default"))) int close(int fd) {
 
 namespace {
 
-/** Answers every call with mResult and remembers the last request. */
-class FakeKernel : public System::Kernel {
-public:
-    FakeKernel() { System::setKernel(this); }
-    ~FakeKernel() override { System::setKernel(nullptr); }
-
-    int open(const char*, int) override { return answer(); }
-    int close(int) override { return answer(); }
-    int ioctl(int, unsigned long request, void* arg) override {
-        mRequest = request;
-        if (request == MEDIA_IOC_REQUEST_ALLOC)
-            *static_cast<int*>(arg) = 900;
-        return answer();
-    }
-    int openDir(const char*, DIR**) override { return answer(); }
-    int readDir(DIR*, struct dirent**) override { return answer(); }
-    int closeDir(DIR*) override { return answer(); }
-    int stat(const char*, struct stat*) override { return answer(); }
-    int readLink(const char*, char*, size_t) override { return answer(); }
-
-    int mResult = 0;
-    unsigned long mRequest = 0;
-
-private:
-    int answer() const {
-        errno = mResult < 0 ? -mResult : errno;
-        return mResult;
-    }
-};
-
 TEST(System, AccountsDescriptorsUntilTheyAreClosed) {
-    FakeKernel kernel;
-    kernel.mResult = 901;
+    test::FakeKernel kernel;
+    kernel.openResults = {{"/dev/video7", 901}, {"/dev/video8", -ENODEV}, {"/dev/video9", 901}};
     EXPECT_EQ(System::Open("/dev/video7", O_RDWR, 0x10), 901);
-    kernel.mResult = 0;
+    kernel.on<int>(MEDIA_IOC_REQUEST_ALLOC, [](int, int& fd) { return fd = 900, 0; });
     EXPECT_EQ(System::AllocMediaRequest(5, 0x20), 900);
-    kernel.mResult = -ENODEV;
     EXPECT_EQ(System::Open("/dev/video8", O_RDWR, 0x10), -ENODEV);
+    kernel.answer(MEDIA_IOC_REQUEST_ALLOC, -ENODEV);
     EXPECT_EQ(System::AllocMediaRequest(5, 0x20), -ENODEV);
+    kernel.closeResult = -ENODEV;
     EXPECT_EQ(System::Close(901, 0x10), -ENODEV);
 
     const auto open = System::openFds();
@@ -91,17 +64,16 @@ TEST(System, AccountsDescriptorsUntilTheyAreClosed) {
                                             "fd=901 path=/dev/video7 owner=0x10 age=[0-9]+ ms\n"));
 
     // Closed behind the layer's back and given to another.
-    kernel.mResult = 901;
     EXPECT_EQ(System::Open("/dev/video9", O_RDWR, 0x30), 901);
     EXPECT_EQ(System::openFds()[1].owner, 0x30U);
-    kernel.mResult = 0;
+    kernel.closeResult = 0;
     EXPECT_EQ(System::Close(900, 0x20), 0);
     EXPECT_EQ(System::Close(901, 0x10), 0);
     EXPECT_TRUE(System::openFds().empty());
 }
 
 TEST(System, HandsResultsAndErrnoOn) {
-    FakeKernel kernel;
+    test::FakeKernel kernel;
     struct {
         int (*call)();
         unsigned long request;
@@ -118,15 +90,13 @@ TEST(System, HandsResultsAndErrnoOn) {
          -EAGAIN},
     };
     for (const auto& c : cases) {
-        kernel.mResult = -EAGAIN;
+        kernel.answer(c.request, -EAGAIN);
         errno = 0;
         EXPECT_EQ(c.call(), c.onEagain);
         EXPECT_EQ(errno, EAGAIN);
-        EXPECT_EQ(kernel.mRequest, c.request);
-        kernel.mResult = -EIO;
+        kernel.answer(c.request, -EIO);
         EXPECT_EQ(c.call(), -EIO);
     }
-    EXPECT_EQ(System::CloseDir(nullptr), -EIO);
 }
 
 TEST(System, OpensForThisProgramAloneAndClosesOnce) {

@@ -61,7 +61,7 @@ public:
     FakeKernel(const FakeKernel&) = delete;
     FakeKernel& operator=(const FakeKernel&) = delete;
 
-    std::map<std::string, int> openResults;            ///< failures, by path
+    std::map<std::string, int> openResults;            ///< instead of a new one, by path
     std::map<std::string, int> statResults;            ///< failures, by path
     int closeResult = 0;                               ///< of the next calls
     std::vector<std::string> directory;                ///< what "/dev" lists
@@ -111,7 +111,9 @@ public:
     int ioctl(int fd, unsigned long request, void* arg) override {
         record("%s %d", ioctlName(request).c_str(), fd);
         const auto found = mAnswers.find(request);
-        return found != mAnswers.end() ? found->second(fd, arg) : -ENOTTY;
+        const int result = found != mAnswers.end() ? found->second(fd, arg) : -ENOTTY;
+        errno = result < 0 ? -result : errno;
+        return result;
     }
     int openDir(const char* path, DIR** dir) override {
         if (directoryResult < 0 || strcmp(path, "/dev") != 0)

@@ -85,35 +85,25 @@ std::vector<uint32_t> wordsOf(const PixelFormat& format) {
     return words;
 }
 
-v4l2_format metaFormat(uint32_t type, uint32_t fourcc, uint32_t size) {
+/** A record of a fourcc, width, height, then stride and size of each plane. */
+v4l2_format formatOf(uint32_t type, const std::vector<uint32_t>& words, uint8_t planes = 1) {
     v4l2_format format = {};
     format.type = type;
-    format.fmt.meta = {fourcc, size};
-    return format;
-}
-
-v4l2_format singleFormat(uint32_t type, std::vector<uint32_t> words, uint32_t size) {
-    v4l2_format format = {};
-    format.type = type;
-    auto& pixels = format.fmt.pix;
+    if (v4l2::isMeta(type)) {
+        format.fmt.meta = {words[0], words[4]};
+        return format;
+    }
+    auto& pixels = format.fmt.pix_mp;  // begins like the record of a single plane
     pixels.pixelformat = words[0];
     pixels.width = words[1];
     pixels.height = words[2];
-    pixels.bytesperline = words[3];
-    pixels.sizeimage = size;
     pixels.field = V4L2_FIELD_NONE;
-    return format;
-}
-
-v4l2_format multiFormat(uint32_t type, std::vector<uint32_t> words, uint8_t planes) {
-    v4l2_format format = {};
-    format.type = type;
-    auto& pixels = format.fmt.pix_mp;
-    pixels.pixelformat = words[0];
-    pixels.width = words[1];
-    pixels.height = words[2];
+    if (!v4l2::isMultiPlanar(type)) {
+        format.fmt.pix.bytesperline = words[3];
+        format.fmt.pix.sizeimage = words[4];
+        return format;
+    }
     pixels.num_planes = planes;
-    pixels.field = V4L2_FIELD_NONE;
     for (size_t i = 0; i < (words.size() - 3) / 2; ++i) {
         pixels.plane_fmt[i].bytesperline = words[3 + 2 * i];
         pixels.plane_fmt[i].sizeimage = words[4 + 2 * i];
@@ -123,6 +113,7 @@ v4l2_format multiFormat(uint32_t type, std::vector<uint32_t> words, uint8_t plan
 
 TEST_F(VideoDeviceTest, SendsAndReadsBackTheFormatsOfEachClass) {
     const std::vector<uint32_t> two = {1, 2, 3, 4, 5, 6, 7};
+    const std::vector<uint32_t> meta = {11, 0, 0, 0, 4096};
     const std::vector<uint32_t> all = {11, 12, 13, 20, 40, 21, 41, 22, 42, 23,
                                        43, 24, 44, 25, 45, 26, 46, 27, 47};
     std::vector<uint32_t> read = all;  // more planes are told of than there are
@@ -132,15 +123,12 @@ TEST_F(VideoDeviceTest, SendsAndReadsBackTheFormatsOfEachClass) {
         v4l2_format sent, answer;
         std::vector<uint32_t> result;
     } cases[] = {
-        {0x800000, metaFormat(13, 1, 5), metaFormat(13, 11, 4096), {11, 0, 0, 1, 4096, 4096}},
-        {0x8000000, metaFormat(14, 1, 5), metaFormat(14, 11, 4096), {11, 0, 0, 1, 4096, 4096}},
-        {0x1,
-         singleFormat(1, two, 0),
-         singleFormat(1, {11, 12, 13, 14}, 15),
-         {11, 12, 13, 1, 14, 15}},
-        {0x1000, multiFormat(9, two, 2), multiFormat(9, all, 1), {11, 12, 13, 1, 20, 40}},
-        {0x2001, multiFormat(9, two, 2), multiFormat(9, all, 2), {11, 12, 13, 2, 20, 40, 21, 41}},
-        {0x2000, multiFormat(10, two, 2), multiFormat(10, all, 200), read},
+        {0x800000, formatOf(13, two), formatOf(13, meta), {11, 0, 0, 1, 4096, 4096}},
+        {0x8000000, formatOf(14, two), formatOf(14, meta), {11, 0, 0, 1, 4096, 4096}},
+        {0x1, formatOf(1, {1, 2, 3, 4, 0}), formatOf(1, all), {11, 12, 13, 1, 20, 40}},
+        {0x1000, formatOf(9, two, 2), formatOf(9, all, 1), {11, 12, 13, 1, 20, 40}},
+        {0x2001, formatOf(9, two, 2), formatOf(9, all, 2), {11, 12, 13, 2, 20, 40, 21, 41}},
+        {0x2000, formatOf(10, two, 2), formatOf(10, all, 200), read},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.caps);
