@@ -7,7 +7,9 @@
 namespace NSVista::NSCorvane::System {
 
 FdTable& FdTable::instance() {
-    static auto* const table = new FdTable;
+    // Never destroyed, and never in want of memory: who calls must not throw.
+    alignas(FdTable) static unsigned char storage[sizeof(FdTable)];
+    static auto* const table = new (storage) FdTable;
     return *table;
 }
 

@@ -6,12 +6,12 @@
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/V4L2SubDevice.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/Trace.h>
 
 #include <new>
 
-#include "NoThrow.h"
 #include "TraceArea.h"
 
 CORVANE_LOG_UNIT("corvane-V4L2SubDevice")

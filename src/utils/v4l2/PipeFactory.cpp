@@ -4,10 +4,9 @@
 #include <corvane/IScene.h>
 #include <corvane/SceneManager.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 
 #include <utility>
-
-#include "NoThrow.h"
 
 CORVANE_LOG_UNIT("corvane-SceneManager")
 

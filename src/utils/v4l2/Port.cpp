@@ -4,12 +4,12 @@
 #include <corvane/IMediaDevice.h>
 #include <corvane/SceneDesc.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Trace.h>
 
 #include <cerrno>
 #include <utility>
 
-#include "NoThrow.h"
 #include "RefusedOpen.h"
 #include "Text.h"
 #include "TraceArea.h"

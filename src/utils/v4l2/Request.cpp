@@ -5,6 +5,7 @@
 #include <corvane/IMediaRequest.h>
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/ReqTrack.h>
 #include <corvane/platform/TimeBomb.h>
 #include <corvane/platform/Trace.h>
@@ -14,7 +15,6 @@
 #include <utility>
 
 #include "DriverCall.h"
-#include "NoThrow.h"
 #include "SceneText.h"
 #include "Stamp.h"
 #include "Text.h"

@@ -6,6 +6,7 @@
 #include <corvane/V4L2BufferMonitor.h>
 #include <corvane/V4L2VideoDevice.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/ThreadLoop.h>
 #include <corvane/platform/TimeBomb.h>
@@ -16,7 +17,6 @@
 
 #include "CpuTime.h"
 #include "DriverCall.h"
-#include "NoThrow.h"
 #include "SceneText.h"
 #include "Stamp.h"
 #include "Text.h"

@@ -5,6 +5,7 @@
 #include <corvane/IScene.h>
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/Service.h>
 #include <corvane/platform/Trace.h>
@@ -12,7 +13,6 @@
 #include <utility>
 
 #include "CpuTime.h"
-#include "NoThrow.h"
 #include "Stamp.h"
 #include "TraceArea.h"
 

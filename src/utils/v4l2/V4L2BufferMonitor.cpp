@@ -2,13 +2,13 @@
 #include <corvane/V4L2BufferMonitor.h>
 
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/Properties.h>
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/Trace.h>
 
 #include "LoadTime.h"
-#include "NoThrow.h"
 #include "Text.h"
 #include "TraceArea.h"
 

@@ -7,6 +7,7 @@
 
 #include <corvane/kvxdip.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
@@ -16,7 +17,6 @@
 
 #include "CpuTime.h"
 #include "DriverCall.h"
-#include "NoThrow.h"
 #include "RefusedOpen.h"
 #include "TraceArea.h"
 

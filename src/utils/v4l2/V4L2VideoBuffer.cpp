@@ -5,6 +5,7 @@
 #include <corvane/DequeuedBuffer.h>
 #include <corvane/IMediaRequest.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
 
@@ -13,7 +14,6 @@
 #include <utility>
 
 #include "DriverCall.h"
-#include "NoThrow.h"
 #include "TraceArea.h"
 
 CORVANE_LOG_UNIT("corvane-V4L2VideoDevice")

@@ -4,6 +4,7 @@
 
 #include <corvane/IMediaDevice.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
@@ -16,7 +17,6 @@
 
 #include "DriverCall.h"
 #include "LoadTime.h"
-#include "NoThrow.h"
 #include "Text.h"
 #include "TraceArea.h"
 

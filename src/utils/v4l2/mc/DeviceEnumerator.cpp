@@ -5,6 +5,7 @@
 #include <corvane/mc/MediaDevice.h>
 #include <corvane/mc/MediaTopology.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
@@ -17,7 +18,6 @@
 #include <cstring>
 
 #include "DriverCall.h"
-#include "NoThrow.h"
 #include "RefusedOpen.h"
 #include "TraceArea.h"
 

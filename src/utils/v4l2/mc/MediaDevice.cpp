@@ -3,6 +3,7 @@
 
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
@@ -14,7 +15,6 @@
 #include <cstring>
 
 #include "DriverCall.h"
-#include "NoThrow.h"
 #include "RefusedOpen.h"
 #include "Text.h"
 #include "TraceArea.h"

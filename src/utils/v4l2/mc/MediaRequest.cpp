@@ -2,6 +2,7 @@
 #include <corvane/IRequest.h>
 #include <corvane/mc/MediaDevice.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/ReqTrack.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
@@ -12,7 +13,6 @@
 #include <cstring>
 
 #include "DriverCall.h"
-#include "NoThrow.h"
 #include "Stamp.h"
 #include "TraceArea.h"
 

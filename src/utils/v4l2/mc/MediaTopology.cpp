@@ -3,10 +3,10 @@
 
 #include <corvane/V4L2.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 
-#include "NoThrow.h"
 #include "Text.h"
 
 CORVANE_LOG_UNIT("corvane-DeviceEnumerator")

@@ -5,6 +5,7 @@
  */
 #pragma once
 
+#include <corvane/platform/Export.h>
 #include <corvane/platform/Log.h>
 
 namespace NSVista::NSCorvane {
@@ -13,7 +14,7 @@ namespace NSVista::NSCorvane {
  * Ends the process for the exception being handled, with a fatal line that names the operation and
  * what was thrown. Call it in a handler only.
  */
-[[noreturn, gnu::cold]] void endOnException(const log::Site& site) noexcept;
+[[noreturn, gnu::cold]] CORVANE_EXPORT void endOnException(const log::Site& site) noexcept;
 
 }  // namespace NSVista::NSCorvane
 

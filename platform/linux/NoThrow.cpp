@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "NoThrow.h"
+#include <corvane/platform/NoThrow.h>
 
 #include <exception>
 
