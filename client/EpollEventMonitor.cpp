@@ -2,6 +2,7 @@
 #include <corvane/client/EpollEventMonitor.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/UniqueFd.h>
@@ -267,7 +268,7 @@ void EpollEventMonitor::Loop::dumpState(IPrinter* printer) const {
 EpollEventMonitor::EpollEventMonitor(std::shared_ptr<Loop> loop) : mLoop(std::move(loop)) {
 }
 
-std::shared_ptr<EpollEventMonitor> EpollEventMonitor::make(std::string threadName) {
+std::shared_ptr<EpollEventMonitor> EpollEventMonitor::make(std::string threadName) try {
     auto loop = std::make_shared<Loop>(std::move(threadName));
     if (const int result = loop->open(); result != 0) {
         CORVANE_LOGE("No epoll or event descriptor: %d", result);
@@ -281,20 +282,21 @@ std::shared_ptr<EpollEventMonitor> EpollEventMonitor::make(std::string threadNam
     }
     return monitor;
 }
+CORVANE_NO_THROW
 
 EpollEventMonitor::~EpollEventMonitor() = default;
 
-void EpollEventMonitor::dumpState(IPrinter* printer) const {
-    mLoop->dumpState(printer);
-}
+void EpollEventMonitor::dumpState(IPrinter* printer) const try { mLoop->dumpState(printer); }
+CORVANE_NO_THROW
 
 const char* EpollEventMonitor::getThreadName() const {
     return mLoop->getThreadName();
 }
 
-int EpollEventMonitor::attachObserver(IEventObserver* observer, uint32_t events) {
+int EpollEventMonitor::attachObserver(IEventObserver* observer, uint32_t events) try {
     return mLoop->attach(observer, events);
 }
+CORVANE_NO_THROW
 
 int EpollEventMonitor::rearmObserver(IEventObserver* observer, uint32_t events) {
     return mLoop->rearm(observer, events);

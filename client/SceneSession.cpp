@@ -5,6 +5,7 @@
 #include <corvane/mc/MediaDevice.h>
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/UniqueFd.h>
 #include <sys/eventfd.h>
@@ -85,7 +86,7 @@ SceneSession::SceneSession(SessionDesc desc)
 std::unique_ptr<SceneSession> SceneSession::open(SessionDesc desc,
                                                  std::shared_ptr<IMediaDevice> media,
                                                  IDmaBufSource& source, int& error,
-                                                 std::shared_ptr<SceneDebugInfo> debugInfo) {
+                                                 std::shared_ptr<SceneDebugInfo> debugInfo) try {
     std::unique_ptr<SceneSession> session(new SceneSession(std::move(desc)));
     error = session->openScene(std::move(media), std::move(debugInfo));
     if (error == 0)
@@ -94,6 +95,7 @@ std::unique_ptr<SceneSession> SceneSession::open(SessionDesc desc,
         session.reset();
     return session;
 }
+CORVANE_NO_THROW
 
 std::string SceneSession::wrongWith(const IMediaDevice& media) const {
     if (mDesc.ports.empty() || mDesc.ports.size() > kMaxPorts)
@@ -257,7 +259,7 @@ int SceneSession::allocateRequest(unsigned slot, IDmaBufSource& source) {
     return 0;
 }
 
-SceneSession::~SceneSession() {
+SceneSession::~SceneSession() try {
     stop(kDestructorDrain);
     mEvents.reset();
     mRequests.clear();
@@ -269,11 +271,13 @@ SceneSession::~SceneSession() {
     if (mMedia)
         mMedia->release();
 }
+CORVANE_NO_THROW
 
-void SceneSession::visitAll(const Visit& visit) {
+void SceneSession::visitAll(const Visit& visit) try {
     for (const auto& request : mRequests)
         visit(*request);
 }
+CORVANE_NO_THROW
 
 int SceneSession::eventFd() {
     if (!mWakeup->eventFd)
@@ -298,7 +302,7 @@ SessionRequest* SceneSession::takeFree() {
     return nullptr;
 }
 
-int SceneSession::submit(const Visit& fill) {
+int SceneSession::submit(const Visit& fill) try {
     if (!mStreaming || mRefused)
         return -EPIPE;
     SessionRequest* const request = takeFree();
@@ -306,14 +310,16 @@ int SceneSession::submit(const Visit& fill) {
         return mRetired == mRequests.size() ? -ENOBUFS : -EAGAIN;
     return queue(*request, fill);
 }
+CORVANE_NO_THROW
 
-int SceneSession::submitAgain(SessionRequest& request, const Visit& fill) {
+int SceneSession::submitAgain(SessionRequest& request, const Visit& fill) try {
     if (!mStreaming || mRefused)
         return -EPIPE;
     if (request.mIsRetired)
         return -ENOBUFS;
     return request.mPending == SessionRequest::kHeld ? queue(request, fill) : -EAGAIN;
 }
+CORVANE_NO_THROW
 
 int SceneSession::queue(SessionRequest& request, const Visit& fill) {
     request.mNumber = mNumbers.fetch_add(1, std::memory_order_relaxed);
@@ -501,7 +507,7 @@ bool SceneSession::settleOneLoss(size_t port) {
     return true;
 }
 
-int SceneSession::wait(milliseconds timeout, const Visit& inspect) {
+int SceneSession::wait(milliseconds timeout, const Visit& inspect) try {
     const auto deadline = Signal::Clock::now() + timeout;
     SessionRequest* request = nullptr;
     while (request == nullptr) {
@@ -528,6 +534,7 @@ int SceneSession::wait(milliseconds timeout, const Visit& inspect) {
     clear(*request, SessionRequest::kHeld);
     return 0;
 }
+CORVANE_NO_THROW
 
 template <class Condition>
 bool SceneSession::waitFor(std::chrono::steady_clock::time_point deadline, Condition isMet) const {
@@ -552,7 +559,7 @@ bool SceneSession::isAwaitingDequeues() const {
     });
 }
 
-int SceneSession::stop(milliseconds timeout) {
+int SceneSession::stop(milliseconds timeout) try {
     if (!mStreaming.exchange(false))
         return -EPIPE;
     const int drained = drain(timeout);
@@ -566,6 +573,7 @@ int SceneSession::stop(milliseconds timeout) {
     mInFlight = 0;
     return stopped != 0 ? stopped : drained;
 }
+CORVANE_NO_THROW
 
 void SceneSession::tellLost() const {
     std::string ports;
@@ -576,7 +584,7 @@ void SceneSession::tellLost() const {
                  mDesc.name.c_str(), ports.empty() ? "none" : ports.c_str());
 }
 
-std::vector<PortStatistics> SceneSession::statistics() const {
+std::vector<PortStatistics> SceneSession::statistics() const try {
     std::vector<PortStatistics> result;
     for (size_t i = 0; i < mDesc.ports.size(); ++i) {
         const auto device = std::dynamic_pointer_cast<V4L2VideoDevice>(
@@ -588,10 +596,12 @@ std::vector<PortStatistics> SceneSession::statistics() const {
     }
     return result;
 }
+CORVANE_NO_THROW
 
-void SceneSession::dumpState(IPrinter* printer) const {
+void SceneSession::dumpState(IPrinter* printer) const try {
     if (mEvents)
         mEvents->dumpState(printer);
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane::client

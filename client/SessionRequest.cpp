@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/client/SessionRequest.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,7 +39,8 @@ int allocateAll(IDmaBufSource& source, size_t size, DmaBuf& memory) {
 
 }  // namespace
 
-int Frame::allocate(const PixelFormat& format, const FrameLayout& layout, IDmaBufSource& source) {
+int Frame::allocate(const PixelFormat& format, const FrameLayout& layout,
+                    IDmaBufSource& source) try {
     if (format.planeCount == 0 || format.planeCount > FrameBuffer::kMaxPlanes)
         return -EINVAL;
     mFormat = format;
@@ -46,6 +48,7 @@ int Frame::allocate(const PixelFormat& format, const FrameLayout& layout, IDmaBu
     mBuffer.planeCount = format.planeCount;
     return layout.offset != 0 ? allocateShared(layout, source) : allocateApart(layout, source);
 }
+CORVANE_NO_THROW
 
 int Frame::allocateShared(const FrameLayout& layout, IDmaBufSource& source) {
     uint64_t end = layout.offset;
