@@ -311,6 +311,8 @@ int stream(Options& options) {
                          ? streamOn(options, *device, ports, manager, pipe->session())
                          : kRunFailed;
     manager.uninit();
+    if (code == kSuccess && gWish.terminated)
+        return complain(kRunFailed, "the driver refused a call at the end (see the log)");
     return code;
 }
 
