@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include <corvane/kvxdip.h>
 #include <corvane/platform/System.h>
 #include <linux/media.h>
 #include <linux/videodev2.h>
@@ -41,7 +42,26 @@ inline std::string ioctlName(unsigned long request) {
         CORVANE_IOCTL(MEDIA_IOC_SETUP_LINK),
         CORVANE_IOCTL(MEDIA_IOC_REQUEST_ALLOC),
         CORVANE_IOCTL(MEDIA_REQUEST_IOC_QUEUE),
-        CORVANE_IOCTL(MEDIA_REQUEST_IOC_REINIT)};
+        CORVANE_IOCTL(MEDIA_REQUEST_IOC_REINIT),
+        CORVANE_IOCTL(VIDIOC_SUBSCRIBE_EVENT),
+        CORVANE_IOCTL(VIDIOC_UNSUBSCRIBE_EVENT),
+        CORVANE_IOCTL(VIDIOC_DQEVENT),
+        CORVANE_IOCTL(VIDIOC_QUERY_EXT_CTRL),
+        CORVANE_IOCTL(VIDIOC_G_EXT_CTRLS),
+        CORVANE_IOCTL(VIDIOC_ENUM_FMT),
+        CORVANE_IOCTL(VIDIOC_ENUM_FRAMESIZES),
+        CORVANE_IOCTL(KVXDIP_IOC_ADD_KVA),
+        CORVANE_IOCTL(KVXDIP_IOC_DEL_KVA),
+        CORVANE_IOCTL(KVXDIP_IOC_S_INIT_INFO),
+        CORVANE_IOCTL(KVXDIP_IOC_SET_CONTROL),
+        CORVANE_IOCTL(KVXDIP_IOC_GET_CONTROL),
+        CORVANE_IOCTL(KVXDIP_IOC_ADD_FENCE),
+        CORVANE_IOCTL(KVXDIP_IOC_DEL_FENCE),
+        CORVANE_IOCTL(KVXDIP_IOC_ALOC_BUF),
+        CORVANE_IOCTL(KVXDIP_IOC_FREE_BUF),
+        CORVANE_IOCTL(KVXDIP_IOC_CLEAR_USER_RESOURCE),
+        CORVANE_IOCTL(KVXDIP_IOC_ACQUIRE_IOVA),
+        CORVANE_IOCTL(KVXDIP_IOC_RELEASE_IOVA)};
 #undef CORVANE_IOCTL
     const auto found = kNames.find(request);
     return found != kNames.end() ? found->second : std::to_string(request);

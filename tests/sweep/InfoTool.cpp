@@ -1,0 +1,3 @@
+// The program corvane-info as a function.
+#define main corvaneInfoMain
+#include "../../tools/info/main.cpp"

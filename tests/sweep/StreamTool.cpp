@@ -1,0 +1,3 @@
+// The program corvane-stream as a function.
+#define main corvaneStreamMain
+#include "../../tools/stream/main.cpp"
