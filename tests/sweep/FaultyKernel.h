@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * A kernel over another one, whose calls can be made to fail one by one.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program corvane-info as a function.
 #define main corvaneInfoMain
 #include "../../tools/info/main.cpp"

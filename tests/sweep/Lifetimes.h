@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Whole lives of clients of the library, for the sweep to let each of their calls fail.

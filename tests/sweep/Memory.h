@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Memory that runs out: operator new can be told to fail, for what the library asks for alone.

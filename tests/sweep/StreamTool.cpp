@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program corvane-stream as a function.
 #define main corvaneStreamMain
 #include "../../tools/stream/main.cpp"

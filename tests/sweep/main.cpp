@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fault sweep: each call on the kernel, and each allocation, of whole lifetimes is made to
 // fail, a process a run; how each run ends has to be what the table of endings says.
 #include <corvane/IDefaultSubDeviceProvider.h>
