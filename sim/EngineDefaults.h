@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * What the engine's own nodes offer, where a description leaves it out.

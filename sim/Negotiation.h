@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * How a format rounds sizes and lays pictures out, learned from what a driver answered.

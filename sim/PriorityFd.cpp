@@ -8,15 +8,17 @@
 
 namespace NSVista::NSCorvane::sim {
 
-int PriorityFd::open(bool nonBlocking) {
+int PriorityFd::open(bool nonBlocking, int firstNumber) {
     int ends[2];
     int type = SOCK_STREAM | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0);
     if (socketpair(AF_UNIX, type, 0, ends) < 0)
         return -errno;
     UniqueFd client(ends[0]);
     mSender.reset(ends[1]);
-    mReceiver.reset(fcntl(client.get(), F_DUPFD_CLOEXEC, 0));
-    return mReceiver ? client.release() : -errno;
+    if (firstNumber != 0)
+        mSender.reset(fcntl(ends[1], F_DUPFD_CLOEXEC, firstNumber));
+    mReceiver.reset(fcntl(client.get(), F_DUPFD_CLOEXEC, firstNumber));
+    return mSender && mReceiver ? client.release() : -errno;
 }
 
 void PriorityFd::close() {

@@ -15,8 +15,12 @@ namespace NSVista::NSCorvane::sim {
  */
 class PriorityFd {
 public:
-    /** Makes the pair. @return the client's descriptor, which the caller owns, or -errno. */
-    int open(bool nonBlocking);
+    /**
+     * Makes the pair.
+     * @param firstNumber the least number that descriptors other than the client's may have.
+     * @return the client's descriptor, which the caller owns, or -errno.
+     */
+    int open(bool nonBlocking, int firstNumber = 0);
     /** Lets go of the pair, after which raise() and lower() do nothing. */
     void close();
     void raise();

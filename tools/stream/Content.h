@@ -102,4 +102,16 @@ protected:
                              const client::FrameMapping& planes) override;
 };
 
+/** For a replay: nobody writes its captures. */
+class ReplayedContent : public PlainContent {
+public:
+    using PlainContent::PlainContent;
+
+protected:
+    std::string checkCapture(uint64_t /*number*/, size_t /*port*/,
+                             const client::FrameMapping& /*planes*/) override {
+        return {};
+    }
+};
+
 }  // namespace NSVista::NSCorvane::tools

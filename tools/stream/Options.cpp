@@ -67,14 +67,16 @@ std::string readInput(const std::string& text, Options& options) {
 /** An option, given once or more, whose values a function reads. */
 CLI::Option* addRead(CLI::App& app, const char* name, Options& options, Read read,
                      const char* help) {
-    return app.add_option_function<std::vector<std::string>>(
-        name,
-        [&options, read](const std::vector<std::string>& texts) {
-            for (const std::string& text : texts)
-                if (const std::string wrong = read(text, options); !wrong.empty())
-                    throw CLI::ValidationError(wrong);
-        },
-        help);
+    return app
+        .add_option_function<std::vector<std::string>>(
+            name,
+            [&options, read](const std::vector<std::string>& texts) {
+                for (const std::string& text : texts)
+                    if (const std::string wrong = read(text, options); !wrong.empty())
+                        throw CLI::ValidationError(wrong);
+            },
+            help)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
 /** A number of a range, which an error names in words. */
@@ -167,6 +169,9 @@ void addOutputOptions(CLI::App& app, Options& options) {
     app.add_option("--trace", options.trace,
                    "Write a timeline in the Chrome trace event format (Perfetto's viewer opens it)")
         ->group(group);
+    app.add_option("--record", options.record,
+                   "Record every call of the kernel into this file; corvane-trace shows it")
+        ->group(group);
     app.add_flag("--dump", options.dump, "Print the whole state at the end, still streaming")
         ->group(group);
     app.add_flag("--events", options.events, "Print frame-sync events of the default sub-device")
@@ -176,16 +181,30 @@ void addOutputOptions(CLI::App& app, Options& options) {
     app.add_flag("-q,--quiet", options.quiet, "No progress")->group(group);
 }
 
-}  // namespace
+void addReplayOptions(CLI::App& app, Options& options) {
+    const char* const group = "Replay";
+    CLI::Option* const replay =
+        app.add_option("--replay", options.replay,
+                       "Let this record answer in the device's place; options given here replace "
+                       "those of the recorded run. Pictures are not checked: a record has none")
+            ->group(group);
+    app.add_flag("--fast", options.fast, "Leave the record's delays out, but for those of a second")
+        ->needs(replay)
+        ->group(group);
+}
 
-std::optional<int> parseOptions(int argc, char** argv, Options& options) {
+/** @param again an option may come twice: the later one counts. */
+std::optional<int> parse(int argc, char** argv, bool again, Options& options) {
     options = {};
     CLI::App app("Streams requests through a media device and checks every frame.\n",
                  "corvane-stream");
+    if (again)
+        app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.footer("Exit codes: 0 success, 1 the run failed, 2 bad use.");
     addVersion(app);
     addStreamOptions(app, options);
     addEngineOptions(app, options);
+    addReplayOptions(app, options);
     addOutputOptions(app, options);
     try {
         app.parse(argc, argv);
@@ -202,6 +221,38 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         return complain(kBadUse, "--buffers %u are fewer than the %u requests in flight",
                         options.buffers, options.inFlight);
     return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<int> parseOptions(int argc, char** argv, Options& options) {
+    return parse(argc, argv, false, options);
+}
+
+std::string noteOf(int argc, char** argv) {
+    constexpr std::string_view kRecord = "--record";
+    std::string note;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        if (argument == kRecord)
+            ++i;
+        else if (!argument.starts_with(std::string(kRecord) + "="))
+            note.append(argument).append("\n");
+    }
+    return note;
+}
+
+std::optional<int> parseReplayOptions(const std::string& note, int argc, char** argv,
+                                      Options& options) {
+    std::vector<std::string> words = {argv[0]};
+    for (size_t begin = 0, end = 0; (end = note.find('\n', begin)) != std::string::npos;
+         begin = end + 1)
+        words.push_back(note.substr(begin, end - begin));
+    words.insert(words.end(), argv + 1, argv + argc);
+    std::vector<char*> pointers;
+    for (std::string& word : words)
+        pointers.push_back(word.data());
+    return parse(static_cast<int>(pointers.size()), pointers.data(), true, options);
 }
 
 }  // namespace NSVista::NSCorvane::tools

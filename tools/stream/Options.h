@@ -44,7 +44,10 @@ struct Options {
 
     std::string snapshot;  ///< paths; empty: none
     std::string trace;
-    std::string save;  ///< folder
+    std::string save;    ///< folder
+    std::string record;  ///< file
+    std::string replay;  ///< file
+    bool fast = false;
     bool json = false;
     bool dump = false;
     bool events = false;
@@ -57,5 +60,15 @@ struct Options {
  * @return an exit code when the program is to end, else nothing.
  */
 std::optional<int> parseOptions(int argc, char** argv, Options& options);
+
+/** A command line as a record keeps it, a line an argument; without what asks for the record. */
+std::string noteOf(int argc, char** argv);
+/**
+ * Reads the command line of a replay again, behind that of the recorded run: what both say counts
+ * as said now.
+ * @return as parseOptions().
+ */
+std::optional<int> parseReplayOptions(const std::string& note, int argc, char** argv,
+                                      Options& options);
 
 }  // namespace NSVista::NSCorvane::tools

@@ -3,15 +3,18 @@
 #include <corvane/SceneManager.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/Properties.h>
+#include <corvane/platform/Record.h>
 #include <corvane/platform/Service.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/Trace.h>
 #include <corvane/platform/ULog.h>
+#include <corvane/replay/ReplayKernel.h>
 #include <corvane/sim/Engine.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
+#include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -77,6 +80,43 @@ private:
     sim::ScopedKernel mInstalled;
 };
 
+/** A record in the device's place, installed while it lives. */
+class Replay {
+public:
+    /** @return null, with a line on stderr, for a record that cannot be replayed. */
+    static std::unique_ptr<Replay> open(replay::Record record, const Options& options) {
+        std::string problem;
+        auto kernel = replay::ReplayKernel::make(std::move(record), options.fast, problem);
+        if (kernel != nullptr)
+            return std::unique_ptr<Replay>(new Replay(std::move(kernel)));
+        say("%s: %s", options.replay.c_str(), problem.c_str());
+        return nullptr;
+    }
+
+    bool hasExports() const { return mKernel->hasExports(); }
+    /** Tells how far the run was the record's. @return a code that tells it too. */
+    ExitCode finish(ExitCode code) const {
+        const uint64_t left = mKernel->callsLeft();
+        if (mKernel->differences() == 0 && left == 0)
+            return code;
+        say("the run is not the recorded one: %" PRIu64 " calls differ, %" PRIu64
+            " of the record were not made%s%s",
+            mKernel->differences(), left, left != 0 ? ", the first is " : "",
+            mKernel->nextCall().c_str());
+        return kRunFailed;
+    }
+
+private:
+    explicit Replay(std::unique_ptr<replay::ReplayKernel> kernel)
+        : mKernel(std::move(kernel)), mInstalled(*mKernel) {}
+
+    std::unique_ptr<replay::ReplayKernel> mKernel;
+    sim::ScopedKernel mInstalled;
+};
+
+/** The one that runs; null for none. */
+const Replay* gReplay = nullptr;
+
 /** A file that is written at the end is worth nothing if it cannot be: find out first. */
 bool prepareFile(const std::string& path) {
     if (path.empty())
@@ -100,8 +140,11 @@ unsigned requestsKept(const Device& device, const std::vector<NodePort>& ports) 
 
 std::unique_ptr<client::IDmaBufSource> makeSource(const Options& options,
                                                   const std::vector<NodePort>& ports) {
-    if (options.sim)
+    const bool fromNode = gReplay != nullptr && gReplay->hasExports();
+    if (options.sim || (gReplay != nullptr && !fromNode))
         return client::makeMemoryFileSource();
+    if (fromNode)
+        return client::makeVideoNodeSource(ports.front().nodePath);
     if (auto heap = client::openDmaHeapSource())
         return heap;
     return client::makeVideoNodeSource(ports.front().nodePath);
@@ -185,9 +228,13 @@ Plan makePlan(const Options& options, const Device& device, const std::vector<No
 
 std::unique_ptr<Content> makeContent(const Device& device, const std::vector<NodePort>& ports,
                                      client::SceneSession& session) {
+    if (!EngineContent::isFor(device) && gReplay != nullptr)
+        return std::make_unique<ReplayedContent>(ports, session);
     if (!EngineContent::isFor(device))
         return std::make_unique<PlainContent>(ports, session);
     const std::string strange = EngineContent::findStrangeFormat(ports, session);
+    if (strange.empty() && gReplay != nullptr)
+        return std::make_unique<ReplayedContent>(ports, session);
     if (strange.empty())
         return std::make_unique<EngineContent>(ports, session);
     say("%s lays its format out as the engine should not", strange.c_str());
@@ -316,7 +363,24 @@ int stream(Options& options) {
     return code;
 }
 
-int run(Options& options) {
+/** Begins the files that go along with a run. @return success, else a line on stderr tells. */
+bool startFiles(const Options& options, const std::string& note) {
+    if (!prepareFile(options.snapshot) || !prepareFile(options.trace))
+        return false;
+    const auto isStarted = [](const std::string& path, int result) {
+        if (result != 0)
+            say("%s: %s", path.c_str(), strerror(-result));
+        return result == 0;
+    };
+    // Without the option what the property asked for goes on.
+    return (options.trace.empty() ||
+            isStarted(options.trace, trace::start(options.trace.c_str()))) &&
+           (options.record.empty() ||
+            isStarted(options.record, record::start(options.record.c_str(), note.c_str())));
+}
+
+/** @param note this run's options, for a record. @param recorded what is to answer, if anything. */
+int run(Options& options, const std::string& note, replay::Record recorded) {
     configureLog(options);
     handleSignals();
     Utils::setTerminateHandler([] { gWish.terminated = true; });
@@ -324,23 +388,23 @@ int run(Options& options) {
         Utils::Properties::property_set(
             "persist.vendor.camera.corvane.V4L2BufferMonitor.configmode", "1");
     std::unique_ptr<Simulation> simulation;
-    if (options.sim)
+    std::unique_ptr<Replay> replayed;
+    if (!options.replay.empty() && !(replayed = Replay::open(std::move(recorded), options)))
+        return kBadUse;
+    gReplay = replayed.get();
+    if (options.sim && replayed == nullptr)
         simulation = std::make_unique<Simulation>(options);
     if (options.list) {
         printDevices(findDevices({}));
         return kSuccess;
     }
-    if (!prepareFile(options.snapshot) || !prepareFile(options.trace))
+    if (!startFiles(options, note))
         return kBadUse;
-    // Without the option a trace that the property asked for goes on.
-    const int result = options.trace.empty() ? 0 : trace::start(options.trace.c_str());
-    if (result != 0) {
-        return complain(kBadUse, "%s: %s", options.trace.c_str(), strerror(-result));
-    }
     customizeThreadReadyToRun(kThreadName, strlen(kThreadName));
     const int code = stream(options);
     trace::stop();
-    return code;
+    record::stop();
+    return replayed != nullptr ? replayed->finish(static_cast<ExitCode>(code)) : code;
 }
 
 }  // namespace
@@ -348,11 +412,22 @@ int run(Options& options) {
 }  // namespace NSVista::NSCorvane::tools
 
 int main(int argc, char** argv) {
+    using namespace NSVista::NSCorvane;
     using namespace NSVista::NSCorvane::tools;
     setProgramName(kSceneName);
     setUpTerminal();
     Options options;
     if (const std::optional<int> code = parseOptions(argc, argv, options))
         return *code;
-    return finishOutput(static_cast<ExitCode>(run(options)));
+    replay::Record recorded;
+    if (!options.replay.empty()) {
+        const std::string file = options.replay;
+        recorded = replay::loadRecord(file);
+        const bool isOurs = recorded.program == kSceneName;
+        if (const std::optional<int> code =
+                parseReplayOptions(isOurs ? recorded.note : std::string(), argc, argv, options))
+            return *code;
+    }
+    return finishOutput(
+        static_cast<ExitCode>(run(options, noteOf(argc, argv), std::move(recorded))));
 }
