@@ -8,43 +8,11 @@
 #include <memory>
 #include <new>
 
-#include <corvane/platform/Record.h>
-#include <corvane/platform/Trace.h>
-
 #include "Format.h"
 #include "LineWriter.h"
 
-#if defined(__ANDROID__)
-#include <android/log.h>
-#endif
-
 using NSVista::NSCorvane::ErrnoKeeper;
 using NSVista::NSCorvane::LineWriter;
-
-constinit CamLogInfoLevel g_logInfoLv[5] = {
-    {0x80, "D "}, {0x80, "E "}, {0x80, "W "}, {0x80, "I "}, {0x80, "K "},
-};
-
-const char* get_filename_log_control(const char* path) {
-    if (path == nullptr)
-        return "";
-    const char* const slash = strrchr(path, '/');
-    return slash != nullptr ? slash + 1 : path;
-}
-
-#if defined(__ANDROID__)
-
-void log_dbg_print(const char* tag, cam_debug_level_t level, const char* format, ...) {
-    static constexpr int kPriorities[] = {ANDROID_LOG_DEBUG, ANDROID_LOG_ERROR, ANDROID_LOG_WARN,
-                                          ANDROID_LOG_INFO, ANDROID_LOG_INFO};
-    const ErrnoKeeper keeper;
-    va_list args;
-    va_start(args, format);
-    __android_log_vprint(kPriorities[level], tag, format, args);
-    va_end(args);
-}
-
-#else
 
 namespace {
 
@@ -95,9 +63,5 @@ void __android_log_assert(const char* /*condition*/, const char* tag, const char
     va_end(args);
     length += static_cast<size_t>(std::max(body, 0));
     writeLine(line, std::min(length, sizeof(line) - 1));
-    NSVista::NSCorvane::trace::stop();
-    NSVista::NSCorvane::record::flush();
     abort();
 }
-
-#endif

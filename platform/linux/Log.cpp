@@ -1,12 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Log.h>
+#include <corvane/platform/Record.h>
+#include <corvane/platform/Trace.h>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "Format.h"
 #include "ULogSink.h"
+
+constinit CamLogInfoLevel g_logInfoLv[5] = {
+    {0x80, "D "}, {0x80, "E "}, {0x80, "W "}, {0x80, "I "}, {0x80, "K "},
+};
+
+const char* get_filename_log_control(const char* path) {
+    if (path == nullptr)
+        return "";
+    const char* const slash = strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
 
 namespace NSVista::NSCorvane::log {
 
@@ -88,6 +102,11 @@ void writeUnified(const Severity& severity, const Site& site, const char* format
 void flushUnified() {
     if (Utils::ULog::unifiedLogOn())
         Utils::ULog::sink().flush(1);
+}
+
+void endTraces() {
+    trace::stop();
+    record::flush();
 }
 
 }  // namespace NSVista::NSCorvane::log

@@ -25,17 +25,6 @@ void FilePrinter::printLine(const char* text) {
 
 }  // namespace NSVista
 
-namespace android {
-
-void LogPrinter::printLine(const char* text) {
-    const bool known = mLevel >= CAM_DEBUG_DEBUG && mLevel <= CAM_DEBUG_KEY;
-    const auto level = known ? static_cast<cam_debug_level_t>(mLevel) : CAM_DEBUG_INFO;
-    log_dbg_print(mTag, level, "%s[%s] %s%s", g_logInfoLv[level].prefix, mTag,
-                  mPrefix != nullptr ? mPrefix : "", text);
-}
-
-}  // namespace android
-
 namespace NSVista::Utils::ULog {
 
 void ULogPrinter::printLine(const char* text) {

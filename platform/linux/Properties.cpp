@@ -13,11 +13,8 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "PropertySources.h"
 #include "PropertyText.h"
-
-#if defined(__ANDROID__)
-#include <sys/system_properties.h>
-#endif
 
 CORVANE_LOG_UNIT("corvane-Properties")
 
@@ -48,55 +45,6 @@ Value processValue(const char* key) {
     return found != store().values.end() ? Value(found->second) : std::nullopt;
 }
 
-Value valueOf(const char* text) {
-    return text != nullptr ? Value(text) : std::nullopt;
-}
-
-#if defined(__ANDROID__)
-
-Value systemValue(const char* key) {
-    char value[PROP_VALUE_MAX] = {};
-    return __system_property_get(key, value) > 0 ? Value(value) : std::nullopt;
-}
-
-constexpr Value (*kSources[])(const char*) = {processValue, systemValue};
-
-#else
-
-/** secure_getenv: in a process with raised rights the environment sets nothing. */
-Value exactVariable(const char* key) {
-    return valueOf(secure_getenv(key));
-}
-
-/** A name that every shell can set: in upper case, '_' for what is neither letter nor digit. */
-Value shellVariable(const char* key) {
-    std::string name(key);
-    for (char& c : name) {
-        if (c >= 'a' && c <= 'z')
-            c = static_cast<char>(c - 'a' + 'A');
-        else if ((c < 'A' || c > 'Z') && (c < '0' || c > '9'))
-            c = '_';
-    }
-    return valueOf(secure_getenv(name.c_str()));
-}
-
-/** What the system's properties say where there are none. */
-Value platformDefault(const char* key) {
-    static constexpr const char* kDefaults[][2] = {
-        {"ro.vendor.build.type", "user"},
-    };
-    for (const auto& [name, value] : kDefaults) {
-        if (strcmp(key, name) == 0)
-            return value;
-    }
-    return std::nullopt;
-}
-
-constexpr Value (*kSources[])(const char*) = {processValue, exactVariable, shellVariable,
-                                              platformDefault};
-
-#endif
-
 void warn(const char* key, const std::string& text) {
     {
         const MutexLock lock(store().lock);
@@ -115,13 +63,20 @@ template <class Parse>
 auto look(const char* key, Parse parse) -> decltype(parse(std::string())) {
     if (key == nullptr || *key == '\0')
         return std::nullopt;
-    for (const auto source : kSources) {
+    const auto ask = [&](PropertySource source) -> decltype(parse(std::string())) {
         const Value text = source(key);
         if (!text || text->empty())
-            continue;
+            return std::nullopt;
         if (auto result = parse(*text))
             return result;
         warn(key, *text);
+        return std::nullopt;
+    };
+    if (auto result = ask(processValue))
+        return result;
+    for (const PropertySource source : systemSources()) {
+        if (auto result = ask(source))
+            return result;
     }
     return std::nullopt;
 }

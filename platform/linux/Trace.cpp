@@ -53,7 +53,7 @@ bool loadState() {
     set_corvane_enabled_tracebits(Utils::Properties::property_get_uint64(
         "persist.vendor.camera.corvane.tracebits", ~uint64_t{0}));
     const std::string target =
-        Utils::Properties::propertyText("persist.vendor.camera.corvane.trace", "none");
+        Utils::Properties::propertyText("persist.vendor.camera.corvane.trace", kDefaultTarget);
     if (const int result = start(target.c_str()); result != 0)
         CORVANE_LOGE("Failed to trace into %s: %d(%s)", target.c_str(), result, strerror(-result));
     return true;

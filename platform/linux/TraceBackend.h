@@ -48,6 +48,8 @@ protected:
  */
 Backend* startFileBackend(const char* path, int& error);
 Backend* openMarkerBackend(int& error);
+/** Where to trace when nothing is configured. */
+extern const char* const kDefaultTarget;
 /** @param fd a marker. */
 Backend* makeMarkerBackend(UniqueFd fd);
 

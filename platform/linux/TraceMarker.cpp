@@ -56,6 +56,8 @@ void MarkerBackend::event(Kind kind, const char* name, int32_t value) {
 
 }  // namespace
 
+constinit const char* const kDefaultTarget = "none";
+
 Backend* makeMarkerBackend(UniqueFd fd) {
     return new MarkerBackend(std::move(fd));
 }

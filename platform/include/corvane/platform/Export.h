@@ -12,3 +12,8 @@
 #define CORVANE_EXPORT __attribute__((visibility("default")))
 /** One for each shared object, however that is built. */
 #define CORVANE_HIDDEN __attribute__((visibility("hidden")))
+
+/** Built over Android's own libraries: what they declare is not declared again. */
+#if defined(__ANDROID__) && !defined(CORVANE_ANDROID)
+#define CORVANE_ANDROID 1
+#endif

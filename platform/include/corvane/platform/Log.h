@@ -68,6 +68,8 @@ CORVANE_EXPORT void writeUnified(const Severity& severity, const Site& site, con
                                  ...) __attribute__((format(printf, 3, 4)));
 /** Flushes the unified log when it is on. */
 CORVANE_EXPORT void flushUnified();
+/** Ends traces and writes recordings out, before an abort that knows nothing of them. */
+CORVANE_EXPORT void endTraces();
 
 /** Never called: lets the compiler check a statement's format. */
 void checkFormat(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -105,6 +107,7 @@ template <class... Args>
 [[noreturn]] void fatal(const Site& site, const char* format, const char* located, Args... args) {
     writeError(site, format, located, args...);
     flushUnified();
+    endTraces();
     __android_log_assert(nullptr, site.tag, located, site.function, args..., site.function,
                          site.line, site.path);
 }

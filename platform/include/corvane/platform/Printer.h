@@ -34,6 +34,8 @@ private:
 
 }  // namespace NSVista
 
+#if !defined(CORVANE_ANDROID)  // there libutils has it, see AndroidPrinter.h
+
 namespace android {
 
 /** Prints to the debug print. */
@@ -55,6 +57,8 @@ private:
 };
 
 }  // namespace android
+
+#endif
 
 namespace NSVista::Utils::ULog {
 
