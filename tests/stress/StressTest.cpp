@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Scenes of two devices are built, streamed, failed and torn down on one event monitor, while other
-// threads look at everything there is to be looked at.
+// Scenes and sessions of three devices are built, streamed, failed and torn down at any moment,
+// some on one event monitor, while other threads look at everything there is to be looked at and
+// calls of the kernel give way to other threads at random.
+//   corvane_stress [--seconds N] [--seed N]
 #include <corvane/DequeuedBuffer.h>
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/IMediaDevice.h>
@@ -8,7 +10,7 @@
 #include <corvane/SceneDesc.h>
 #include <corvane/SceneManager.h>
 #include <corvane/client/EpollEventMonitor.h>
-#include <corvane/client/SessionRequest.h>
+#include <corvane/client/SceneSession.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/Service.h>
 #include <corvane/platform/System.h>
@@ -20,6 +22,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -33,10 +36,14 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kModels[] = {"stress-0", "stress-1"};
+/** The last one is for sessions. */
+constexpr const char* kModels[] = {"stress-0", "stress-1", "stress-2"};
 constexpr int kBuffers = 4;
 /** Set where the library reports on the thread that met a refused driver call. */
 thread_local bool sReported = false;
+
+std::chrono::seconds sDuration{3};
+unsigned sSeed = 1;
 
 class Random {
 public:
@@ -48,6 +55,50 @@ public:
 
 private:
     std::mt19937 mEngine;
+};
+
+/** Lets other threads run around calls of the kernel, at random. */
+class YieldingKernel : public System::Kernel {
+public:
+    explicit YieldingKernel(System::Kernel& kernel) : mKernel(kernel) {}
+
+    int open(const char* path, int flags) override {
+        return yielding([&] { return mKernel.open(path, flags); });
+    }
+    int close(int fd) override {
+        return yielding([&] { return mKernel.close(fd); });
+    }
+    int ioctl(int fd, unsigned long request, void* arg) override {
+        return yielding([&] { return mKernel.ioctl(fd, request, arg); });
+    }
+    int openDir(const char* path, DIR** dir) override { return mKernel.openDir(path, dir); }
+    int readDir(DIR* dir, struct dirent** entry) override { return mKernel.readDir(dir, entry); }
+    int closeDir(DIR* dir) override { return mKernel.closeDir(dir); }
+    int stat(const char* path, struct stat* info) override { return mKernel.stat(path, info); }
+    int readLink(const char* path, char* buffer, size_t size) override {
+        return yielding([&] { return mKernel.readLink(path, buffer, size); });
+    }
+
+private:
+    template <class Call>
+    static int yielding(Call call) {
+        giveWay();
+        const int result = call();
+        const int error = errno;
+        giveWay();
+        errno = error;
+        return result;
+    }
+    static void giveWay() {
+        static std::atomic<unsigned> threads{0};
+        thread_local Random random(sSeed * 1000 + threads++);
+        if (const unsigned die = random.below(64); die == 0)
+            std::this_thread::sleep_for(std::chrono::microseconds(random.below(300)));
+        else if (die < 16)
+            std::this_thread::yield();
+    }
+
+    System::Kernel& mKernel;
 };
 
 /** Has everything formatted and keeps nothing. */
@@ -67,11 +118,12 @@ struct Shown {
 /** One thread's scenes over some ports of a device, one after the other. */
 class Worker {
 public:
+    /** @param events shared with others; null for one of each scene's own. */
     Worker(SceneManager& manager, std::shared_ptr<client::EpollEventMonitor> events,
            unsigned number)
         : mManager(manager),
-          mEvents(std::move(events)),
-          mRandom(number),
+          mShared(std::move(events)),
+          mRandom(sSeed + number),
           mName("scene-" + std::to_string(number)),
           mModel(kModels[number % 2]) {
         for (unsigned port = number / 2; port < VENGINE_PORTS; port += 3) {
@@ -139,6 +191,7 @@ private:
                 return false;
             formats.push_back(format);
         }
+        mEvents = mShared != nullptr ? mShared : client::EpollEventMonitor::make();
         const std::lock_guard lock(shown.lock);
         for (size_t slot = 0; slot < kBuffers; ++slot) {
             auto& frames = mFrames.emplace_back(formats.size());
@@ -155,23 +208,49 @@ private:
     void stream(Scene& scene) {
         scene.setDirectDequeue(mRandom.below(2) == 0);
         scene.setKeepIndexes(mRandom.below(2) == 0);
-        scene.setBufferDequeuedCallback([this](const DequeuedBuffer&) { ++dequeued; });
+        scene.setBufferDequeuedCallback([this](const DequeuedBuffer& buffer) {
+            ++dequeued;
+            const std::lock_guard lock(mLock);
+            ++mDequeued;
+            mIsLost = mIsLost || buffer.result < 0;
+            mDone.notify_all();
+        });
         mIdle = {0, 1, 2, 3};
+        mQueueable = kBuffers;
+        mIsLost = false;
+        mCompleted = mDequeued = 0;
         scene.setRequestDoneCallback([this](IRequest* request) {
             const std::lock_guard lock(mLock);
             mIdle.push_back(reinterpret_cast<size_t>(request->getCookie()));
+            ++mCompleted;
             mDone.notify_all();
             ++completed;
         });
         sReported = false;
         scene.start();
         // A node that did not stream on would never complete what it is given.
-        for (unsigned cycles = sReported ? 0 : mRandom.below(60); cycles != 0; --cycles)
-            if (const int slot = waitIdle(1); slot < 0 || !queue(scene, static_cast<size_t>(slot)))
-                break;
-        waitIdle(mQueueable);
-        mQueueable = kBuffers;
+        const auto queueSome = [this, &scene](unsigned cycles) {
+            for (; cycles != 0 && !mIsLost; --cycles)
+                if (const int slot = waitIdle(1);
+                    slot < 0 || !queue(scene, static_cast<size_t>(slot)))
+                    break;
+        };
+        std::thread other(queueSome, sReported ? 0 : mRandom.below(30));
+        queueSome(sReported ? 0 : mRandom.below(30));
+        other.join();
+        if (mShared != nullptr || mRandom.below(2) == 0)
+            waitIdle(mQueueable);
+        mEvents.reset();
+        if (mShared == nullptr)
+            waitDequeued();
         scene.stop();
+    }
+
+    /** Without an event monitor nothing completes any more, but what did is dequeued. */
+    void waitDequeued() {
+        std::unique_lock lock(mLock);
+        EXPECT_TRUE(
+            mDone.wait_for(lock, 20s, [this] { return mDequeued >= mCompleted * mPorts.size(); }));
     }
 
     /** Waits for @p count idle requests. @return one of them, taken out when @p count is 1. */
@@ -200,6 +279,7 @@ private:
     }
 
     SceneManager& mManager;
+    const std::shared_ptr<client::EpollEventMonitor> mShared;
     std::shared_ptr<client::EpollEventMonitor> mEvents;
     Random mRandom;
     const std::string mName;
@@ -209,10 +289,81 @@ private:
     SceneDesc mDesc{};
     std::unique_ptr<client::IDmaBufSource> mSource = client::makeMemoryFileSource();
     std::vector<std::vector<client::Frame>> mFrames;  ///< per request, per port
-    size_t mQueueable = kBuffers;                     ///< requests whose queueing was not refused
+    std::atomic<size_t> mQueueable{kBuffers};         ///< requests whose queueing was not refused
+    std::atomic<bool> mIsLost{false};                 ///< an index, by a dequeue that failed
     std::mutex mLock;
     std::condition_variable mDone;
     std::vector<size_t> mIdle;
+    size_t mCompleted = 0, mDequeued = 0;
+};
+
+/** Sessions one after the other, fed by one thread, emptied by another and ended at any moment. */
+class SessionWorker {
+public:
+    explicit SessionWorker(unsigned number) : mRandom(sSeed + 100 + number) {
+        mDesc.name = "session-" + std::to_string(number);
+        for (uint32_t port = number; port < VENGINE_PORTS; port += 2) {
+            const vengine_port& about = vengine_ports[port];
+            mDesc.ports.push_back({about.name, static_cast<int>(port), about.name, 0, 64, 16});
+            if (V4L2_TYPE_IS_OUTPUT(about.buf_type))
+                mDesc.links.push_back({about.name, 0, VENGINE_CORE_ENTITY, port});
+            else
+                mDesc.links.push_back({VENGINE_CORE_ENTITY, port, about.name, 0});
+        }
+    }
+
+    void live() {
+        mDesc.direct = mRandom.below(2) == 0;
+        const auto source = client::makeMemoryFileSource();
+        int error = 0;
+        auto opened = client::SceneSession::open(
+            mDesc, IDeviceEnumerator::instance().search(kModels[2]), *source, error);
+        if (opened == nullptr)
+            return;
+        sReported = false;
+        opened->start();
+        const std::chrono::milliseconds patience(sReported ? 0 : mRandom.below(3) * 1000);
+        {
+            const std::lock_guard lock(mLock);
+            mSession = std::move(opened);
+        }
+        std::atomic<bool> over{sReported};
+        std::thread taker([&] {
+            while (!over)
+                if (mSession->wait(1ms, {}) == 0)
+                    ++completed;
+        });
+        for (unsigned cycles = over ? 0 : mRandom.below(60); cycles != 0; --cycles)
+            if (mSession->submit({}) == -EAGAIN)
+                std::this_thread::yield();
+        over = true;
+        taker.join();
+        {
+            const std::lock_guard lock(mLock);
+            opened = std::move(mSession);
+        }
+        if (mRandom.below(2) == 0)
+            opened->stop(patience);
+        ++sessions;
+    }
+    void look(IPrinter& printer) {
+        const std::lock_guard lock(mLock);
+        if (mSession == nullptr)
+            return;
+        mSession->dumpState(&printer);
+        for (const client::PortStatistics& port : mSession->statistics())
+            EXPECT_LE(port.dequeued, port.queued + mDesc.ports.size() * kBuffers);
+        mSession->scene()->dumpState(&printer);
+    }
+
+    std::atomic<uint64_t> sessions{0};
+    std::atomic<uint64_t> completed{0};
+
+private:
+    Random mRandom;
+    client::SessionDesc mDesc;
+    std::mutex mLock;  ///< held while the session is looked at
+    std::unique_ptr<client::SceneSession> mSession;
 };
 
 /** Looks at what a worker shows. */
@@ -258,7 +409,7 @@ void disturb(sim::Engine& engine, std::vector<sim::Device*>& devices, Random& ra
                 1 + random.below(100));
     if (random.below(4) == 0)
         faults.fail({.operation = sim::Operation::OPEN}, EBUSY, 1 + random.below(8));
-    sim::Device& device = *devices[random.below(2)];
+    sim::Device& device = *devices[random.below(std::size(kModels))];
     device.failBuffer(vengine_ports[random.below(VENGINE_PORTS)].name, 1 + random.below(50));
     device.setTiming({.latency = std::chrono::microseconds(random.below(300)),
                       .jitter = std::chrono::microseconds(random.below(300)),
@@ -268,17 +419,13 @@ void disturb(sim::Engine& engine, std::vector<sim::Device*>& devices, Random& ra
                       .seed = random.below(1000)});
 }
 
-std::chrono::seconds duration() {
-    const char* const seconds = getenv("CORVANE_STRESS_SECONDS");
-    return std::chrono::seconds(seconds != nullptr ? atoi(seconds) : 3);
-}
-
 TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
     sim::Engine engine;
     std::vector<sim::Device*> devices;
     for (const char* model : kModels)
         devices.push_back(engine.addDevice(sim::describeVirtualEngine(model)));
-    const sim::ScopedKernel installed(engine);
+    YieldingKernel kernel(engine);
+    const sim::ScopedKernel installed(kernel);
     for (const char* model : kModels)
         ASSERT_NE(IDeviceEnumerator::instance().search(model), nullptr);
     Utils::ULog::RingULogger log{100};
@@ -290,7 +437,9 @@ TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
         const auto events = client::EpollEventMonitor::make();
         std::vector<std::unique_ptr<Worker>> workers;
         for (unsigned number = 0; number < 6; ++number)
-            workers.push_back(std::make_unique<Worker>(manager, events, number));
+            workers.push_back(
+                std::make_unique<Worker>(manager, number < 4 ? events : nullptr, number));
+        SessionWorker sessions[2] = {SessionWorker(0), SessionWorker(1)};
         std::atomic<bool> over{false};
         const auto untilOver = [&over](auto body) {
             return std::thread([&over, body]() mutable {
@@ -301,7 +450,9 @@ TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
         std::vector<std::thread> threads;
         for (const auto& worker : workers)
             threads.push_back(untilOver([&worker] { worker->live(); }));
-        threads.push_back(untilOver([&, random = Random(7)]() mutable {
+        for (SessionWorker& session : sessions)
+            threads.push_back(untilOver([&session] { session.live(); }));
+        threads.push_back(untilOver([&, random = Random(sSeed)]() mutable {
             disturb(engine, devices, random);
             std::this_thread::sleep_for(5ms);
         }));
@@ -313,8 +464,10 @@ TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
         threads.push_back(untilOver([&, printer = Discarding()]() mutable {
             for (const auto& worker : workers)
                 look(*worker, printer);
+            for (SessionWorker& session : sessions)
+                session.look(printer);
         }));
-        std::this_thread::sleep_for(duration());
+        std::this_thread::sleep_for(sDuration);
         over = true;
         for (auto& thread : threads)
             thread.join();
@@ -323,6 +476,12 @@ TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
             EXPECT_GT(worker->completed, 0U);
             EXPECT_GT(worker->dequeued, worker->completed);
             printf("%lu scenes, %lu requests\n", worker->scenes.load(), worker->completed.load());
+        }
+        for (const SessionWorker& session : sessions) {
+            EXPECT_GT(session.sessions, 0U);
+            EXPECT_GT(session.completed, 0U);
+            printf("%lu sessions, %lu requests\n", session.sessions.load(),
+                   session.completed.load());
         }
     }
     Utils::setTerminateHandler(nullptr);
@@ -334,3 +493,14 @@ TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
 
 }  // namespace
 }  // namespace NSVista::NSCorvane::test
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (strcmp(argv[i], "--seconds") == 0)
+            NSVista::NSCorvane::test::sDuration = std::chrono::seconds(atoi(argv[i + 1]));
+        else if (strcmp(argv[i], "--seed") == 0)
+            NSVista::NSCorvane::test::sSeed = static_cast<unsigned>(atoi(argv[i + 1]));
+    }
+    return RUN_ALL_TESTS();
+}
