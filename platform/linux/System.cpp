@@ -6,12 +6,14 @@
 #include <corvane/platform/Trace.h>
 #include <linux/media.h>
 #include <linux/videodev2.h>
+#include <poll.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <utility>
 
+#include "CallList.h"
 #include "FdTable.h"
 #include "KernelWrapper.h"
 
@@ -65,6 +67,7 @@ int Close(int fd, unsigned long /*owner*/) noexcept {
 
 int Ioctl(int fd, int request, void* arg, unsigned int traced) noexcept {
     const auto code = static_cast<unsigned int>(request);
+    const CallList::Listed listed(fd, code);
     if (traced == 0)
         return kernel().ioctl(fd, code, arg);
     TraceSection section(kTraceDriverCalls,
@@ -134,6 +137,15 @@ int DelIova(int fd, int request, void* record) noexcept {
 
 std::vector<OpenFd> openFds() {
     return FdTable::instance().list();
+}
+
+std::vector<CallUnderWay> callsUnderWay() {
+    return CallList::instance().list();
+}
+
+bool hasPriorityData(int fd) noexcept {
+    pollfd asked{fd, POLLPRI, 0};
+    return ::poll(&asked, 1, 0) > 0 && (asked.revents & POLLPRI) != 0;
 }
 
 void dumpState(IPrinter* printer) {

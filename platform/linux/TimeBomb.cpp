@@ -31,7 +31,7 @@ Clock::duration duration(unsigned long ns) {
 struct Armed {
     Clock::time_point deadline;
     Clock::time_point since;
-    std::weak_ptr<const TimeBomb> bomb;
+    std::weak_ptr<TimeBomb> bomb;
 };
 
 /**
@@ -57,6 +57,10 @@ private:
     /** Drops what is disarmed. @return the guard that expires next. */
     Armed* nearest() CORVANE_REQUIRES(mLock);
     void report(const TimeBomb& bomb, Clock::duration age) CORVANE_EXCLUDES(mLock);
+    /** @return the time until the next look. */
+    Clock::duration look(TimeBomb& bomb) CORVANE_EXCLUDES(mLock);
+    void lookAgain(const std::shared_ptr<TimeBomb>& bomb, Clock::duration pause)
+        CORVANE_REQUIRES(mLock);
 
     Mutex mLock;
     std::condition_variable mAdded;
@@ -111,6 +115,14 @@ void GuardThread::run() {
         const auto bomb = next->bomb.lock();
         if (!bomb)
             continue;
+        if (bomb->looks()) {
+            next->deadline = Clock::time_point::max();
+            lock.unlock();
+            const auto pause = look(*bomb);
+            lock.lock();
+            lookAgain(bomb, pause);
+            continue;
+        }
         const auto age = now - next->since;
         if (const auto period = duration(bomb->period()); period > Clock::duration::zero())
             next->deadline += period * ((now - next->deadline) / period + 1);
@@ -130,6 +142,19 @@ void GuardThread::report(const TimeBomb& bomb, Clock::duration age) {
         (*expiryHandler)(bomb, age);
 }
 
+Clock::duration GuardThread::look(TimeBomb& bomb) {
+    return bomb.look([&](std::chrono::nanoseconds age, const char* message) {
+        bomb.setText(message);
+        report(bomb, age);
+    });
+}
+
+void GuardThread::lookAgain(const std::shared_ptr<TimeBomb>& bomb, Clock::duration pause) {
+    for (Armed& armed : mArmed)
+        if (armed.bomb.lock() == bomb)
+            armed.deadline = Clock::now() + pause;
+}
+
 }  // namespace
 
 TimeBomb::TimeBomb(const char* name, unsigned long limit, unsigned long period)
@@ -142,6 +167,13 @@ void TimeBomb::setMessage(const char* format, ...) {
     if (vsnprintf(mMessage, sizeof(mMessage), format, args) < 0)
         mMessage[0] = '\0';
     va_end(args);
+}
+
+std::shared_ptr<TimeBomb> TimeBomb::watch(const char* name, unsigned long first, Look look) {
+    std::shared_ptr<TimeBomb> shared(new TimeBomb(name, first, 0), &TimeBomb::deleteThis);
+    shared->mLook = std::move(look);
+    registerTimeBomb(shared);
+    return shared;
 }
 
 void TimeBomb::deleteThis(TimeBomb* bomb) {

@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -74,6 +75,23 @@ TEST_F(TimeBombTest, ReportsAtTheLimitAndEveryPeriodUntilReleased) {
     ASSERT_EQ(lines.size(), seen.size());
     EXPECT_EQ(lines[0].level, NSVista::Utils::ULog::kError);
     EXPECT_THAT(lines[0].text, testing::MatchesRegex(".* Kernel: QBUF timed out .[0-9]+ ms."));
+}
+
+TEST_F(TimeBombTest, LooksUntilReleasedAndTellsWhatIsOverdue) {
+    std::atomic<int> looks{0};
+    auto guard = TimeBomb::watch("Scene", 20 * kMs, [&](const TimeBomb::Tell& tell) {
+        if (++looks % 2 == 0)
+            tell(7s, "100% stuck");
+        return 5ms;
+    });
+    EXPECT_TRUE(reported("100% stuck", 3));
+    guard.reset();
+    std::this_thread::sleep_for(20ms);  // a look under way ends
+    const int seen = looks;
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(looks, seen);
+    EXPECT_EQ(ages("100% stuck"), std::vector<std::chrono::nanoseconds>(seen / 2, 7s));
+    EXPECT_TRUE(mLog.take().front().text.ends_with("Scene: 100% stuck (7000 ms)"));
 }
 
 /** The signals that a thread of the process has blocked, as the kernel prints them. */

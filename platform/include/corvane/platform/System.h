@@ -10,6 +10,7 @@
 #include <time.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -118,6 +119,26 @@ struct OpenFd {
 
 /** The open descriptors, in ascending order. Any thread. */
 CORVANE_EXPORT std::vector<OpenFd> openFds();
+
+/** An ioctl that has not returned. */
+struct CallUnderWay {
+    int fd;
+    unsigned int request;
+    int thread;     ///< as gettid(2) numbers it
+    int64_t since;  ///< CLOCK_MONOTONIC in nanoseconds
+};
+
+/**
+ * The calls of Ioctl() that are under way, the latest first. Those of streaming (media requests,
+ * QBUF and DQBUF) are not listed: who streams knows of them. Any thread.
+ */
+CORVANE_EXPORT std::vector<CallUnderWay> callsUnderWay();
+
+/**
+ * Whether a descriptor has priority data (POLLPRI): a media request that has completed has. Asks by
+ * poll(2) without waiting, as event monitors do, whatever kernel is installed. Any thread.
+ */
+CORVANE_EXPORT bool hasPriorityData(int fd) noexcept;
 
 /** Prints one line per open descriptor: number, path, owner and age. Any thread. */
 CORVANE_EXPORT void dumpState(IPrinter* printer);

@@ -48,6 +48,22 @@ public:
         return shared;
     }
 
+    /** Tells of something that is overdue by then. @param age since it began. */
+    using Tell = std::function<void(std::chrono::nanoseconds age, const char* message)>;
+    /** Looks for what is overdue, and tells. @return the time until the next look. */
+    using Look = std::function<std::chrono::nanoseconds(const Tell& tell)>;
+
+    /**
+     * A guard of work that comes and goes too often for a guard each time: the worker leaves a
+     * mark, and the guard looks for marks that stay. Each tell is reported as an expired guard is,
+     * with the guard's name.
+     * @param first nanoseconds until the first look.
+     * @param look called on the guard thread, which waits for it: it must not block or throw. It is
+     *        not called once the guard is released, but a call under way then goes on: what it uses
+     *        must be its own.
+     */
+    static std::shared_ptr<TimeBomb> watch(const char* name, unsigned long first, Look look);
+
     /** The deleter of a shared guard: disarms, then deletes. */
     static void deleteThis(TimeBomb* bomb);
     /** Hands a guard to the guard thread, which holds it weakly. */
@@ -69,6 +85,13 @@ public:
     unsigned long limit() const { return mLimit; }
     unsigned long period() const { return mPeriod; }
 
+    /** @private The guard thread's: makes a watching guard look. @return see Look. */
+    std::chrono::nanoseconds look(const Tell& tell) { return mLook(tell); }
+    /** @private */
+    bool looks() const { return static_cast<bool>(mLook); }
+    /** @private */
+    void setText(const char* text) { setMessage("%s", text); }
+
 private:
     /** Not marked as printf's: make() hands on formats that the compiler does not see. */
     void setMessage(const char* format, ...);
@@ -76,6 +99,7 @@ private:
     std::string mName;
     unsigned long mLimit;
     unsigned long mPeriod;
+    Look mLook;  ///< empty: what is guarded is overdue as soon as the limit is over
     char mMessage[256] = {};
 };
 
