@@ -32,7 +32,19 @@ namespace NSVista::NSCorvane {
 struct DequeuedBuffer;
 class IMediaDevice;
 class IMediaRequest;
+class RequestRoll;
 class ThreadLoopHandler;
+struct RequestView;
+
+namespace mc {
+class MediaRequest;
+}
+namespace System {
+struct CallUnderWay;
+}
+namespace timeguard {
+class TimeBomb;
+}
 
 /**
  * One video node of a scene: owns the video device between init() and deinit() and names the port
@@ -138,11 +150,18 @@ public:
     void requestDone();
 
 private:
+    friend class RequestRoll;
+    friend class Scene;
     enum State : int32_t { kIdle = 0, kBuffersQueued = 1, kQueued = 2 };
+    /** Beside the state, which a cycle leaves idle until its buffers are queued. */
+    enum Cycle : uint8_t { kNone, kUnderWay, kRefused };
 
     void waitForState(State state, const char* operation, const char* advice) const;
     void keepWaiting(State state, const char* operation, const char* advice) const;
     void waitUnderGuard(State state, const char* operation, const char* advice) const;
+    std::string nameForGuard(State state) const;
+    void enlist(const std::shared_ptr<RequestRoll>& roll, const std::atomic<uint32_t>& queuedCount);
+    void show(RequestView& view) const;
     [[noreturn]] void refuseSecondBuffer(int portIndex, const FrameBuffer& existing) const;
 
     /** A port's buffer; the port is looked up once, as a scene's table does not change. */
@@ -164,6 +183,18 @@ private:
     std::unordered_map<int32_t, PortBuffer> mBuffers;
     /** Entries of mBuffers in the order in which they were made: cycles are filled alike. */
     std::vector<std::pair<int32_t, PortBuffer*>> mAdded;
+
+    // What other threads may look at, written without waiting for them.
+    static std::atomic<uint32_t> sUnseen;
+    static const std::atomic<uint32_t> sUncounted;
+    std::shared_ptr<RequestRoll> mRoll;           ///< of the scene that made it; empty without one
+    std::atomic<uint32_t>* mCallback = &sUnseen;  ///< the roll's mark
+    const std::atomic<uint32_t>* mQueuedCount = &sUncounted;  ///< the scene's
+    const mc::MediaRequest* mMediaState = nullptr;  ///< mMediaRequest, where it is the library's
+    std::atomic<uint32_t> mNumber{0};  ///< how many requests the scene had queued before
+    std::atomic<uint8_t> mCycle{kNone};
+    mutable std::atomic<const char*> mWaiter{nullptr};  ///< the operation that waits for the state
+    mutable std::atomic<int64_t> mWaitingSince{0};
 };
 
 /**
@@ -227,6 +258,18 @@ public:
     /** @} */
 
     /**
+     * Says in words why the scene does not go on: each request that is under way, completed and not
+     * dequeued, or in its done callback, with its number, descriptor and age; each port that a
+     * thread of the library is inside a call of, or waits for an index of; and whose turn it is.
+     *
+     * Any thread, beside anything: it waits for nobody and takes a moment's look, part by part, so
+     * that what goes on meanwhile may show twice or not at all. While nothing is stalled it tells
+     * what is under way just then. A request's number counts the scene's queued requests from 0; it
+     * is exact while one thread queues.
+     */
+    void explainStall(IPrinter* printer) const;
+
+    /**
      * Opens every port and enables every link. Once in a scene's life.
      * @return 0, or -1 when a port or a link failed; the scene is uninitialised again then.
      */
@@ -248,7 +291,10 @@ public:
 private:
     enum State : int32_t { kIdle = 0, kAcquired = 1, kStarted = 2 };
 
+    friend class SceneManager;
+
     static const char* stateName(int32_t state);
+    void explain(IPrinter& printer, std::vector<System::CallUnderWay>& calls) const;
     bool inState(State wanted, const char* operation) const;
     bool beforeStart(const char* operation) const CORVANE_REQUIRES(mStreamLock);
     static void refuseStream(const char* operation, const char* failure, const Port& port, int ret);
@@ -281,6 +327,9 @@ private:
     bool mKeepIndexes CORVANE_GUARDED_BY(mStreamLock) = false;
     std::atomic<bool> mUninitialised{false};  ///< by uninit(), for good
     mutable Mutex mPortsLock;                 ///< a leaf: held to insert into or copy the table
+    const std::shared_ptr<RequestRoll> mRoll;
+    /** While the scene is started: tells of done callbacks that do not return. */
+    std::shared_ptr<timeguard::TimeBomb> mCallbackWatch CORVANE_GUARDED_BY(mStreamLock);
 };
 
 }  // namespace NSVista::NSCorvane

@@ -64,6 +64,11 @@ public:
     std::shared_ptr<IMediaDevice> getDevice(const std::string& name);
     /** Not supported, fatal. */
     std::vector<std::shared_ptr<IMediaDevice>> getDevice(const std::vector<std::string>& names);
+    /**
+     * Says of every scene why it does not go on, see Scene::explainStall(), and which other calls
+     * of the driver have not returned. Any thread, beside anything.
+     */
+    void explainStall(IPrinter* printer) const;
     /** Prints scenes, debug records, the device enumerator and pipes. */
     void dumpState(IPrinter* printer) const;
 
@@ -72,6 +77,7 @@ private:
     using Map = std::unordered_map<std::string, std::shared_ptr<T>>;
 
     size_t sceneCount() const;
+    Map<IScene> copyScenes() const;
     Map<PipeBase> takePipes();
 
     IDeviceEnumerator& mDeviceEnumerator;

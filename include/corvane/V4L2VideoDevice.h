@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <corvane/IV4L2VideoDevice.h>
 #include <corvane/platform/Export.h>
@@ -55,6 +56,11 @@ public:
 
     /** The state in a line. Any thread. */
     std::string toString() const;
+    /** What of the node's buffers is where, at one moment; see standing(). */
+    struct Standing;
+    Standing standing() const;
+    /** Names the scene for lines about the node's waits. Before streaming. */
+    void setSceneName(const std::string& name) { mSceneName = name; }
     /**
      * VIDIOC_REQBUFS with count 0, of the memory type that importBuffer() set. A refusal is
      * reported and ends the service. Not while a completion may be running.
@@ -157,11 +163,12 @@ private:
     int acquireIndexFor(uint64_t memory);
     bool waitForFreeIndex();
     void setStreamEnded(bool ended);
-    void tellDequeued(const v4l2_buffer& buffer, int result) const;
+    void tellDequeued(const v4l2_buffer& buffer, int result);
 
     const int32_t mPortIndex;
     const std::string mName;
     const std::string mDevnodePath;
+    std::string mSceneName;
     std::atomic<int32_t> mFd{-1};
     std::atomic<uint32_t> mCaps{0};
     std::atomic<uint32_t> mMemory{0};
@@ -179,6 +186,38 @@ private:
     std::function<void(const DequeuedBuffer&)> mDequeued;
     std::atomic<bool> mKeepIndexes{false};
     LastMemory mLastMemory;
+
+    // What other threads may look at; standing() tells.
+    /** Request that each taken index was queued with last; its complement when it was refused. */
+    std::atomic<int32_t> mHolders[kMaxBuffers] = {};
+    std::atomic<bool> mQueueing{false};  ///< in VIDIOC_QBUF
+    std::atomic<uint8_t> mDequeue{0};    ///< Standing::Dequeue
+    std::atomic<uint32_t> mLostBuffers{0};
+    std::atomic<uint32_t> mIndexWaiters{0};
+    std::atomic<int64_t> mIndexWaitSince{0};
+};
+
+/** A snapshot, part by part, of a node that may be streaming. */
+struct CORVANE_EXPORT V4L2VideoDevice::Standing {
+    enum Dequeue : uint8_t {
+        kNone,
+        kInDriver,    ///< in VIDIOC_DQBUF
+        kInCallback,  ///< in the callback of setDequeuedCallback()
+    };
+    /** A buffer index that is not free. */
+    struct Buffer {
+        unsigned index;
+        int requestFd;    ///< that it was queued with last; of none before the first time
+        bool wasRefused;  ///< by VIDIOC_QBUF; the index stays taken
+    };
+    int fd = -1;
+    std::vector<Buffer> taken;
+    bool isQueueing = false;  ///< a thread is in VIDIOC_QBUF
+    uint32_t imported = 0;    ///< indexes
+    uint32_t lost = 0;        ///< failed dequeues since the import, whose indexes are lost
+    Dequeue dequeue = kNone;
+    uint32_t indexWaiters = 0;   ///< threads that wait for a free index
+    int64_t indexWaitSince = 0;  ///< the longest of these waits, CLOCK_MONOTONIC in nanoseconds
 };
 
 }  // namespace NSVista::NSCorvane

@@ -71,6 +71,14 @@ void Platform::order(const std::string& line) const {
         std::ofstream("/sys/kernel/debug/vengine/fault") << line << std::flush;
 }
 
+void Platform::hold(bool on) const {
+    if (mDevice != nullptr)
+        on ? mDevice->hold() : mDevice->resume();
+    else
+        std::ofstream("/sys/module/vengine/parameters/delay_us")
+            << (on ? 100'000'000 : 0) << std::flush;
+}
+
 Platform& Platform::instance() {
     static Platform* const platform = new Platform;  // outlives every test's objects
     return *platform;

@@ -47,6 +47,8 @@ public:
     bool fails() const { return drawsTestPicture(); }
     /** Gives a line to the device's test side: "qbuf -5 2", "buffer -5", "reqbufs 1", "clear". */
     void order(const std::string& line) const;
+    /** Keeps what is queued from completing until the stream-off, where fails() says so. */
+    void hold(bool on) const;
     /** Frames are numbered and drawn as the virtual engine's. */
     bool drawsTestPicture() const { return mModel == "vengine"; }
     std::shared_ptr<IMediaDevice> search() const;

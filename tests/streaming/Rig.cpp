@@ -101,6 +101,8 @@ int Rig::start(int buffers) {
         if (const int ret = makeSlot(); ret != 0)
             return ret;
     scene->setRequestDoneCallback([this](IRequest* request) {
+        if (onDone)
+            onDone();
         const std::lock_guard lock(mLock);
         mDone.push_back(reinterpret_cast<size_t>(request->getCookie()));
         ++mDoneCount;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -59,6 +60,8 @@ public:
     /** What the scene prints. */
     std::string dump() const;
 
+    std::function<void()>
+        onDone;  ///< called first by each done callback; empty or set before start
     std::shared_ptr<client::EpollEventMonitor> events;
     std::unique_ptr<Scene> scene;
     std::vector<PixelFormat> formats;

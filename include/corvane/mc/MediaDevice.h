@@ -107,9 +107,12 @@ public:
     /** MEDIA_REQUEST_IOC_REINIT unless the request is idle; a refusal is fatal. @return true. */
     bool reinit();
 
-private:
+    /** How far a cycle is. */
     enum State : int32_t { kIdle = 0, kQueuing = 1, kQueued = 2, kDone = 3, kFailed = 4 };
+    /** Any thread. */
+    State state() const { return static_cast<State>(mState.load(std::memory_order_relaxed)); }
 
+private:
     std::string mName = "request";
     int32_t mFd = -1;
     std::shared_ptr<RequestDebugInfo> mDebugInfo;

@@ -3,6 +3,7 @@
 
 #include <corvane/IMediaDevice.h>
 #include <corvane/IMediaRequest.h>
+#include <corvane/mc/MediaDevice.h>
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/NoThrow.h>
@@ -15,6 +16,7 @@
 #include <utility>
 
 #include "DriverCall.h"
+#include "RequestRoll.h"
 #include "SceneText.h"
 #include "Stamp.h"
 #include "Text.h"
@@ -47,6 +49,9 @@ std::string debugTimes(const RequestDebugInfo& info) {
 
 }  // namespace
 
+std::atomic<uint32_t> Request::sUnseen{0};
+const std::atomic<uint32_t> Request::sUncounted{0};
+
 Request::Request(IMediaDevice* mediaDevice, QueryPort queryPort, RequestDone requestDone) try
     : mMediaRequest(mediaDevice != nullptr ? mediaDevice->makeRequest() : nullptr),
       mQueryPort(std::move(queryPort)),
@@ -58,10 +63,42 @@ Request::Request(IMediaDevice* mediaDevice, QueryPort queryPort, RequestDone req
     mBuffers.max_load_factor(1.0F);
     mBuffers.reserve(1);
     mMediaRequest->setRequestDone([this] { this->requestDone(); });
+    mMediaState = dynamic_cast<const mc::MediaRequest*>(mMediaRequest.get());
 }
 CORVANE_NO_THROW
 
-Request::~Request() = default;
+Request::~Request() {
+    if (mRoll != nullptr)
+        mRoll->remove(*this);
+}
+
+/** Lets the scene's roll see the request. Before anyone else has it. */
+void Request::enlist(const std::shared_ptr<RequestRoll>& roll,
+                     const std::atomic<uint32_t>& queuedCount) {
+    mCallback = &roll->add(*this);
+    mQueuedCount = &queuedCount;
+    mRoll = roll;
+}
+
+void Request::show(RequestView& view) const {
+    using Media = mc::MediaRequest;
+    using Phase = RequestView::Phase;
+    view.number = mNumber.load(std::memory_order_relaxed);
+    view.waitingSince = mWaitingSince.load(std::memory_order_relaxed);
+    view.waiter = mWaiter.load(std::memory_order_relaxed);
+    const auto media = mMediaState != nullptr ? mMediaState->state() : Media::kIdle;
+    const auto cycle = mCycle.load(std::memory_order_relaxed);
+    if (cycle == kRefused || media == Media::kFailed)
+        view.phase = Phase::Refused;
+    else if (media == Media::kQueuing)
+        view.phase = Phase::Queueing;
+    else if (media == Media::kDone)
+        view.phase = Phase::Reinitialising;
+    else if (media == Media::kQueued || mState.load(std::memory_order_relaxed) == kQueued)
+        view.phase = Phase::WithDriver;
+    else if (cycle == kUnderWay)
+        view.phase = Phase::Filling;
+}
 
 std::shared_ptr<RequestDebugInfo> Request::getDebugInfo() const {
     return mMediaRequest->getDebugInfo();
@@ -101,10 +138,31 @@ void Request::keepWaiting(State state, const char* operation, const char* advice
 
 void Request::waitUnderGuard(State state, const char* operation, const char* advice) const {
     const auto guard =
-        timeguard::TimeBomb::make("Request", kDriverLimitNs, kDriverPeriodNs, "%s: request %d %s",
-                                  operation, getRequestFD(), advice);
+        timeguard::TimeBomb::make("Request", kDriverLimitNs, kDriverPeriodNs, "%s: request %s %s",
+                                  operation, nameForGuard(state).c_str(), advice);
+    mWaitingSince.store(monotonicInNs(), std::memory_order_relaxed);
+    mWaiter.store(operation, std::memory_order_relaxed);
     while (mState.load(std::memory_order_acquire) != state)
         std::this_thread::yield();
+    mWaiter.store(nullptr, std::memory_order_relaxed);
+}
+
+/** "17 of scene preview over ports main, mirror": descriptor, scene and, for who fills, ports. */
+std::string Request::nameForGuard(State state) const {
+    std::string text = std::to_string(getRequestFD());
+    if (mRoll != nullptr)
+        text += " of scene " + mRoll->sceneName();
+    // The queueing thread looks ports up while a completion waits for it.
+    if (state != kIdle)
+        return text;
+    const char* separator = " over ports ";
+    for (const auto& [index, entry] : mBuffers) {
+        TextStream number;
+        number << "0x" << std::hex << index;
+        text += separator + (entry.port != nullptr ? entry.port->getName() : number.str());
+        separator = ", ";
+    }
+    return text;
 }
 
 int Request::addBuffer(int portIndex, std::function<void(FrameBuffer&)> fill) try {
@@ -176,7 +234,10 @@ CORVANE_NO_THROW
 int Request::queueRequest(int argument) try {
     const TraceSection section(area::kQueue, "Request::queueRequest");
     waitForState(kIdle, "queueRequest", kStillQueued);
+    mNumber.store(mQueuedCount->load(std::memory_order_relaxed), std::memory_order_relaxed);
+    mCycle.store(kUnderWay, std::memory_order_relaxed);
     if (const int ret = queueBuffers(argument); ret != 0) {
+        mCycle.store(kRefused, std::memory_order_relaxed);
         CORVANE_LOGE("Failed to queue request's buffers");
         return ret;
     }
@@ -205,6 +266,7 @@ void Request::requestDone() try {
     std::copy(mPortIndexes.begin(), mPortIndexes.end(), indexes);
     mPortIndexes.clear();
     mStatus.store(0, std::memory_order_relaxed);
+    mCycle.store(kNone, std::memory_order_relaxed);
     // From here on the request may be filled again.
     mState.store(kIdle, std::memory_order_release);
     CORVANE_LOGD("[Request::requestDone] %s", toString().c_str());

@@ -15,9 +15,12 @@
 #include <cerrno>
 #include <utility>
 
+#include "CallbackWatch.h"
 #include "CpuTime.h"
 #include "DriverCall.h"
+#include "RequestRoll.h"
 #include "SceneText.h"
+#include "StallReport.h"
 #include "Stamp.h"
 #include "Text.h"
 #include "TraceArea.h"
@@ -50,7 +53,10 @@ bool enableLink(const std::shared_ptr<IMediaDevice>& media, bool enable, const L
 
 Scene::Scene(std::shared_ptr<SceneDebugInfo> debugInfo, const SceneDesc& desc,
              const std::shared_ptr<IMediaDevice>& media) try
-    : mDesc(desc), mDebugInfo(std::move(debugInfo)), mMediaDevice(media) {
+    : mDesc(desc),
+      mDebugInfo(std::move(debugInfo)),
+      mMediaDevice(media),
+      mRoll(std::make_shared<RequestRoll>(nameOrEmpty(desc.scene_name))) {
     const TraceSection section(area::kLifecycle, "Scene::Scene");
     if (mDebugInfo == nullptr)
         mDebugInfo = std::make_shared<SceneDebugInfo>();
@@ -277,6 +283,7 @@ void Scene::applyChoices() {
             continue;
         device->setDequeuedCallback(mBufferDequeuedCallback);
         device->setKeepIndexes(mKeepIndexes);
+        device->setSceneName(mRoll->sceneName());
     }
 }
 
@@ -348,6 +355,7 @@ int Scene::start() try {
     }
     guard.reset();
     stampLogTime(mDebugInfo->streamOnEnd);
+    mCallbackWatch = watchCallbacks(mRoll);
     mState.store(kStarted, std::memory_order_relaxed);
     CORVANE_LOGI("- Scene::start (cputime %s ns)", timer.text().c_str());
     return 0;
@@ -372,6 +380,7 @@ int Scene::stop() try {
     guard.reset();
     stampLogTime(mDebugInfo->streamOffEnd);
     stopMonitor();
+    mCallbackWatch.reset();
     mState.store(kAcquired, std::memory_order_relaxed);
     CORVANE_LOGI("- Scene::stop (cputime %s ns)", timer.text().c_str());
     return 0;
@@ -379,11 +388,13 @@ int Scene::stop() try {
 CORVANE_NO_THROW
 
 std::shared_ptr<IRequest> Scene::createRequest() try {
-    return std::make_shared<Request>(
+    auto request = std::make_shared<Request>(
         mMediaDevice.get(), [this](int index) { return queryPort(index); },
-        [this](Request* request, int* portIndexes, size_t count) {
-            requestDone(request, portIndexes, count);
+        [this](Request* done, int* portIndexes, size_t count) {
+            requestDone(done, portIndexes, count);
         });
+    request->enlist(mRoll, mQueuedCount);
+    return request;
 }
 CORVANE_NO_THROW
 
@@ -412,10 +423,15 @@ void Scene::requestDone(Request* request, int* portIndexes, unsigned long count)
     if (mBufferMonitor != nullptr && request->getStatus() == 0)
         mBufferMonitor->notifyRequestDone(request->getRequestFD(), portIndexes, count);
     mDoneCount.fetch_add(1, std::memory_order_relaxed);
-    if (mRequestDoneCallback)
-        mRequestDoneCallback(request);
-    else
+    if (!mRequestDoneCallback) {
         CORVANE_LOGW("Bad request done callback");
+        return;
+    }
+    // The callback may destroy the request, but not the mark.
+    std::atomic<uint32_t>& mark = *request->mCallback;
+    mark.store(request->mNumber.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    mRequestDoneCallback(request);
+    mark.store(0, std::memory_order_relaxed);
 }
 CORVANE_NO_THROW
 
@@ -438,6 +454,27 @@ int Scene::importBuffer(const std::shared_ptr<IPort>& port, int count) {
     if (port == nullptr)
         CORVANE_FATAL("port == nullptr");
     return inState(kAcquired, "importBuffer") ? port->importBuffer(count) : -1;
+}
+
+void Scene::explainStall(IPrinter* printer) const try {
+    auto calls = System::callsUnderWay();
+    explain(*printer, calls);
+}
+CORVANE_NO_THROW
+
+void Scene::explain(IPrinter& printer, std::vector<System::CallUnderWay>& calls) const {
+    StallReport report;
+    report.scene = mRoll->sceneName();
+    report.state = stateName(mState.load(std::memory_order_relaxed));
+    report.queued = mQueuedCount.load(std::memory_order_relaxed);
+    report.done = mDoneCount.load(std::memory_order_relaxed);
+    report.requests = mRoll->view();
+    // What the interfaces' make() operations made.
+    report.due = static_cast<V4L2BufferMonitor&>(*mBufferMonitor).determineNeedToDQBUFCount();
+    for (const auto& port : copyPorts())
+        if (const auto device = std::static_pointer_cast<V4L2VideoDevice>(port->getVideoDevice()))
+            report.ports.push_back({port->getName(), device->standing()});
+    report.print(printer, calls);
 }
 
 void Scene::dumpState(IPrinter* printer) const try {

@@ -3,6 +3,7 @@
 
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/IScene.h>
+#include <corvane/SceneControl.h>
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/NoThrow.h>
@@ -13,6 +14,7 @@
 #include <utility>
 
 #include "CpuTime.h"
+#include "StallReport.h"
 #include "Stamp.h"
 #include "TraceArea.h"
 
@@ -172,12 +174,23 @@ std::vector<std::shared_ptr<IMediaDevice>> SceneManager::getDevice(
     CORVANE_FATAL("Unsupported");
 }
 
+SceneManager::Map<IScene> SceneManager::copyScenes() const {
+    const MutexLock lock(mSceneLock);
+    return mScenes;
+}
+
+void SceneManager::explainStall(IPrinter* printer) const try {
+    auto calls = System::callsUnderWay();
+    for (const auto& [name, scene] : copyScenes())
+        if (const auto* const known = dynamic_cast<const Scene*>(scene.get()))
+            known->explain(*printer, calls);
+    for (const auto& call : calls)
+        printer->printFormatLine("in %s", textOf(call).c_str());
+}
+CORVANE_NO_THROW
+
 void SceneManager::dumpState(IPrinter* printer) const try {
-    Map<IScene> scenes;
-    {
-        const MutexLock lock(mSceneLock);
-        scenes = mScenes;
-    }
+    const Map<IScene> scenes = copyScenes();
     for (const auto& [name, scene] : scenes) {
         if (scene != nullptr)
             scene->dumpState(printer);

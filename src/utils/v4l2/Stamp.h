@@ -11,8 +11,8 @@ namespace NSVista::NSCorvane {
 
 /** Stores the log clock's time, word by word: a reader sees no torn word. */
 inline void stampLogTime(struct timespec& stamp) {
-    struct timespec now = {};
-    getCurrentLogTime(now);
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);  // as getCurrentLogTime(), three times a request
     __atomic_store_n(&stamp.tv_sec, now.tv_sec, __ATOMIC_RELAXED);
     __atomic_store_n(&stamp.tv_nsec, now.tv_nsec, __ATOMIC_RELAXED);
 }

@@ -59,6 +59,7 @@ int V4L2VideoDevice::importBuffer(int count) try {
     }
     setStreamEnded(false);
     mLastMemory.forget();
+    mLostBuffers.store(0, std::memory_order_relaxed);
     {
         auto slots = std::make_unique<uint64_t[]>(static_cast<size_t>(count));
         const MutexLock lock(mSlotsMutex);
@@ -144,7 +145,12 @@ int V4L2VideoDevice::queueBuffer(const FrameBuffer& buffer, IMediaRequest* reque
     fillBuffer(buffer, queued, planes);
     // A successful call rewrites this: what is told to the monitor must not come from there.
     const int32_t requestFd = queued.request_fd;
-    if (const int ret = System::QueueVideoNodeBuf(fd(), &queued); ret < 0) {
+    mHolders[index].store(requestFd, std::memory_order_relaxed);
+    mQueueing.store(true, std::memory_order_relaxed);
+    const int ret = System::QueueVideoNodeBuf(fd(), &queued);
+    mQueueing.store(false, std::memory_order_relaxed);
+    if (ret < 0) {
+        mHolders[index].store(~requestFd, std::memory_order_relaxed);
         reportRefusedBuffer(queued, buffer, ret);
         return ret;
     }
@@ -172,15 +178,19 @@ int V4L2VideoDevice::dequeBuffer() try {
     }
     int ret = 0;
     int calls = 0;
+    mDequeue.store(Standing::kInDriver, std::memory_order_relaxed);
     do {
         ret = System::DQueueVideoNodeBuf(fd(), &dequeued);
         if (ret < 0) {
+            mDequeue.store(Standing::kNone, std::memory_order_relaxed);
+            mLostBuffers.fetch_add(1, std::memory_order_relaxed);
             CORVANE_LOGE("Failed to dequeue buffer: %d", ret);
             if (mDequeued)
                 tellDequeued(dequeued, ret);
             return -1;
         }
     } while (ret == EAGAIN && ++calls < kMaxDequeueCalls);
+    mDequeue.store(Standing::kNone, std::memory_order_relaxed);
     if (const auto monitor = mMonitor.lock()) {
         if ((dequeued.flags & V4L2_BUF_FLAG_REQUEST_FD) == 0)
             CORVANE_FATAL("Not supported: no V4L2_BUF_FLAG_REQUEST_FD");
@@ -198,7 +208,7 @@ void V4L2VideoDevice::setDequeuedCallback(std::function<void(const DequeuedBuffe
     mDequeued = std::move(callback);
 }
 
-void V4L2VideoDevice::tellDequeued(const v4l2_buffer& buffer, int result) const {
+void V4L2VideoDevice::tellDequeued(const v4l2_buffer& buffer, int result) {
     DequeuedBuffer told;  // only the planes that there are: this is done for every buffer
     told.portIndex = mPortIndex;
     told.result = result;
@@ -220,7 +230,9 @@ void V4L2VideoDevice::tellDequeued(const v4l2_buffer& buffer, int result) const 
             told.planes[0] = {buffer.bytesused, 0};
         }
     }
+    mDequeue.store(Standing::kInCallback, std::memory_order_relaxed);
     mDequeued(told);
+    mDequeue.store(Standing::kNone, std::memory_order_relaxed);
 }
 
 void V4L2VideoDevice::onNotify(int) {

@@ -2,6 +2,7 @@
 // Free buffer indexes of a video node, and the memory that each had last.
 #include <corvane/V4L2VideoDevice.h>
 
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Trace.h>
 
@@ -56,13 +57,33 @@ int V4L2VideoDevice::acquireIndexFor(uint64_t memory) {
     return index;
 }
 
+namespace {
+
+/** Shows a wait to other threads; the time is that of the first of several. */
+class IndexWait {
+public:
+    IndexWait(std::atomic<uint32_t>& waiters, std::atomic<int64_t>& since) : mWaiters(waiters) {
+        if (mWaiters.fetch_add(1, std::memory_order_relaxed) == 0)
+            since.store(monotonicInNs(), std::memory_order_relaxed);
+    }
+    ~IndexWait() { mWaiters.fetch_sub(1, std::memory_order_relaxed); }
+    IndexWait(const IndexWait&) = delete;
+    IndexWait& operator=(const IndexWait&) = delete;
+
+private:
+    std::atomic<uint32_t>& mWaiters;
+};
+
+}  // namespace
+
 /** Sleeps until an index may be free. @return false when the node has streamed off. */
 bool V4L2VideoDevice::waitForFreeIndex() {
     const auto guard = timeguard::TimeBomb::make(
         mName.c_str(), kDriverLimitNs, kDriverPeriodNs,
-        "port %#x(%s) waits for a free buffer index: have no more requests in flight than buffers, "
-        "and look for failed dequeues, whose indexes are lost",
-        mPortIndex, mName.c_str());
+        "port %#x(%s) of scene %s waits for a free buffer index: have no more requests in flight "
+        "than buffers, and look for failed dequeues, whose indexes are lost",
+        mPortIndex, mName.c_str(), mSceneName.c_str());
+    const IndexWait waiting(mIndexWaiters, mIndexWaitSince);
     MutexLock lock(mFreeMutex);
     if (mFreeBits.load() != 0)
         return true;
@@ -94,6 +115,25 @@ void V4L2VideoDevice::releaseBufferIndex(unsigned int index) {
     CORVANE_LOGW("free buf bitset: 0 -> 0x%lx", static_cast<unsigned long>(bit));
     const MutexLock lock(mFreeMutex);
     mFreeCond.notify_all();
+}
+
+V4L2VideoDevice::Standing V4L2VideoDevice::standing() const {
+    Standing standing;
+    standing.fd = fd();
+    standing.imported = mReqBufCount.load(std::memory_order_relaxed);
+    standing.lost = mLostBuffers.load(std::memory_order_relaxed);
+    standing.dequeue = static_cast<Standing::Dequeue>(mDequeue.load(std::memory_order_relaxed));
+    standing.indexWaiters = mIndexWaiters.load(std::memory_order_relaxed);
+    standing.indexWaitSince = mIndexWaitSince.load(std::memory_order_relaxed);
+    standing.isQueueing = mQueueing.load(std::memory_order_relaxed);
+    const uint64_t free = mFreeBits.load(std::memory_order_relaxed);
+    for (unsigned index = 0; index < standing.imported; ++index) {
+        if ((free >> index & 1) != 0)
+            continue;
+        const int32_t holder = mHolders[index].load(std::memory_order_relaxed);
+        standing.taken.push_back({index, holder < 0 ? ~holder : holder, holder < 0});
+    }
+    return standing;
 }
 
 void V4L2VideoDevice::setKeepIndexes(bool keep) {
