@@ -91,7 +91,7 @@ TEST_F(ToolsTest, BadUseIsOneLineAndExitCode2) {
                 HasSubstr("--in-flight: it takes a number from 1 to 64, not \"65\""));
     for (const char* arguments :
          {"--bogus", "--sim --model nothing", "--sim --subdev nobody",
-          "--sim --set-link 'a:0->b:0=on'", "--sim --set-link 'vengine-core:0->vengine-main:0'",
+          "--sim --set-link a:0,b:0=on", "--sim --set-link vengine-core:0,vengine-main:0",
           "--sim --set-format nobody=NV12", "--sim --set-format vengine-main=NV12,64",
           "--sim --set-format vengine-stats=64x64"}) {
         const Outcome result = run(kInfo + arguments + " 2>&1");
@@ -137,6 +137,10 @@ TEST_F(ToolsTest, SavedFramesCanBeTheNextRunsInput) {
     // Request 0 is skipped, the file's three frames begin anew at request 3.
     EXPECT_TRUE(contentOf(file("second/vengine-main.raw")) ==
                 frames.substr(1536) + frames.substr(0, 2 * 1536));
+    EXPECT_EQ(runStream(common + "3 --skip 1 --split --save " + file("split")).code, 0);
+    EXPECT_TRUE(contentOf(file("split/vengine-main-000001.raw")) +
+                    contentOf(file("split/vengine-main-000002.raw")) ==
+                frames.substr(1536));
     std::ofstream(file("odd.raw")) << "too short";
     EXPECT_EQ(runStream(common + "1 --input vengine-input=" + file("odd.raw")).code, 2);
 }
@@ -166,7 +170,8 @@ TEST_F(ToolsTest, ResultsForMachines) {
                                 "\"height\":16,\"queued\":4,\"dequeued\":4,\"broken\":0,"
                                 "\"lost\":0,\"errors\":0,\"remapped\":0}]}\n")));
     const Outcome info = run(kInfo + "--sim --json --set-format vengine-main=YUV420M,128x64 " +
-                             "--set-link 'vengine-core:0->vengine-main:0=on'");
+                             "--set-link vengine-core:0,vengine-main:0=on " +
+                             "--set-link 'vengine-core:2->vengine-mirror:0=on'");
     EXPECT_EQ(info.code, 0);
     EXPECT_THAT(
         info.output,
@@ -176,6 +181,8 @@ TEST_F(ToolsTest, ResultsForMachines) {
               HasSubstr("{\"name\":\"Brightness\",\"id\":9963776,\"value\":0,\"minimum\":-64,"
                         "\"maximum\":64,\"step\":1,\"default\":0,\"menu\":[]}"),
               HasSubstr("{\"source\":\"vengine-core:0\",\"sink\":\"vengine-main:0\","
+                        "\"enabled\":true,\"immutable\":false}"),
+              HasSubstr("{\"source\":\"vengine-core:2\",\"sink\":\"vengine-mirror:0\","
                         "\"enabled\":true,\"immutable\":false}")));
     EXPECT_EQ(run("echo '" + stream.output + "' | python3 -m json.tool >/dev/null").code, 0);
     EXPECT_THAT(run(kInfo + "--version").output, StartsWith("corvane-info 0."));
@@ -224,6 +231,26 @@ TEST_F(ToolsTest, ListsDevicesTheSameWayInBothTools) {
     std::istringstream narrow(run("LC_ALL=C COLUMNS=60 " + kInfo + "--sim").output);
     for (std::string line; std::getline(narrow, line);)
         EXPECT_LE(line.size(), 60U) << line;
+}
+
+TEST_F(ToolsTest, ATerminalGetsALiveViewThatLeavesNothing) {
+    const Outcome result =
+        run("SHELL=/bin/sh script -qec 'stty cols 50; " + kStream +
+            "--sim --ports 2 --requests 300 --size 64x16 --latency-us 5000 --in-flight 1' "
+            "/dev/null </dev/null");
+    EXPECT_EQ(result.code, 0);
+    // A head and a line a port, cut to the terminal; then back up by as many lines, and cleared.
+    EXPECT_THAT(
+        result.output,
+        AllOf(ContainsRegex("\\[#*\\.+\\] [0-9]+ of 300 requests, [0-9]+ a seco?n?d?,?\033\\[K"),
+              ContainsRegex("  vengine-main +[0-9]+/s  [01] in flight   0 bad \033\\[K\r\n"
+                            "  vengine-input "),
+              HasSubstr("\r\033[3A\033[J"), ContainsRegex("300 requests .* 0 failed, 0 lost")));
+}
+
+TEST_F(ToolsTest, WatchTellsOfDevicesUntilItIsInterrupted) {
+    const Outcome result = run("timeout -s INT 0.5 " + kInfo + "--sim --watch; echo ended $?");
+    EXPECT_EQ(result.output, "there /dev/media0 vengine\nended 124\n");
 }
 
 TEST_F(ToolsTest, DrawsTheTopologyForGraphviz) {

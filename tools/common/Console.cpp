@@ -77,10 +77,14 @@ ExitCode finishOutput(ExitCode code) {
     return complain(kRunFailed, "output was lost: %s", strerror(errno));
 }
 
-size_t outputWidth() {
+size_t terminalWidth(int fd) {
     winsize window{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col != 0)
-        return window.ws_col;
+    return ioctl(fd, TIOCGWINSZ, &window) == 0 ? window.ws_col : 0;
+}
+
+size_t outputWidth() {
+    if (const size_t width = terminalWidth(STDOUT_FILENO); width != 0)
+        return width;
     const char* const columns = getenv("COLUMNS");
     return columns != nullptr ? strtoul(columns, nullptr, 10) : 0;
 }

@@ -29,6 +29,9 @@ ExitCode complain(ExitCode code, const char* format, ...) __attribute__((format(
  */
 ExitCode finishOutput(ExitCode code);
 
+/** Columns of the terminal that a descriptor leads to. @return 0 where it leads to none. */
+size_t terminalWidth(int fd);
+
 /**
  * Columns that a line on stdout may take: the terminal's, or COLUMNS where that is set.
  * @return 0 for no limit (a pipe, a file).

@@ -39,17 +39,27 @@ bool change(v4l2_format& format, uint32_t fourcc, uint32_t width, uint32_t heigh
 
 }  // namespace
 
+namespace {
+
+/** How a link may be named: the first way is that of the listing, but ">" is a shell's as well. */
+bool isNamed(const Device& device, const media_link_desc& link, const std::string& name) {
+    const std::string source = device.endText(link.source);
+    const std::string sink = device.endText(link.sink);
+    return name == source + "->" + sink || name == source + "," + sink;
+}
+
+}  // namespace
+
 ExitCode setLink(const Device& device, const std::string& wish) {
     const size_t equals = wish.rfind('=');
     const std::string ends = wish.substr(0, equals);
     const std::string state = equals == std::string::npos ? std::string() : wish.substr(equals + 1);
     if (state != "on" && state != "off")
-        return complain(kBadUse, "a link is SOURCE:PAD->SINK:PAD=on or =off, not \"%s\"",
+        return complain(kBadUse, "a link is SOURCE:PAD,SINK:PAD=on or =off, not \"%s\"",
                         wish.c_str());
     const auto found =
-        std::find_if(device.links.begin(), device.links.end(), [&](const media_link_desc& link) {
-            return device.endText(link.source) + "->" + device.endText(link.sink) == ends;
-        });
+        std::find_if(device.links.begin(), device.links.end(),
+                     [&](const media_link_desc& link) { return isNamed(device, link, ends); });
     if (found == device.links.end())
         return complain(kBadUse, "%s has no link \"%s\"", device.path.c_str(), ends.c_str());
     client::NodeFd node(device.path.c_str(), O_RDWR);

@@ -188,7 +188,8 @@ int main(int argc, char** argv) {
         ->type_name("NAME");
     app.add_option("--control", options.controls, "Ids of the sub-device's controls to read")
         ->type_name("ID");
-    app.add_option("--set-link", options.links, "Enable or disable SOURCE:PAD->SINK:PAD=on or =off")
+    app.add_option("--set-link", options.links,
+                   "Enable or disable a link: SOURCE:PAD,SINK:PAD=on or =off")
         ->type_name("LINK");
     app.add_option("--set-format", options.formats,
                    "Set ENTITY=FORMAT, ENTITY=WIDTHxHEIGHT or ENTITY=FORMAT,WIDTHxHEIGHT")

@@ -161,9 +161,13 @@ void addOutputOptions(CLI::App& app, Options& options) {
     const char* const group = "Output";
     app.add_option("--snapshot", options.snapshot, "Write the last request's pictures to a PNG")
         ->group(group);
-    app.add_option("--save", options.save,
-                   "Write every captured frame to this folder: a raw file a port, and a text file "
-                   "that describes it")
+    CLI::Option* const save =
+        app.add_option("--save", options.save,
+                       "Write every captured frame to this folder: a raw file a port, and a text "
+                       "file that describes it")
+            ->group(group);
+    app.add_flag("--split", options.split, "With --save: a raw file a frame, ENTITY-NUMBER.raw")
+        ->needs(save)
         ->group(group);
     app.add_flag("--json", options.json, "Print the result for machines")->group(group);
     app.add_option("--trace", options.trace,

@@ -45,6 +45,7 @@ struct Options {
     std::string snapshot;  ///< paths; empty: none
     std::string trace;
     std::string save;    ///< folder
+    bool split = false;  ///< saves each frame in a file of its own
     std::string record;  ///< file
     std::string replay;  ///< file
     bool fast = false;

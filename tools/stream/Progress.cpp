@@ -7,6 +7,7 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "Console.h"
 #include "Report.h"
 #include "Runner.h"
 
@@ -19,6 +20,13 @@ std::string textOf(const char* format, Args... args) {
     char text[160];
     snprintf(text, sizeof(text), format, args...);
     return text;
+}
+
+/** A line that does not wrap: the view goes back by lines. */
+std::string viewLine(std::string text, size_t columns) {
+    if (columns != 0 && text.size() >= columns)
+        text.resize(columns - 1);
+    return text + "\033[K\n";
 }
 
 }  // namespace
@@ -63,21 +71,24 @@ std::string Progress::summary(const RunResult& result, double perSecond) const {
 std::string Progress::view(const RunResult& result, const std::vector<uint64_t>& errors,
                            double perSecond) const {
     constexpr uint64_t kWidth = 16;
-    std::string text;
+    std::string head;
     if (mOptions.requests != 0) {
         const uint64_t done = std::min(kWidth, result.completed * kWidth / mOptions.requests);
-        text = "[" + std::string(done, '#') + std::string(kWidth - done, '.') + "] ";
+        head = "[" + std::string(done, '#') + std::string(kWidth - done, '.') + "] ";
     }
-    text += summary(result, perSecond) + ", latency " + durationText(result.total.quantile(0.5)) +
-            "\033[K\n";
+    const size_t columns = terminalWidth(STDERR_FILENO);
+    std::string text = viewLine(
+        head + summary(result, perSecond) + ", latency " + durationText(result.total.quantile(0.5)),
+        columns);
     const auto statistics = mSession.statistics();
     for (size_t i = 0; i < mPorts.size(); ++i) {
         const client::PortStatistics& port = statistics[i];
-        text += textOf("  %-18.18s %6.0f/s %2" PRIu64 " in flight %3" PRIu64 " bad %3" PRIu64
-                       " remaps\033[K\n",
-                       port.name.c_str(), perSecond,
-                       port.queued - std::min(port.queued, port.dequeued + port.lost), errors[i],
-                       port.remapped);
+        text += viewLine(
+            textOf("  %-16.16s %6.0f/s %2" PRIu64 " in flight %3" PRIu64 " bad %3" PRIu64 " remaps",
+                   port.name.c_str(), perSecond,
+                   port.queued - std::min(port.queued, port.dequeued + port.lost), errors[i],
+                   port.remapped),
+            columns);
     }
     return text;
 }

@@ -39,7 +39,7 @@ size_t frameBytes(const PixelFormat& format) {
     return bytes;
 }
 
-bool FrameSaver::open(const std::string& folder, const std::vector<NodePort>& ports,
+bool FrameSaver::open(const std::string& folder, bool split, const std::vector<NodePort>& ports,
                       const client::SceneSession& session) {
     if (mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) {
         say("%s: %s", folder.c_str(), strerror(errno));
@@ -48,12 +48,14 @@ bool FrameSaver::open(const std::string& folder, const std::vector<NodePort>& po
     for (size_t port = 0; port < ports.size(); ++port) {
         if (ports[port].node.isOutput())
             continue;
-        const std::string base = folder + "/" + ports[port].entity;
-        if (!writeHeader(base + ".txt", ports[port], session.format(port)))
+        Output output{port, folder + "/" + ports[port].entity, nullptr};
+        if (!writeHeader(output.base + ".txt", ports[port], session.format(port)))
             return false;
-        Output output{port, base + ".raw", File(fopen((base + ".raw").c_str(), "we"))};
-        if (!output.file) {
-            say("%s: %s", output.path.c_str(), strerror(errno));
+        const std::string path = output.base + ".raw";
+        if (!split)
+            output.file.reset(fopen(path.c_str(), "we"));
+        if (!split && !output.file) {
+            say("%s: %s", path.c_str(), strerror(errno));
             return false;
         }
         mOutputs.push_back(std::move(output));
@@ -62,21 +64,31 @@ bool FrameSaver::open(const std::string& folder, const std::vector<NodePort>& po
 }
 
 bool FrameSaver::save(client::SessionRequest& request) {
-    for (const Output& output : mOutputs) {
-        const client::FrameMapping planes = request.frame(output.port).map(client::CpuAccess::Read);
-        bool isWritten = static_cast<bool>(planes);
-        for (size_t i = 0; isWritten && i < planes.planeCount(); ++i)
-            isWritten = fwrite(planes.plane(i).data(), 1, planes.plane(i).size(),
-                               output.file.get()) == planes.plane(i).size();
-        if (!isWritten && mError == 0)
+    for (const Output& output : mOutputs)
+        if (errno = 0; !save(output, request) && mError == 0)
             mError = errno != 0 ? errno : EIO;
-    }
     return mError == 0;
+}
+
+bool FrameSaver::save(const Output& output, client::SessionRequest& request) {
+    File own;
+    if (!output.file) {
+        char number[32];
+        snprintf(number, sizeof(number), "-%06" PRIu64 ".raw", request.number());
+        own.reset(fopen((output.base + number).c_str(), "we"));
+    }
+    FILE* const file = own ? own.get() : output.file.get();
+    const client::FrameMapping planes = request.frame(output.port).map(client::CpuAccess::Read);
+    bool isWritten = file != nullptr && planes;
+    for (size_t i = 0; isWritten && i < planes.planeCount(); ++i)
+        isWritten = fwrite(planes.plane(i).data(), 1, planes.plane(i).size(), file) ==
+                    planes.plane(i).size();
+    return isWritten && (!own || fflush(file) == 0);
 }
 
 bool FrameSaver::finish() {
     for (const Output& output : mOutputs)
-        if (fflush(output.file.get()) != 0 && mError == 0)
+        if (output.file && fflush(output.file.get()) != 0 && mError == 0)
             mError = errno;
     if (mError != 0)
         say("frames were not saved: %s", strerror(mError));

@@ -24,14 +24,18 @@ using File = std::unique_ptr<FILE, CloseFile>;
 /** Bytes of a frame in a file. */
 size_t frameBytes(const PixelFormat& format);
 
-/** Writes the frames of capture ports to a folder: NAME.raw, and NAME.txt that describes it. */
+/**
+ * Writes the frames of capture ports to a folder: ENTITY.raw, or ENTITY-NUMBER.raw for each, and
+ * ENTITY.txt that describes them.
+ */
 class FrameSaver {
 public:
     /**
      * Makes the folder, unless it is there, and the files.
+     * @param split a file for each frame, named with its request's number.
      * @return false with a line on stderr.
      */
-    bool open(const std::string& folder, const std::vector<NodePort>& ports,
+    bool open(const std::string& folder, bool split, const std::vector<NodePort>& ports,
               const client::SceneSession& session);
     /** Appends a request's frames. @return false when they could not be written or mapped. */
     bool save(client::SessionRequest& request);
@@ -41,9 +45,11 @@ public:
 private:
     struct Output {
         size_t port;
-        std::string path;
-        File file;
+        std::string base;  ///< path without an end
+        File file;         ///< null where each frame has its own
     };
+    bool save(const Output& output, client::SessionRequest& request);
+
     std::vector<Output> mOutputs;
     int mError = 0;
 };

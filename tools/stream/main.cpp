@@ -282,7 +282,7 @@ int streamOn(const Options& options, const Device& device, const std::vector<Nod
     FrameSaver saver;
     if (!content || !openInputs(options, ports, session, *content) ||
         !controls.prepare(options.controls, ports) ||
-        (!options.save.empty() && !saver.open(options.save, ports, session)))
+        (!options.save.empty() && !saver.open(options.save, options.split, ports, session)))
         return kBadUse;
     content->setControls(&controls);
     std::unique_ptr<EventPrinter> events;
