@@ -11,20 +11,20 @@
 
 namespace NSVista::NSCorvane::System {
 
+/** What carries out the operations, never null: needs no initialiser before the first call. */
+extern std::atomic<Kernel*> gKernel;
+
 /** Sees every call, whichever kernel carries it out. */
 class KernelWrapper : public Kernel {
 public:
     /** The kernel that a client installed. Each call reads it once. */
-    Kernel& inner() const noexcept {
-        Kernel* const kernel = mInner.load(std::memory_order_acquire);
-        return kernel != nullptr ? *kernel : linuxKernel();
-    }
+    Kernel& inner() const noexcept { return *mInner.load(std::memory_order_acquire); }
 
 private:
     friend Kernel* setKernel(Kernel* kernel) noexcept;
     friend void wrapKernel(KernelWrapper* wrapper) noexcept;
 
-    std::atomic<Kernel*> mInner{nullptr};
+    std::atomic<Kernel*> mInner{&linuxKernel()};
 };
 
 /**

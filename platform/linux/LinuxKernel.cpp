@@ -6,6 +6,8 @@
 
 #include <cerrno>
 
+#include "KernelWrapper.h"
+
 namespace NSVista::NSCorvane::System {
 
 Kernel::~Kernel() = default;
@@ -94,9 +96,23 @@ public:
 
 }  // namespace
 
+namespace {
+
+/** There before any code runs, and never destroyed: calls are made until the process is gone. */
+union Lasting {
+    constexpr Lasting() : kernel() {}
+    ~Lasting() {}
+    LinuxKernel kernel;
+};
+
+constinit Lasting sLasting;
+
+}  // namespace
+
+constinit std::atomic<Kernel*> gKernel{&sLasting.kernel};
+
 Kernel& linuxKernel() noexcept {
-    static auto* const kernel = new LinuxKernel;
-    return *kernel;
+    return sLasting.kernel;
 }
 
 }  // namespace NSVista::NSCorvane::System

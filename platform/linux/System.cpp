@@ -21,15 +21,11 @@ namespace NSVista::NSCorvane::System {
 
 namespace {
 
-/** Null stands for linuxKernel(), so that no initialiser has to run before the first call. */
-constinit std::atomic<Kernel*> gKernel{nullptr};
-
 constinit Mutex gChange;  ///< one change of kernels at a time
 constinit KernelWrapper* gWrapper CORVANE_GUARDED_BY(gChange) = nullptr;
 
 Kernel& kernel() noexcept {
-    Kernel* const installed = gKernel.load(std::memory_order_acquire);
-    return installed != nullptr ? *installed : linuxKernel();
+    return *gKernel.load(std::memory_order_acquire);
 }
 
 }  // namespace
@@ -37,8 +33,8 @@ Kernel& kernel() noexcept {
 Kernel* setKernel(Kernel* kernel) noexcept {
     const MutexLock lock(gChange);
     std::atomic<Kernel*>& installed = gWrapper != nullptr ? gWrapper->mInner : gKernel;
-    Kernel* const before = installed.exchange(kernel, std::memory_order_acq_rel);
-    return before != nullptr ? before : &linuxKernel();
+    return installed.exchange(kernel != nullptr ? kernel : &linuxKernel(),
+                              std::memory_order_acq_rel);
 }
 
 void wrapKernel(KernelWrapper* wrapper) noexcept {
