@@ -170,7 +170,11 @@ int Request::addBuffer(int portIndex, std::function<void(FrameBuffer&)> fill) tr
     if (!fill)
         CORVANE_FATAL("Bad buffer fill: index=%#x", portIndex);
     waitForState(kIdle, "addBuffer", kStillQueued);
-    FrameBuffer& buffer = bufferOf(portIndex).buffer;
+    // Cycles are filled alike, as a rule.
+    const size_t place = mPortIndexes.size();
+    FrameBuffer& buffer = place < mAdded.size() && mAdded[place].first == portIndex
+                              ? mAdded[place].second->buffer
+                              : bufferOf(portIndex).buffer;
     mPortIndexes.push_back(portIndex);
     if (buffer.planeCount != 0)
         refuseSecondBuffer(portIndex, buffer);
@@ -181,9 +185,6 @@ CORVANE_NO_THROW
 
 /** The entry of a port, made when there is none. */
 Request::PortBuffer& Request::bufferOf(int portIndex) {
-    const size_t expected = mPortIndexes.size();
-    if (expected < mAdded.size() && mAdded[expected].first == portIndex)
-        return *mAdded[expected].second;
     const auto [entry, made] = mBuffers.try_emplace(portIndex);
     if (made)
         mAdded.emplace_back(portIndex, &entry->second);

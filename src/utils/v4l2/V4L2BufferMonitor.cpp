@@ -254,6 +254,16 @@ void V4L2BufferMonitor::callObservers() {
     mTaken.clear();
 }
 
+// Without the lock: the completion thread must not wait for the worker, and observers of high port
+// indexes are neither attached nor detached while requests complete.
+inline const V4L2BufferMonitor::Observer* V4L2BufferMonitor::findObserver(int portIndex) const
+    CORVANE_NO_THREAD_SAFETY_ANALYSIS {
+    if (static_cast<uint32_t>(portIndex) < kLowPorts)
+        return mLowPortObservers[portIndex].load(std::memory_order_acquire);
+    const auto found = mPortObserverMap.find(portIndex);
+    return found != mPortObserverMap.end() ? found->second : nullptr;
+}
+
 void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_t count) try {
     const TraceSection section(
         area::kDone,
@@ -283,16 +293,6 @@ void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_
     mCondition.notifyOne();
 }
 CORVANE_NO_THROW
-
-// Without the lock: the completion thread must not wait for the worker, and observers of high port
-// indexes are neither attached nor detached while requests complete.
-const V4L2BufferMonitor::Observer* V4L2BufferMonitor::findObserver(int portIndex) const
-    CORVANE_NO_THREAD_SAFETY_ANALYSIS {
-    if (static_cast<uint32_t>(portIndex) < kLowPorts)
-        return mLowPortObservers[portIndex].load(std::memory_order_acquire);
-    const auto found = mPortObserverMap.find(portIndex);
-    return found != mPortObserverMap.end() ? found->second : nullptr;
-}
 
 void V4L2BufferMonitor::notifyDirectly(int portIndex) {
     constexpr const char* kOperation = "notifyRequestDone";
