@@ -133,21 +133,27 @@ template <class... Args>
     if (false)                         \
     ::NSVista::NSCorvane::log::checkFormat("[%s] " format, "" __VA_OPT__(, ) __VA_ARGS__)
 
-#define CORVANE_LOG_GATED(severity, function, format, ...)                               \
-    do {                                                                                 \
-        CORVANE_LOG_CHECK(format, __VA_ARGS__);                                          \
-        if (::NSVista::NSCorvane::log::passes(::NSVista::NSCorvane::log::severity))      \
-            ::NSVista::NSCorvane::log::write(::NSVista::NSCorvane::log::severity,        \
-                                             CORVANE_LOG_SITE(function),                 \
-                                             "[%s] " format __VA_OPT__(, ) __VA_ARGS__); \
+/**
+ * A site that is known when the program is built is static: nothing of it is prepared on the path
+ * that does not log.
+ */
+#define CORVANE_LOG_GATED(severity, storage, function, format, ...)                               \
+    do {                                                                                          \
+        CORVANE_LOG_CHECK(format, __VA_ARGS__);                                                   \
+        if (::NSVista::NSCorvane::log::passes(::NSVista::NSCorvane::log::severity)) {             \
+            storage ::NSVista::NSCorvane::log::Site corvaneLogSite = CORVANE_LOG_SITE(function);  \
+            ::NSVista::NSCorvane::log::write(::NSVista::NSCorvane::log::severity, corvaneLogSite, \
+                                             "[%s] " format __VA_OPT__(, ) __VA_ARGS__);          \
+        }                                                                                         \
     } while (false)
 
-#define CORVANE_LOG_LOCATED(write, function, format, ...)                              \
-    do {                                                                               \
-        CORVANE_LOG_CHECK(format, __VA_ARGS__);                                        \
-        ::NSVista::NSCorvane::log::write(CORVANE_LOG_SITE(function), "[%s] " format,   \
-                                         "[%s] " format " (%s){#%d:%s}" __VA_OPT__(, ) \
-                                             __VA_ARGS__);                             \
+#define CORVANE_LOG_LOCATED(write, storage, function, format, ...)                           \
+    do {                                                                                     \
+        CORVANE_LOG_CHECK(format, __VA_ARGS__);                                              \
+        storage ::NSVista::NSCorvane::log::Site corvaneLogSite = CORVANE_LOG_SITE(function); \
+        ::NSVista::NSCorvane::log::write(corvaneLogSite, "[%s] " format,                     \
+                                         "[%s] " format " (%s){#%d:%s}" __VA_OPT__(, )       \
+                                             __VA_ARGS__);                                   \
     } while (false)
 
 /**
@@ -155,27 +161,31 @@ template <class... Args>
  * For helpers that log under the name of the operation they serve.
  * @{
  */
-/** Logs a failure that the caller survives. */
-#define CORVANE_LOGE_AS(function, ...) CORVANE_LOG_LOCATED(writeError, function, __VA_ARGS__)
-/** Logs a programming or consistency error and aborts the process with its location. */
-#define CORVANE_FATAL_AS(function, ...) CORVANE_LOG_LOCATED(fatal, function, __VA_ARGS__)
-#define CORVANE_LOGW_AS(function, ...) CORVANE_LOG_GATED(kWarning, function, __VA_ARGS__)
-#define CORVANE_LOGI_AS(function, ...) CORVANE_LOG_GATED(kInfo, function, __VA_ARGS__)
-/** Logs a key lifecycle event. */
-#define CORVANE_LOGK_AS(function, ...) CORVANE_LOG_GATED(kKeyEvent, function, __VA_ARGS__)
-#define CORVANE_LOGD_AS(function, ...) CORVANE_LOG_GATED(kDebug, function, __VA_ARGS__)
+#define CORVANE_LOGE_AS(function, ...) CORVANE_LOG_LOCATED(writeError, const, function, __VA_ARGS__)
+#define CORVANE_FATAL_AS(function, ...) CORVANE_LOG_LOCATED(fatal, const, function, __VA_ARGS__)
+#define CORVANE_LOGW_AS(function, ...) CORVANE_LOG_GATED(kWarning, const, function, __VA_ARGS__)
+#define CORVANE_LOGI_AS(function, ...) CORVANE_LOG_GATED(kInfo, const, function, __VA_ARGS__)
+#define CORVANE_LOGK_AS(function, ...) CORVANE_LOG_GATED(kKeyEvent, const, function, __VA_ARGS__)
+#define CORVANE_LOGD_AS(function, ...) CORVANE_LOG_GATED(kDebug, const, function, __VA_ARGS__)
 /** @} */
 
 /**
  * @name Under the name of the function they stand in
  * @{
  */
-#define CORVANE_LOGE(...) CORVANE_LOGE_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
-#define CORVANE_FATAL(...) CORVANE_FATAL_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
-#define CORVANE_LOGW(...) CORVANE_LOGW_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
-#define CORVANE_LOGI(...) CORVANE_LOGI_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
-#define CORVANE_LOGK(...) CORVANE_LOGK_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
-#define CORVANE_LOGD(...) CORVANE_LOGD_AS(CORVANE_LOG_FUNCTION, __VA_ARGS__)
+/** Logs a failure that the caller survives. */
+#define CORVANE_LOGE(...) \
+    CORVANE_LOG_LOCATED(writeError, static const, CORVANE_LOG_FUNCTION, __VA_ARGS__)
+/** Logs a programming or consistency error and aborts the process with its location. */
+#define CORVANE_FATAL(...) \
+    CORVANE_LOG_LOCATED(fatal, static const, CORVANE_LOG_FUNCTION, __VA_ARGS__)
+#define CORVANE_LOGW(...) \
+    CORVANE_LOG_GATED(kWarning, static const, CORVANE_LOG_FUNCTION, __VA_ARGS__)
+#define CORVANE_LOGI(...) CORVANE_LOG_GATED(kInfo, static const, CORVANE_LOG_FUNCTION, __VA_ARGS__)
+/** Logs a key lifecycle event. */
+#define CORVANE_LOGK(...) \
+    CORVANE_LOG_GATED(kKeyEvent, static const, CORVANE_LOG_FUNCTION, __VA_ARGS__)
+#define CORVANE_LOGD(...) CORVANE_LOG_GATED(kDebug, static const, CORVANE_LOG_FUNCTION, __VA_ARGS__)
 /** @} */
 
 /**
