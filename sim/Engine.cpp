@@ -182,7 +182,10 @@ int Engine::readLink(const char* path, char* buffer, size_t size) {
     return System::linuxKernel().readLink(path, buffer, size);
 }
 
-VirtualEngine::VirtualEngine(const char* model) : mDevice(addDevice(describeVirtualEngine(model))) {
+VirtualEngine::VirtualEngine(const char* model) : VirtualEngine(describeVirtualEngine(model)) {
+}
+
+VirtualEngine::VirtualEngine(const DeviceDesc& description) : mDevice(addDevice(description)) {
 }
 
 }  // namespace NSVista::NSCorvane::sim

@@ -6,6 +6,7 @@
 
 #include <corvane/V4L2.h>
 
+#include "Negotiation.h"
 #include "vengine-picture.h"
 
 namespace NSVista::NSCorvane::sim {
@@ -93,6 +94,19 @@ std::vector<ControlDesc> ownControls(const VideoDesc& video) {
     return {heading, brightness};
 }
 
+/** What the node begins with: its format at the engine's size, unless it says otherwise. */
+void completeFormat(VideoDesc& video) {
+    if (video.formats.empty())
+        return;
+    const auto named =
+        std::find_if(video.formats.begin(), video.formats.end(),
+                     [&](const FormatDesc& format) { return format.fourcc == video.format; });
+    const FormatDesc& first = named != video.formats.end() ? *named : video.formats.front();
+    video.format = first.fourcc;
+    if (!video.layout)
+        video.layout = Negotiation(first).answer(VENGINE_DEFAULT_WIDTH, VENGINE_DEFAULT_HEIGHT);
+}
+
 }  // namespace
 
 VideoDesc completed(const VideoDesc& video) {
@@ -101,6 +115,14 @@ VideoDesc completed(const VideoDesc& video) {
         whole.formats = ownFormats(video);
     if (!whole.controls)
         whole.controls = ownControls(video);
+    const auto* const type = v4l2::findBufferType(video.bufType);
+    const uint32_t capabilities = (type != nullptr ? type->caps : 0) | V4L2_CAP_STREAMING |
+                                  V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_IO_MC;
+    if (!whole.deviceCaps)
+        whole.deviceCaps = capabilities;
+    if (!whole.capabilities)
+        whole.capabilities = capabilities | V4L2_CAP_DEVICE_CAPS;
+    completeFormat(whole);
     return whole;
 }
 

@@ -33,7 +33,7 @@ double seconds(const v4l2_fract& interval) {
 
 Format::Format(const VideoDesc& video)
     : mBufType(video.bufType),
-      mDefault(video.format),
+      mDefault(video.fallback != 0 ? video.fallback : video.format),
       mUnknown(video.unknownFormat),
       mEnumeratesSizes(video.enumeratesSizes),
       mInterval(video.interval) {
@@ -41,11 +41,7 @@ Format::Format(const VideoDesc& video)
         mOffered.push_back({format, Negotiation(format)});
     if (mOffered.empty())
         return;
-    const Offered* const first = find(video.format);
-    Choice start{first != nullptr ? first : &mOffered.front(), {}};
-    start.layout = video.layout
-                       ? *video.layout
-                       : start.offered->rules.answer(VENGINE_DEFAULT_WIDTH, VENGINE_DEFAULT_HEIGHT);
+    Choice start{find(video.format), *video.layout};
     take(std::move(start));
 }
 

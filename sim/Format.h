@@ -22,7 +22,7 @@ namespace NSVista::NSCorvane::sim {
 /** A node's format and what it can be. Not thread-safe. */
 class Format {
 public:
-    /** @param video with formats, unless the node has none. */
+    /** @param video completed(). */
     explicit Format(const VideoDesc& video);
     Format(const Format&) = delete;
     Format& operator=(const Format&) = delete;

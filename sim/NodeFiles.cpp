@@ -119,11 +119,8 @@ void VideoFile::queryCapabilities(v4l2_capability& capability) const {
     put(video.card.empty() ? std::string(mQueue.name()) : video.card, capability.card);
     put(video.bus.empty() ? v4l2::fixedText(info.bus_info) : video.bus, capability.bus_info);
     capability.version = video.version != 0 ? video.version : info.driver_version;
-    const v4l2::BufferType* type = v4l2::findBufferType(video.bufType);
-    uint32_t own = (type != nullptr ? type->caps : 0) | V4L2_CAP_STREAMING |
-                   V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_IO_MC;
-    capability.device_caps = video.deviceCaps.value_or(own);
-    capability.capabilities = video.capabilities.value_or(own | V4L2_CAP_DEVICE_CAPS);
+    capability.device_caps = *video.deviceCaps;
+    capability.capabilities = *video.capabilities;
 }
 
 Mutex* VideoFile::serialiser(uint32_t code) const {

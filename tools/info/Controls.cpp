@@ -19,7 +19,8 @@ KnownControls knownControls(const std::string& model) {
         known.controls.push_back({control.id, control.name,
                                   std::to_string(control.min) + " to " +
                                       std::to_string(control.max) + ", default " +
-                                      std::to_string(control.def)});
+                                      std::to_string(control.def),
+                                  control.min, control.max});
     }
     return known;
 }

@@ -5,6 +5,7 @@
  */
 #pragma once
 
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@ struct ControlId {
     int id;
     std::string name;   ///< empty when unknown
     std::string range;  ///< empty when unknown
+    int minimum = INT_MIN, maximum = INT_MAX;
 };
 
 /** A control as the sub-device answered. */

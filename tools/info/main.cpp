@@ -8,7 +8,7 @@
 #include <corvane/IMediaDevice.h>
 #include <corvane/SceneManager.h>
 #include <corvane/platform/Printer.h>
-#include <corvane/sim/Engine.h>
+#include <corvane/sim/DescriptionFile.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -18,6 +18,7 @@
 #include <optional>
 #include <set>
 
+#include "Capture.h"
 #include "Console.h"
 #include "Controls.h"
 #include "Device.h"
@@ -25,6 +26,7 @@
 #include "JsonReport.h"
 #include "Listing.h"
 #include "Settings.h"
+#include "Simulation.h"
 #include "Version.h"
 #include "Watch.h"
 
@@ -33,21 +35,22 @@ namespace NSVista::NSCorvane::tools {
 namespace {
 
 struct Options {
-    std::string model, dot, subDevice;
+    std::string model, dot, subDevice, capture;
+    std::optional<std::string> sim;  ///< a description, empty for the virtual engine
     std::vector<int> controls;
     std::vector<std::string> links, formats;
-    bool sim = false, dump = false, json = false, watch = false;
+    bool withIdentity = false, dump = false, json = false, watch = false;
 };
 
-ExitCode writeGraph(const std::string& graph, const std::string& path) {
+ExitCode writeText(const std::string& text, const std::string& path) {
     if (path == "-") {
-        fputs(graph.c_str(), stdout);
+        fputs(text.c_str(), stdout);
         return kSuccess;
     }
     FILE* const file = fopen(path.c_str(), "we");
     if (file == nullptr)
         return complain(kRunFailed, "cannot write %s: %s", path.c_str(), strerror(errno));
-    const bool written = fputs(graph.c_str(), file) >= 0;
+    const bool written = fputs(text.c_str(), file) >= 0;
     if (fclose(file) != 0 || !written)
         return complain(kRunFailed, "cannot write %s: %s", path.c_str(), strerror(errno));
     return kSuccess;
@@ -100,6 +103,24 @@ ExitCode showControls(const Options& options, const Device& device) {
     return kSuccess;
 }
 
+ExitCode writeCapture(const Options& options, const std::vector<Device>& devices) {
+    if (devices.size() != 1)
+        return complain(kBadUse, "there are %zu devices: --model names the one to capture",
+                        devices.size());
+    const Device& device = devices.front();
+    const Entity* const entity = controlledEntity(options, device);
+    if (const ExitCode code = checkControls(options, devices); code != kSuccess)
+        return code;
+    std::vector<std::string> remarks;
+    const sim::DeviceDesc captured = captureDevice(
+        device,
+        {options.withIdentity, entity, chooseControls(options, knownControls(device.model))},
+        remarks);
+    for (const std::string& remark : remarks)
+        say("%s", remark.c_str());
+    return writeText(sim::writeDescription(captured), options.capture);
+}
+
 /** Prints the library's state with every device searched for, so that its caches show. */
 void dumpState(const std::vector<Device>& devices) {
     std::set<std::string> models;
@@ -133,11 +154,9 @@ ExitCode change(const Options& options, std::vector<Device>& devices) {
 }
 
 ExitCode run(const Options& options) {
-    std::optional<sim::VirtualEngine> engine;
-    std::optional<sim::ScopedKernel> kernel;
-    if (options.sim)
-        kernel.emplace(engine.emplace());
-
+    std::unique_ptr<Simulation> simulation;
+    if (options.sim && !(simulation = Simulation::start(*options.sim)))
+        return kBadUse;
     if (options.watch)
         return watchDevices();
     std::vector<Device> devices = findDevices(options.model);
@@ -147,12 +166,14 @@ ExitCode run(const Options& options) {
         return complain(kRunFailed, "no media device found (--sim shows the virtual engine)");
     if (const ExitCode code = change(options, devices); code != kSuccess)
         return code;
+    if (!options.capture.empty())
+        return writeCapture(options, devices);
     if (options.json) {
         puts(makeJson(devices).c_str());
         return kSuccess;
     }
     if (!options.dot.empty())
-        return writeGraph(makeGraph(devices), options.dot);
+        return writeText(makeGraph(devices), options.dot);
     if (const ExitCode code = checkControls(options, devices); code != kSuccess)
         return code;
     printDevices(devices);
@@ -178,7 +199,21 @@ int main(int argc, char** argv) {
     addVersion(app);
     app.add_option("-m,--model", options.model, "Only media devices of this model")
         ->type_name("NAME");
-    app.add_flag("--sim", options.sim, "Show the virtual engine in place of this machine");
+    app.add_option(
+           "--sim", options.sim,
+           "Show the virtual engine in place of this machine, or what it poses as: a device "
+           "from --capture")
+        ->expected(0, 1)
+        ->default_str("")
+        ->type_name("[FILE]");
+    CLI::Option* const capture =
+        app.add_option(
+               "--capture", options.capture,
+               "Write all that the device tells to a file, or to standard output for -, and "
+               "end; the device is left as it was")
+            ->type_name("FILE");
+    app.add_flag("--with-identity", options.withIdentity, "Let the capture hold the serial number")
+        ->needs(capture);
     app.add_option("--dot", options.dot,
                    "Write the graph for graphviz to a file, else to standard output, and end")
         ->expected(0, 1)

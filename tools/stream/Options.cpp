@@ -99,7 +99,7 @@ CLI::Validator between(uint64_t least, uint64_t most) {
 void addStreamOptions(CLI::App& app, Options& options) {
     app.add_flag("--list", options.list, "List media devices as corvane-info does, then end");
     app.add_option("--model", options.model, "Model name of the media device")
-        ->default_str(VENGINE_MODEL);
+        ->default_str(VENGINE_MODEL ", or the one that --sim poses as");
     app.add_option("--ports", options.ports,
                    "Ports: a list of entity names or indexes, how many of the first, or \"all\"")
         ->capture_default_str();
@@ -139,7 +139,13 @@ void addStreamOptions(CLI::App& app, Options& options) {
 void addEngineOptions(CLI::App& app, Options& options) {
     const char* const group = "Virtual engine";
     CLI::Option* const sim =
-        app.add_flag("--sim", options.sim, "Use the virtual engine in this process")->group(group);
+        app.add_option("--sim", options.sim,
+                       "Use the virtual engine in this process, or have it pose as another device: "
+                       "a file from corvane-info --capture")
+            ->expected(0, 1)
+            ->default_str("")
+            ->type_name("[FILE]")
+            ->group(group);
     app.add_option("--latency-us", options.latencyUs, "Time that a request takes")
         ->check(between(0, UINT64_MAX))
         ->default_val(500)
@@ -217,8 +223,6 @@ std::optional<int> parse(int argc, char** argv, bool again, Options& options) {
     } catch (const CLI::ParseError& error) {
         return complain(kBadUse, "%s; --help tells more", error.what());
     }
-    if (options.model.empty())
-        options.model = VENGINE_MODEL;
     if (options.buffers == 0)
         options.buffers = options.inFlight;
     if (options.buffers < options.inFlight)

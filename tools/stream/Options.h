@@ -37,7 +37,7 @@ struct Options {
     std::optional<uint32_t> offset;
     bool worker = false;
 
-    bool sim = false;
+    std::optional<std::string> sim;  ///< a device's description, empty for the virtual engine
     unsigned latencyUs = 0;
     std::string order;  ///< "in-order", "reversed" or "random"
     unsigned seed = 1;

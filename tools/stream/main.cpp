@@ -10,7 +10,6 @@
 #include <corvane/platform/Trace.h>
 #include <corvane/platform/ULog.h>
 #include <corvane/replay/ReplayKernel.h>
-#include <corvane/sim/Engine.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
@@ -29,6 +28,7 @@
 #include "PortChoice.h"
 #include "Report.h"
 #include "Runner.h"
+#include "Simulation.h"
 #include "Snapshot.h"
 #include "StreamPipe.h"
 
@@ -61,24 +61,17 @@ void configureLog(const Options& options) {
     Utils::ULog::ULogger::sDetailsLevel = kErrors + std::min(options.verbose, 5U);
 }
 
-/** The in-process engine as the options want it, installed while it lives. */
-class Simulation {
-public:
-    explicit Simulation(const Options& options) : mInstalled(mEngine) {
-        sim::Timing timing;
-        timing.latency = std::chrono::microseconds(options.latencyUs);
-        timing.seed = options.seed;
-        timing.order = options.order == "reversed" ? sim::Order::REVERSED
-                       : options.order == "random" ? sim::Order::RANDOM
-                                                   : sim::Order::IN_ORDER;
-        timing.group = timing.order == sim::Order::IN_ORDER ? 1 : options.inFlight;
-        mEngine.device().setTiming(timing);
-    }
-
-private:
-    sim::VirtualEngine mEngine;
-    sim::ScopedKernel mInstalled;
-};
+/** How the in-process engine completes requests. */
+sim::Timing timingOf(const Options& options) {
+    sim::Timing timing;
+    timing.latency = std::chrono::microseconds(options.latencyUs);
+    timing.seed = options.seed;
+    timing.order = options.order == "reversed" ? sim::Order::REVERSED
+                   : options.order == "random" ? sim::Order::RANDOM
+                                               : sim::Order::IN_ORDER;
+    timing.group = timing.order == sim::Order::IN_ORDER ? 1 : options.inFlight;
+    return timing;
+}
 
 /** A record in the device's place, installed while it lives. */
 class Replay {
@@ -380,7 +373,7 @@ bool startFiles(const Options& options, const std::string& note) {
 }
 
 /** @param note this run's options, for a record. @param recorded what is to answer, if anything. */
-int run(Options& options, const std::string& note, replay::Record recorded) {
+int run(Options& options, std::string note, replay::Record recorded) {
     configureLog(options);
     handleSignals();
     Utils::setTerminateHandler([] { gWish.terminated = true; });
@@ -392,8 +385,18 @@ int run(Options& options, const std::string& note, replay::Record recorded) {
     if (!options.replay.empty() && !(replayed = Replay::open(std::move(recorded), options)))
         return kBadUse;
     gReplay = replayed.get();
-    if (options.sim && replayed == nullptr)
-        simulation = std::make_unique<Simulation>(options);
+    if (options.sim && replayed == nullptr) {
+        simulation = Simulation::start(*options.sim);
+        if (simulation == nullptr)
+            return kBadUse;
+        simulation->device().setTiming(timingOf(options));
+    }
+    if (options.model.empty() && simulation != nullptr && !options.sim->empty()) {
+        options.model = simulation->model();
+        note += "--model\n" + options.model + "\n";  // A replay does without the description.
+    }
+    if (options.model.empty())
+        options.model = VENGINE_MODEL;
     if (options.list) {
         printDevices(findDevices({}));
         return kSuccess;

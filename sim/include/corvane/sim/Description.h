@@ -112,7 +112,7 @@ struct NodeDesc {
 struct VideoDesc {
     uint32_t bufType =
         0;                ///< enum v4l2_buf_type: video or metadata; 0: a node that streams nothing
-    uint32_t format = 0;  ///< fourcc after start, and what an unknown one is adjusted to
+    uint32_t format = 0;  ///< fourcc after start
     uint32_t role = 0;    ///< enum vengine_role, or kPlainRole: what the engine does with buffers
     RequestUse requests = RequestUse::OPTIONAL;
     /** Answer of VIDIOC_QUERYCAP in place of the one that fits the buffer type. */
@@ -122,7 +122,9 @@ struct VideoDesc {
 
     std::vector<FormatDesc> formats = {};   ///< none: the engine's own for the buffer type
     std::optional<LayoutDesc> layout = {};  ///< after start; without it what 320x240 comes to
-    int unknownFormat = 0;  ///< what a format not offered gets: a negated errno, or 0 for `format`
+    /** What a format not offered gets: a negated errno, or 0 and it becomes `fallback`. */
+    int unknownFormat = 0;
+    uint32_t fallback = 0;        ///< 0: `format`
     bool enumeratesSizes = true;  ///< else VIDIOC_ENUM_FRAMESIZES is no ioctl of the node
 
     /** Frame interval after start, of a node with VIDIOC_G_PARM. */

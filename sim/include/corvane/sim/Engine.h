@@ -168,11 +168,16 @@ private:
     std::unique_ptr<State> mState;
 };
 
-/** An engine with one device, the virtual engine of vengine-desc.h. */
+/** An engine with one device. */
 class CORVANE_EXPORT VirtualEngine : public Engine {
 public:
+    /** The virtual engine of vengine-desc.h. @param model in place of its own name. */
     explicit VirtualEngine(const char* model = nullptr);
+    /** A device as it is described, by readDescription() for one. */
+    explicit VirtualEngine(const DeviceDesc& description);
 
+    /** False of a description that addDevice() refuses; there is no device() then. */
+    explicit operator bool() const { return mDevice != nullptr; }
     Device& device() { return *mDevice; }
 
 private:
