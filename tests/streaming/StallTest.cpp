@@ -84,7 +84,10 @@ TEST_F(Stalls, InTheDriverAreTheDriversTurn) {
         platform.order("clear");
         EXPECT_EQ(call.get(), 0);
         EXPECT_TRUE(stops || (rig.waitDone(2) && rig.waitDequeued()));
-        explained(rig, HasSubstr(stops ? "ACQUIRED: 1 requests" : "2 completed, 0 buffers"), 1);
+        explained(rig,
+                  HasSubstr(stops ? "ACQUIRED: requests: 1 queued"
+                                  : "2 completed; buffers to dequeue: 0"),
+                  1);
     }
 }
 
@@ -136,8 +139,8 @@ TEST_F(Stalls, ByTheClientAreToldByTheGuardAsWell) {
          {"request 0 .fd [0-9]+.: in its done callback, completed [0-9]+ ms ago: the client's turn",
           "request 1 .fd [0-9]+.: completed, queued [0-9]+ ms ago: the event monitor's turn, whose "
           "thread is busy with another request; buffers vengine-main.1.",
-          "port vengine-main: 1 threads wait for a free index for [0-9]+ ms, 2 of 2 are taken",
-          "port vengine-main: 1 indexes lost by failed dequeues"})
+          "port vengine-main: threads that wait for a free index: 1, for [0-9]+ ms; taken: 2 of 2",
+          "port vengine-main: indexes lost by failed dequeues: 1"})
         EXPECT_THAT(lines, Contains(ContainsRegex(line)));
     errors();
     std::this_thread::sleep_for(3200ms);

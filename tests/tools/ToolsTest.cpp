@@ -60,6 +60,21 @@ protected:
     const std::string mFolder = testing::TempDir() + "corvane-tools-" + std::to_string(getpid());
 };
 
+TEST_F(ToolsTest, SaysWhyARunStalls) {
+    const Outcome stalled =
+        run("exec 2>&1; " + kStream +
+            "--sim --ports 2 --in-flight 1 --latency-us 20000000 --stall-after 1 & "
+            "sleep 0.5; kill -QUIT $!; wait $!");
+    EXPECT_EQ(stalled.code, 1);
+    const std::string where =
+        "<<Stall>> scene corvane-stream STARTED: requests: 1 queued, 0 completed[^\n]*\n"
+        "  request 0 .fd [0-9]+.: with the driver for [0-9]+ ms: the driver's turn; buffers "
+        "vengine";
+    EXPECT_THAT(stalled.output, ContainsRegex("asked by SIGQUIT:\n" + where));
+    EXPECT_THAT(stalled.output, ContainsRegex("nothing went on for 1 s:\n" + where));
+    EXPECT_THAT(stalled.output, HasSubstr("no request completed for 1 s"));
+}
+
 TEST_F(ToolsTest, BadUseIsOneLineAndExitCode2) {
     for (const char* arguments : {"--bogus",
                                   "--model nothing",

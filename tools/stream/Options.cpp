@@ -133,6 +133,11 @@ void addStreamOptions(CLI::App& app, Options& options) {
                    "Requests at the beginning that are neither checked nor saved nor timed")
         ->check(between(0, UINT64_MAX))
         ->capture_default_str();
+    app.add_option("--stall-after", options.stallAfter,
+                   "Seconds without a completed request after which the run says why, and ends; "
+                   "SIGQUIT asks it at any time")
+        ->check(between(1, 1'000'000))
+        ->capture_default_str();
     app.add_flag("--worker", options.worker, "Dequeue on the buffer monitor's thread always");
 }
 

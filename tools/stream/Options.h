@@ -36,6 +36,7 @@ struct Options {
     uint32_t frameRate = 0;  ///< per second; 0: the driver's
     std::optional<uint32_t> offset;
     bool worker = false;
+    unsigned stallAfter = 10;  ///< seconds without a completed request
 
     std::optional<std::string> sim;  ///< a device's description, empty for the virtual engine
     unsigned latencyUs = 0;

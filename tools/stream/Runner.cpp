@@ -17,13 +17,15 @@ using Clock = std::chrono::steady_clock;
 constexpr unsigned kTraceArea = 4;
 /** How often the wishes to end are looked at while nothing completes. */
 constexpr std::chrono::milliseconds kLook{100};
-constexpr std::chrono::seconds kStall{10};
+/** A run ends this much after the watch has told of its stall. */
+constexpr std::chrono::seconds kToTell{1};
 
 }  // namespace
 
 void Runner::run(RunResult& result) {
     const auto begin = Clock::now();
     auto lastProgress = begin;
+    const std::chrono::seconds stall(mOptions.stallAfter);
     Progress progress(mOptions, mPorts, mSession);
     while (result.trouble.empty()) {
         submitWhatFits(result);
@@ -32,10 +34,12 @@ void Runner::run(RunResult& result) {
         const int waited = mSession.wait(
             kLook, [&](client::SessionRequest& request) { inspect(request, result); });
         const auto now = Clock::now();
-        if (waited == 0)
+        if (waited == 0) {
             lastProgress = now;
-        else if (now - lastProgress > kStall)
-            result.trouble = "no request completed for 10 s";
+            mWatch.progress();
+        } else if (now - lastProgress > stall + kToTell) {
+            result.trouble = "no request completed for " + std::to_string(stall.count()) + " s";
+        }
         progress.update(result, mContent.errors());
     }
     // After a refusal those that are under way still complete, as a rule.

@@ -16,6 +16,7 @@
 #include "LatencyHistogram.h"
 #include "Options.h"
 #include "Snapshot.h"
+#include "StallWatch.h"
 
 namespace NSVista::NSCorvane::tools {
 
@@ -40,17 +41,19 @@ struct RunResult {
 class Runner {
 public:
     /**
+     * @param watch is told of each completed request.
      * @param leftOver requests that the device is known to keep for good when nothing follows them.
      * @param snapshot, saver may be null. All are referred to, not copied.
      */
     Runner(const Options& options, const std::vector<NodePort>& ports,
-           client::SceneSession& session, Content& content, const EndWish& wish, unsigned leftOver,
-           Snapshot* snapshot, FrameSaver* saver, ControlPlan& controls)
+           client::SceneSession& session, Content& content, const EndWish& wish, StallWatch& watch,
+           unsigned leftOver, Snapshot* snapshot, FrameSaver* saver, ControlPlan& controls)
         : mOptions(options),
           mPorts(ports),
           mSession(session),
           mContent(content),
           mWish(wish),
+          mWatch(watch),
           mLeftOver(leftOver),
           mSnapshot(snapshot),
           mSaver(saver),
@@ -70,6 +73,7 @@ private:
     client::SceneSession& mSession;
     Content& mContent;
     const EndWish& mWish;
+    StallWatch& mWatch;
     const unsigned mLeftOver;
     Snapshot* const mSnapshot;
     FrameSaver* const mSaver;

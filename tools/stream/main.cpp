@@ -54,6 +54,7 @@ void handleSignals() {
     action.sa_flags = SA_RESETHAND;  // The second one ends the process whatever it hangs in.
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    StallWatch::takeSignal();
 }
 
 void configureLog(const Options& options) {
@@ -267,7 +268,7 @@ void dumpAll(const SceneManager& manager) {
 
 /** Streams on a session that is set up. @return an exit code. */
 int streamOn(const Options& options, const Device& device, const std::vector<NodePort>& ports,
-             const SceneManager& manager, client::SceneSession& session) {
+             const SceneManager& manager, StallWatch& watch, client::SceneSession& session) {
     noteOtherFormats(options, ports, session);
     setFrameRates(options, ports);
     const std::unique_ptr<Content> content = makeContent(device, ports, session);
@@ -288,7 +289,7 @@ int streamOn(const Options& options, const Device& device, const std::vector<Nod
     Snapshot snapshot;
     RunResult result;
     const unsigned kept = requestsKept(device, ports);
-    Runner(options, ports, session, *content, gWish, kept,
+    Runner(options, ports, session, *content, gWish, watch, kept,
            options.snapshot.empty() ? nullptr : &snapshot, options.save.empty() ? nullptr : &saver,
            controls)
         .run(result);
@@ -347,8 +348,9 @@ int stream(Options& options) {
         return pipe = std::make_shared<StreamPipe>(manager, plan);
     });
     SceneManager manager;
+    StallWatch watch(manager, std::chrono::seconds(options.stallAfter));
     const int code = manager.init() == 0 && !gWish.terminated
-                         ? streamOn(options, *device, ports, manager, pipe->session())
+                         ? streamOn(options, *device, ports, manager, watch, pipe->session())
                          : kRunFailed;
     manager.uninit();
     if (code == kSuccess && gWish.terminated)

@@ -59,8 +59,8 @@ std::string textOf(const System::CallUnderWay& call) {
 }
 
 void StallReport::print(IPrinter& printer, std::vector<System::CallUnderWay>& calls) const {
-    printer.printFormatLine("<<Stall>> scene %s %s: %" PRIu32 " requests queued, %" PRIu32
-                            " completed, %" PRIu32 " buffers completed and not dequeued",
+    printer.printFormatLine("<<Stall>> scene %s %s: requests: %" PRIu32 " queued, %" PRIu32
+                            " completed; buffers to dequeue: %" PRIu32,
                             scene.c_str(), state, queued, done, due);
     for (const RequestView& request : requests)
         printRequest(printer, request);
@@ -150,13 +150,12 @@ void StallReport::printPort(IPrinter& printer, const PortView& port,
     if (standing.dequeue == Standing::kInCallback)
         printer.printFormatLine("  port %s: in the callback of a dequeue: the client's turn", name);
     if (standing.indexWaiters != 0)
-        printer.printFormatLine("  port %s: %" PRIu32
-                                " threads wait for a free index for %s, %zu of %" PRIu32
-                                " are taken",
+        printer.printFormatLine("  port %s: threads that wait for a free index: %" PRIu32
+                                ", for %s; taken: %zu of %" PRIu32,
                                 name, standing.indexWaiters, since(standing.indexWaitSince).c_str(),
                                 standing.taken.size(), standing.imported);
     if (standing.lost != 0)
-        printer.printFormatLine("  port %s: %" PRIu32 " indexes lost by failed dequeues", name,
+        printer.printFormatLine("  port %s: indexes lost by failed dequeues: %" PRIu32, name,
                                 standing.lost);
     std::erase_if(calls, [&](const System::CallUnderWay& call) {
         if (call.fd != standing.fd)
