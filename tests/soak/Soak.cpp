@@ -115,6 +115,7 @@ class Soak {
 public:
     Soak(std::chrono::seconds duration, bool faults) : mEnd(mBegin + duration), mHasFaults(faults) {
         const auto& entity = Platform::instance().ports()[0];
+        mSamples.reserve(static_cast<size_t>(duration / kSampleTime) + 1);  // else it would grow
         mDesc.name = "soak";
         mDesc.times = true;
         mDesc.ports = {{entity.name, 0, entity.name, 0, 64, 16}};
