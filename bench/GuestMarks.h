@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * @file
  * Instructions that do nothing and say to who runs the machine where a measurement begins and ends.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A plugin of QEMU that counts what a guest executes between two marks, block by block, exactly. At
 // each end a file is written with a line a block: address, instructions in it, times executed.
 //

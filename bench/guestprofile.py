@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Tells whose instructions are whose in what the guest's profiler counted."""
 import bisect
 import collections

@@ -3,7 +3,9 @@
 include(GNUInstallDirs)
 
 set(CMAKE_COMPILE_WARNING_AS_ERROR ${CORVANE_WERROR})
-set(CMAKE_CXX_STANDARD 20)
+if(NOT CMAKE_CXX_STANDARD)
+    set(CMAKE_CXX_STANDARD 20)
+endif()
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
@@ -35,6 +37,19 @@ if(CORVANE_SANITIZE)
                            -fno-omit-frame-pointer -fno-sanitize-recover=all)
     target_link_options(corvane_build INTERFACE -fsanitize=${CORVANE_SANITIZE})
 endif()
+
+# corvane_header_package(NAME TARGET FOLDER): finds a package of headers alone, TARGET, whose headers
+# lie in /usr/include/FOLDER. They suit every processor, but a cross build must not have the rest of
+# /usr/include.
+function(corvane_header_package name target folder)
+    find_package(${name} REQUIRED)
+    if(CMAKE_CROSSCOMPILING)
+        file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/headers)
+        file(CREATE_LINK /usr/include/${folder} ${PROJECT_BINARY_DIR}/headers/${folder} SYMBOLIC)
+        set_target_properties(${target} PROPERTIES
+            INTERFACE_INCLUDE_DIRECTORIES ${PROJECT_BINARY_DIR}/headers)
+    endif()
+endfunction()
 
 set(CORVANE_SOVERSION ${PROJECT_VERSION_MAJOR})
 if(CORVANE_SOVERSION EQUAL 0)

@@ -48,4 +48,6 @@ if(CORVANE_SIM)
         DESTINATION ${package} COMPONENT simulation)
     corvane_pkg_config(corvane-sim corvane_sim simulation corvane-platform
         "Corvane's virtual engine: a device in the process")
+    corvane_pkg_config(corvane-replay corvane_replay simulation corvane-platform
+        "Corvane's records of a device's calls, read and answered from")
 endif()

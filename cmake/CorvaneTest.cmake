@@ -1,8 +1,20 @@
 # SPDX-License-Identifier: Apache-2.0
 # What the folders of tests share. How long a test may take is the runner's to say (the presets do, and
 # ctest --timeout before them): a property would overrule it.
-find_package(GTest REQUIRED)
-find_program(QEMU qemu-system-x86_64)
+# Debian has GoogleTest built for its own C++ library and processor only, and as sources.
+set(CORVANE_GTEST_SOURCE "" CACHE PATH "GoogleTest's sources, to build it like the project")
+if(CORVANE_GTEST_SOURCE)
+    enable_language(C)
+    set(CMAKE_COMPILE_WARNING_AS_ERROR OFF)
+    set(INSTALL_GTEST OFF)
+    add_subdirectory(${CORVANE_GTEST_SOURCE} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+    set(CMAKE_COMPILE_WARNING_AS_ERROR ${CORVANE_WERROR})
+else()
+    find_package(GTest REQUIRED)
+endif()
+if(NOT CMAKE_CROSSCOMPILING)
+    find_program(QEMU qemu-system-x86_64)
+endif()
 if(NOT QEMU)
     message(STATUS "no tests on a real kernel: qemu-system-x86_64 is missing")
 endif()
@@ -20,7 +32,7 @@ endfunction()
 # corvane_test(NAME SOURCES...): the same, whose tests run on this machine.
 function(corvane_test name)
     corvane_test_program(${ARGV})
-    gtest_discover_tests(${name})
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
 endfunction()
 
 # corvane_vm_test(NAME MODULE [OPTION...] -- COMMAND...): a test of the label vm, in a guest with the
