@@ -56,7 +56,7 @@ constexpr Rule kRules[] = {
     {"opendir", "dev", "find", Logged, "Failed to open media device directory"},
     {"opendir", "dev", "search", Fatal, kNoDevice},
     {"opendir", "dev", "bringup", Fatal, kNoTopology},
-    {"readdir", "dev", "find", Unseen},
+    {"readdir", "dev", "find", Logged, "Failed to read media device directory"},
     {"readdir", "dev", "search", Fatal, kNoDevice},
     {"readdir", "dev", "bringup", Fatal, kNoTopology},
     {"closedir", "dev", "", Unseen},

@@ -138,10 +138,16 @@ void enumerateMediaDevices(
         CORVANE_LOGE("Failed to open media device directory");
         return;
     }
-    while (const struct dirent* entry = System::ReadDir(dir.get()))
+    errno = 0;
+    while (const struct dirent* entry = System::ReadDir(dir.get())) {
         if (isMediaNode(entry->d_name) &&
             showMediaNode(std::string("/dev/") + entry->d_name, onDevice))
             return;
+        errno = 0;
+    }
+    if (errno != 0)
+        CORVANE_LOGE("Failed to read media device directory, there may be more devices: %s",
+                     strerror(errno));
 }
 CORVANE_NO_THROW
 
