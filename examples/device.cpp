@@ -3,6 +3,7 @@
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/IMediaDevice.h>
 #include <corvane/client/SceneSession.h>
+#include <corvane/mc/DeviceEnumerator.h>
 
 #include <cstdio>
 #include <cstring>
@@ -15,7 +16,11 @@ int main(int argc, char** argv) {
         return 2;
     }
     // [open]
-    const auto media = IDeviceEnumerator::instance().search(argv[1]);  // fatal where there is none
+    if (mc::DeviceEnumerator::instance().find(argv[1]).empty()) {
+        fprintf(stderr, "there is no media device of model %s\n", argv[1]);
+        return 1;  // search() would end the process
+    }
+    const auto media = IDeviceEnumerator::instance().search(argv[1]);
     client::SessionDesc desc;
     desc.name = "example";
     desc.ports = {{"main", 0, argv[2], 0, 0, 0}};  // the driver's format and size

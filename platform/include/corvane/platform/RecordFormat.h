@@ -5,7 +5,7 @@
  *
  * A file is a FileHead, its note, and chunks. All numbers are in the byte order of the machine that
  * wrote them, which FileHead::byteOrder shows. A chunk holds events of one thread, whole and in
- * their order; chunks begin at multiples of #kAlignment and carry a checksum, so that a reader
+ * their order; chunks begin at multiples of kAlignment and carry a checksum, so that a reader
  * finds the next good one behind a damaged one. Once the limit is reached new chunks take the place
  * of old ones: a reader orders them by their sequence.
  *
