@@ -48,7 +48,7 @@ def library(results):
 
 def growth(results):
     texts = {"scenes": ("scenes", "instructions a request (2 ports)"),
-             "requests": ("after requests", "instructions a request (1 port)"),
+             "requests": ("after requests", "instructions a request (1 port, of the next 10,000)"),
              "entities": ("entities", "instructions an entity, at the search")}
     return "\n".join(table(texts[name], results[name].items()) for name in texts)
 
@@ -60,12 +60,16 @@ def device(results):
             chosen = [entry for entry in results
                       if (entry["delay"], entry["in flight"]) == (delay, in_flight)]
             spent = {(entry["ports"], entry["way"]): entry["instructions"] for entry in chosen}
+            rate = {entry["ports"]: 1 / entry["time"] for entry in chosen
+                    if entry["way"] == BASES[0]}
             rows = [[entry["ports"], entry["way"],
                      *(ratio(entry["instructions"], spent.get((entry["ports"], base)))
                        for base in BASES),
+                     ratio(1 / entry["time"], rate.get(entry["ports"])),
                      *(entry.get(name, "") for name in DEVICE_COLUMNS)] for entry in chosen]
             parts.append(f"Driver's delay {delay} us, {in_flight} in flight:\n\n" + table(
-                ["ports", "way", *(f"of {base}" for base in BASES), *DEVICE_COLUMNS.values()],
+                ["ports", "way", *(f"of {base}" for base in BASES), "rate, of bare",
+                 *DEVICE_COLUMNS.values()],
                 rows))
     return "\n".join(parts)
 
