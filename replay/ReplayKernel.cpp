@@ -264,7 +264,7 @@ void ReplayKernel::Play::run() {
             mLastMade +
             std::chrono::nanoseconds(std::max<int64_t>(signal.ns - mLastMadeNs, 0) + kPatienceNs);
         if (!due && giveUp <= now) {
-            mScript.skipUntil(signal.ns);
+            mScript.giveUpUntil(signal.ns);
             continue;
         }
         mChanged.wait_until(lock.native(), due ? *due : giveUp);

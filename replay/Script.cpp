@@ -44,6 +44,7 @@ Script::Script(Record record)
     : mRecord(std::move(record)),
       mStory(tellStory(mRecord)),
       mMade(mRecord.calls.size(), false),
+      mGivenUp(mMade),
       mCallsMade(mStory.objects.size(), 0) {
     for (size_t i = 0; i < mRecord.calls.size(); ++i)
         mLeft += isIdle(i) ? 0 : 1;
@@ -65,7 +66,7 @@ void Script::make(size_t i) {
 }
 
 void Script::advance() {
-    while (mFirst < mMade.size() && (mMade[mFirst] || isIdle(mFirst)))
+    while (mFirst < mMade.size() && (mMade[mFirst] || mGivenUp[mFirst] || isIdle(mFirst)))
         ++mFirst;
     if (mFirst == mMade.size())
         mFirst = kNone;
@@ -80,7 +81,7 @@ std::span<const size_t> Script::callsOn(size_t object) {
 }
 
 size_t Script::findByPath(record::Operation operation, const std::string& path) const {
-    for (size_t i = mFirst; i < mRecord.calls.size(); ++i)
+    for (size_t i = 0; i < mRecord.calls.size(); ++i)
         if (!mMade[i] && call(i).operation == operation && call(i).text(false) == path)
             return i;
     return kNone;
@@ -148,15 +149,13 @@ void Script::tellDifference(const Call& now, const std::string& label, size_t re
                      text.c_str(), textOf(recorded).c_str());
 }
 
-void Script::skipUntil(int64_t ns) {
-    bool isTold = false;
-    while (mFirst != kNone && call(mFirst).begin < ns) {
-        if (!isTold)
-            CORVANE_LOGE("A call of the record was not made: %s", textOf(mFirst).c_str());
-        isTold = true;
-        ++mDifferences;
-        make(mFirst);
-    }
+void Script::giveUpUntil(int64_t ns) {
+    if (mFirst == kNone || call(mFirst).begin >= ns)
+        return;
+    ++mDifferences;
+    CORVANE_LOGE("A call of the record was not made: %s", textOf(mFirst).c_str());
+    for (; mFirst != kNone && call(mFirst).begin < ns; advance())
+        mGivenUp[mFirst] = true;
 }
 
 }  // namespace NSVista::NSCorvane::replay

@@ -53,8 +53,9 @@ public:
     /** Tells of a call that the record has otherwise, or not at all. */
     void tellDifference(const Call& now, const std::string& label, size_t recorded,
                         const std::string& parting);
-    /** Gives up on unmade calls that began before a time. */
-    void skipUntil(int64_t ns);
+    /** Others need wait no more for the unmade calls that began before a time; tells of the first.
+     */
+    void giveUpUntil(int64_t ns);
 
     /** Where two calls of the same code differ, as "format.width"; empty when they do not. */
     std::string partingOf(const Call& recorded, const Call& now) const;
@@ -66,6 +67,7 @@ private:
     Record mRecord;
     Story mStory;
     std::vector<bool> mMade;
+    std::vector<bool> mGivenUp;      ///< may still be made
     std::vector<size_t> mCallsMade;  ///< by object, the calls at its beginning that were made
     size_t mFirst = 0;
     uint64_t mLeft = 0;

@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <corvane/platform/Properties.h>
+#include <corvane/platform/Record.h>
+#include <corvane/platform/System.h>
+#include <corvane/replay/Decode.h>
+#include <corvane/replay/RecordReader.h>
+#include <corvane/replay/Story.h>
+#include <corvane/sim/Engine.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/media.h>
+#include <linux/videodev2.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/Allocations.h"
+
+using namespace NSVista::NSCorvane;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+class RecordTest : public testing::Test {
+protected:
+    ~RecordTest() override {
+        record::stop();
+        unlink(mPath.c_str());
+    }
+    /** Its calls as text, without what tells nodes apart. */
+    static std::vector<std::string> textsOf(const replay::Record& record) {
+        std::vector<std::string> texts;
+        for (const replay::Call& call : record.calls)
+            texts.push_back(replay::callText(call, record.machine));
+        return texts;
+    }
+
+    const std::string mPath = testing::TempDir() + "corvane-record-" + std::to_string(getpid());
+};
+
+TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
+    ASSERT_EQ(record::start(mPath.c_str(), "a note"), 0);
+    sim::VirtualEngine engine;
+    {
+        const sim::ScopedKernel installed(engine);
+        const int fd = System::Open("/dev/video0", O_RDWR, 1);
+        v4l2_requestbuffers request{};
+        request.count = 2;
+        request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        request.memory = V4L2_MEMORY_DMABUF;
+        EXPECT_EQ(System::Ioctl(fd, static_cast<int>(VIDIOC_REQBUFS), &request, 0), -EINVAL);
+        EXPECT_EQ(errno, EINVAL);
+        std::thread([&] { System::Close(fd, 1); }).join();
+        System::CloseDir(System::OpenDir("/sys/dev/char"));
+        char link[256];
+        System::ReadLink("/sys/dev/char/81:1", link, sizeof(link));
+    }
+    System::Open("/nonexistent", O_RDONLY, 1);
+    record::stop();
+    System::Open("/not recorded", O_RDONLY, 1);
+
+    struct stat info {};
+    stat(mPath.c_str(), &info);
+    EXPECT_EQ(info.st_mode & 0777, 0600U);
+    const replay::Record record = replay::loadRecord(mPath);
+    EXPECT_THAT(record.problems, IsEmpty());
+    EXPECT_EQ(record.note, "a note");
+    EXPECT_EQ(record.threads.size(), 2U);
+    EXPECT_THAT(textsOf(record),
+                ElementsAre(HasSubstr(R"(open("/dev/video0", O_RDWR) = )"),
+                            HasSubstr("count=2, type=VIDEO_CAPTURE, memory=DMABUF}) = -22 EINVAL"),
+                            HasSubstr("close("), HasSubstr(R"(opendir("/sys/dev/char") = 0)"),
+                            HasSubstr("closedir("), HasSubstr(R"(video0")"),
+                            HasSubstr(R"(open("/nonexistent", O_RDONLY) = -2 ENOENT)")));
+}
+
+TEST_F(RecordTest, HoldsACallThatNeverReturnsAndWhatAKilledProcessLeaves) {
+    const pid_t child = fork();
+    if (child == 0) {
+        record::start(mPath.c_str());
+        sim::VirtualEngine engine;
+        const sim::ScopedKernel installed(engine);
+        engine.faults().hang(sim::Call::ioctl(VIDIOC_QUERYCAP));
+        const int fd = System::Open("/dev/video0", O_RDWR, 1);
+        std::thread([] {
+            record::flush();
+            usleep(50000);
+            record::flush();
+            kill(getpid(), SIGKILL);
+        }).detach();
+        v4l2_capability capability{};
+        System::Ioctl(fd, static_cast<int>(VIDIOC_QUERYCAP), &capability, 0);
+        _exit(1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_THAT(textsOf(replay::loadRecord(mPath)),
+                ElementsAre(HasSubstr("/dev/video0"), testing::EndsWith("<unfinished ...>")));
+}
+
+TEST_F(RecordTest, GoesRoundAtItsLimitAndKeepsTheBeginning) {
+    NSVista::Utils::Properties::property_set("persist.vendor.camera.corvane.recordlimit",
+                                             "4194304");
+    ASSERT_EQ(record::start(mPath.c_str()), 0);
+    System::Open("/first", O_RDONLY, 1);
+    uint64_t calls = 1;
+    while (record::status().bytes < 9U << 20) {
+        for (int i = 0; i < 500; ++i)
+            System::Open("/nonexistent", O_RDONLY, 1);
+        calls += 500;
+        record::flush();
+    }
+    System::Open("/last", O_RDONLY, 1);
+    record::stop();
+    NSVista::Utils::Properties::property_set("persist.vendor.camera.corvane.recordlimit", nullptr);
+    EXPECT_EQ(record::status().lost, 0U);
+    const replay::Record record = replay::loadRecord(mPath);
+    EXPECT_LE(record.bytes.size(), 4194304U);
+    EXPECT_FALSE(record.isWhole);
+    ASSERT_FALSE(record.calls.empty());
+    EXPECT_EQ(record.calls.front().text(false), "/first");
+    EXPECT_EQ(record.calls.back().text(false), "/last");
+    EXPECT_LT(record.calls.size(), calls);
+}
+
+TEST_F(RecordTest, CountsWhatFindsNoRoomAndAllocatesNothing) {
+    ASSERT_EQ(record::start(mPath.c_str()), 0);
+    System::Close(-1, 1);
+    const uint64_t before = test::allocations.load();
+    for (int i = 0; i < 100000; ++i)
+        System::QueueMediaRequest(-1);
+    EXPECT_EQ(test::allocations.load(), before);
+    record::stop();
+    const replay::Record record = replay::loadRecord(mPath);
+    EXPECT_EQ(record.calls.size() + record::status().lost, 100001U);
+    EXPECT_EQ(record.isWhole, record::status().lost == 0);
+}
+
+TEST_F(RecordTest, EndsWithItsCauseWhereNothingCanBeWritten) {
+    EXPECT_EQ(record::start("/nonexistent/folder/file"), -ENOENT);
+    ASSERT_EQ(record::start(mPath.c_str()), 0);
+    EXPECT_NE(system(("flock -n " + mPath + " true").c_str()), 0);
+    // A file system that is full ends the record, not the calls.
+    record::stop();
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit little{4096, limit.rlim_max};
+    ASSERT_EQ(record::start(mPath.c_str()), 0);
+    setrlimit(RLIMIT_FSIZE, &little);
+    for (int i = 0; i < 200; ++i)
+        System::QueueMediaRequest(-1);
+    record::flush();
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(record::status().error, -EFBIG);
+    EXPECT_FALSE(record::status().running);
+}
+
+}  // namespace

@@ -1,0 +1,312 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <corvane/IDeviceEnumerator.h>
+#include <corvane/client/SceneSession.h>
+#include <corvane/platform/Record.h>
+#include <corvane/platform/Service.h>
+#include <corvane/platform/ULog.h>
+#include <corvane/replay/ReplayKernel.h>
+#include <corvane/replay/Story.h>
+#include <corvane/sim/Engine.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/videodev2.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "vengine-desc.h"
+
+namespace NSVista::NSCorvane {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+/** Addresses, and times of day and of waiting. */
+const std::regex kFleeting(R"(0x[0-9a-f]{9,}|[0-9]+-[0-9]+ [0-9:]+\.[0-9]+|[0-9]+ ms)");
+
+/** What a client saw of a run. */
+struct Outcome {
+    std::vector<std::string> lines;  ///< warnings and errors
+    std::vector<int> codes;          ///< of every step
+    std::vector<int> results;        ///< of every frame, in the order of completion
+
+    bool operator==(const Outcome&) const = default;
+};
+
+void PrintTo(const Outcome& outcome, std::ostream* out) {
+    *out << testing::PrintToString(outcome.lines) << testing::PrintToString(outcome.codes)
+         << testing::PrintToString(outcome.results);
+}
+
+class ReplayTest : public testing::Test {
+protected:
+    ReplayTest() {
+        Utils::ULog::ULogger::install(&mLog);
+        Utils::setExceptionHandler([](const char*, const char*) {});
+        Utils::setTerminateHandler([] {});
+        // The library asks a device for its topology once.
+        sim::VirtualEngine engine;
+        const sim::ScopedKernel installed(engine);
+        IDeviceEnumerator::instance().search(VENGINE_MODEL);
+    }
+    ~ReplayTest() override {
+        record::stop();
+        unlink(mPath.c_str());
+        Utils::setTerminateHandler({});
+        Utils::setExceptionHandler({});
+        Utils::ULog::ULogger::install(nullptr);
+    }
+
+    /** Streams over the engine's first ports, a few requests more than there are buffers. */
+    Outcome stream(size_t ports, uint32_t width = 64) {
+        Outcome outcome;
+        int error = 0;
+        auto source = client::makeMemoryFileSource();
+        auto session = client::SceneSession::open(
+            describe(ports, width), IDeviceEnumerator::instance().search(VENGINE_MODEL), *source,
+            error);
+        outcome.codes.push_back(error);
+        if (session != nullptr)
+            streamOn(*session, outcome);
+        session.reset();
+        for (const auto& line : mLog.take())
+            if (line.level <= Utils::ULog::kWarning)
+                outcome.lines.push_back(std::regex_replace(line.text, kFleeting, "_"));
+        return outcome;
+    }
+    /** The same on the engine, recorded. @param fault as the driver takes it, empty for none. */
+    Outcome recordStream(size_t ports, const char* fault) {
+        sim::VirtualEngine engine;
+        const sim::ScopedKernel installed(engine);
+        sim::Timing timing;
+        timing.latency = 2ms;
+        timing.order = sim::Order::REVERSED;
+        timing.group = 2;
+        engine.device().setTiming(timing);
+        EXPECT_TRUE(*fault == '\0' || engine.faults().order(fault) == 0) << fault;
+        EXPECT_EQ(record::start(mPath.c_str()), 0);
+        std::thread clearer([&] {
+            std::this_thread::sleep_for(1200ms);
+            engine.faults().clear();
+        });
+        Outcome outcome = stream(ports);
+        record::stop();
+        clearer.join();
+        return outcome;
+    }
+    std::unique_ptr<replay::ReplayKernel> openRecord(bool fast) {
+        std::string problem;
+        auto kernel = replay::ReplayKernel::make(replay::loadRecord(mPath), fast, problem);
+        EXPECT_EQ(problem, "");
+        return kernel;
+    }
+
+    Utils::ULog::RingULogger mLog{1000};
+    const std::string mPath = testing::TempDir() + "corvane-replay-" + std::to_string(getpid());
+
+private:
+    static client::SessionDesc describe(size_t ports, uint32_t width) {
+        client::SessionDesc desc{"test", {}, {}, 4, {64, 64}};
+        for (size_t i = 0; i < ports; ++i) {
+            const vengine_port& port = vengine_ports[i];
+            desc.ports.push_back({port.name, static_cast<int>(i), port.name, 0, width, 16});
+            client::SessionLink link{VENGINE_CORE_ENTITY, static_cast<uint32_t>(i), port.name, 0};
+            if (V4L2_TYPE_IS_OUTPUT(port.buf_type))
+                link = {port.name, 0, VENGINE_CORE_ENTITY, static_cast<uint32_t>(i)};
+            if (port.immutable == 0)
+                desc.links.push_back(link);
+        }
+        return desc;
+    }
+    static void streamOn(client::SceneSession& session, Outcome& outcome) {
+        outcome.codes.push_back(session.start());
+        int result = 0;
+        const auto take = [&](client::SessionRequest& request) {
+            for (size_t i = 0; i < request.frameCount(); ++i)
+                outcome.results.push_back(request.frame(i).result());
+        };
+        for (int queued = 0; queued < 20 && result == 0; ++queued) {
+            while ((result = session.submit({})) == -EAGAIN && session.wait(2s, take) == 0) {
+            }
+            outcome.codes.push_back(result);
+        }
+        while (session.wait(500ms, take) == 0) {
+        }
+        outcome.codes.push_back(session.stop(500ms));
+    }
+};
+
+/** A fault, as the driver's test side takes it, and how many ports stream. */
+struct Failure {
+    const char* name;
+    const char* fault;
+    size_t ports;
+};
+
+class ReplayedFailure : public ReplayTest, public testing::WithParamInterface<Failure> {};
+
+TEST_P(ReplayedFailure, FailsTheSameWayAgain) {
+    const Outcome recorded = recordStream(GetParam().ports, GetParam().fault);
+    for (const bool fast : {false, true}) {
+        const auto kernel = openRecord(fast);
+        const sim::ScopedKernel installed(*kernel);
+        EXPECT_EQ(stream(GetParam().ports), recorded) << fast;
+        EXPECT_EQ(kernel->differences(), 0U);
+        EXPECT_EQ(kernel->callsLeft(), 0U) << kernel->nextCall();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, ReplayedFailure,
+                         testing::Values(Failure{"None", "", 1}, Failure{"NoneOfSeveral", "", 4},
+                                         Failure{"RefusedBuffer", "qbuf -12 7 vengine-input", 3},
+                                         Failure{"ErrorFlag", "buffer -5 5 vengine-main", 2},
+                                         Failure{"FailedDequeue", "dqbuf -5 5 vengine-main", 2},
+                                         Failure{"RefusedFormat", "s_fmt -22 1 vengine-main", 2},
+                                         Failure{"FewBuffers", "reqbufs 2 1 vengine-main", 2},
+                                         Failure{"RefusedStreamOn", "streamon -32 1 vengine-input",
+                                                 2},
+                                         Failure{"HungStreamOff", "streamoff hang", 2}),
+                         [](const auto& tried) { return tried.param.name; });
+
+TEST_F(ReplayTest, KeepsALostCompletionLost) {
+    const Outcome recorded = [&] {
+        sim::VirtualEngine engine;
+        const sim::ScopedKernel installed(engine);
+        engine.device().hold();
+        engine.device().completeNext(5);
+        EXPECT_EQ(record::start(mPath.c_str()), 0);
+        Outcome outcome = stream(2);
+        record::stop();
+        return outcome;
+    }();
+    EXPECT_EQ(recorded.results.size(), 10U);
+    const auto kernel = openRecord(true);
+    const sim::ScopedKernel installed(*kernel);
+    EXPECT_EQ(stream(2), recorded);
+    EXPECT_EQ(kernel->differences(), 0U);
+}
+
+TEST_F(ReplayTest, TellsWhereACallParts) {
+    recordStream(2, "");
+    const auto kernel = openRecord(true);
+    const sim::ScopedKernel installed(*kernel);
+    const Outcome outcome = stream(2, 128);
+    EXPECT_THAT(outcome.lines,
+                testing::Contains(AllOf(HasSubstr("differs from the record in pix_mp.width, 64 in "
+                                                  "the record: VIDIOC_S_FMT("),
+                                        HasSubstr("width=128"), HasSubstr("the record has"))));
+    EXPECT_GT(kernel->differences(), 0U);
+    EXPECT_EQ(System::Open("/dev/other", O_RDWR, 1), -ENOENT);
+    const auto lines = mLog.take();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_THAT(lines.back().text,
+                testing::EndsWith("A call is not in the record: open(\"/dev/other\", O_RDWR)"));
+}
+
+TEST_F(ReplayTest, RefusesWhatLacksCallsOrIsAnotherMachines) {
+    std::string problem;
+    replay::Record record = replay::loadRecord("/nonexistent");
+    EXPECT_EQ(replay::ReplayKernel::make(std::move(record), false, problem), nullptr);
+    EXPECT_EQ(problem, "No such file or directory");
+    recordStream(1, "");
+    record = replay::loadRecord(mPath);
+    record.machine.longSize = 4;
+    EXPECT_EQ(replay::ReplayKernel::make(std::move(record), false, problem), nullptr);
+    EXPECT_THAT(problem, HasSubstr("it can be shown, not replayed"));
+}
+
+TEST_F(ReplayTest, ItsStoryKnowsPortsRequestsAndPhases) {
+    recordStream(3, "buffer -5 5 vengine-main");
+    const replay::Story story = replay::tellStory(replay::loadRecord(mPath));
+    ASSERT_EQ(story.cycles.size(), 20U);
+    size_t flawed = 0;
+    for (const replay::Cycle& cycle : story.cycles) {
+        EXPECT_TRUE(cycle.isDone());
+        EXPECT_LT(cycle.queuedNs, cycle.readyNs);
+        EXPECT_LT(cycle.readyNs, cycle.doneNs);
+        EXPECT_EQ(cycle.buffers.size(), 3U);
+        flawed += cycle.isFlawed() ? 1 : 0;
+    }
+    EXPECT_EQ(flawed, 1U);
+    EXPECT_THAT(story.objects[story.cycles[0].buffers[0].node].label(), HasSubstr("/dev/video"));
+}
+
+/** The tools, as a user has them. */
+class TraceToolTest : public ReplayTest {
+protected:
+    static std::string run(const std::string& command, int code = 0) {
+        FILE* const pipe = popen(("sh -c '" + command + "' 2>&1").c_str(), "r");
+        std::string output;
+        for (int c = 0; (c = fgetc(pipe)) != EOF;)
+            output += static_cast<char>(c);
+        const int status = pclose(pipe);
+        EXPECT_EQ(WEXITSTATUS(status), code) << command << '\n' << output;
+        return output;
+    }
+    const std::string mStream = CORVANE_STREAM " --quiet --size 64x16 --ports 2 --requests 30 ";
+    const std::string mTrace = CORVANE_TRACE " ";
+};
+
+TEST_F(TraceToolTest, ARunIsRecordedShownAndReplayed) {
+    run(mStream + "--sim --record " + mPath);
+    EXPECT_THAT(run(CORVANE_STREAM " --replay " + mPath + " --fast"),
+                HasSubstr("0 failed, 0 lost"));
+    EXPECT_THAT(run(CORVANE_STREAM " --fast --requests 29 --replay " + mPath, 1),
+                HasSubstr("the run is not the recorded one"));
+
+    EXPECT_THAT(
+        run(mTrace + "show --port vengine-input --call DQBUF " + mPath + " | grep -c DQBUF"),
+        "30\n");
+    EXPECT_THAT(run(mTrace + "show --failed --call ENUM " + mPath),
+                HasSubstr("= -22 EINVAL (Invalid argument)"));
+    const std::string parse = " | python3 -c \"import json,sys; d=json.load(sys.stdin); ";
+    EXPECT_EQ(
+        run(mTrace + "json --call VIDIOC_QBUF --port vengine-main " + mPath + parse +
+            "print(len(d[\\\"calls\\\"]), d[\\\"calls\\\"][0][\\\"in\\\"][\\\"memory\\\"])\""),
+        "30 DMABUF\n");
+    EXPECT_EQ(run(mTrace + "timeline " + mPath + parse +
+                  "print(sum(e[\\\"name\\\"]==\\\"device\\\" for e in d[\\\"traceEvents\\\"]))\""),
+              "30\n");
+    EXPECT_THAT(
+        run(mTrace + "report " + mPath),
+        AllOf(HasSubstr("<b>30</b>requests queued"), HasSubstr("<td>vengine-input</td>"),
+              HasSubstr("<svg"), testing::Not(HasSubstr("http")), testing::EndsWith("</html>\n")));
+    run(mTrace + "show /dev/null", 2);
+    run("head -c 20000 " + mPath + " > " + mPath + ".cut; " + mTrace + "show " + mPath +
+            ".cut; code=$?; rm " + mPath + ".cut; exit $code",
+        1);
+}
+
+/** A page is what a browser makes of it. */
+TEST_F(TraceToolTest, AReportIsLaidOutByABrowser) {
+    if (system("command -v chromium >/dev/null") != 0)
+        GTEST_SKIP() << "no chromium";
+    run(mStream + "--sim --record " + mPath);
+    const std::string page = mPath + ".html";
+    run(mTrace + "report " + mPath + " -o " + page);
+    // A script in the frame that measures: the page has none itself.
+    const std::string probe =
+        run("printf \"<script>document.title=document.querySelectorAll(\\\"svg "
+            "rect\\\").length+\\\" \\\"+"
+            "(document.documentElement.scrollWidth<=innerWidth)</script>\" >> " +
+            page +
+            "; timeout 100 chromium --headless --no-sandbox --disable-gpu --window-size=1000,800 "
+            "--dump-dom file://" +
+            page + " 2>/dev/null | grep -o \"<title>[^<]*\" | head -n 1");
+    unlink(page.c_str());
+    EXPECT_EQ(probe, "<title>40 true\n");
+}
+
+}  // namespace
+}  // namespace NSVista::NSCorvane
