@@ -2,9 +2,11 @@
 #include "Platform.h"
 
 #include <corvane/IDeviceEnumerator.h>
+#include <corvane/V4L2.h>
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/mc/MediaTopology.h>
 #include <corvane/platform/System.h>
+#include <corvane/sim/DescriptionFile.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/media.h>
@@ -62,6 +64,22 @@ void hurryWebcam(const std::string& node) {
     System::Close(fd, 0);
 }
 
+/** What CORVANE_TEST_POSE holds, or the virtual engine itself. */
+sim::DeviceDesc describeDevice() {
+    const char* const path = getenv("CORVANE_TEST_POSE");
+    if (path == nullptr)
+        return sim::describeVirtualEngine();
+    std::ifstream file(path);
+    std::string error;
+    const auto device = sim::readDescription(
+        std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()), error);
+    if (!device) {
+        ADD_FAILURE() << path << ": " << error;
+        abort();
+    }
+    return *device;
+}
+
 }  // namespace
 
 void Platform::order(const std::string& line) const {
@@ -88,8 +106,9 @@ Platform::Platform() {
     if (const char* model = getenv("CORVANE_TEST_MODEL")) {
         mModel = model;
     } else {
-        mModel = VENGINE_MODEL;
-        mEngine = std::make_unique<sim::VirtualEngine>();
+        const sim::DeviceDesc device = describeDevice();
+        mModel = v4l2::fixedText(device.info.model);
+        mEngine = std::make_unique<sim::VirtualEngine>(device);
         mDevice = &mEngine->device();
         System::setKernel(mEngine.get());
     }

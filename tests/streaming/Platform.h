@@ -32,7 +32,8 @@ struct PortEntity {
 
 /**
  * The device under test, chosen by the environment: CORVANE_TEST_MODEL names a model of the running
- * kernel; without it a virtual engine is made. One a process.
+ * kernel; without it a virtual engine is made, which poses as the device that the file
+ * CORVANE_TEST_POSE describes. One a process.
  */
 class Platform {
 public:

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+/**
+ * @file
+ * Descriptions as text: what is written is read again, and what is damaged is refused by its place.
+ */
+#include <corvane/sim/DescriptionFile.h>
+#include <corvane/sim/Engine.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace NSVista::NSCorvane::test {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+const std::string kEngine = sim::writeDescription(sim::describeVirtualEngine());
+
+/** A change to the engine's description, and the beginning of the error. */
+struct Damage {
+    const char* where;  ///< a JSON pointer
+    const char* value;
+    const char* error;
+};
+
+// The engine's entities: the core, the sub-device, the ports from "vengine-main" on.
+// clang-format off
+const Damage kDamages[] = {
+    {"/version", "2", "version: is 2, and 1 is the newest"},
+    {"/version", "null", "version: is no whole number"},
+    {"/what", "\"a list\"", "what: is not \"corvane device"},
+    {"/device", "[]", "device: is no object"},
+    {"/device/model", "5", "device.model: is no text"},
+    {"/device/driver", "\"sixteen letters!\"", "device.driver: is longer than 15"},
+    {"/device/model", "\"a\\u0000b\"", "device.model: holds a zero"},
+    {"/device/node", "\"../sda\"", "device.node: is no name of a device node"},
+    {"/entities", "{}", "entities: is no list"},
+    {"/entities/0/colour", "1", "entities[0].colour: is no field"},
+    {"/entities/1/id", "1", "entities[1].id: is not above the one before, 1"},
+    {"/entities/1/id", "-1", "entities[1].id: is not from 1"},
+    {"/entities/1/id", "1.5", "entities[1].id: is no whole number"},
+    {"/entities/2/name", "\"vengine-core\"", "entities[2].name: is another entity's"},
+    {"/entities/2/pads/0/direction", "\"up\"", "entities[2].pads[0].direction: is neither"},
+    {"/entities/2/pads", "[]", "entities[0].pads[0].links[0].pad: is no pad of vengine-main, which has 0"},
+    {"/entities/0/pads/0/links/0/entity", "\"nobody\"", "entities[0].pads[0].links[0].entity: is no entity"},
+    {"/entities/0/pads/0/links/-", R"({"entity":"vengine-main","pad":0})", "entities[0].pads[0].links[1]: is there already"},
+    {"/entities/0/pads/0/links/0", R"({"entity":"vengine-tuning","pad":0})", "entities[0].pads[0].links[0].pad: is no sink"},
+    {"/entities/0/pads/0/links/0", R"({"entity":"vengine-core","pad":1})", "entities[0].pads[0].links[0]: closes a loop"},
+    {"/entities/2/pads/-", R"({"direction":"source","links":[{"entity":"vengine-core","pad":1}]})", "entities[2].pads[1].links[0]: closes a loop"},
+    {"/entities/0/pads/1/links", R"([{"entity":"vengine-main","pad":0}])", "entities[0].pads[1].links[0]: stands at a sink"},
+    {"/entities/0/node", "{}", "entities[0].node: has neither"},
+    {"/entities/2/node", R"({"major":81})", "entities[2].node.minor: is missing"},
+    {"/entities/2/subdevice", "{}", "entities[2].subdevice: stands beside"},
+    {"/entities/1/subdevice/privateControls/0/value", "4294967296", "entities[1].subdevice.privateControls[0].value: is not from"},
+    {"/entities/2/video/queue/type", "\"V4L2_BUF_TYPE_PRIVATE\"", "entities[2].video.queue.type: is no type"},
+    {"/entities/2/video/queue/format", "\"\"", "entities[2].video.queue.format: is no format"},
+    {"/entities/2/video/queue/format", "\"GREY\"", "entities[2].video.queue.format: is none of the formats"},
+    {"/entities/2/video/queue/layout", "[320,240,320]", "entities[2].video.queue.layout: has a wrong number"},
+    {"/entities/2/video/queue/layout", "[320,240,320,76800]", "entities[2].video.queue.layout: has another number"},
+    {"/entities/6/video/queue/layout", "[320,240,1,1,1,1]", "entities[6].video.queue.layout: has a wrong number"},
+    {"/entities/2/video/queue/formats", "[]", "entities[2].video.queue.formats: has 0 items instead of 1 or more"},
+    {"/entities/2/video/queue/formats/1/format", "\"NV12M\"", "entities[2].video.queue.formats[1].format: is there already"},
+    {"/entities/2/video/queue/formats/0/answers", "9", "entities[2].video.queue.formats[0].answers: is not in the list, which has 3"},
+    {"/entities/2/video/queue/answers/1", "[]", "entities[2].video.queue.answers[1]: has 0 items"},
+    {"/entities/2/video/queue/answers/0/1", "[1,1,2,2,3]", "entities[2].video.queue.answers[0][1]: has 5 items"},
+    {"/entities/2/video/queue/answers/0/1", "[1,1,2,2,3,4]", "entities[2].video.queue.answers[0][1]: has another number"},
+    {"/entities/2/video/queue/answers/0/1/5", "1073741825", "entities[2].video.queue.answers[0][1][5]: is not from 1"},
+    {"/entities/2/video/queue/sizes/0/0/stepwise", "[9,8,1,1,2,1]", "entities[2].video.queue.sizes[0][0].stepwise: has a minimum above"},
+    {"/entities/2/video/queue/sizes/0/-", R"({"discrete":[8,8]})", "entities[2].video.queue.sizes[0][0]: is a range among"},
+    {"/entities/2/video/queue/sizes/0/0/intervals", R"([{"discrete":[1]}])", "entities[2].video.queue.sizes[0][0].intervals[0].discrete: has 1 items instead of 2"},
+    {"/entities/2/video/queue/colours/0", "[1]", "entities[2].video.queue.colours[0]: has 1"},
+    {"/entities/2/video/queue/unknownFormat", R"({"error":0})", "entities[2].video.queue.unknownFormat.error: is not from 1"},
+    {"/entities/2/video/queue/buffers/minimum", "65", "entities[2].video.queue.buffers.minimum: is not from 1 to 64"},
+    {"/entities/2/video/queue/buffers/maximum", "0", "entities[2].video.queue.buffers.maximum: is not from 1"},
+    {"/entities/2/video/queue/buffers/requests", "\"maybe\"", "entities[2].video.queue.buffers.requests: is none of"},
+    {"/entities/2/video/controls/1/id", "9961473", "entities[2].video.controls[1].id: is there already"},
+    {"/entities/2/video/controls/1/maximum", "-65", "entities[2].video.controls[1].maximum: is below"},
+    {"/entities/2/video/controls/1/menu", "[[0]]", "entities[2].video.controls[1].menu[0]: has 1"},
+    {"/entities/2/video/controls/1/dimensions", "[1,2,3,4,5]", "entities[2].video.controls[1].dimensions: has 5 items instead of 0 to 4"},
+};
+// clang-format on
+
+TEST(DescriptionTest, WhatIsDamagedIsRefusedByItsPlace) {
+    for (const Damage& damage : kDamages) {
+        ordered_json json = ordered_json::parse(kEngine);
+        json[ordered_json::json_pointer(damage.where)] = ordered_json::parse(damage.value);
+        std::string error;
+        EXPECT_FALSE(sim::readDescription(json.dump(), error)) << damage.where;
+        EXPECT_THAT(error, testing::StartsWith(damage.error)) << damage.value;
+    }
+}
+
+TEST(DescriptionTest, WhatIsNoDescriptionIsRefused) {
+    std::string error;
+    for (size_t length = 0; length + 2 < kEngine.size(); length += 97) {
+        EXPECT_FALSE(sim::readDescription(kEngine.substr(0, length), error));
+        EXPECT_THAT(error, testing::StartsWith("parse error at line ")) << length;
+    }
+    for (const std::string& text :
+         {std::string("[]"), std::string("{}"), std::string(1U << 17, '['), "\xff" + kEngine})
+        EXPECT_FALSE(sim::readDescription(text, error)) << text.substr(0, 20);
+    for (const char* field : {"what", "version", "device", "entities"}) {
+        ordered_json json = ordered_json::parse(kEngine);
+        json.erase(field);
+        EXPECT_FALSE(sim::readDescription(json.dump(), error));
+        EXPECT_EQ(error, std::string(field) + ": is missing");
+    }
+}
+
+TEST(DescriptionTest, WhatIsWrittenIsReadAgain) {
+    std::vector<std::string> texts = {kEngine};
+    for (const auto& entry : std::filesystem::directory_iterator(CORVANE_CAPTURES)) {
+        std::ifstream file(entry.path());
+        texts.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+    EXPECT_GE(texts.size(), 5U);
+    for (const std::string& text : texts) {
+        std::string error;
+        const auto device = sim::readDescription(text, error);
+        ASSERT_TRUE(device) << error;
+        EXPECT_EQ(sim::writeDescription(*device), text);
+        EXPECT_TRUE(sim::VirtualEngine(*device));
+    }
+}
+
+}  // namespace
+
+}  // namespace NSVista::NSCorvane::test

@@ -1,0 +1,278 @@
+// SPDX-License-Identifier: Apache-2.0
+/**
+ * @file
+ * Devices that answer as they are described.
+ */
+#include <corvane/sim/Engine.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/videodev2.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "vengine-picture.h"
+
+namespace NSVista::NSCorvane::test {
+
+namespace {
+
+using sim::AnswerDesc;
+using sim::ControlDesc;
+using sim::FormatDesc;
+using sim::SizeDesc;
+using sim::VideoDesc;
+
+/** A device of one node. */
+class OneNode {
+public:
+    explicit OneNode(const VideoDesc& video) {
+        sim::DeviceDesc description;
+        description.addVideoNode("node", video);
+        sim::Device* const device = mEngine.addDevice(description);
+        mFd = mEngine.open(device->nodePath("node").c_str(), O_RDWR);
+    }
+    ~OneNode() { mEngine.close(mFd); }
+    int call(unsigned long code, void* arg) { return mEngine.ioctl(mFd, code, arg); }
+
+private:
+    sim::Engine mEngine;
+    int mFd;
+};
+
+v4l2_format wish(uint32_t type, uint32_t fourcc, uint32_t width, uint32_t height) {
+    v4l2_format format = {};
+    format.type = type;
+    format.fmt.pix.width = width;
+    format.fmt.pix.height = height;
+    format.fmt.pix.pixelformat = fourcc;
+    return format;
+}
+
+TEST(PoseTest, FewAnswersTellHowEverySizeIsLaidOut) {
+    OneNode node({V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE, V4L2_PIX_FMT_NV12M, 0});
+    for (const uint32_t fourcc : vengine_mplane_formats)
+        for (uint32_t width = 1; width < 2200; width += 13) {
+            const uint32_t height = (width * 7) % 2100;
+            v4l2_format format = wish(V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE, fourcc, width, height);
+            ASSERT_EQ(node.call(VIDIOC_TRY_FMT, &format), 0);
+            const vengine_layout layout = vengine_layout_of(
+                fourcc, vengine_clamp_size(width, VENGINE_MIN_WIDTH, VENGINE_MAX_WIDTH),
+                vengine_clamp_size(height, VENGINE_MIN_HEIGHT, VENGINE_MAX_HEIGHT));
+            const v4l2_pix_format_mplane& got = format.fmt.pix_mp;
+            ASSERT_EQ((std::vector<uint32_t>{got.width, got.height, got.num_planes}),
+                      (std::vector<uint32_t>{layout.width, layout.height, layout.num_planes}));
+            for (uint32_t i = 0; i < layout.num_planes; ++i) {
+                ASSERT_EQ(got.plane_fmt[i].bytesperline, layout.bytesperline[i]) << width;
+                ASSERT_EQ(got.plane_fmt[i].sizeimage, layout.sizeimage[i]) << width;
+            }
+        }
+}
+
+/** What a driver with a habit made of some sizes, and what it then makes of another one. */
+struct Habit {
+    const char* name;
+    std::vector<SizeDesc> sizes;
+    std::vector<AnswerDesc> answers;
+    AnswerDesc other;
+};
+
+SizeDesc discrete(uint32_t width, uint32_t height) {
+    return {V4L2_FRMSIZE_TYPE_DISCRETE, {width, 0, 0, height, 0, 0}, {}};
+}
+SizeDesc steps(uint32_t step) {
+    return {V4L2_FRMSIZE_TYPE_STEPWISE, {16, 4096, step, 16, 4096, step}, {}};
+}
+
+const Habit kHabits[] = {
+    {"takes the nearest of its sizes",
+     {discrete(320, 180), discrete(640, 360), discrete(1280, 720)},
+     {{100, 100, {320, 180, {{640, 115200}}}}, {1000, 600, {1280, 720, {{2560, 1843200}}}}},
+     {500, 350, {640, 360, {{1280, 460800}}}}},
+    {"takes the size that shares most with what is wanted",
+     {discrete(400, 100), discrete(160, 300)},
+     {{250, 250, {160, 300, {{160, 48000}}}}, {300, 150, {400, 100, {{400, 40000}}}}},
+     {210, 210, {160, 300, {{160, 48000}}}}},
+    {"rounds down to eights",
+     {steps(8)},
+     {{101, 67, {96, 64, {{96, 6144}}}}, {162, 66, {160, 64, {{160, 10240}}}}},
+     {95, 79, {88, 72, {{88, 6336}}}}},
+    {"rounds to the nearest eights",
+     {steps(8)},
+     {{101, 67, {104, 64, {{104, 6656}}}}, {162, 70, {160, 72, {{160, 11520}}}}},
+     {95, 73, {96, 72, {{96, 6912}}}}},
+    {"tells no sizes and rounds up to fours",
+     {},
+     {{1, 1, {16, 16, {{32, 512}}}},
+      {101, 67, {104, 68, {{208, 14144}}}},
+      {162, 66, {164, 68, {{328, 22304}}}},
+      {333, 251, {336, 252, {{672, 169344}}}},
+      {16384, 16384, {4096, 4096, {{8192, 33554432}}}}},
+     {85, 85, {88, 88, {{176, 15488}}}}},
+    {"has one size only",
+     {},
+     {{1, 1, {720, 576, {{1440, 829440}}}}, {16384, 16384, {720, 576, {{1440, 829440}}}}},
+     {640, 480, {720, 576, {{1440, 829440}}}}},
+    {"pads lines to 64 bytes, heights to 16 lines, planes to pages",
+     {steps(2)},
+     {{98, 50, {98, 50, {{128, 12288}}}},
+      {320, 240, {320, 240, {{320, 118784}}}},
+      {1920, 1080, {1920, 1080, {{1920, 3133440}}}},
+      {1366, 768, {1366, 768, {{1408, 1622016}}}}},
+     {500, 100, {500, 100, {{512, 86016}}}}},
+    {"compresses, to a size that nobody can tell",
+     {steps(2)},
+     {{320, 240, {320, 240, {{0, 20000}}}}, {640, 480, {640, 480, {{0, 65000}}}}},
+     {400, 300, {400, 300, {{0, 65000}}}}},
+};
+
+TEST(PoseTest, AnswersOtherSizesByTheDriversHabit) {
+    for (const Habit& habit : kHabits) {
+        FormatDesc format;
+        format.fourcc = V4L2_PIX_FMT_GREY;
+        format.sizes = habit.sizes;
+        format.answers = habit.answers;
+        VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, format.fourcc, sim::kPlainRole};
+        video.formats = {format};
+        OneNode node(video);
+        for (const AnswerDesc& answer :
+             {habit.answers.front(), habit.answers.back(), habit.other}) {
+            v4l2_format asked =
+                wish(video.bufType, format.fourcc, answer.askedWidth, answer.askedHeight);
+            ASSERT_EQ(node.call(VIDIOC_S_FMT, &asked), 0);
+            const v4l2_pix_format& got = asked.fmt.pix;
+            EXPECT_EQ((sim::LayoutDesc{got.width, got.height, {{got.bytesperline, got.sizeimage}}}),
+                      answer.layout)
+                << habit.name << ": " << got.width << 'x' << got.height << ' ' << got.bytesperline
+                << ' ' << got.sizeimage;
+        }
+    }
+}
+
+TEST(PoseTest, RefusesUnknownFormatsOrTurnsThemIntoAnother) {
+    VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
+    for (const int result : {-EINVAL, 0}) {
+        video.unknownFormat = result;
+        video.fallback = V4L2_PIX_FMT_NV12;
+        OneNode node(video);
+        v4l2_format format = wish(video.bufType, V4L2_PIX_FMT_RGB24, 64, 64);
+        EXPECT_EQ(node.call(VIDIOC_TRY_FMT, &format), result);
+        if (result == 0) {
+            EXPECT_EQ(format.fmt.pix.pixelformat, uint32_t{V4L2_PIX_FMT_NV12});
+        }
+    }
+}
+
+TEST(PoseTest, OffersIntervalsAndTakesTheNearest) {
+    VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
+    FormatDesc& format = video.formats.emplace_back();
+    format.fourcc = video.format;
+    format.sizes = {discrete(320, 240)};
+    format.sizes[0].intervals = {{V4L2_FRMIVAL_TYPE_DISCRETE, {{1, 60}, {}, {}}},
+                                 {V4L2_FRMIVAL_TYPE_DISCRETE, {{1, 15}, {}, {}}}};
+    format.answers = {{320, 240, {320, 240, {{320, 76800}}}}};
+    video.interval = {{1, 15}};
+    OneNode node(video);
+    v4l2_frmivalenum interval = {};
+    interval.pixel_format = format.fourcc;
+    interval.width = 320;
+    interval.height = 240;
+    interval.index = 1;
+    EXPECT_EQ(node.call(VIDIOC_ENUM_FRAMEINTERVALS, &interval), 0);
+    EXPECT_EQ(interval.discrete.denominator, 15U);
+    interval.index = 2;
+    EXPECT_EQ(node.call(VIDIOC_ENUM_FRAMEINTERVALS, &interval), -EINVAL);
+    for (const auto& [wanted, got] : {std::pair(50U, 60U), {1U, 15U}, {1000U, 60U}}) {
+        v4l2_streamparm parameters = {};
+        parameters.type = video.bufType;
+        parameters.parm.capture.timeperframe = {1, wanted};
+        EXPECT_EQ(node.call(VIDIOC_S_PARM, &parameters), 0);
+        EXPECT_EQ(node.call(VIDIOC_G_PARM, &parameters), 0);
+        EXPECT_EQ(parameters.parm.capture.timeperframe.denominator, got);
+    }
+}
+
+TEST(PoseTest, GrantsBuffersAsTheQueueDoes) {
+    VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
+    video.minBuffers = 2;
+    video.maxBuffers = 6;
+    video.queueCapabilities = V4L2_BUF_CAP_SUPPORTS_DMABUF;
+    OneNode node(video);
+    for (const auto& [wanted, granted] : {std::pair(1U, 2U), {5U, 5U}, {64U, 6U}, {0U, 0U}}) {
+        v4l2_requestbuffers request = {};
+        request.count = wanted;
+        request.type = video.bufType;
+        request.memory = V4L2_MEMORY_DMABUF;
+        ASSERT_EQ(node.call(VIDIOC_REQBUFS, &request), 0);
+        EXPECT_EQ(request.count, granted);
+        EXPECT_EQ(request.capabilities, uint32_t{V4L2_BUF_CAP_SUPPORTS_DMABUF});
+    }
+}
+
+/** A control, a value that is set, and what comes of it. */
+struct Setting {
+    const char* name;
+    ControlDesc control;
+    int64_t wanted;
+    int result;
+    int64_t value;
+};
+
+ControlDesc control(uint32_t type, int64_t minimum, int64_t maximum, int64_t step,
+                    uint32_t flags = 0) {
+    ControlDesc desc;
+    desc.id = V4L2_CID_CONTRAST;
+    desc.type = type;
+    desc.minimum = minimum;
+    desc.maximum = maximum;
+    desc.step = step;
+    desc.flags = flags;
+    if (type == V4L2_CTRL_TYPE_MENU)
+        desc.menu = {{1, "One"}, {3, "Three"}};
+    return desc;
+}
+
+const Setting kSettings[] = {
+    {"clamped", control(V4L2_CTRL_TYPE_INTEGER, -10, 10, 1), 99, 0, 10},
+    {"to the nearest step", control(V4L2_CTRL_TYPE_INTEGER, 1, 20, 5), 14, 0, 16},
+    {"not beyond the last step", control(V4L2_CTRL_TYPE_INTEGER, 1, 20, 5), 20, 0, 16},
+    {"the whole range of 64 bits", control(V4L2_CTRL_TYPE_INTEGER64, INT64_MIN, INT64_MAX, 1),
+     INT64_MAX - 3, 0, INT64_MAX - 3},
+    {"true", control(V4L2_CTRL_TYPE_BOOLEAN, 0, 1, 1), 7, 0, 1},
+    {"known bits", control(V4L2_CTRL_TYPE_BITMASK, 0, 0xf0, 0), 0xff, 0, 0xf0},
+    {"an item", control(V4L2_CTRL_TYPE_MENU, 1, 3, 0), 3, 0, 3},
+    {"no item", control(V4L2_CTRL_TYPE_MENU, 1, 3, 0), 2, -EINVAL, 0},
+    {"beyond the items", control(V4L2_CTRL_TYPE_MENU, 1, 3, 0), 4, -ERANGE, 0},
+    {"read-only", control(V4L2_CTRL_TYPE_INTEGER, 0, 9, 1, V4L2_CTRL_FLAG_READ_ONLY), 1, -EACCES,
+     0},
+    {"an array", control(V4L2_CTRL_TYPE_U8, 0, 9, 1, V4L2_CTRL_FLAG_HAS_PAYLOAD), 1, -EACCES, 0},
+};
+
+TEST(PoseTest, SetsControlsByTheirKind) {
+    for (const Setting& setting : kSettings) {
+        VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
+        video.controls = {setting.control};
+        OneNode node(video);
+        const bool isLong = setting.control.type == V4L2_CTRL_TYPE_INTEGER64;
+        v4l2_ext_control item = {};
+        item.id = setting.control.id;
+        if (isLong)
+            item.value64 = setting.wanted;
+        else
+            item.value = static_cast<int32_t>(setting.wanted);
+        v4l2_ext_controls list = {};
+        list.count = 1;
+        list.controls = &item;
+        EXPECT_EQ(node.call(VIDIOC_S_EXT_CTRLS, &list), setting.result) << setting.name;
+        if (setting.result < 0)
+            continue;
+        item.value64 = 0;
+        EXPECT_EQ(node.call(VIDIOC_G_EXT_CTRLS, &list), 0);
+        EXPECT_EQ(isLong ? item.value64 : item.value, setting.value) << setting.name;
+    }
+}
+
+}  // namespace
+
+}  // namespace NSVista::NSCorvane::test
