@@ -4,6 +4,8 @@
 #include <corvane/platform/Clock.h>
 #include <unistd.h>
 
+#include "Immortal.h"
+
 namespace NSVista::NSCorvane::System {
 
 namespace {
@@ -16,7 +18,7 @@ int threadId() {
 }  // namespace
 
 CallList& CallList::instance() {
-    static auto* const calls = new CallList;
+    static Immortal<CallList> calls;
     return *calls;
 }
 

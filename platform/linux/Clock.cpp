@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Clock.h>
+#include <corvane/platform/NoThrow.h>
 
 #include <cstring>
 
 #include "LogTime.h"
+
+CORVANE_LOG_UNIT("corvane-Clock")
 
 namespace NSVista::NSCorvane {
 
@@ -40,12 +43,13 @@ void getCurrentLogTime(struct timespec& now) {
     clock_gettime(CLOCK_REALTIME, &now);
 }
 
-std::string convertToFormattedLogTime(const struct timespec& time) {
+std::string convertToFormattedLogTime(const struct timespec& time) try {
     if (time.tv_sec == 0 && time.tv_nsec == 0)
         return "-";
     char text[kLogTimeSize];
     const size_t length = formatLogTime(time, text);
     return {text, length};
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane

@@ -4,12 +4,12 @@
 #include <new>
 #include <utility>
 
+#include "Immortal.h"
+
 namespace NSVista::NSCorvane::System {
 
 FdTable& FdTable::instance() {
-    // Never destroyed, and never in want of memory: who calls must not throw.
-    alignas(FdTable) static unsigned char storage[sizeof(FdTable)];
-    static auto* const table = new (storage) FdTable;
+    static Immortal<FdTable> table;
     return *table;
 }
 

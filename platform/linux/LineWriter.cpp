@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <optional>
 
+#include "Immortal.h"
+
 namespace NSVista::NSCorvane {
 
 namespace {
@@ -85,7 +87,7 @@ bool put(int fd, bool file, Milliseconds patience, const char* text, size_t leng
 }  // namespace
 
 LineWriter& LineWriter::standardError() {
-    static auto* const writer = new LineWriter(STDERR_FILENO);
+    static Immortal<LineWriter> writer(STDERR_FILENO);
     return *writer;
 }
 

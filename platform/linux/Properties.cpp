@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Properties.h>
 
 #include <cerrno>
@@ -13,6 +14,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "Immortal.h"
 #include "PropertySources.h"
 #include "PropertyText.h"
 
@@ -22,6 +24,7 @@ namespace NSVista::Utils::Properties {
 
 namespace {
 
+using NSCorvane::Immortal;
 using NSCorvane::Mutex;
 using NSCorvane::MutexLock;
 using Value = std::optional<std::string>;
@@ -33,9 +36,9 @@ struct Store {
     std::unordered_set<std::string> refused CORVANE_GUARDED_BY(lock);
 };
 
-/** Never destroyed: static initialisers and destructors of other libraries read properties. */
+/** Static initialisers and destructors of other libraries read properties. */
 Store& store() {
-    static auto* const instance = new Store;
+    static Immortal<Store> instance;
     return *instance;
 }
 
@@ -118,22 +121,26 @@ std::optional<bool> parseBool(const std::string& text) {
 
 }  // namespace
 
-int32_t property_get_int32(const char* key, int32_t defaultValue) {
+int32_t property_get_int32(const char* key, int32_t defaultValue) try {
     return look(key, parseNumber<int32_t>).value_or(defaultValue);
 }
+CORVANE_NO_THROW
 
-uint64_t property_get_uint64(const char* key, uint64_t defaultValue) {
+uint64_t property_get_uint64(const char* key, uint64_t defaultValue) try {
     return look(key, parseNumber<uint64_t>).value_or(defaultValue);
 }
+CORVANE_NO_THROW
 
-bool property_get_bool(const char* key, bool defaultValue) {
+bool property_get_bool(const char* key, bool defaultValue) try {
     return look(key, parseBool).value_or(defaultValue);
 }
+CORVANE_NO_THROW
 
-std::string propertyText(const char* key, const char* defaultValue) {
+std::string propertyText(const char* key, const char* defaultValue) try {
     const auto take = [](const std::string& text) { return Value(text); };
     return look(key, take).value_or(defaultValue != nullptr ? defaultValue : "");
 }
+CORVANE_NO_THROW
 
 int property_get(const char* key, char* value, const char* defaultValue) {
     const size_t length = propertyText(key, defaultValue).copy(value, kValueMax - 1);
@@ -141,7 +148,7 @@ int property_get(const char* key, char* value, const char* defaultValue) {
     return static_cast<int>(length);
 }
 
-int property_set(const char* key, const char* value) {
+int property_set(const char* key, const char* value) try {
     if (key == nullptr || *key == '\0')
         return -EINVAL;
     if (value != nullptr && strlen(value) >= kValueMax)
@@ -153,5 +160,6 @@ int property_set(const char* key, const char* value) {
         store().values.erase(key);
     return 0;
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::Utils::Properties

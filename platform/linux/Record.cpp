@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "FilePattern.h"
+#include "Immortal.h"
 #include "PropertyText.h"
 #include "QuietThread.h"
 #include "RecordFile.h"
@@ -219,7 +220,7 @@ void Recorder::write(const Thread& thread, const Lane& lane, const char* events,
 constinit Mutex gLock;  ///< one start or stop at a time
 
 Recorder& recorder() {
-    static auto* const one = new Recorder;
+    static Immortal<Recorder> one;
     return *one;
 }
 

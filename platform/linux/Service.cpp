@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Record.h>
 #include <corvane/platform/Service.h>
 #include <fcntl.h>
@@ -15,6 +16,7 @@
 
 #include "Format.h"
 #include "HandlerSlot.h"
+#include "Immortal.h"
 #include "PrivateFile.h"
 #include "PropertyText.h"
 #include "TraceBackend.h"
@@ -24,15 +26,16 @@ CORVANE_LOG_UNIT("corvane-Service")
 namespace {
 
 using NSVista::NSCorvane::HandlerSlot;
+using NSVista::NSCorvane::Immortal;
 
-/** Never destroyed: a driver call may be refused until the very end of the process. */
+/** A driver call may be refused until the very end of the process. */
 struct Handlers {
     HandlerSlot<void(const char*, const char*)> exception;
     HandlerSlot<void()> terminate;
 };
 
 Handlers& handlers() {
-    static auto* const instance = new Handlers;
+    static Immortal<Handlers> instance;
     return *instance;
 }
 
@@ -68,7 +71,7 @@ void reportException(const char* module, const std::string& text) {
 
 }  // namespace
 
-void corvane_oxu_trigger_exception(const char* module, const char* format, ...) {
+void corvane_oxu_trigger_exception(const char* module, const char* format, ...) try {
     va_list args;
     va_start(args, format);
     const std::string text = NSVista::NSCorvane::formatText(format, args);
@@ -80,10 +83,11 @@ void corvane_oxu_trigger_exception(const char* module, const char* format, ...) 
     else
         reportException(module, text);
 }
+CORVANE_NO_THROW
 
 namespace NSVista::Utils {
 
-void terminateService() {
+void terminateService() try {
     if (const auto handler = handlers().terminate.get()) {
         (*handler)();
         return;
@@ -94,13 +98,16 @@ void terminateService() {
     NSCorvane::record::flush();
     kill(getpid(), SIGTERM);
 }
+CORVANE_NO_THROW
 
-void setExceptionHandler(std::function<void(const char* module, const char* text)> handler) {
+void setExceptionHandler(std::function<void(const char* module, const char* text)> handler) try {
     handlers().exception.set(std::move(handler));
 }
+CORVANE_NO_THROW
 
-void setTerminateHandler(std::function<void()> handler) {
+void setTerminateHandler(std::function<void()> handler) try {
     handlers().terminate.set(std::move(handler));
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::Utils

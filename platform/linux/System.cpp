@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Mutex.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/Trace.h>
@@ -16,6 +17,8 @@
 #include "CallList.h"
 #include "FdTable.h"
 #include "KernelWrapper.h"
+
+CORVANE_LOG_UNIT("corvane-System")
 
 namespace NSVista::NSCorvane::System {
 
@@ -131,20 +134,18 @@ int DelIova(int fd, int request, void* record) noexcept {
     return Ioctl(fd, request, record, 3);
 }
 
-std::vector<OpenFd> openFds() {
-    return FdTable::instance().list();
-}
+std::vector<OpenFd> openFds() try { return FdTable::instance().list(); }
+CORVANE_NO_THROW
 
-std::vector<CallUnderWay> callsUnderWay() {
-    return CallList::instance().list();
-}
+std::vector<CallUnderWay> callsUnderWay() try { return CallList::instance().list(); }
+CORVANE_NO_THROW
 
 bool hasPriorityData(int fd) noexcept {
     pollfd asked{fd, POLLPRI, 0};
     return ::poll(&asked, 1, 0) > 0 && (asked.revents & POLLPRI) != 0;
 }
 
-void dumpState(IPrinter* printer) {
+void dumpState(IPrinter* printer) try {
     if (printer == nullptr)
         return;
     const int64_t now = monotonicInNs();
@@ -154,5 +155,6 @@ void dumpState(IPrinter* printer) {
                                  entry.path.c_str(), entry.owner, age / 1000000);
     }
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane::System

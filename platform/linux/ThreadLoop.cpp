@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/ThreadLoop.h>
 #include <corvane/platform/TimeBomb.h>
 #include <pthread.h>
@@ -65,9 +66,10 @@ void ThreadLoopHandler::Shared::runLoop(IThreadLoop& loop, const std::string& th
     }
 }
 
-std::shared_ptr<ThreadLoopHandler> ThreadLoopHandler::make() {
+std::shared_ptr<ThreadLoopHandler> ThreadLoopHandler::make() try {
     return std::make_shared<ThreadLoopHandler>();
 }
+CORVANE_NO_THROW
 
 ThreadLoopHandler::~ThreadLoopHandler() {
     requestExitAndWait();
@@ -79,7 +81,7 @@ void ThreadLoopHandler::setThreadName(std::string name) {
     mThreadName = std::move(name);
 }
 
-int ThreadLoopHandler::run(const std::shared_ptr<IThreadLoop>& loop) {
+int ThreadLoopHandler::run(const std::shared_ptr<IThreadLoop>& loop) try {
     if (!loop)
         return -EINVAL;
     if (mShared)
@@ -101,8 +103,9 @@ int ThreadLoopHandler::run(const std::shared_ptr<IThreadLoop>& loop) {
     mShared->waitReady();
     return 0;
 }
+CORVANE_NO_THROW
 
-void ThreadLoopHandler::requestExitAndWait() {
+void ThreadLoopHandler::requestExitAndWait() try {
     if (!mShared)
         return;
     mShared->exitRequested = true;
@@ -113,5 +116,6 @@ void ThreadLoopHandler::requestExitAndWait() {
     mThread.join();
     mLoop.reset();
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane

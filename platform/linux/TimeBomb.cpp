@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/TimeBomb.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "HandlerSlot.h"
+#include "Immortal.h"
 #include "QuietThread.h"
 
 CORVANE_LOG_UNIT("corvane-TimeGuard")
@@ -40,9 +42,9 @@ struct Armed {
  */
 class GuardThread {
 public:
-    /** Never destroyed: the thread is detached and waits until the process ends. */
+    /** The thread is detached and waits until the process ends. */
     static GuardThread& instance() {
-        static auto* const guards = new GuardThread;
+        static Immortal<GuardThread> guards;
         return *guards;
     }
 
@@ -169,26 +171,35 @@ void TimeBomb::setMessage(const char* format, ...) {
     va_end(args);
 }
 
-std::shared_ptr<TimeBomb> TimeBomb::watch(const char* name, unsigned long first, Look look) {
-    std::shared_ptr<TimeBomb> shared(new TimeBomb(name, first, 0), &TimeBomb::deleteThis);
+std::shared_ptr<TimeBomb> TimeBomb::makeUnarmed(const char* name, unsigned long limit,
+                                                unsigned long period) try {
+    return std::shared_ptr<TimeBomb>(new TimeBomb(name, limit, period), &TimeBomb::deleteThis);
+}
+CORVANE_NO_THROW
+
+std::shared_ptr<TimeBomb> TimeBomb::watch(const char* name, unsigned long first, Look look) try {
+    const auto shared = makeUnarmed(name, first, 0);
     shared->mLook = std::move(look);
     registerTimeBomb(shared);
     return shared;
 }
+CORVANE_NO_THROW
 
 void TimeBomb::deleteThis(TimeBomb* bomb) {
     delete bomb;
 }
 
-void TimeBomb::registerTimeBomb(const std::shared_ptr<TimeBomb>& bomb) {
+void TimeBomb::registerTimeBomb(const std::shared_ptr<TimeBomb>& bomb) try {
     if (!bomb)
         return;
     if (!GuardThread::instance().add(bomb))
         CORVANE_LOGE("No thread to guard %s", bomb->name());
 }
+CORVANE_NO_THROW
 
-void TimeBomb::setExpiryHandler(ExpiryHandler handler) {
+void TimeBomb::setExpiryHandler(ExpiryHandler handler) try {
     GuardThread::instance().handler.set(std::move(handler));
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane::timeguard

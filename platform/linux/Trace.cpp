@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Log.h>
 #include <corvane/platform/Mutex.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Trace.h>
 #include <unistd.h>
 
@@ -63,7 +64,7 @@ bool loadState() {
 
 }  // namespace
 
-int start(const char* target) {
+int start(const char* target) try {
     const MutexLock lock(gLock);
     stopLocked();
     if (target == nullptr || *target == '\0' || strcmp(target, "none") == 0)
@@ -80,6 +81,7 @@ int start(const char* target) {
     enable(true);
     return 0;
 }
+CORVANE_NO_THROW
 
 void stop() {
     // A forked child may have been made while another thread held the lock.

@@ -38,7 +38,13 @@ ULogger* openDefaultSink() {
 
 /** Never destroyed: lines are logged until the very end of the process. */
 ULogger& defaultSink() {
-    static ULogger* const logger = openDefaultSink();
+    static ULogger* const logger = [] {
+        try {
+            return openDefaultSink();
+        } catch (...) {
+            __android_log_assert(nullptr, kTag, "no memory for the log");
+        }
+    }();
     return *logger;
 }
 

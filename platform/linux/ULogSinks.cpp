@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Clock.h>
+#include <corvane/platform/NoThrow.h>
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/ULog.h>
 #include <fcntl.h>
@@ -8,12 +9,15 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include "LineWriter.h"
 #include "LogTime.h"
 #include "PrivateFile.h"
 #include "ULogSink.h"
+
+CORVANE_LOG_UNIT("corvane-ULog")
 
 namespace NSVista::Utils::ULog {
 
@@ -51,7 +55,7 @@ private:
 
 }  // namespace
 
-std::unique_ptr<FileULogger> FileULogger::open(const char* path) {
+std::unique_ptr<FileULogger> FileULogger::open(const char* path) try {
     NSCorvane::UniqueFd fd = NSCorvane::openPrivate(path, O_WRONLY | O_CREAT | O_APPEND);
     if (!fd)
         return nullptr;
@@ -59,6 +63,7 @@ std::unique_ptr<FileULogger> FileULogger::open(const char* path) {
     logger->mOwned = std::move(fd);
     return logger;
 }
+CORVANE_NO_THROW
 
 FileULogger::FileULogger(int fd) : mFd(fd), mWriter(std::make_unique<NSCorvane::LineWriter>(fd)) {
 }
@@ -95,7 +100,7 @@ RingULogger::RingULogger(size_t capacity) : mCapacity(std::max<size_t>(capacity,
 }
 
 void RingULogger::log(uint32_t module, const char* tag, int level, const char* text,
-                      size_t length) {
+                      size_t length) try {
     Line line{module, level, tag, std::string(text, length)};
     NSCorvane::MutexLock lock(mLock);
     if (mLines.size() < mCapacity) {
@@ -104,9 +109,11 @@ void RingULogger::log(uint32_t module, const char* tag, int level, const char* t
     }
     mLines[mNext] = std::move(line);
     mNext = (mNext + 1) % mCapacity;
+} catch (const std::bad_alloc&) {
+    // The line is lost: a fatal one would come here again.
 }
 
-std::vector<RingULogger::Line> RingULogger::take() {
+std::vector<RingULogger::Line> RingULogger::take() try {
     std::vector<Line> lines;
     NSCorvane::MutexLock lock(mLock);
     lines.swap(mLines);
@@ -114,5 +121,6 @@ std::vector<RingULogger::Line> RingULogger::take() {
     mNext = 0;
     return lines;
 }
+CORVANE_NO_THROW
 
 }  // namespace NSVista::Utils::ULog

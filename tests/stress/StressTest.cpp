@@ -458,6 +458,7 @@ TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
         }));
         threads.push_back(untilOver([&, printer = Discarding()]() mutable {
             manager.dumpState(&printer);
+            manager.explainStall(&printer);
             events->dumpState(&printer);
             System::dumpState(&printer);
         }));

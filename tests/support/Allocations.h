@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
  * @file
- * Counts every operator new of the process. Included by one source of a program.
+ * Counts every operator new of the process, and can let all fail. Included by one source of a
+ * program.
  */
 #pragma once
 
@@ -13,13 +14,16 @@
 namespace NSVista::NSCorvane::test {
 
 inline std::atomic<uint64_t> allocations{0};
+inline std::atomic<bool> noMemory{false};
 
 }  // namespace NSVista::NSCorvane::test
 
 // Not inlined: the compiler would see memory of operator new go to free(), and warn.
 [[gnu::noinline]] void* operator new(size_t size) {
     NSVista::NSCorvane::test::allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* memory = malloc(size != 0 ? size : 1))
+    void* const memory =
+        NSVista::NSCorvane::test::noMemory ? nullptr : malloc(size != 0 ? size : 1);
+    if (memory != nullptr)
         return memory;
     throw std::bad_alloc();
 }

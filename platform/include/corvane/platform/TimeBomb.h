@@ -41,9 +41,8 @@ public:
     template <class... Args>
     static std::shared_ptr<TimeBomb> make(const char* name, unsigned long limit,
                                           unsigned long period, const char* format, Args... args) {
-        auto* bomb = new TimeBomb(name, limit, period);
-        bomb->setMessage(format, args...);
-        std::shared_ptr<TimeBomb> shared(bomb, &TimeBomb::deleteThis);
+        auto shared = makeUnarmed(name, limit, period);
+        shared->setMessage(format, args...);
         registerTimeBomb(shared);
         return shared;
     }
@@ -93,6 +92,8 @@ public:
     void setText(const char* text) { setMessage("%s", text); }
 
 private:
+    static std::shared_ptr<TimeBomb> makeUnarmed(const char* name, unsigned long limit,
+                                                 unsigned long period);
     /** Not marked as printf's: make() hands on formats that the compiler does not see. */
     void setMessage(const char* format, ...);
 
