@@ -21,10 +21,16 @@ std::string plainName(const std::string& name) {
     return plain;
 }
 
+constexpr int64_t kMostItems = 1023;
+
 void readMenu(NodeFd& node, Control& control) {
     v4l2_querymenu item{};
     item.id = control.id;
-    for (int64_t i = control.minimum; i <= control.maximum; ++i) {
+    // Menus begin at 0 or just above; a driver that tells of more items than any has is not
+    // believed.
+    const int64_t first = std::clamp<int64_t>(control.minimum, 0, kMostItems);
+    const int64_t last = std::min<int64_t>(control.maximum, kMostItems);
+    for (int64_t i = first; i <= last; ++i) {
         item.index = static_cast<uint32_t>(i);
         if (node.ioctl(VIDIOC_QUERYMENU, &item) < 0)
             continue;
