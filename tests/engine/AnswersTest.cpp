@@ -109,7 +109,7 @@ const Answer kAnswers[] = {
     {"REINIT before DQBUF, and DQBUF after", 0, COMPLETE(call(s.bound, MEDIA_REQUEST_IOC_REINIT) + s.in.dequeue())},
     {"queue with a bad dma-buf fd", -EINVAL, {}, WITH(p.planes[1].m.fd = -1), {}, true},
     {"queue with a plane past the end of its dma-buf", -EINVAL, {}, WITH(p.planes[1].reserved[2] = UINT32_MAX - 8), {}, true},
-    {"queue with a plane that ends one byte behind its dma-buf", -EINVAL, {}, WITH(p.planes[1].reserved[2] = 2 * Port::kGuard + 1), {}, true},
+    {"queue with a plane that ends one byte behind its dma-buf", -EINVAL, {}, WITH(p.planes[1].reserved[2] = p.room(1) + 1), {}, true},
     {"queue with a capture plane below its size", -EINVAL, {}, WITH(p.planes[0].length = 1), {}, true},
     {"queue with an output plane below its size", -EINVAL, {}, {}, WITH(p.planes[0].length--), true},
     {"queue with an output plane beyond its dma-buf", -EFAULT, {}, {}, WITH(p.planes[0].length = 1u << 20), true},

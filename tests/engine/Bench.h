@@ -110,6 +110,12 @@ public:
     bool multiplanar() const { return V4L2_TYPE_IS_MULTIPLANAR(type()); }
     uint32_t offset(size_t plane) const { return kGuard / (static_cast<uint32_t>(plane) + 1); }
     size_t bytes(size_t plane) const { return layout.sizeimage[plane] + 2 * kGuard; }
+    /** The greatest offset of a plane in its dma-buf, which is whole pages long on a kernel. */
+    uint32_t room(size_t plane) const {
+        const size_t page = Bench::current().inProcess() ? 1 : 4096;
+        return static_cast<uint32_t>((bytes(plane) + page - 1) / page * page) -
+               layout.sizeimage[plane];
+    }
 
     /** Opens the node, sets the format and asks for the buffers. @return how many were granted. */
     int prepare();
