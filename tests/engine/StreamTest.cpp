@@ -4,6 +4,7 @@
  * Pictures, requests and buffers on their way.
  */
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -385,6 +386,30 @@ TEST_F(StreamInProcess, QueuesTakeRequestsAsTheyAreDescribed) {
         EXPECT_EQ(port.queue(1, newRequest(media)), item.withRequest);
         EXPECT_EQ(item.plain == 0 ? port.dequeue() : 0, 0);
     }
+}
+
+TEST_F(StreamTest, DescriptorsCloseInAnyOrder) {
+    Port &main = add(kMain, 1), &tuning = add(kTuning, 1);
+    std::array<unsigned, 6> order = {0, 1, 2, 3, 4, 5};
+    unsigned round = 0;
+    do {
+        bench.setOrder(1, round++ % 2 * 1000);  // some runs are over when the closing begins
+        Fd device(""), sub(VENGINE_SUBDEV_ENTITY);
+        for (Port* port : {&main, &tuning})
+            ASSERT_EQ(port->prepare() + port->stream(true), 1);
+        v4l2_event_subscription frameSync = {};
+        frameSync.type = V4L2_EVENT_FRAME_SYNC;
+        ASSERT_EQ(call(sub, VIDIOC_SUBSCRIBE_EVENT, &frameSync), 0);
+        int32_t number = -1;
+        kvxdip_fence list = {1, reinterpret_cast<uintptr_t>(&number)};
+        ASSERT_EQ(call(sub, KVXDIP_IOC_ADD_FENCE, &list), 0);
+        Fd fence(number), request = newRequest(device);
+        ASSERT_EQ(submit(request, {&main, &tuning}, 0), 0);
+        Fd* const all[] = {&device, &sub, &fence, &request, &main.node, &tuning.node};
+        for (unsigned n : order)
+            *all[n] = Fd();
+        ASSERT_EQ(bench.held(), "") << round;
+    } while (std::next_permutation(order.begin(), order.end()));
 }
 
 TEST_F(StreamTest, SurvivesManyThreadsThatStartAndStop) {
