@@ -8,6 +8,7 @@
  * of jobs, which go on with what is left.
  */
 #include <linux/dma-buf.h>
+#include <linux/dma-fence.h>
 #include <linux/kthread.h>
 #include <linux/module.h>
 #include <linux/random.h>
@@ -360,7 +361,28 @@ static void vengine_finish(struct vengine *engine, struct vengine_run *run)
 	}
 }
 
-/* With hold, a fault may keep the request that completes from being reinitialised. */
+/*
+ * Pictures, fences and event of a run. Whoever reclaims memory may wait for a fence, so none is
+ * allocated on the way to signalling them, nor a lock taken under which some is; lockdep is told.
+ */
+static void vengine_draw(struct vengine *engine, struct vengine_run *run)
+{
+	bool cookie = dma_fence_begin_signalling();
+
+	run->source.frame = run->frame;
+	vengine_read_buffers(run);
+	run->source.brightness = vengine_brightness(READ_ONCE(engine->controls[0]),
+						    run->tuning.brightness);
+	if (!run->failed)
+		vengine_write_buffers(run);
+	vengine_subdev_completed(engine, run->frame);
+	dma_fence_end_signalling(cookie);
+}
+
+/*
+ * With hold, a fault may keep the request that completes from being reinitialised. The control
+ * framework allocates under the locks that it takes, so controls stay outside the way to the fences.
+ */
 static void vengine_process(struct vengine *engine, struct vengine_run *run, bool hold)
 {
 	struct vengine_buffer *first = list_first_entry(&run->buffers, struct vengine_buffer,
@@ -369,13 +391,7 @@ static void vengine_process(struct vengine *engine, struct vengine_run *run, boo
 
 	if (req)
 		vengine_setup_controls(engine, req);
-	run->source.frame = run->frame;
-	vengine_read_buffers(run);
-	run->source.brightness = vengine_brightness(READ_ONCE(engine->controls[0]),
-						    run->tuning.brightness);
-	if (!run->failed)
-		vengine_write_buffers(run);
-	vengine_subdev_completed(engine, run->frame);
+	vengine_draw(engine, run);
 	if (req)
 		vengine_complete_controls(engine, req, run->stats.ports);
 	hold = hold && req && vengine_fault(engine, VENGINE_OP_REQUEST_REINIT, NULL);
