@@ -99,8 +99,7 @@ TEST_F(Enumeration, SnapshotsATopology) {
 }
 
 TEST_F(Enumeration, TakesInLinksThatComeUpWhileItCounts) {
-    const std::pair<size_t, int> cases[] = {{1, 3}, {2, 3}, {64, 3}, {65, 4}};
-    for (const auto& [found, walks] : cases) {  // no room left: it asks once more
+    for (const size_t found : {1, 2, 64, 65, 5000}) {
         SCOPED_TRACE(found);
         MediaGraph graph = smallGraph("m");
         graph.links[0].assign(found, graph.links[0][0]);  // where the entity tells of one
@@ -110,7 +109,7 @@ TEST_F(Enumeration, TakesInLinksThatComeUpWhileItCounts) {
         EXPECT_EQ(topology->linkDescs().size(), found);
         EXPECT_EQ(topology->linkDescs().back().sink.entity, 2U);
         const Lines calls = kernel.takeCalls();
-        EXPECT_EQ(std::count(calls.begin(), calls.end(), "MEDIA_IOC_ENUM_LINKS 100"), walks);
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "MEDIA_IOC_ENUM_LINKS 100"), 3);
     }
 }
 

@@ -15,7 +15,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
+#include <new>
 
 #include "DriverCall.h"
 #include "RefusedOpen.h"
@@ -180,34 +183,53 @@ namespace {
 using LinksCallback =
     std::function<void(const media_entity_desc&, const media_link_desc*, const media_pad_desc*)>;
 
-/** Links may come up between the count and their enumeration, which knows no bound. */
-constexpr size_t kRoomForLinks = 64;
+/**
+ * Where the kernel writes an entity's links. It writes as many as there are by then, whatever it
+ * told before and without asking for the room, and drivers make links at any time. So there is room
+ * for all that it can count: struct media_entity has 16 bits for them. What nothing is written to
+ * takes no memory.
+ */
+class LinkRoom {
+public:
+    LinkRoom()
+        : mLinks(static_cast<media_link_desc*>(calloc(kMostLinks + 1, sizeof(media_link_desc)))) {
+        if (mLinks == nullptr)
+            throw std::bad_alloc();
+    }
 
-/** @return how many of @p links the kernel wrote, but no fewer than the @p told ones. */
-size_t countLinks(const std::vector<media_link_desc>& links, size_t told) {
-    while (told < links.size() && links[told].source.entity != 0)
-        ++told;
-    return told;
-}
+    media_link_desc* data() const { return mLinks.get(); }
+    /** @return how many links the kernel wrote, but no fewer than the @p told ones. */
+    size_t count(size_t told) const {
+        while (told < kMostLinks && mLinks[told].source.entity != 0)
+            ++told;
+        return told;
+    }
+    void clear(size_t count) { std::fill_n(mLinks.get(), count, media_link_desc{}); }
+
+private:
+    static constexpr size_t kMostLinks = std::numeric_limits<uint16_t>::max();
+    struct Free {
+        void operator()(media_link_desc* links) const { free(links); }
+    };
+
+    std::unique_ptr<media_link_desc[], Free> mLinks;
+};
 
 /** Shows one entity's links and pads. @return a negated errno when the device refuses. */
-int showLinks(int fd, const media_entity_desc& entity, const LinksCallback& onLinks) {
+int showLinks(int fd, const media_entity_desc& entity, LinkRoom& room,
+              const LinksCallback& onLinks) {
     std::vector<media_pad_desc> pads(entity.pads);
-    std::vector<media_link_desc> links;
     media_links_enum request = {};
     request.entity = entity.id;
     request.pads = pads.empty() ? nullptr : pads.data();
-    size_t count = entity.links;
-    do {
-        links.assign(count != 0 ? count + kRoomForLinks : 0, {});
-        request.links = links.empty() ? nullptr : links.data();
-        if (const int ret = driverCall(fd, MEDIA_IOC_ENUM_LINKS, &request); ret < 0)
-            return ret;
-        count = countLinks(links, count);
-    } while (count != 0 && count == links.size());  // no room was left: there may be more
+    request.links = entity.links != 0 ? room.data() : nullptr;
+    if (const int ret = driverCall(fd, MEDIA_IOC_ENUM_LINKS, &request); ret < 0)
+        return ret;
+    const size_t count = entity.links != 0 ? room.count(entity.links) : 0;
     media_entity_desc current = entity;
     current.links = static_cast<uint16_t>(count);
     onLinks(current, request.links, request.pads);
+    room.clear(count);
     return 0;
 }
 
@@ -220,8 +242,9 @@ bool enumAllMediaLinks(int fd, const std::vector<media_entity_desc>& entities,
     const TraceSection section(area::kLifecycle, "enumAllMediaLinks");
     if (!onLinks)
         CORVANE_FATAL("Bad function");
+    LinkRoom room;
     for (const auto& entity : entities)
-        if (const int ret = showLinks(fd, entity, onLinks); ret < 0) {
+        if (const int ret = showLinks(fd, entity, room, onLinks); ret < 0) {
             CORVANE_LOGE("Failed on MEDIA_IOC_ENUM_LINKS: %s", strerror(-ret));
             return false;
         }
