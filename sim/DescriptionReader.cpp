@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cstring>
 #include <map>
+#include <numeric>
 #include <set>
 
 #include <corvane/V4L2.h>
@@ -22,6 +23,8 @@ constexpr size_t kDriverText = 15, kNameText = 31, kEntityText = 63;
 /** Above these no description is a device's; they keep sums of them within 32 bits. */
 constexpr uint32_t kMostPixels = 1U << 20, kMostBytes = 1U << 30, kMostPads = 4096;
 constexpr size_t kMostItems = 4096;
+/** A short text can name long lists often; each format has a copy. */
+constexpr size_t kMostShared = 1U << 17;
 
 uint32_t readFourcc(const JsonPlace& place) {
     const uint32_t fourcc = fourccOfWord(place.text(kNameText));
@@ -171,6 +174,7 @@ void readFormats(const JsonPlace& queue, VideoDesc& video) {
         answers.push_back(readAnswers(place, v4l2::isMultiPlanar(video.bufType)));
     });
     std::set<uint32_t> known;
+    size_t items = 0;
     const JsonPlace list = queue.at("formats");
     list.length(1);
     each("formats", [&](const JsonPlace& place) {
@@ -184,6 +188,13 @@ void readFormats(const JsonPlace& queue, VideoDesc& video) {
         format.colour = shared(colours, place.at("colour"));
         format.sizes = shared(sizes, place.at("sizes"));
         format.answers = shared(answers, place.at("answers"));
+        items += format.answers.size() +
+                 std::accumulate(
+                     format.sizes.begin(), format.sizes.end(), format.sizes.size(),
+                     [](size_t sum, const SizeDesc& size) { return sum + size.intervals.size(); });
+        if (items > kMostShared)
+            place.refuse("brings the queue to more than " + std::to_string(kMostShared) +
+                         " sizes, intervals and answers");
         video.formats.push_back(std::move(format));
     });
 }
@@ -439,10 +450,10 @@ private:
             open.pop_back();
             if (at == to)
                 return true;
-            const auto sinks = mSinksOf.find(at);
-            for (const size_t next : sinks != mSinksOf.end() ? sinks->second : std::set<size_t>())
-                if (seen.insert(next).second)
-                    open.push_back(next);
+            if (const auto sinks = mSinksOf.find(at); sinks != mSinksOf.end())
+                for (const size_t next : sinks->second)
+                    if (seen.insert(next).second)
+                        open.push_back(next);
         }
         return false;
     }
