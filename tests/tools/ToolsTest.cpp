@@ -97,7 +97,8 @@ TEST_F(ToolsTest, BadUseIsOneLineAndExitCode2) {
                                   "--sim --control nothing=1",
                                   "--sim --control brightness=65",
                                   "--sim --control brightness",
-                                  "--sim --save no/such"}) {
+                                  "--sim --save no/such",
+                                  "--sim=no/such"}) {
         const Outcome result = runStream(arguments);
         EXPECT_EQ(result.code, 2) << arguments;
         EXPECT_THAT(result.output, ContainsRegex("^corvane-stream: [^\n]*\n$")) << arguments;
@@ -108,7 +109,8 @@ TEST_F(ToolsTest, BadUseIsOneLineAndExitCode2) {
          {"--bogus", "--sim --model nothing", "--sim --subdev nobody",
           "--sim --set-link a:0,b:0=on", "--sim --set-link vengine-core:0,vengine-main:0",
           "--sim --set-format nobody=NV12", "--sim --set-format vengine-main=NV12,64",
-          "--sim --set-format vengine-stats=64x64"}) {
+          "--sim --set-format vengine-stats=64x64", "--sim=/dev/null", "--sim --with-identity",
+          "--sim --capture x --subdev nobody"}) {
         const Outcome result = run(kInfo + arguments + " 2>&1");
         EXPECT_EQ(result.code, 2) << arguments;
         EXPECT_THAT(result.output, ContainsRegex("^corvane-info: [^\n]*\n$")) << arguments;
@@ -201,6 +203,22 @@ TEST_F(ToolsTest, ResultsForMachines) {
                         "\"enabled\":true,\"immutable\":false}")));
     EXPECT_EQ(run("echo '" + stream.output + "' | python3 -m json.tool >/dev/null").code, 0);
     EXPECT_THAT(run(kInfo + "--version").output, StartsWith("corvane-info 0."));
+}
+
+TEST_F(ToolsTest, PosesAsWhatItCaptured) {
+    const std::string capture = file("device.json");
+    EXPECT_EQ(run(kInfo + "--sim --capture " + capture + " 2>&1").output, "");
+    const std::string pose = "--sim=" + capture;
+    EXPECT_EQ(run(kInfo + pose).output, run(kInfo + "--sim").output);
+    EXPECT_EQ(run(kInfo + pose + " --capture -").output, contentOf(capture));
+    EXPECT_EQ(runStream(pose + " --ports 2 --requests 3 --quiet").code, 0);
+    EXPECT_EQ(run(kInfo + "--sim --capture /dev/full 2>/dev/null").code, 1);
+    // A serial number stays at home unless it is asked for.
+    std::string known = contentOf(capture);
+    known.insert(known.find("\"bus\""), "\"serial\":\"0815\", ");
+    std::ofstream(capture) << known;
+    EXPECT_THAT(run(kInfo + pose + " --capture -").output, Not(HasSubstr("0815")));
+    EXPECT_THAT(run(kInfo + pose + " --capture - --with-identity").output, HasSubstr("0815"));
 }
 
 TEST_F(ToolsTest, LostOutputIsExitCode1) {

@@ -13,108 +13,75 @@ namespace NSVista::NSCorvane::tools {
 
 namespace {
 
-void addQueue(Json& json, const QueueFormat& queue) {
-    json.object();
-    json.text("type", queue.type->inWords);
-    json.text("format", v4l2::formatName(queue.format.format));
-    json.number("width", queue.format.width);
-    json.number("height", queue.format.height);
-    json.array("planes");
+Json queueJson(const QueueFormat& queue) {
+    Json json = {{"type", queue.type->inWords}, {"format", v4l2::formatName(queue.format.format)},
+                 {"width", queue.format.width}, {"height", queue.format.height},
+                 {"planes", Json::array()},     {"offered", Json::array()},
+                 {"rates", queue.rates}};
     for (uint32_t i = 0; i < std::min(queue.format.planeCount, PixelFormat::kMaxPlanes); ++i) {
-        json.object();
-        json.number("stride", queue.format.planes[i].stride);
-        json.number("size", queue.format.planes[i].size);
-        json.end();
+        const PixelFormat::Plane& plane = queue.format.planes[i];
+        json["planes"].push_back({{"stride", plane.stride}, {"size", plane.size}});
     }
-    json.end();
-    json.array("offered");
-    for (const OfferedFormat& offer : queue.offered) {
-        json.object();
-        json.text("format", v4l2::formatName(offer.fourcc));
-        json.text("sizes", offer.sizes);
-        json.end();
-    }
-    json.end();
-    json.text("rates", queue.rates);
-    json.end();
+    for (const OfferedFormat& offer : queue.offered)
+        json["offered"].push_back(
+            {{"format", v4l2::formatName(offer.fourcc)}, {"sizes", offer.sizes}});
+    return json;
 }
 
-void addControls(Json& json, const std::string& devnode) {
-    client::ControlNode node(devnode);
-    json.array("controls");
-    for (const client::Control& control : node ? node.list() : std::vector<client::Control>()) {
-        int64_t value = 0;
-        json.object();
-        json.text("name", control.name);
-        json.number("id", control.id);
-        if (node.get(control, value) == 0)
-            json.number("value", value);
-        json.number("minimum", control.minimum);
-        json.number("maximum", control.maximum);
-        json.number("step", control.step);
-        json.number("default", control.defaultValue);
-        json.array("menu");
-        for (const auto& [number, name] : control.menu) {
-            json.object();
-            json.number("value", number);
-            json.text("name", name);
-            json.end();
-        }
-        json.end();
-        json.end();
-    }
-    json.end();
+Json controlJson(const client::Control& control, client::ControlNode& node) {
+    int64_t value = 0;
+    Json json = {{"name", control.name}, {"id", control.id}};
+    if (node.get(control, value) == 0)
+        json["value"] = value;
+    json["minimum"] = control.minimum;
+    json["maximum"] = control.maximum;
+    json["step"] = control.step;
+    json["default"] = control.defaultValue;
+    json["menu"] = Json::array();
+    for (const auto& [number, name] : control.menu)
+        json["menu"].push_back({{"value", number}, {"name", name}});
+    return json;
 }
 
-void addEntity(Json& json, const Device& device, const Entity& entity) {
-    json.object();
-    json.text("name", entity.name);
-    json.text("kind", entity.kind());
-    json.text("node", entity.devnode);
+Json entityJson(const Device& device, const Entity& entity) {
+    Json json = {{"name", entity.name}, {"kind", entity.kind()}, {"node", entity.devnode}};
     for (const NodePort& port : device.ports)
         if (port.entity == entity.name)
-            json.number("port", port.index);
-    json.number("pads", static_cast<int64_t>(entity.pads.size()));
-    if (!entity.devnode.empty()) {
-        json.array("queues");
-        if (entity.isVideoNode())
-            for (const QueueFormat& queue : readFormats(entity.devnode).queues)
-                addQueue(json, queue);
-        json.end();
-        addControls(json, entity.devnode);
-    }
-    json.end();
+            json["port"] = port.index;
+    json["pads"] = entity.pads.size();
+    if (entity.devnode.empty())
+        return json;
+    json["queues"] = Json::array();
+    if (entity.isVideoNode())
+        for (const QueueFormat& queue : readFormats(entity.devnode).queues)
+            json["queues"].push_back(queueJson(queue));
+    client::ControlNode node(entity.devnode);
+    json["controls"] = Json::array();
+    for (const client::Control& control : node ? node.list() : std::vector<client::Control>())
+        json["controls"].push_back(controlJson(control, node));
+    return json;
 }
 
 }  // namespace
 
 std::string makeJson(const std::vector<Device>& devices) {
-    Json json;
-    json.array();
+    Json all = Json::array();
     for (const Device& device : devices) {
-        json.object();
-        json.text("model", device.model);
-        json.text("path", device.path);
-        json.text("driver", device.driver);
-        json.text("bus", v4l2::fixedText(device.info.bus_info));
-        json.array("entities");
+        Json& json = all.emplace_back(Json{{"model", device.model},
+                                           {"path", device.path},
+                                           {"driver", device.driver},
+                                           {"bus", v4l2::fixedText(device.info.bus_info)},
+                                           {"entities", Json::array()},
+                                           {"links", Json::array()}});
         for (const Entity& entity : device.entities)
-            addEntity(json, device, entity);
-        json.end();
-        json.array("links");
-        for (const media_link_desc& link : device.links) {
-            json.object();
-            json.text("source", device.endText(link.source));
-            json.text("sink", device.endText(link.sink));
-            json.flag("enabled", (link.flags & MEDIA_LNK_FL_ENABLED) != 0);
-            json.flag("immutable", (link.flags & MEDIA_LNK_FL_IMMUTABLE) != 0);
-            json.end();
-        }
-        json.end();
-        json.end();
+            json["entities"].push_back(entityJson(device, entity));
+        for (const media_link_desc& link : device.links)
+            json["links"].push_back({{"source", device.endText(link.source)},
+                                     {"sink", device.endText(link.sink)},
+                                     {"enabled", (link.flags & MEDIA_LNK_FL_ENABLED) != 0},
+                                     {"immutable", (link.flags & MEDIA_LNK_FL_IMMUTABLE) != 0}});
     }
-    json.end();
-    return json.result();
+    return jsonText(all);
 }
 
 }  // namespace NSVista::NSCorvane::tools

@@ -55,51 +55,43 @@ void printTables(const Options& options, const std::vector<NodePort>& ports,
     printTable(rows, {3, 4, 5, 6});
 }
 
-void addDurations(Json& json, const char* name, const LatencyHistogram& durations) {
-    json.object(name);
-    json.number("min_ns", durations.least().count());
-    json.number("median_ns", durations.quantile(0.5).count());
-    json.number("p99_ns", durations.quantile(0.99).count());
-    json.number("max_ns", durations.greatest().count());
-    json.end();
+Json durations(const LatencyHistogram& histogram) {
+    return {{"min_ns", histogram.least().count()},
+            {"median_ns", histogram.quantile(0.5).count()},
+            {"p99_ns", histogram.quantile(0.99).count()},
+            {"max_ns", histogram.greatest().count()}};
 }
 
 void printJson(const Options& options, const std::vector<NodePort>& ports,
                const client::SceneSession& session, const Content& content,
                const RunResult& result) {
-    Json json;
-    json.object();
-    json.text("model", options.model);
-    json.flag("good", result.isGood());
-    json.text("trouble", result.trouble);
-    json.number("completed", static_cast<int64_t>(result.completed));
-    json.number("failed", static_cast<int64_t>(result.failed));
-    json.number("lost", static_cast<int64_t>(result.lost));
-    json.decimal("seconds", result.seconds.count());
-    json.decimal("per_second", perSecond(result));
-    json.number("in_flight", options.inFlight);
-    addDurations(json, "latency", result.total);
-    json.array("ports");
+    Json json = {{"model", options.model},
+                 {"good", result.isGood()},
+                 {"trouble", result.trouble},
+                 {"completed", result.completed},
+                 {"failed", result.failed},
+                 {"lost", result.lost},
+                 {"seconds", result.seconds.count()},
+                 {"per_second", perSecond(result)},
+                 {"in_flight", options.inFlight},
+                 {"latency", durations(result.total)},
+                 {"ports", Json::array()}};
     const auto statistics = session.statistics();
     for (size_t port = 0; port < ports.size(); ++port) {
         const PixelFormat& format = session.format(port);
         const client::PortStatistics& counts = statistics[port];
-        json.object();
-        json.text("entity", ports[port].entity);
-        json.text("format", v4l2::formatName(format.format));
-        json.number("width", format.width);
-        json.number("height", format.height);
-        json.number("queued", static_cast<int64_t>(counts.queued));
-        json.number("dequeued", static_cast<int64_t>(counts.dequeued));
-        json.number("broken", static_cast<int64_t>(counts.broken));
-        json.number("lost", static_cast<int64_t>(counts.lost));
-        json.number("errors", static_cast<int64_t>(content.errors()[port]));
-        json.number("remapped", static_cast<int64_t>(counts.remapped));
-        json.end();
+        json["ports"].push_back({{"entity", ports[port].entity},
+                                 {"format", v4l2::formatName(format.format)},
+                                 {"width", format.width},
+                                 {"height", format.height},
+                                 {"queued", counts.queued},
+                                 {"dequeued", counts.dequeued},
+                                 {"broken", counts.broken},
+                                 {"lost", counts.lost},
+                                 {"errors", content.errors()[port]},
+                                 {"remapped", counts.remapped}});
     }
-    json.end();
-    json.end();
-    puts(json.result().c_str());
+    puts(jsonText(json).c_str());
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <corvane/replay/Decode.h>
 
 #include <cinttypes>
-#include <string_view>
 
 #include "Json.h"
 #include "Prints.h"
@@ -15,35 +14,30 @@ namespace {
 using replay::Call;
 using replay::Value;
 
-void put(Json& json, std::string_view name, const Value& value) {
+Json valueJson(const Value& value) {
     switch (value.kind) {
         case Value::Kind::Group: {
             const bool isList = !value.parts.empty() && value.parts.front().name.empty();
-            if (isList)
-                json.array(name);
-            else
-                json.object(name);
+            Json json = isList ? Json::array() : Json::object();
             for (const Value& part : value.parts)
-                put(json, part.name, part);
-            json.end();
-            break;
+                if (isList)
+                    json.push_back(valueJson(part));
+                else
+                    json[part.name] = valueJson(part);
+            return json;
         }
         case Value::Kind::Handle:
-            json.number(name, value.number);
-            break;
+            return value.number;
         case Value::Kind::Number:
-            if (value.text.find_first_not_of("-0123456789") == std::string::npos) {
-                json.number(name, value.number);
-                break;
-            }
+            if (value.text.find_first_not_of("-0123456789") == std::string::npos)
+                return value.number;
             [[fallthrough]];
         default:
             // Texts are quoted for people; JSON quotes by itself.
-            json.text(name, value.kind == Value::Kind::Text && value.text.size() >= 2 &&
-                                    value.text.front() == '"'
-                                ? std::string_view(value.text).substr(1, value.text.size() - 2)
-                                : std::string_view(value.text));
-            break;
+            return value.kind == Value::Kind::Text && value.text.size() >= 2 &&
+                           value.text.front() == '"'
+                       ? value.text.substr(1, value.text.size() - 2)
+                       : value.text;
     }
 }
 
@@ -52,32 +46,31 @@ void putPieces(Json& json, const char* name, const Call& call, bool isAfter,
     if ((isAfter ? call.after : call.before).empty())
         return;
     if (call.operation == record::Operation::Ioctl)
-        put(json, name,
+        json[name] = valueJson(
             replay::decodeArgument(call.code, isAfter ? call.after : call.before, machine));
     else if (call.operation != record::Operation::Stat || !isAfter)
-        json.text(name, call.text(isAfter));
+        json[name] = call.text(isAfter);
 }
 
-void putCall(Json& json, const Evidence& evidence, size_t i) {
+Json callJson(const Evidence& evidence, size_t i) {
     const Call& call = evidence.record.calls[i];
     const replay::Machine& machine = evidence.record.machine;
-    json.object();
-    json.number("ns", call.begin - evidence.record.monotonicNs);
-    json.number("duration", call.duration());
-    json.number("thread", evidence.record.threads[call.thread].tid);
-    json.text("call", replay::callName(call, machine));
-    json.number("on", call.handle);
+    Json json = {{"ns", call.begin - evidence.record.monotonicNs},
+                 {"duration", call.duration()},
+                 {"thread", evidence.record.threads[call.thread].tid},
+                 {"call", replay::callName(call, machine)},
+                 {"on", call.handle}};
     if (const std::string label = evidence.labelOf(i); !label.empty())
-        json.text("label", label);
+        json["label"] = label;
     if (evidence.story.cycleOf[i] != replay::Story::kNone)
-        json.number("cycle", static_cast<int64_t>(evidence.story.cycleOf[i]));
-    json.flag("returned", call.returned);
-    json.number("result", call.result);
+        json["cycle"] = evidence.story.cycleOf[i];
+    json["returned"] = call.returned;
+    json["result"] = call.result;
     if (call.failed())
-        json.text("error", replay::errorName(call.result));
+        json["error"] = replay::errorName(call.result);
     putPieces(json, "in", call, false, machine);
     putPieces(json, "out", call, true, machine);
-    json.end();
+    return json;
 }
 
 }  // namespace
@@ -110,35 +103,19 @@ void show(const Evidence& evidence, const Selection& selection, FILE* out) {
 
 void printJson(const Evidence& evidence, const Selection& selection, FILE* out) {
     const replay::Record& record = evidence.record;
-    Json json;
-    json.object();
-    json.text("program", record.program);
-    json.number("pid", record.pid);
-    json.text("machine", record.architecture);
-    json.text("release", record.release);
-    json.number("start", record.realtimeNs);
-    json.text("note", record.note);
-    json.flag("whole", record.isWhole);
-    json.array("problems");
-    for (const std::string& problem : record.problems)
-        json.text({}, problem);
-    json.end();
-    json.array("threads");
-    for (const auto& thread : record.threads) {
-        json.object();
-        json.number("tid", thread.tid);
-        json.text("name", thread.name);
-        json.number("lost", static_cast<int64_t>(thread.lost));
-        json.end();
-    }
-    json.end();
-    json.array("calls");
+    Json json = {{"program", record.program},      {"pid", record.pid},
+                 {"machine", record.architecture}, {"release", record.release},
+                 {"start", record.realtimeNs},     {"note", record.note},
+                 {"whole", record.isWhole},        {"problems", record.problems},
+                 {"threads", Json::array()},       {"calls", Json::array()}};
+    for (const auto& thread : record.threads)
+        json["threads"].push_back(
+            {{"tid", thread.tid}, {"name", thread.name}, {"lost", thread.lost}});
+    Json& calls = json["calls"];
     for (size_t i = 0; i < record.calls.size(); ++i)
         if (selection.takes(record, evidence.story, i))
-            putCall(json, evidence, i);
-    json.end();
-    json.end();
-    fprintf(out, "%s\n", json.result().c_str());
+            calls.push_back(callJson(evidence, i));
+    fprintf(out, "%s\n", jsonText(json).c_str());
 }
 
 }  // namespace NSVista::NSCorvane::tools

@@ -37,47 +37,34 @@ public:
 
 private:
     void event(const Json& json) {
-        fprintf(mOut, "%s\n%s", mIsFirst ? "" : ",", json.result().c_str());
+        fprintf(mOut, "%s\n%s", mIsFirst ? "" : ",", jsonText(json).c_str());
         mIsFirst = false;
     }
 
     void name(const char* what, int process, int64_t track, std::string_view text) {
-        Json json;
-        json.object();
-        json.text("ph", "M");
-        json.text("name", what);
-        json.number("pid", process);
-        json.number("tid", track);
-        json.object("args");
-        json.text("name", text);
-        json.end();
-        json.end();
-        event(json);
+        event({{"ph", "M"},
+               {"name", what},
+               {"pid", process},
+               {"tid", track},
+               {"args", {{"name", text}}}});
     }
 
-    /** Begins an event; the caller may add to it and ends it. */
+    /** Begins an event; the caller may add to it. */
     Json begin(const char* phase, int process, int64_t track, std::string_view text,
                int64_t ns) const {
-        Json json;
-        json.object();
-        json.text("ph", phase);
-        json.text("name", text);
-        json.number("pid", process);
-        json.number("tid", track);
-        json.decimal("ts", static_cast<double>(ns - mEvidence.record.monotonicNs) / 1e3);
-        return json;
+        return {{"ph", phase},
+                {"name", text},
+                {"pid", process},
+                {"tid", track},
+                {"ts", static_cast<double>(ns - mEvidence.record.monotonicNs) / 1e3}};
     }
 
     void slice(int process, int64_t track, std::string_view text, int64_t from, int64_t to,
                std::string_view detail = {}) {
         Json json = begin("X", process, track, text, from);
-        json.decimal("dur", static_cast<double>(to - from) / 1e3);
-        if (!detail.empty()) {
-            json.object("args");
-            json.text("call", detail);
-            json.end();
-        }
-        json.end();
+        json["dur"] = static_cast<double>(to - from) / 1e3;
+        if (!detail.empty())
+            json["args"] = {{"call", detail}};
         event(json);
     }
 
@@ -136,13 +123,9 @@ private:
         const int64_t to = use.dequeue ? mEvidence.record.calls[*use.dequeue].end : end;
         for (const bool isEnd : {false, true}) {
             Json json = begin(isEnd ? "e" : "b", process, 0, track, isEnd ? to : from);
-            json.text("cat", "buffers");
-            json.text("id", std::to_string(use.node) + "-" + std::to_string(use.index));
-            json.object("args");
-            json.number("cycle", static_cast<int64_t>(cycle));
-            json.flag("error", use.flawed);
-            json.end();
-            json.end();
+            json["cat"] = "buffers";
+            json["id"] = std::to_string(use.node) + "-" + std::to_string(use.index);
+            json["args"] = {{"cycle", cycle}, {"error", use.flawed}};
             event(json);
         }
     }
