@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "Format.h"
 #include "RecordArgument.h"
@@ -28,39 +29,40 @@ size_t sizeOf(const Blocks& blocks) {
     return rounded(size, kAlignment);
 }
 
-/** The copies of buffers and planes are short: the compiler does them in place. */
-inline void copy(char* to, const void* from, size_t size) {
-    const char* source = static_cast<const char*>(from);
-    for (; size >= 16; size -= 16, to += 16, source += 16)
-        memcpy(to, source, 16);
-    if (size >= 8) {
-        memcpy(to, source, 8);
-        to += 8;
-        source += 8;
-        size -= 8;
-    }
-    for (; size != 0; --size)
-        *to++ = *source++;
+/**
+ * @param head built in its place: what is short is not copied twice.
+ * @param fill called with the place behind the head. @return false when there is no room.
+ */
+template <class Head, class Fill>
+[[gnu::always_inline]] inline bool putWith(Lane& lane, size_t size, size_t room, Head head,
+                                           Fill fill) {
+    char* const begin = lane.reserve(size, room);
+    if (begin == nullptr) [[unlikely]]
+        return false;
+    new (begin) EventHead(head());
+    fill(begin + sizeof(EventHead));
+    lane.commit(size);
+    return true;
+}
+
+inline char* putBlockHead(char* at, size_t size, uint32_t what) {
+    const BlockHead head{static_cast<uint32_t>(size), what};
+    memcpy(at, &head, sizeof(head));
+    return at + sizeof(head);
 }
 
 bool put(Lane& lane, EventHead head, const Blocks& blocks, size_t room) {
-    const size_t size = sizeOf(blocks);
-    char* const begin = lane.reserve(size, room);
-    if (begin == nullptr)
-        return false;
-    head.size = static_cast<uint32_t>(size);
+    head.size = static_cast<uint32_t>(sizeOf(blocks));
     head.blocks = static_cast<uint16_t>(blocks.count);
-    memcpy(begin, &head, sizeof(head));
-    char* at = begin + sizeof(head);
-    for (uint32_t i = 0; i < blocks.count; ++i) {
-        const Block& block = blocks.list[i];
-        const BlockHead blockHead{block.size, block.what};
-        memcpy(at, &blockHead, sizeof(blockHead));
-        copy(at + sizeof(blockHead), block.data, block.size);
-        at += sizeof(blockHead) + rounded(block.size, 8);
-    }
-    lane.commit(size);
-    return true;
+    const auto fill = [&](char* at) {
+        for (uint32_t i = 0; i < blocks.count; ++i) {
+            const Block& block = blocks.list[i];
+            memcpy(putBlockHead(at, block.size, block.what), block.data, block.size);
+            at += sizeof(BlockHead) + rounded(block.size, 8);
+        }
+    };
+    return putWith(
+        lane, head.size, room, [&] { return head; }, fill);
 }
 
 /** One call from its first half to its second. */
@@ -125,6 +127,85 @@ uint64_t sizeOfExport(const v4l2_exportbuffer& exported) {
     return size > 0 ? static_cast<uint64_t>(size) : 0;
 }
 
+/** One half of a call of every request, whose cost counts. */
+struct Half {
+    EventKind kind;
+    int fd;
+    uint32_t code;
+    int result;
+
+    EventHead head(size_t size, uint16_t blocks) const {
+        return {
+            monotonicInNs(), static_cast<uint32_t>(size), kind, Operation::Ioctl, blocks, fd, code,
+            result};
+    }
+};
+
+/** Copies of sizes that the compiler knows. */
+[[gnu::always_inline]] inline bool putBuffer(Lane& lane, const Half& half,
+                                             const v4l2_buffer& buffer, bool withPlanes,
+                                             size_t room) {
+    static_assert(sizeof(v4l2_plane) == 64);
+    constexpr size_t kBufferSize = rounded(sizeof(buffer), 8);
+    const size_t planes = withPlanes && V4L2_TYPE_IS_MULTIPLANAR(buffer.type) &&
+                                  buffer.m.planes != nullptr && buffer.length <= VIDEO_MAX_PLANES
+                              ? buffer.length
+                              : 0;
+    const size_t size =
+        rounded(sizeof(EventHead) + sizeof(BlockHead) + kBufferSize +
+                    (planes != 0 ? sizeof(BlockHead) + planes * sizeof(v4l2_plane) : 0),
+                kAlignment);
+    return putWith(
+        lane, size, room, [&] { return half.head(size, planes != 0 ? 2 : 1); },
+        [&](char* at) {
+            at = putBlockHead(at, sizeof(buffer), kArgument);
+            memcpy(at, &buffer, sizeof(buffer));
+            if (planes == 0)
+                return;
+            at = putBlockHead(at + kBufferSize, planes * sizeof(v4l2_plane), kArray);
+            for (size_t i = 0; i < planes; ++i)
+                memcpy(at + i * sizeof(v4l2_plane), &buffer.m.planes[i], sizeof(v4l2_plane));
+        });
+}
+
+[[gnu::always_inline]] inline bool putNothing(Lane& lane, const Half& half, size_t room) {
+    constexpr size_t kSize = sizeof(EventHead);
+    return putWith(
+        lane, kSize, room, [&] { return half.head(kSize, 0); }, [](char*) {});
+}
+
+/**
+ * A queued buffer goes in with its planes, what came of it without; a dequeued one with all when it
+ * is there.
+ * @tparam kCode VIDIOC_QBUF, VIDIOC_DQBUF, or 0 for a call without argument.
+ */
+template <uint32_t kCode>
+int recordShort(System::Kernel& kernel, int fd, uint32_t code, void* arg) {
+    Lane* const lane = gLanes.mine();
+    if (lane == nullptr) [[unlikely]] {
+        gLanes.lose();
+        return kernel.ioctl(fd, code, arg);
+    }
+    const Half before{EventKind::Enter, fd, code, 0};
+    const auto* const buffer = static_cast<const v4l2_buffer*>(arg);
+    bool isPut = false;
+    if constexpr (kCode == VIDIOC_QBUF)
+        isPut = putBuffer(*lane, before, *buffer, true, Lane::kExitRoom);
+    else
+        isPut = putNothing(*lane, before, Lane::kExitRoom);
+    if (!isPut) [[unlikely]] {
+        lane->lose();
+        return kernel.ioctl(fd, code, arg);
+    }
+    const int result = kernel.ioctl(fd, code, arg);
+    const Half after{EventKind::Exit, fd, code, result};
+    if constexpr (kCode != 0)
+        putBuffer(*lane, after, *buffer, kCode == VIDIOC_DQBUF, 0);
+    else
+        putNothing(*lane, after, 0);
+    return result;
+}
+
 }  // namespace
 
 int RecordKernel::open(const char* path, int flags) {
@@ -146,8 +227,25 @@ int RecordKernel::ioctl(int fd, unsigned long request, void* arg) {
     const auto code = static_cast<uint32_t>(request);
     if (!on())
         return inner().ioctl(fd, request, arg);
-    if (code == MEDIA_IOC_ENUM_LINKS && arg != nullptr)
-        return ioctlLinks(fd, arg);
+    switch (code) {
+        case VIDIOC_QBUF:
+            if (arg != nullptr)
+                return recordShort<VIDIOC_QBUF>(inner(), fd, code, arg);
+            break;
+        case VIDIOC_DQBUF:
+            if (arg != nullptr)
+                return recordShort<VIDIOC_DQBUF>(inner(), fd, code, arg);
+            break;
+        case MEDIA_REQUEST_IOC_QUEUE:
+        case MEDIA_REQUEST_IOC_REINIT:
+            return recordShort<0>(inner(), fd, code, arg);
+        case MEDIA_IOC_ENUM_LINKS:
+            if (arg != nullptr)
+                return ioctlLinks(fd, arg);
+            break;
+        default:
+            break;
+    }
     Blocks before;
     collect(before, code, arg, false);
     Call call(true, Operation::Ioctl, fd, code, before);
