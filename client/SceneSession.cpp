@@ -30,7 +30,7 @@ using std::chrono::nanoseconds;
 
 constexpr int kMaxBuffers = 64;
 /** Of a session: bits of SessionRequest::mPending. */
-constexpr size_t kMaxPorts = 61;
+constexpr size_t kMaxPorts = 60;
 constexpr milliseconds kDestructorDrain{1000};
 constexpr milliseconds kLastDequeues{1000};
 
@@ -315,9 +315,10 @@ CORVANE_NO_THROW
 int SceneSession::submitAgain(SessionRequest& request, const Visit& fill) try {
     if (!mStreaming || mRefused)
         return -EPIPE;
-    if (request.mIsRetired)
+    const uint64_t pending = request.mPending;
+    if ((pending & SessionRequest::kRetired) != 0)
         return -ENOBUFS;
-    return request.mPending == SessionRequest::kHeld ? queue(request, fill) : -EAGAIN;
+    return pending == SessionRequest::kHeld ? queue(request, fill) : -EAGAIN;
 }
 CORVANE_NO_THROW
 
@@ -407,14 +408,27 @@ void SceneSession::dequeuedAmongLosses(size_t port, const DequeuedBuffer& buffer
         if ((request->mPending.load(std::memory_order_relaxed) & bitOf(port)) != 0)
             request->mFrames[port].tell(buffer);
     }
-    if (clear(*request, bitOf(port)))
-        return;
-    // It was taken for lost; so another request's frame is.
+    if (!clear(*request, bitOf(port)))
+        cameLate(*request, port);
+}
+
+/**
+ * A frame that was taken for lost is back after all: the driver had kept it ready. So it has one
+ * ready for whoever this dequeue was made for.
+ */
+void SceneSession::cameLate(SessionRequest& request, size_t port) {
+    bool isWhole = false;
     {
         const MutexLock lock(mLock);
-        mLosses[port].push_back(request->mFrames[port].result());
+        const bool wasLost = (request.mLost & bitOf(port)) != 0;
+        request.mLost &= ~bitOf(port);
+        isWhole = wasLost && request.mLost == 0;
+        if (isWhole)
+            --mRetired;
     }
-    settleLosses();
+    if (isWhole)
+        clear(request, SessionRequest::kRetired);
+    mScene->queryPort(mPortDescs[port].index)->getVideoDevice()->dequeBuffer();
 }
 
 /** @return whether the bit was set. */
@@ -427,12 +441,13 @@ bool SceneSession::clear(SessionRequest& request, uint64_t bit) {
 }
 
 void SceneSession::goOn(SessionRequest& request, uint64_t cleared, uint64_t left) {
-    const bool isSettled = cleared != SessionRequest::kHeld && (left & ~SessionRequest::kHeld) == 0;
+    const bool isSettled =
+        (cleared & SessionRequest::kLater) == 0 && (left & ~SessionRequest::kLater) == 0;
     const bool isDelivered =
         mDesc.handOver == HandOver::WhenDone ? cleared == SessionRequest::kNotDone : isSettled;
     if (isDelivered)
         deliver(request);
-    if (left == 0 && !request.mIsRetired)
+    if (left == 0)
         mFree.fetch_or(bitOf(request.mSlot), std::memory_order_release);
     if (isSettled)
         mInFlight.fetch_sub(1, std::memory_order_release);
@@ -494,15 +509,17 @@ bool SceneSession::settleOneLoss(size_t port) {
         do {
             if ((pending & bitOf(port)) == 0)
                 return true;  // It came just now: look again.
-        } while (!victim->mPending.compare_exchange_weak(
-            pending, (pending & ~bitOf(port)) | SessionRequest::kSettling));
+        } while (!victim->mPending.compare_exchange_weak(pending, (pending & ~bitOf(port)) |
+                                                                      SessionRequest::kSettling |
+                                                                      SessionRequest::kRetired));
+        if (victim->mLost == 0)
+            ++mRetired;
+        victim->mLost |= bitOf(port);
         victim->mFrames[port].mDequeued = {};
         victim->mFrames[port].mDequeued.result = mLosses[port].front();
         victim->mFrames[port].setResult(mLosses[port].front());
         mLosses[port].erase(mLosses[port].begin());
     }
-    if (!victim->mIsRetired.exchange(true))
-        ++mRetired;
     clear(*victim, SessionRequest::kSettling);
     return true;
 }

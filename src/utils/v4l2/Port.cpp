@@ -64,8 +64,11 @@ int Port::init() try {
     const int ret = onDevice("init", "open port", [](auto& device) { return device.openDevice(); });
     if (ret == 0)
         return 0;
-    const auto cause = refusedOpenCause(mMediaDevice->getEntityDevnodePath(mDeviceName), ret);
-    if (!cause.empty())
+    const std::string path = mMediaDevice->getEntityDevnodePath(mDeviceName);
+    if (path.empty())
+        CORVANE_LOGE("%s: the media device has no entity \"%s\" with a node", mName.c_str(),
+                     mDeviceName.c_str());
+    else if (const auto cause = refusedOpenCause(path, ret); !cause.empty())
         CORVANE_LOGE("%s: %s", mName.c_str(), cause.c_str());
     return ret;
 }

@@ -44,6 +44,13 @@ const char* likelyCause(int error) {
     }
 }
 
+/** What a caller in the wrong state has left out. */
+const char* stepBefore(int32_t state, int32_t wanted) {
+    if (state > wanted)
+        return "stop() comes first";
+    return state == 0 ? "acquire() comes first" : "start() comes first";
+}
+
 bool enableLink(const std::shared_ptr<IMediaDevice>& media, bool enable, const LinkDesc& link) {
     return media != nullptr && media->enableLink(enable, link.source_entity, link.source_pad,
                                                  link.sink_entity, link.sink_pad);
@@ -233,11 +240,14 @@ bool Scene::inState(State wanted, const char* operation) const {
     const bool usable = !mUninitialised.load(std::memory_order_relaxed);
     if (state == wanted && usable)
         return true;
-    if (state != wanted)
+    if (state != wanted) {
         CORVANE_LOGE_AS(operation, "state %d != %s", state, stateName(wanted));
-    else
+        CORVANE_LOGE_AS(operation, "%s: it is %s, %s", nameOrEmpty(mDesc.scene_name),
+                        stateName(state), stepBefore(state, wanted));
+    } else {
         CORVANE_LOGE_AS(operation, "%s: uninitialised, or its init() failed: build a new scene",
                         nameOrEmpty(mDesc.scene_name));
+    }
     return false;
 }
 

@@ -94,7 +94,8 @@ struct PortStatistics {
  * own between start() and stop().
  *
  * A frame whose dequeue fails is lost: the driver may still have it. One error line names the port;
- * its request is handed over with the frame's result, and is not used again.
+ * its request is handed over with the frame's result, and is not used again unless the driver gives
+ * the frame back later.
  */
 class CORVANE_EXPORT SceneSession {
 public:
@@ -216,6 +217,7 @@ private:
     void lose(size_t port, int error) CORVANE_EXCLUDES(mLock);
     void settleLosses() CORVANE_EXCLUDES(mLock);
     bool settleOneLoss(size_t port) CORVANE_EXCLUDES(mLock);
+    void cameLate(SessionRequest& request, size_t port) CORVANE_EXCLUDES(mLock);
     template <class Condition>
     bool waitFor(std::chrono::steady_clock::time_point deadline, Condition isMet) const;
     bool isAwaitingDequeues() const;

@@ -150,16 +150,19 @@ private:
 
     /**
      * What a cycle still waits for: a bit per port's dequeue, one for a lost frame that is being
-     * settled, one for the done callback and one for the client. Who clears the last one of a kind
-     * goes on with the request.
+     * settled, one for the done callback, one for the client, and one for the driver, which has
+     * kept a frame. Who clears the last one of a kind goes on with the request.
      */
+    static constexpr uint64_t kRetired = uint64_t{1} << 60;
     static constexpr uint64_t kSettling = uint64_t{1} << 61;
     static constexpr uint64_t kNotDone = uint64_t{1} << 62;
     static constexpr uint64_t kHeld = uint64_t{1} << 63;
+    /** Those that no hand-over waits for. */
+    static constexpr uint64_t kLater = kHeld | kRetired;
 
     std::atomic<uint64_t> mPending{0};
     std::atomic<uint32_t> mCycle{0};
-    std::atomic<bool> mIsRetired{false};  ///< the driver has kept a frame of it
+    uint64_t mLost = 0;  ///< bit per port whose frame the driver has kept; the session's lock
     uint64_t mNumber = 0;
     unsigned mSlot = 0;
     std::vector<Frame> mFrames;
