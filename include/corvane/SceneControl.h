@@ -33,6 +33,7 @@ struct DequeuedBuffer;
 class IMediaDevice;
 class IMediaRequest;
 class RequestRoll;
+class TextStream;
 class ThreadLoopHandler;
 struct RequestView;
 
@@ -172,6 +173,7 @@ private:
 
     PortBuffer& bufferOf(int portIndex);
     void findPort(int portIndex, PortBuffer& entry) const;
+    TextStream& describe(TextStream&& text) const;
 
     std::shared_ptr<IMediaRequest> mMediaRequest;
     QueryPort mQueryPort;

@@ -4,8 +4,6 @@
 
 #include <cstring>
 
-#include "LogTime.h"
-
 CORVANE_LOG_UNIT("corvane-Clock")
 
 namespace NSVista::NSCorvane {
@@ -30,6 +28,10 @@ const char* secondText(time_t second) {
 }  // namespace
 
 size_t formatLogTime(const struct timespec& time, char (&text)[kLogTimeSize]) {
+    if (time.tv_sec == 0 && time.tv_nsec == 0) {
+        memcpy(text, "-", 2);
+        return 1;
+    }
     memcpy(text, secondText(time.tv_sec), kSecondLength);
     char* const fraction = text + kSecondLength;
     long rest = time.tv_nsec / 1000;
@@ -44,8 +46,6 @@ void getCurrentLogTime(struct timespec& now) {
 }
 
 std::string convertToFormattedLogTime(const struct timespec& time) try {
-    if (time.tv_sec == 0 && time.tv_nsec == 0)
-        return "-";
     char text[kLogTimeSize];
     const size_t length = formatLogTime(time, text);
     return {text, length};

@@ -13,7 +13,6 @@
 #include <string_view>
 
 #include "LineWriter.h"
-#include "LogTime.h"
 #include "PrivateFile.h"
 #include "ULogSink.h"
 

@@ -12,6 +12,7 @@
 #include <corvane/platform/Trace.h>
 
 #include <algorithm>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -35,16 +36,16 @@ constexpr char kStillQueued[] =
     "is still under way: wait for its done callback, which must return, or use another request";
 
 /** " #A=time#B=time..." of a request's stamps, in order. */
-std::string debugTimes(const RequestDebugInfo& info) {
-    std::string text;
-    text.reserve(240);
-    text += ' ';
+void addDebugTimes(TextStream& text, const RequestDebugInfo& info) {
+    text << ' ';
     char label = 'A';
     for (const struct timespec* stamp :
          {&info.created, &info.filled, &info.queueStart, &info.queued, &info.done, &info.reported,
-          &info.consumed, &info.released})
-        (((text += '#') += label++) += '=') += convertToFormattedLogTime(loadStamp(*stamp));
-    return text;
+          &info.consumed, &info.released}) {
+        char time[kLogTimeSize];
+        const size_t length = formatLogTime(loadStamp(*stamp), time);
+        text << '#' << label++ << '=' << std::string_view(time, length);
+    }
 }
 
 }  // namespace
@@ -244,7 +245,7 @@ int Request::queueRequest(int argument) try {
     }
     // Before the media request is queued, so that its completion finds it.
     mState.store(kQueued, std::memory_order_release);
-    CORVANE_LOGD("It's time to queue: %s", toString().c_str());
+    CORVANE_LOGD("It's time to queue: %s", describe(TextStream{}).c_str());
     if (mMediaRequest->queueRequest() != 0)
         CORVANE_FATAL("Failed to queue media request");
     return 0;
@@ -270,23 +271,24 @@ void Request::requestDone() try {
     mCycle.store(kNone, std::memory_order_relaxed);
     // From here on the request may be filled again.
     mState.store(kIdle, std::memory_order_release);
-    CORVANE_LOGD("[Request::requestDone] %s", toString().c_str());
+    CORVANE_LOGD("[Request::requestDone] %s", describe(TextStream{}).c_str());
     if (mRequestDone)
         mRequestDone(this, indexes, count);
 }
 CORVANE_NO_THROW
 
-std::string Request::toString() const try {
-    TextStream text;
+/** toString(), without an allocation. @return @p text. */
+TextStream& Request::describe(TextStream&& text) const {
     text << "{ .requestFD=" << getRequestFD();
     if (getStatus() != 0)
         text << " .status=" << getStatus();
     text << " .state=" << mState.load(std::memory_order_relaxed);
     if (const auto info = getDebugInfo())
-        text << debugTimes(*info);
-    text << " }";
-    return text.str();
+        addDebugTimes(text, *info);
+    return text << " }";
 }
+
+std::string Request::toString() const try { return describe(TextStream{}).str(); }
 CORVANE_NO_THROW
 
 }  // namespace NSVista::NSCorvane

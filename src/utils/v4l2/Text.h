@@ -24,24 +24,26 @@ inline const char* nameOrEmpty(const char* name) {
 
 /**
  * Composes a text as a string stream of the classic locale does, at a fraction of its cost:
- * strings, characters, integers in decimal, hexadecimal and with their base, and addresses.
+ * strings, characters, integers in decimal, hexadecimal and with their base, and addresses. What
+ * has no room in place goes on in a string.
  */
 class TextStream {
 public:
     using Manipulator = std::ios_base& (*)(std::ios_base&);
 
-    /** Room for most texts at once. */
-    TextStream() { mText.reserve(240); }
-
     TextStream& operator<<(std::string_view text) {
-        mText += text;
+        if (mLength + text.size() < sizeof(mInPlace) && mMore.empty()) {
+            text.copy(mInPlace + mLength, text.size());
+            mLength += text.size();
+            return *this;
+        }
+        if (mMore.empty())
+            mMore.assign(mInPlace, mLength);
+        mMore += text;
         return *this;
     }
     TextStream& operator<<(const char* text) { return *this << std::string_view(text); }
-    TextStream& operator<<(char character) {
-        mText += character;
-        return *this;
-    }
+    TextStream& operator<<(char character) { return *this << std::string_view(&character, 1); }
     template <std::integral Number>
     TextStream& operator<<(Number value) {
         char digits[24];
@@ -52,17 +54,16 @@ public:
         } else {
             using Promoted = std::make_unsigned_t<decltype(+value)>;
             end = std::to_chars(digits, std::end(digits), static_cast<Promoted>(value), 16);
-            mText += mShowBase && value != 0 ? "0x" : "";
+            *this << (mShowBase && value != 0 ? "0x" : "");
         }
-        mText.append(digits, end.ptr);
-        return *this;
+        return *this << std::string_view(digits, static_cast<size_t>(end.ptr - digits));
     }
     TextStream& operator<<(const void* address) {
         char digits[24];
         const auto value = reinterpret_cast<uintptr_t>(address);
-        mText += address != nullptr ? "0x" : "";
-        mText.append(digits, std::to_chars(digits, std::end(digits), value, 16).ptr);
-        return *this;
+        const char* const end = std::to_chars(digits, std::end(digits), value, 16).ptr;
+        return *this << (address != nullptr ? "0x" : "")
+                     << std::string_view(digits, static_cast<size_t>(end - digits));
     }
     /** std::hex, std::dec and std::showbase. */
     TextStream& operator<<(Manipulator manipulator) {
@@ -71,10 +72,17 @@ public:
         mShowBase |= manipulator == Manipulator{std::showbase};
         return *this;
     }
-    std::string str() { return std::move(mText); }
+    std::string str() { return mMore.empty() ? std::string(mInPlace, mLength) : std::move(mMore); }
+    /** Until the next piece. */
+    const char* c_str() {
+        mInPlace[mLength] = '\0';
+        return mMore.empty() ? mInPlace : mMore.c_str();
+    }
 
 private:
-    std::string mText;
+    char mInPlace[512];  // beyond what a request's text takes
+    size_t mLength = 0;
+    std::string mMore;
     bool mHexadecimal = false;
     bool mShowBase = false;
 };

@@ -7,6 +7,7 @@
 
 #include <time.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -44,7 +45,16 @@ inline int64_t threadCpuInNs() {
 /** Reads the log clock (CLOCK_REALTIME, as the log lines carry it). */
 CORVANE_EXPORT void getCurrentLogTime(struct timespec& now);
 
-/** A log time as "MM-DD hh:mm:ss.uuuuuu" in local time; "-" for the zero time. */
+/** Characters of a log time, the zero at its end included. */
+inline constexpr size_t kLogTimeSize = sizeof("MM-DD hh:mm:ss.uuuuuu");
+
+/**
+ * A log time as "MM-DD hh:mm:ss.uuuuuu" in local time; "-" for the zero time. Allocates nothing.
+ * @return the text's length.
+ */
+CORVANE_EXPORT size_t formatLogTime(const struct timespec& time, char (&text)[kLogTimeSize]);
+
+/** The same as a string. */
 CORVANE_EXPORT std::string convertToFormattedLogTime(const struct timespec& time);
 
 }  // namespace NSVista::NSCorvane
