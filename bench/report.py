@@ -1,5 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """The results of bench/run as text, as a document and as a picture."""
+import pathlib
+
+# What no run finds out; it follows the results.
+NOTES = pathlib.Path(__file__).with_name("notes.md")
 
 DEVICE_COLUMNS = {"instructions": "instructions", "time": "ns a request",
                   "system calls": "system calls", "switches": "switches",
@@ -130,8 +134,7 @@ def document(results):
         if part in results:
             lines += [f"## {title}", "", text, f"Measured {results[part + ' measured']}.", "",
                       SECTIONS[part](results[part])]
-    lines += ["", "<!-- SPDX-License-Identifier: Apache-2.0 -->", ""]
-    return "\n".join(lines)
+    return "\n".join([*lines, NOTES.read_text()])
 
 
 def plot(results):
@@ -140,30 +143,35 @@ def plot(results):
               if (entry["delay"], entry["in flight"]) == (0, 1)]
     ways = list(dict.fromkeys(entry["way"] for entry in chosen))
     ports = sorted({entry["ports"] for entry in chosen})
-    colours = ["#555555", "#999999", "#1f6fb4", "#5aa9e6", "#d2691e", "#e9a66b", "#6b8e23"]
-    width, height, left, base = 760, 320, 60, 270
+    colours = ["#444444", "#777777", "#aaaaaa", "#0b4f8a", "#1f7fd4", "#7fbcf0", "#d2691e",
+               "#e9a66b", "#6b8e23"]
+    columns = 3
+    width, left, base, tall = 760, 60, 250, 220
+    height = base + 40 + 18 * -(-len(ways) // columns)
     top = max((entry["instructions"] for entry in chosen), default=1)
     parts = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" '
              'font-family="sans-serif" font-size="11">',
-             f'<rect width="{width}" height="{height}" fill="white"/>']
-    for share in range(5):
-        y = base - 220 * share / 4
-        parts.append(f'<path d="M{left} {y}H{width - 10}" stroke="#dddddd"/>'
-                     f'<text x="{left - 6}" y="{y + 4}" text-anchor="end">'
-                     f'{top * share / 4000:.0f} k</text>')
+             "<!-- SPDX-License-Identifier: Apache-2.0 -->",
+             f'<rect width="{width}" height="{height}" fill="white"/>',
+             f'<text x="{left}" y="16">instructions a request, one in flight, no delay</text>']
+    for value in range(0, int(top) + 1, 10000):
+        y = base - tall * value / top
+        parts.append(f'<path d="M{left} {y:.1f}H{width - 10}" stroke="#dddddd"/>'
+                     f'<text x="{left - 6}" y="{y + 4:.1f}" text-anchor="end">'
+                     f'{value // 1000} k</text>')
     group = (width - left - 20) / max(len(ports), 1)
     bar = group / (len(ways) + 1)
     for entry in chosen:
         x = left + group * ports.index(entry["ports"]) + bar * (ways.index(entry["way"]) + 0.5)
-        tall = 220 * entry["instructions"] / top
-        parts.append(f'<rect x="{x:.1f}" y="{base - tall:.1f}" width="{bar * 0.9:.1f}" '
-                     f'height="{tall:.1f}" fill="{colours[ways.index(entry["way"]) % 7]}"/>')
+        length = tall * entry["instructions"] / top
+        parts.append(f'<rect x="{x:.1f}" y="{base - length:.1f}" width="{bar * 0.9:.1f}" '
+                     f'height="{length:.1f}" fill="{colours[ways.index(entry["way"])]}"/>')
     for place, count in enumerate(ports):
         parts.append(f'<text x="{left + group * (place + 0.5):.0f}" y="{base + 16}" '
                      f'text-anchor="middle">{count} port{"s" if count > 1 else ""}</text>')
     for place, way in enumerate(ways):
-        x = left + place * (width - left) / max(len(ways), 1)
-        parts.append(f'<rect x="{x:.0f}" y="{base + 28}" width="10" height="10" '
-                     f'fill="{colours[place % 7]}"/><text x="{x + 14:.0f}" y="{base + 37}">{way}'
-                     '</text>')
+        x = left + place % columns * (width - left) // columns
+        y = base + 30 + 18 * (place // columns)
+        parts.append(f'<rect x="{x}" y="{y}" width="10" height="10" fill="{colours[place]}"/>'
+                     f'<text x="{x + 14}" y="{y + 9}">{way}</text>')
     return "\n".join([*parts, "</svg>", ""])
