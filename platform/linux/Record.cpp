@@ -19,6 +19,7 @@
 #include "Immortal.h"
 #include "PropertyText.h"
 #include "QuietThread.h"
+#include "RecordClock.h"
 #include "RecordFile.h"
 #include "RecordKernel.h"
 #include "RecordLanes.h"
@@ -57,6 +58,7 @@ private:
 
     void run();
     void drain();
+    void tellTimes(char* events, size_t size) const;
     void describe(Thread& thread, const Lane& lane);
     void write(const Thread& thread, const Lane& lane, const char* events, size_t size);
 
@@ -76,6 +78,7 @@ private:
 
     // The writer's own from here on; start() sets it up before the writer runs.
     RecordFile mFile;
+    StampReader mStamps;
     Thread mThreads[Lanes::kCount];
     uint32_t mLastNumber = 0;
 };
@@ -87,6 +90,8 @@ int Recorder::start(const std::string& path, const std::string& note) {
         "persist.vendor.camera.corvane.recordlimit", kDefaultLimit);
     if (const int result = mFile.open(path, note, limit); result != 0)
         return result;
+    [[maybe_unused]] static const bool chosen = (chooseStamps(), true);
+    mStamps.start();
     gLanes.begin();
     mLostBefore = gLanes.lost();
     for (Thread& thread : mThreads)
@@ -167,10 +172,12 @@ void Recorder::run() {
 }
 
 void Recorder::drain() {
+    mStamps.tick();
     gLanes.forEach([this](size_t index, Lane& lane, bool left) {
         Thread& thread = mThreads[index];
         bool isDescribed = false;
-        lane.drain(kRun, [&](const char* events, size_t size) {
+        lane.drain(kRun, [&](char* events, size_t size) {
+            tellTimes(events, size);
             if (!isDescribed)
                 describe(thread, lane);
             isDescribed = true;
@@ -179,6 +186,15 @@ void Recorder::drain() {
         if (left)
             thread = {};
     });
+}
+
+/** Makes times of the stamps of whole events. */
+void Recorder::tellTimes(char* events, size_t size) const {
+    for (size_t at = 0; at < size;) {
+        auto* const event = reinterpret_cast<EventHead*>(events + at);
+        event->ns = mStamps.toNs(event->ns);
+        at += event->size;
+    }
 }
 
 /** Threads take their names at any time, and may have ended by now. */

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "RecordKernel.h"
 
-#include <corvane/platform/Clock.h>
 #include <linux/media.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 
 #include "Format.h"
 #include "RecordArgument.h"
+#include "RecordClock.h"
 #include "RecordLanes.h"
 
 namespace NSVista::NSCorvane::record {
@@ -78,7 +78,7 @@ public:
             gLanes.lose();
             return;
         }
-        const EventHead head{monotonicInNs(), 0, EventKind::Enter, operation, 0, handle, code, 0};
+        const EventHead head{stamp(), 0, EventKind::Enter, operation, 0, handle, code, 0};
         if (put(*mLane, head, blocks, Lane::kExitRoom))
             return;
         mLane->lose();
@@ -93,8 +93,7 @@ public:
     void end(int result, const Blocks& blocks) {
         if (mLane == nullptr)
             return;
-        const EventHead head{monotonicInNs(), 0,     EventKind::Exit, mOperation, 0,
-                             mHandle,         mCode, result};
+        const EventHead head{stamp(), 0, EventKind::Exit, mOperation, 0, mHandle, mCode, result};
         // A long answer may find no room; that the call ended always does.
         if (!put(*mLane, head, blocks, 0)) {
             mLane->lose();
@@ -135,9 +134,8 @@ struct Half {
     int result;
 
     EventHead head(size_t size, uint16_t blocks) const {
-        return {
-            monotonicInNs(), static_cast<uint32_t>(size), kind, Operation::Ioctl, blocks, fd, code,
-            result};
+        return {stamp(), static_cast<uint32_t>(size), kind, Operation::Ioctl, blocks, fd, code,
+                result};
     }
 };
 

@@ -53,14 +53,15 @@ public:
 
     /**
      * By the writer only.
-     * @param take called with runs of whole events, at most @p most bytes each (one event more).
+     * @param take called with runs of whole events, at most @p most bytes each (one event more),
+     *        which it may change.
      */
     template <class Take>
     void drain(size_t most, Take take) {
         uint64_t tail = mTail.load(std::memory_order_relaxed);
         const uint64_t head = mHead.load(std::memory_order_acquire);
         while (tail != head) {
-            const char* const at = mMemory + tail % kBytes;
+            char* const at = mMemory + tail % kBytes;
             size_t run = 0;
             size_t skipped = 0;
             while (tail + run != head && run < most && skipped == 0) {
