@@ -117,7 +117,7 @@ TEST_F(ToolsTest, BadUseIsOneLineThatSaysItAndExitCode2) {
         {kStream, "--sim=no/such", "no/such"},
         {kInfo, "--sim=/dev/null", "/dev/null"},
         {kInfo, "--sim --with-identity", "--with-identity"},
-        {kInfo, "--sim --capture x --subdev nobody", "--capture"},
+        {kInfo, "--sim --capture x --subdev nobody", "no entity 'nobody'"},
     };
     for (const auto& mistake : mistakes) {
         const Outcome result = run(mistake.tool + mistake.arguments + " 2>&1");
