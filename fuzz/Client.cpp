@@ -101,6 +101,7 @@ private:
             destroy(life);
             describe(life);
             life.scene = std::make_unique<Scene>(nullptr, life.desc, mMedia);
+            life.scene->setDirectDequeue(true);  // a fatal line of another thread would end all
         } else if (life.scene != nullptr) {
             callScene(life, *life.scene, verb);
         }
@@ -195,7 +196,7 @@ private:
             setDone,
             [&] { scene.addPort(number() > 0 ? scene.queryPort(index) : nullptr); },
             [&] { scene.iteratePorts(visit); },
-            [&] { scene.setDirectDequeue(true); },
+            [&] { scene.setKeepIndexes(number() > 0); },
         };
         pick(calls, verb);
     }

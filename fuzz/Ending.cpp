@@ -12,7 +12,7 @@
 
 namespace NSVista::NSCorvane::fuzz {
 
-jmp_buf* gEnd = nullptr;
+thread_local jmp_buf* gEnd = nullptr;
 
 namespace {
 

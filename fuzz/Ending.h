@@ -17,7 +17,7 @@ namespace NSVista::NSCorvane::fuzz {
 void prepare();
 
 /** Where a fatal line that is specified goes on: in place of the end of the process. */
-extern jmp_buf* gEnd;
+extern thread_local jmp_buf* gEnd;
 
 /**
  * Runs @p body on this thread. A fatal line that is specified ends it, and what it held is left as
