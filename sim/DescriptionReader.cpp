@@ -34,7 +34,7 @@ uint32_t readFourcc(const JsonPlace& place) {
 }
 
 std::string readNodeName(const JsonPlace& place) {
-    const std::string name = place.text(kNameText);
+    std::string name = place.text(kNameText);
     if (name.empty() || !std::all_of(name.begin(), name.end(), [](unsigned char c) {
             return isalnum(c) != 0 || c == '-' || c == '_';
         }))

@@ -227,7 +227,7 @@ private:
             return;
         if (const int r = mNode.ioctl(VIDIOC_S_FMT, &format); r < 0)
             remark("its format could not be set again", r);
-        else if (memcmp(&format.fmt, &mCurrent.fmt, sizeof(format.fmt)) != 0)
+        else if (layoutOf(format) != *mVideo.layout || fourccOf(format) != mVideo.format)
             mRemarks.emplace_back("its format could not be set again as it was");
     }
 
