@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 CORVANE_LOG_UNIT("corvane-Replay")
@@ -81,9 +82,16 @@ std::span<const size_t> Script::callsOn(size_t object) {
 }
 
 size_t Script::findByPath(record::Operation operation, const std::string& path) const {
-    for (size_t i = 0; i < mRecord.calls.size(); ++i)
-        if (!mMade[i] && call(i).operation == operation && call(i).text(false) == path)
+    // What a descriptor stands for is asked by its number, which may be another one now.
+    constexpr std::string_view kDescriptors = "/proc/self/fd/";
+    const bool isOfDescriptor = path.starts_with(kDescriptors);
+    for (size_t i = 0; i < mRecord.calls.size(); ++i) {
+        if (mMade[i] || call(i).operation != operation)
+            continue;
+        const std::string asked = call(i).text(false);
+        if (asked == path || (isOfDescriptor && asked.starts_with(kDescriptors)))
             return i;
+    }
     return kNone;
 }
 
