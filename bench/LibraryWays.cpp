@@ -43,7 +43,7 @@ public:
         if (mEndsPerRequest != 1)
             mScene.setBufferDequeuedCallback([this](const DequeuedBuffer& buffer) {
                 const size_t slot = mSlotOfFd[static_cast<size_t>(buffer.requestFd)];
-                if (mSlots[slot].endsToCome == 1)
+                if (--mSlots[slot].dequeuesToCome == 0)
                     watch.dequeued(slot);
                 cameBack(slot);
             });
@@ -76,10 +76,12 @@ private:
     struct Slot {
         std::shared_ptr<IRequest> request;
         std::atomic<size_t> endsToCome{0};
+        size_t dequeuesToCome = 0;  ///< the worker's, while the request is under way
     };
 
     void queue(size_t slot) {
         watch.queued(slot);
+        mSlots[slot].dequeuesToCome = mDevice.ports();
         mSlots[slot].endsToCome.store(mEndsPerRequest, std::memory_order_relaxed);
         for (size_t i = 0; i < mDevice.ports(); ++i) {
             const FrameBuffer& frame = mDevice.buffer(slot, i);
