@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <thread>
 
 #include "EngineTest.h"
@@ -164,6 +165,19 @@ TEST_F(ProviderTest, EndsOnFaultsOfTheProcess) {
          "No subdev path for  .mediadevice_model_name=vengine .subdevice_entity_name=. ret=1"},
     });
 }
+
+#if defined(CORVANE_CHECK_RELOCK)
+TEST_F(ProviderTest, EndsAHandlerThatDumpsTheProviderThatCallsIt) {
+    const auto dumpInside = [&] {
+        Utils::setExceptionHandler([&](const char*, const char*) { dump(); });
+        mEngine.faults().fail(sim::Call::ioctl(VIDIOC_SUBSCRIBE_EVENT), ENOMEM);
+        mProvider.acquire("AAAA");
+    };
+    // To standard error, where the death test looks.
+    EXPECT_EXIT((Utils::ULog::ULogger::install(nullptr), dumpInside()),
+                testing::KilledBySignal(SIGABRT), "locks again what it holds");
+}
+#endif
 
 TEST(EightCcTest, ComparesAllEightBytes) {
     EXPECT_EQ(EIGHTCC("ABCDEFGHI"), EIGHTCC("ABCDEFGH"));

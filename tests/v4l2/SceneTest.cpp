@@ -4,6 +4,7 @@
 #include <corvane/SceneControl.h>
 #include <corvane/SceneDesc.h>
 #include <corvane/V4L2VideoDevice.h>
+#include <corvane/platform/Service.h>
 #include <corvane/platform/TimeBomb.h>
 #include <dlfcn.h>
 #include <linux/videodev2.h>
@@ -13,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <future>
 #include <stdexcept>
@@ -548,6 +550,21 @@ TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
     });
     unsetenv("persist.vendor.kvx.camera.ulog.detailslevel");
 }
+
+#if defined(CORVANE_CHECK_RELOCK)
+TEST_F(SceneTest, EndsAHandlerThatStopsTheSceneThatCallsIt) {
+    open({0});
+    const auto stopTwice = [&] {
+        Utils::setTerminateHandler([&] { mScene->stop(); });
+        mKernel.answer(VIDIOC_STREAMOFF, -EIO);
+        mScene->start();
+        mScene->stop();
+    };
+    // To standard error, where the death test looks.
+    EXPECT_EXIT((Utils::ULog::ULogger::install(nullptr), stopTwice()),
+                testing::KilledBySignal(SIGABRT), "locks again what it holds");
+}
+#endif
 
 TEST_F(SceneTest, EndsOnConsistencyErrors) {
     open({0});
