@@ -124,7 +124,16 @@ uint32_t Negotiation::PlaneRule::stride(uint32_t width) const {
 }
 
 uint64_t Negotiation::PlaneRule::size(uint32_t stride, uint32_t height) const {
-    return alignUp(stride * (alignUp(height, heightAlign) * lines / linesBy), sizeAlign);
+    const uint64_t rows = alignUp(height, heightAlign), whole = stride * rows;
+    switch (division) {
+        case Division::HEIGHT:
+            return alignUp(stride * (rows * lines / linesBy), sizeAlign);
+        case Division::WHOLE:
+            return alignUp(whole * lines / linesBy, sizeAlign);
+        case Division::CHROMA:
+            return alignUp(whole + whole * (lines - linesBy) / (linesBy * 2) * 2, sizeAlign);
+    }
+    return 0;
 }
 
 bool Negotiation::fits(const PlaneRule& rule, size_t plane) const {
@@ -153,14 +162,19 @@ void Negotiation::learnPlane(size_t plane) {
         return;
     for (rule.sizeAlign = 1; rule.sizeAlign <= kMostAlign; rule.sizeAlign *= 2)
         for (rule.heightAlign = 1; rule.heightAlign <= 64; rule.heightAlign *= 2)
-            for (const auto& [lines, by] : kLines) {
-                rule.lines = lines;
-                rule.linesBy = by;
-                if (fits(rule, plane)) {
-                    mPlanes.push_back(rule);
-                    return;
+            for (const auto& [lines, by] : kLines)
+                for (const auto division : {PlaneRule::Division::HEIGHT, PlaneRule::Division::WHOLE,
+                                            PlaneRule::Division::CHROMA}) {
+                    if (division == PlaneRule::Division::CHROMA && lines <= by)
+                        continue;
+                    rule.lines = lines;
+                    rule.linesBy = by;
+                    rule.division = division;
+                    if (fits(rule, plane)) {
+                        mPlanes.push_back(rule);
+                        return;
+                    }
                 }
-            }
 }
 
 const AnswerDesc& Negotiation::nextLarger(uint32_t width, uint32_t height) const {

@@ -33,7 +33,9 @@ private:
 
     struct PlaneRule {
         uint32_t strideBits = 0, strideAlign = 1;  ///< bits a pixel; 0: no rule was found
-        uint32_t lines = 0, linesBy = 1;           ///< lines of size = height * lines / linesBy
+        uint32_t lines = 0, linesBy = 1;           ///< size = stride * height * lines / linesBy
+        /** What is divided: the height, or the whole, as one sum or as two chroma planes. */
+        enum class Division { HEIGHT, WHOLE, CHROMA } division = Division::HEIGHT;
         uint32_t heightAlign = 1, sizeAlign = 1;
 
         uint32_t stride(uint32_t width) const;
