@@ -143,7 +143,6 @@ struct Half {
 [[gnu::always_inline]] inline bool putBuffer(Lane& lane, const Half& half,
                                              const v4l2_buffer& buffer, bool withPlanes,
                                              size_t room) {
-    static_assert(sizeof(v4l2_plane) == 64);
     constexpr size_t kBufferSize = rounded(sizeof(buffer), 8);
     const size_t planes = withPlanes && V4L2_TYPE_IS_MULTIPLANAR(buffer.type) &&
                                   buffer.m.planes != nullptr && buffer.length <= VIDEO_MAX_PLANES
