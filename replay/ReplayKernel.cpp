@@ -657,7 +657,7 @@ int ReplayKernel::Play::readLink(const char* path, char* buffer, size_t size) {
     const int result = finish(lock, began, call);
     const std::string text = mScript.call(call).text(true);
     const size_t length = std::min(text.size(), size);
-    memcpy(buffer, text.data(), length);
+    std::copy_n(text.data(), length, buffer);
     return result < 0 ? result : static_cast<int>(length);
 }
 

@@ -262,9 +262,9 @@ std::optional<int> parseReplayOptions(const std::string& note, int argc, char** 
          begin = end + 1)
         words.push_back(note.substr(begin, end - begin));
     words.insert(words.end(), argv + 1, argv + argc);
-    std::vector<char*> pointers;
-    for (std::string& word : words)
-        pointers.push_back(word.data());
+    std::vector<char*> pointers(words.size());
+    std::transform(words.begin(), words.end(), pointers.begin(),
+                   [](std::string& word) { return word.data(); });
     return parse(static_cast<int>(pointers.size()), pointers.data(), true, options);
 }
 
