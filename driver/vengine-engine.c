@@ -381,7 +381,8 @@ static void vengine_draw(struct vengine *engine, struct vengine_run *run)
 
 /*
  * With hold, a fault may keep the request that completes from being reinitialised. The control
- * framework allocates under the locks that it takes, so controls stay outside the way to the fences.
+ * framework allocates under the locks that it takes, so controls stay outside the way to the
+ * fences.
  */
 static void vengine_process(struct vengine *engine, struct vengine_run *run, bool hold)
 {

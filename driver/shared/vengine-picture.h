@@ -196,7 +196,8 @@ struct vengine_test {
 
 static inline struct vengine_test vengine_test_of(__u32 width, __u32 height, __u32 frame)
 {
-	struct vengine_test t = { width, height, frame, (width < height ? width : height) / 4, 0, 0 };
+	__u32 least = width < height ? width : height;
+	struct vengine_test t = { width, height, frame, least / 4, 0, 0 };
 	__u32 span_x = width - t.side, span_y = height - t.side;
 
 	t.at_x = frame * 4 % (2 * span_x);
