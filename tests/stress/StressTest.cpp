@@ -448,6 +448,7 @@ TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
             });
         };
         std::vector<std::thread> threads;
+        threads.reserve(workers.size() + 5);
         for (const auto& worker : workers)
             threads.push_back(untilOver([&worker] { worker->live(); }));
         for (SessionWorker& session : sessions)
