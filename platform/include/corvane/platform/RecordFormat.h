@@ -10,8 +10,9 @@
  * of old ones: a reader orders them by their sequence.
  *
  * A call is two events: one before it and one after. A call that never returned has the first
- * alone. The first has what the kernel reads, the second what it may have written; of a queued buffer
- * the planes are in the first alone, of a dequeued one everything is in the second. Arguments are raw, as the calling program laid them out; FileHead tells its word size and
+ * alone. The first has what the kernel reads, the second what it may have written; of a queued
+ * buffer the planes are in the first alone, of a dequeued one everything is in the second.
+ * Arguments are raw, as the calling program laid them out; FileHead tells its word size and
  * alignment.
  */
 #pragma once
