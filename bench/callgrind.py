@@ -86,15 +86,17 @@ class Profile:
                 if not (os.path.basename(where) == program and HARNESS.search(name))]
 
 
-def profiles(command, environment=None):
+def profiles(command, environment=None, first_thread_only=False):
     """Profiles of a program between its marks, one for each pair of neighbours."""
     with tempfile.TemporaryDirectory() as folder:
         subprocess.run(
             ["valgrind", "--tool=callgrind", f"--callgrind-out-file={folder}/part",
-             f"--dump-before={MARK}", "--combine-dumps=no", *command],
+             f"--dump-before={MARK}", "--combine-dumps=no",
+             f"--separate-threads={'yes' if first_thread_only else 'no'}", *command],
             check=True, capture_output=True, text=True, env={**os.environ, **(environment or {})})
-        parts = sorted((name for name in os.listdir(folder) if re.fullmatch(r"part\.\d+", name)),
-                       key=lambda name: int(name.rpartition(".")[2]))
+        wanted = re.compile(r"part\.(\d+)-01" if first_thread_only else r"part\.(\d+)")
+        parts = sorted(filter(wanted.fullmatch, os.listdir(folder)),
+                       key=lambda name: int(wanted.fullmatch(name)[1]))
         texts = []
         for part in parts:
             with open(os.path.join(folder, part)) as file:

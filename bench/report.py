@@ -102,8 +102,17 @@ def looking(results):
           entry["allocations"]] for entry in results])
 
 
+def watched(results):
+    plain = results["nothing"]["instructions"]
+    return table(
+        ["what watches", "instructions", "more than without", "events", "each", "allocations"],
+        [[name, entry["instructions"], entry["instructions"] - plain, entry.get("events", 0),
+          (entry["instructions"] - plain) / entry["events"] if "events" in entry else 0,
+          entry["allocations"]] for name, entry in results.items()])
+
+
 SECTIONS = {"library": library, "growth": growth, "device": device, "profile": profile,
-            "looking": looking}
+            "looking": looking, "watched": watched}
 
 TEXTS = {
     "library": ("The library alone",
@@ -122,7 +131,12 @@ TEXTS = {
     "profile": ("Profile",
                 "The same driver, one in flight: a plugin of QEMU's counts each block that is "
                 "executed. What is outside\nof the process's objects is the kernel's."),
-    "looking": ("Looking", "A log to a file in memory, a timeline to one, or the kernel's marker."),
+    "looking": ("Looking", "A log to a file in memory, a timeline to one, the kernel's marker, or "
+                           "a record of all calls."),
+    "watched": ("Watched, on the request's thread",
+                "One port over a kernel that does nothing, by callgrind: what the thread of the "
+                "requests spends on each\nevent of a timeline and each call of a record. Another "
+                "thread writes the file."),
 }
 
 
