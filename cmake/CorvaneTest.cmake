@@ -46,6 +46,6 @@ function(corvane_vm_test name module)
         set(module ${PROJECT_BINARY_DIR}/driver/vengine.ko)
     endif()
     add_test(NAME vm.${name} WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
-        COMMAND ${PROJECT_SOURCE_DIR}/tools/vm/run --module ${module} ${ARGN})
+        COMMAND ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/../tools/vm/run --module ${module} ${ARGN})
     set_tests_properties(vm.${name} PROPERTIES LABELS vm TIMEOUT 400)
 endfunction()

@@ -156,6 +156,10 @@ struct Failure {
     size_t ports;
 };
 
+void PrintTo(const Failure& failure, std::ostream* out) {
+    *out << failure.name;
+}
+
 class ReplayedFailure : public ReplayTest, public testing::WithParamInterface<Failure> {};
 
 TEST_P(ReplayedFailure, FailsTheSameWayAgain) {
