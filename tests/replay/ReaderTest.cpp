@@ -122,6 +122,10 @@ struct Foreign {
     size_t timeSize, size;
 };
 
+void PrintTo(const Foreign& machine, std::ostream* out) {
+    *out << machine.what;
+}
+
 class ForeignRecord : public testing::TestWithParam<Foreign> {};
 
 TEST_P(ForeignRecord, IsReadByNameAndField) {
