@@ -25,7 +25,7 @@ void RequestRoll::remove(const Request& request) noexcept {
 
 void RequestRoll::dropReturned() {
     mEntries.remove_if([](const Entry& entry) {
-        return entry.request == nullptr && entry.callback.load(std::memory_order_relaxed) == 0;
+        return entry.request == nullptr && entry.callback.load(std::memory_order_acquire) == 0;
     });
 }
 

@@ -441,7 +441,7 @@ void Scene::requestDone(Request* request, int* portIndexes, unsigned long count)
     std::atomic<uint32_t>& mark = *request->mCallback;
     mark.store(request->mNumber.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     mRequestDoneCallback(request);
-    mark.store(0, std::memory_order_relaxed);
+    mark.store(0, std::memory_order_release);  // the roll may drop it now
 }
 CORVANE_NO_THROW
 
