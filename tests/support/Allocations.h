@@ -19,11 +19,15 @@ inline std::atomic<bool> noMemory{false};
 }  // namespace NSVista::NSCorvane::test
 
 // Not inlined: the compiler would see memory of operator new go to free(), and warn.
-[[gnu::noinline]] void* operator new(size_t size) {
+[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
     NSVista::NSCorvane::test::allocations.fetch_add(1, std::memory_order_relaxed);
-    void* const memory =
-        NSVista::NSCorvane::test::noMemory ? nullptr : malloc(size != 0 ? size : 1);
-    if (memory != nullptr)
+    return NSVista::NSCorvane::test::noMemory ? nullptr : malloc(size != 0 ? size : 1);
+}
+[[gnu::noinline]] void* operator new[](size_t size, const std::nothrow_t& nothrow) noexcept {
+    return operator new(size, nothrow);
+}
+[[gnu::noinline]] void* operator new(size_t size) {
+    if (void* const memory = operator new(size, std::nothrow))
         return memory;
     throw std::bad_alloc();
 }
