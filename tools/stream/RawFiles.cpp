@@ -104,7 +104,7 @@ bool FrameReader::open(const std::string& path, const NodePort& port, const Pixe
     }
     mFrameBytes = frameBytes(format);
     const auto size = static_cast<size_t>(info.st_size);
-    if (size != 0 && size % mFrameBytes == 0)
+    if (size != 0 && mFrameBytes != 0 && size % mFrameBytes == 0)
         return true;
     say("%s: %zu bytes are no whole frames of %s: %s %s takes %zu", path.c_str(), size,
         port.entity.c_str(), v4l2::formatName(format.format).c_str(), sizeText(format).c_str(),
