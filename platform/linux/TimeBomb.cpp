@@ -178,7 +178,7 @@ std::shared_ptr<TimeBomb> TimeBomb::makeUnarmed(const char* name, unsigned long 
 CORVANE_NO_THROW
 
 std::shared_ptr<TimeBomb> TimeBomb::watch(const char* name, unsigned long first, Look look) try {
-    const auto shared = makeUnarmed(name, first, 0);
+    auto shared = makeUnarmed(name, first, 0);
     shared->mLook = std::move(look);
     registerTimeBomb(shared);
     return shared;
