@@ -27,6 +27,8 @@ function(corvane_test_program name)
     add_executable(${name} ${ARGN})
     target_compile_options(${name} PRIVATE $<$<NOT:$<CONFIG:Release>>:-O0>)
     target_link_libraries(${name} PRIVATE corvane_build corvane_test_support GTest::gtest_main)
+    corvane_precompile(${name} corvane_headers_gmock <gmock/gmock.h> <gtest/gtest.h>
+        <condition_variable> <mutex> <thread> <unordered_map>)
 endfunction()
 
 # corvane_test(NAME SOURCES...): the same, whose tests run on this machine.
