@@ -7,18 +7,15 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
-#include <thread>
 
+#include "BackgroundWriter.h"
 #include "FilePattern.h"
-#include "Immortal.h"
 #include "PropertyText.h"
-#include "QuietThread.h"
 #include "RecordClock.h"
 #include "RecordFile.h"
 #include "RecordKernel.h"
@@ -28,10 +25,10 @@ CORVANE_LOG_UNIT("corvane-Record")
 
 namespace NSVista::NSCorvane::record {
 
+constinit ThreadRings<Lane> gLanes;
+
 namespace {
 
-constexpr std::chrono::milliseconds kPeriod{10};
-constexpr std::chrono::seconds kFlushPatience{2};
 constexpr uint64_t kDefaultLimit = uint64_t{256} << 20;
 constexpr size_t kRun = size_t{64} * 1024;
 static_assert(kRun + Lane::kBytes <= kChunkMost);
@@ -39,13 +36,16 @@ static_assert(kRun + Lane::kBytes <= kChunkMost);
 /** One record after the other; a thread of its own writes them. Never destroyed. */
 class Recorder {
 public:
+    /** @param parents the one of the process that this one was forked from; kept, not used. */
+    explicit Recorder(const Recorder* parents) : mParents(parents) {}
+
     int start(const std::string& path, const std::string& note);
     void stop();
-    void flush();
+    void flush() { mWriter.flush(); }
     Status status() const;
 
-    /** The process that records; a forked child has no writer. */
-    bool isOwner() const { return mPid == getpid(); }
+    bool isRunning() const { return mWriter.isRunning(); }
+    bool isForked() const { return mPid != getpid(); }
 
 private:
     /** What the writer knows of the thread behind a lane. */
@@ -56,30 +56,26 @@ private:
         uint64_t lostBefore = 0;
     };
 
-    void run();
+    using Turn = BackgroundWriter::Turn;
+
+    void work(Turn turn);
     void drain();
     void tellTimes(char* events, size_t size) const;
     void describe(Thread& thread, const Lane& lane);
     void write(const Thread& thread, const Lane& lane, const char* events, size_t size);
 
+    [[maybe_unused]] const Recorder* const mParents;
+    const pid_t mPid = getpid();
     RecordKernel mKernel;
-    std::thread mThread;
-    std::atomic<pid_t> mPid{0};
-    std::atomic<bool> mRunning{false};
+    BackgroundWriter mWriter;
     std::atomic<int> mError{0};
     std::atomic<uint64_t> mBytes{0};
     std::atomic<uint64_t> mLostBefore{0};
-    Mutex mLock;
-    std::condition_variable mWished;
-    std::condition_variable mDone;
-    uint64_t mFlushWishes CORVANE_GUARDED_BY(mLock) = 0;
-    uint64_t mFlushes CORVANE_GUARDED_BY(mLock) = 0;
-    bool mEnding CORVANE_GUARDED_BY(mLock) = false;
 
     // The writer's own from here on; start() sets it up before the writer runs.
     RecordFile mFile;
     StampReader mStamps;
-    Thread mThreads[Lanes::kCount];
+    Thread mThreads[gLanes.kCount];
     uint32_t mLastNumber = 0;
 };
 
@@ -92,41 +88,29 @@ int Recorder::start(const std::string& path, const std::string& note) {
         return result;
     [[maybe_unused]] static const bool chosen = (chooseStamps(), true);
     mStamps.start();
-    gLanes.begin();
+    gLanes.clear();
     mLostBefore = gLanes.lost();
     for (Thread& thread : mThreads)
         thread = {};
     mLastNumber = 0;
     mBytes = 0;
     mError = 0;
-    {
-        const MutexLock lock(mLock);
-        mEnding = false;
-    }
-    mThread = startQuietThread("RecordWriter", [this] { run(); });
-    if (!mThread.joinable()) {
+    const int started = mWriter.start("RecordWriter", [this](Turn turn) { work(turn); });
+    if (started != 0) {
         mFile.close();
-        return -EAGAIN;
+        return started;
     }
-    mPid = getpid();
-    mRunning = true;
     mKernel.setOn(true);
     System::wrapKernel(&mKernel);
     return 0;
 }
 
 void Recorder::stop() {
-    if (!mThread.joinable() || !isOwner())
+    if (!isRunning())
         return;
     System::wrapKernel(nullptr);
     mKernel.setOn(false);
-    {
-        const MutexLock lock(mLock);
-        mEnding = true;
-        mWished.notify_one();
-    }
-    mThread.join();
-    mRunning = false;
+    mWriter.stop();
     const uint64_t lost = status().lost;
     if (lost != 0)
         CORVANE_LOGW("%llu calls did not fit and are missing in the record",
@@ -135,40 +119,15 @@ void Recorder::stop() {
         CORVANE_LOGW("The record reached its limit: its middle was overwritten");
 }
 
-void Recorder::flush() {
-    if (!mRunning || !isOwner())
-        return;
-    MutexLock lock(mLock);
-    const uint64_t wish = ++mFlushWishes;
-    mWished.notify_one();
-    const auto patience = std::chrono::steady_clock::now() + kFlushPatience;
-    while (mFlushes < wish && !mEnding &&
-           mDone.wait_until(lock.native(), patience) != std::cv_status::timeout) {
-    }
-}
-
 Status Recorder::status() const {
     const int error = mError;
-    return {mRunning && error == 0, error, mBytes, gLanes.lost() - mLostBefore};
+    return {isRunning() && error == 0, error, mBytes, gLanes.lost() - mLostBefore};
 }
 
-void Recorder::run() {
-    MutexLock lock(mLock);
-    for (;;) {
-        const uint64_t wishes = mFlushWishes;
-        const bool ending = mEnding;
-        lock.unlock();
-        drain();
-        if (ending)
-            mFile.close();
-        lock.lock();
-        mFlushes = wishes;
-        mDone.notify_all();
-        if (ending)
-            return;
-        if (!mEnding && mFlushWishes == wishes)
-            mWished.wait_for(lock.native(), kPeriod);
-    }
+void Recorder::work(Turn turn) {
+    drain();
+    if (turn == Turn::Last)
+        mFile.close();
 }
 
 void Recorder::drain() {
@@ -234,10 +193,17 @@ void Recorder::write(const Thread& thread, const Lane& lane, const char* events,
 }
 
 constinit Mutex gLock;  ///< one start or stop at a time
+constinit std::atomic<Recorder*> gRecorder{nullptr};
 
-Recorder& recorder() {
-    static Immortal<Recorder> one;
-    return *one;
+/** This process's own: a forked child has no use for its parent's. @return null without memory. */
+Recorder* ownRecorder() CORVANE_REQUIRES(gLock) {
+    Recorder* recorder = gRecorder;
+    if (recorder != nullptr && !recorder->isForked())
+        return recorder;
+    recorder = new (std::nothrow) Recorder(recorder);
+    if (recorder != nullptr)
+        gRecorder = recorder;
+    return recorder;
 }
 
 /** Takes the configured file. */
@@ -257,30 +223,33 @@ bool loadState() {
 
 int start(const char* path, const char* note) {
     const MutexLock lock(gLock);
-    const bool isWanted = path != nullptr && *path != '\0' && strcmp(path, "none") != 0;
-    if (!isWanted && !recorder().status().running)
-        return 0;
-    recorder().stop();
-    if (!isWanted)
+    if (Recorder* const before = gRecorder)
+        before->stop();
+    if (path == nullptr || *path == '\0' || strcmp(path, "none") == 0)
         return 0;
     [[maybe_unused]] static const int registered = std::atexit([] { stop(); });
-    return recorder().start(filePath(path), note != nullptr ? note : "");
+    Recorder* const recorder = ownRecorder();
+    return recorder != nullptr ? recorder->start(filePath(path), note != nullptr ? note : "")
+                               : -ENOMEM;
 }
 
 void stop() {
     // A forked child may have been made while another thread held the lock.
-    if (!recorder().isOwner())
+    const Recorder* const recorder = gRecorder;
+    if (recorder == nullptr || !recorder->isRunning())
         return;
     const MutexLock lock(gLock);
-    recorder().stop();
+    gRecorder.load()->stop();
 }
 
 void flush() {
-    recorder().flush();
+    if (Recorder* const recorder = gRecorder)
+        recorder->flush();
 }
 
 Status status() {
-    return recorder().status();
+    const Recorder* const recorder = gRecorder;
+    return recorder != nullptr ? recorder->status() : Status{};
 }
 
 }  // namespace NSVista::NSCorvane::record

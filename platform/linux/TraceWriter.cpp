@@ -1,22 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
-#include <corvane/platform/Mutex.h>
 #include <corvane/platform/Properties.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <chrono>
 #include <cinttypes>
-#include <condition_variable>
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <thread>
 
-#include "QuietThread.h"
+#include "BackgroundWriter.h"
 #include "TraceBackend.h"
 #include "TraceFile.h"
 #include "TraceRing.h"
@@ -28,9 +24,6 @@ namespace NSVista::NSCorvane::trace {
 namespace {
 
 constexpr size_t kPiece = size_t{256} * 1024;
-/** A ring of 512 kB holds what a thread traces in this time at 50 MB a second. */
-constexpr std::chrono::milliseconds kPeriod{10};
-constexpr std::chrono::seconds kFlushPatience{2};
 constexpr uint64_t kDefaultLimit = uint64_t{1} << 30;
 
 /** Events as text. */
@@ -51,7 +44,7 @@ public:
         quote(program_invocation_short_name);
         mText += "}}";
     }
-    void event(int tid, const Ring::Record& record, const char* name) {
+    void event(int tid, const Record& record, const char* name) {
         switch (record.kind) {
             case Kind::Begin:
                 begin('B', tid, record.ns);
@@ -110,7 +103,7 @@ private:
         mText += key;
         number(value);
     }
-    void named(std::string_view key, const Ring::Record& record, const char* name) {
+    void named(std::string_view key, const Record& record, const char* name) {
         mText += key;
         quote({name, record.length});
     }
@@ -160,11 +153,11 @@ public:
     int start(const std::string& path);
 
     void event(Kind kind, const char* name, int32_t value) override {
-        Rings::instance().put(kind, name, value);
+        gRings.put(kind, name, value);
     }
-    void nameThread(const char* name) override { Rings::instance().nameThread(name); }
-    void flush() override;
-    void finish() override;
+    void nameThread(const char* name) override { gRings.nameThread(name); }
+    void flush() override { mWriter.flush(); }
+    void finish() override { mWriter.stop(); }
 
 private:
     /** What the writer knows of the thread behind a ring. */
@@ -173,9 +166,11 @@ private:
         size_t depth = 0;  ///< open sections
     };
 
-    void run();
+    using Turn = BackgroundWriter::Turn;
+
+    void work(Turn turn);
     void drain();
-    void take(Thread& thread, const Ring::Record& record, const char* name);
+    void take(Thread& thread, const Record& record, const char* name);
     void closeSections(Thread& thread, int64_t ns);
     bool limitReached() const;
     void writePiece();
@@ -183,14 +178,7 @@ private:
     void tellLost();
 
     [[maybe_unused]] const FileBackend* const mParents;
-    std::thread mThread;
-    int mPid = 0;
-    Mutex mLock;
-    std::condition_variable mWished;
-    std::condition_variable mDone;
-    uint64_t mFlushWishes CORVANE_GUARDED_BY(mLock) = 0;
-    uint64_t mFlushes CORVANE_GUARDED_BY(mLock) = 0;
-    bool mEnding CORVANE_GUARDED_BY(mLock) = false;
+    BackgroundWriter mWriter;
 
     // The writer's own from here on; start() sets it up before the writer runs.
     TraceFile mFile;
@@ -203,87 +191,44 @@ private:
 };
 
 int FileBackend::start(const std::string& path) {
-    if (!Rings::instance().prepare())
+    if (!gRings.prepare())
         return -ENOMEM;
     if (const int result = mFile.open(path); result != 0)
         return result;
     mLimit = Utils::Properties::property_get_uint64("persist.vendor.camera.corvane.tracelimit",
                                                     kDefaultLimit);
-    mPid = getpid();
-    mPending.head(mPid);
+    mPending.head(getpid());
     const int result = mFile.append(mPending.text());
     mPending.clear();
     if (result != 0) {
         mFile.close();
         return result;
     }
-    Rings::instance().begin();
-    mLostBefore = Rings::instance().lost();
+    gRings.begin();
+    mLostBefore = gRings.lost();
     std::fill(std::begin(mThreads), std::end(mThreads), Thread{});
     mOpen = 0;
     mEnded = false;
-    {
-        const MutexLock lock(mLock);
-        mEnding = false;
-    }
-    mThread = startQuietThread("TraceWriter", [this] { run(); });
-    if (mThread.joinable())
-        return 0;
-    mFile.close();
-    return -EAGAIN;
+    const int started = mWriter.start("TraceWriter", [this](Turn turn) { work(turn); });
+    if (started != 0)
+        mFile.close();
+    return started;
 }
 
-void FileBackend::flush() {
-    if (getpid() != mPid)
-        return;  // a forked child leaves the file to its parent
-    MutexLock lock(mLock);
-    const uint64_t wish = ++mFlushWishes;
-    mWished.notify_one();
-    const auto patience = std::chrono::steady_clock::now() + kFlushPatience;
-    while (mFlushes < wish &&
-           mDone.wait_until(lock.native(), patience) != std::cv_status::timeout) {
-    }
-}
-
-void FileBackend::finish() {
-    if (getpid() != mPid)
-        return;
-    {
-        const MutexLock lock(mLock);
-        mEnding = true;
-        mWished.notify_one();
-    }
-    mThread.join();
-}
-
-void FileBackend::run() {
-    MutexLock lock(mLock);
-    for (;;) {
-        const uint64_t wishes = mFlushWishes;
-        const bool ending = mEnding;
-        const bool flushing = mFlushes != wishes;
-        lock.unlock();
-        drain();
-        if (flushing)
-            writePiece();
-        if (ending) {
-            end(nullptr);
-            mFile.close();
-        }
-        lock.lock();
-        mFlushes = wishes;
-        mDone.notify_all();
-        if (ending)
-            return;
-        if (!mEnding && mFlushWishes == wishes)
-            mWished.wait_for(lock.native(), kPeriod);
+void FileBackend::work(Turn turn) {
+    drain();
+    if (turn == Turn::Flush)
+        writePiece();
+    if (turn == Turn::Last) {
+        end(nullptr);
+        mFile.close();
     }
 }
 
 void FileBackend::drain() {
-    Rings::instance().forEach([this](size_t index, Ring& ring, bool left) {
+    gRings.forEach([this](size_t index, Ring& ring, bool left) {
         Thread& thread = mThreads[index];
-        ring.drain([&](const Ring::Record& record, const char* name) {
+        ring.drain([&](const Record& record, const char* name) {
             if (!mEnded)
                 take(thread, record, name);
         });
@@ -294,7 +239,7 @@ void FileBackend::drain() {
     });
 }
 
-void FileBackend::take(Thread& thread, const Ring::Record& record, const char* name) {
+void FileBackend::take(Thread& thread, const Record& record, const char* name) {
     if (record.kind == kThreadName) {
         thread.tid = record.value;
         mPending.threadName(thread.tid, {name, record.length});
@@ -359,7 +304,7 @@ void FileBackend::end(const char* mark) {
 }
 
 void FileBackend::tellLost() {
-    const uint64_t lost = Rings::instance().lost() - mLostBefore;
+    const uint64_t lost = gRings.lost() - mLostBefore;
     if (lost == 0)
         return;
     const std::string text = std::to_string(lost) + " events did not fit and are missing";

@@ -108,6 +108,26 @@ TEST_F(RecordTest, HoldsACallThatNeverReturnsAndWhatAKilledProcessLeaves) {
                 ElementsAre(HasSubstr("/dev/video0"), testing::EndsWith("<unfinished ...>")));
 }
 
+TEST_F(RecordTest, AForkedChildRecordsOnItsOwn) {
+    const std::string childs = mPath + "-child";
+    ASSERT_EQ(record::start(mPath.c_str()), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const int result = record::start(childs.c_str());
+        System::Open("/childs", O_RDONLY, 1);
+        record::stop();
+        _exit(-result);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    System::Open("/parents", O_RDONLY, 1);
+    record::stop();
+    EXPECT_THAT(textsOf(replay::loadRecord(childs)), ElementsAre(HasSubstr("/childs")));
+    EXPECT_THAT(textsOf(replay::loadRecord(mPath)), ElementsAre(HasSubstr("/parents")));
+    unlink(childs.c_str());
+}
+
 TEST_F(RecordTest, GoesRoundAtItsLimitAndKeepsTheBeginning) {
     NSVista::Utils::Properties::property_set("persist.vendor.camera.corvane.recordlimit",
                                              "4194304");
