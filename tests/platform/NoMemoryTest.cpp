@@ -44,7 +44,7 @@ TEST(NoMemory, EndsOperationsWithAFatalLine) {
     };
     for (const auto& [operation, call] : cases) {
         const auto withoutMemory = [&call = call, &ring] {
-            noMemory = true;
+            mayAllocate = [] { return false; };
             Utils::ULog::ULogger::install(&ring);  // loses its lines
             call();
         };
@@ -56,12 +56,12 @@ TEST(NoMemory, EndsOperationsWithAFatalLine) {
 }
 
 TEST(NoMemory, LeavesSystemCallsAlone) {
-    noMemory = true;
+    mayAllocate = [] { return false; };
     const int fd = System::Open("/dev/null", 0, 0);
     const int closed = System::Close(fd, 0);
     int value = 0;
     const int refused = System::Ioctl(-1, 0, &value, 3);
-    noMemory = false;
+    mayAllocate = nullptr;
     EXPECT_GE(fd, 0);
     EXPECT_EQ(closed, 0);
     EXPECT_EQ(refused, -EBADF);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
  * @file
- * Counts every operator new of the process, and can let all fail. Included by one source of a
+ * Counts every operator new of the process, and can let some fail. Included by one source of a
  * program.
  */
 #pragma once
@@ -14,14 +14,19 @@
 namespace NSVista::NSCorvane::test {
 
 inline std::atomic<uint64_t> allocations{0};
-inline std::atomic<bool> noMemory{false};
+/** Says of each allocation whether it succeeds; null: all do. */
+inline std::atomic<bool (*)()> mayAllocate{nullptr};
 
 }  // namespace NSVista::NSCorvane::test
 
 // Not inlined: the compiler would see memory of operator new go to free(), and warn.
 [[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    NSVista::NSCorvane::test::allocations.fetch_add(1, std::memory_order_relaxed);
-    return NSVista::NSCorvane::test::noMemory ? nullptr : malloc(size != 0 ? size : 1);
+    using namespace NSVista::NSCorvane;
+    test::allocations.fetch_add(1, std::memory_order_relaxed);
+    const auto mayAllocate = test::mayAllocate.load(std::memory_order_relaxed);
+    if (mayAllocate != nullptr && !mayAllocate())
+        return nullptr;
+    return malloc(size != 0 ? size : 1);
 }
 [[gnu::noinline]] void* operator new[](size_t size, const std::nothrow_t& nothrow) noexcept {
     return operator new(size, nothrow);

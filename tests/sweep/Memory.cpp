@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <new>
+
+#include "support/Allocations.h"
 
 namespace NSVista::NSCorvane::test::memory {
 
@@ -24,9 +24,7 @@ bool mayHave() {
     return failing == 0 || (sAndLater ? nth < failing : nth != failing);
 }
 
-void* allocate(size_t size) noexcept {
-    return mayHave() ? malloc(size != 0 ? size : 1) : nullptr;
-}
+[[maybe_unused]] const bool kAsked = (mayAllocate = mayHave, true);
 
 }  // namespace
 
@@ -56,33 +54,3 @@ uint64_t count() {
 }
 
 }  // namespace NSVista::NSCorvane::test::memory
-
-using NSVista::NSCorvane::test::memory::allocate;
-
-// Not inlined: the compiler would see memory of operator new go to free(), and warn.
-[[gnu::noinline]] void* operator new(size_t size) {
-    if (void* memory = allocate(size))
-        return memory;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void* operator new[](size_t size) {
-    return operator new(size);
-}
-[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-[[gnu::noinline]] void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    free(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory) noexcept {
-    free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-    free(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory, size_t) noexcept {
-    free(memory);
-}
