@@ -245,7 +245,8 @@ TEST_F(TraceTest, CountsWhatDoesNotFit) {
     atrace_begin_body("open");
     for (int i = 0; i < 3000; ++i)
         atrace_int_body(name.c_str(), i);  // twice what a buffer holds, and more
-    usleep(100000);
+    for (int i = 0; i < 1000 && std::filesystem::file_size(mPath) < 500000; ++i)
+        usleep(10000);
     { TraceSection section(5, "after"); }
     atrace_end_body();
     trace::stop();
