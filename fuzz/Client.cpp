@@ -242,15 +242,9 @@ private:
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::prepare();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Bytes bytes(data, size);
-    sim::VirtualEngine engine;
-    fuzz::completeAtOnce(engine);
+    fuzz::QuickEngine engine;
     const sim::ScopedKernel installed(engine);
     auto* const client = new Client(bytes);
     // What a client or a fatal line leaves is not taken down, but for the threads.

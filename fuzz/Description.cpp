@@ -1,17 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Descriptions of devices as a file holds them. What is read can be written and read again.
 #include <corvane/sim/DescriptionFile.h>
+#include <corvane/sim/Engine.h>
 
 #include <cstdlib>
 
-#include "World.h"
-
 using namespace NSVista::NSCorvane;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::prepare();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string error;

@@ -76,17 +76,20 @@ private:
 
 }  // namespace
 
-void prepare() {
-    static Discarding log;
+}  // namespace NSVista::NSCorvane::fuzz
+
+using namespace NSVista;
+using namespace NSVista::NSCorvane;
+
+/** Nothing that is logged is shown, but all of it is formatted; no report ends the process. */
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    static fuzz::Discarding log;
     Utils::ULog::ULogger::install(&log);
     Utils::ULog::ULogger::sDetailsLevel = 6;
     Utils::setExceptionHandler([](const char*, const char*) {});
     Utils::setTerminateHandler([] {});
+    return 0;
 }
-
-}  // namespace NSVista::NSCorvane::fuzz
-
-using namespace NSVista::NSCorvane;
 
 /** In place of the platform's: the libraries find this one first. */
 extern "C" [[gnu::visibility("default")]] void __android_log_assert(const char*, const char* tag,

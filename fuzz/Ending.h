@@ -13,9 +13,6 @@
 
 namespace NSVista::NSCorvane::fuzz {
 
-/** Nothing that is logged is shown, but all of it is formatted; no report ends the process. */
-void prepare();
-
 /** Where a fatal line that is specified goes on: in place of the end of the process. */
 extern thread_local jmp_buf* gEnd;
 

@@ -148,15 +148,9 @@ void useSubDevice() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::prepare();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Bytes bytes(data, size);
-    sim::VirtualEngine engine;
-    fuzz::completeAtOnce(engine);
+    fuzz::QuickEngine engine;
     fuzz::EditingKernel kernel(engine, bytes);
     const sim::ScopedKernel installed(kernel);
     auto* const world = new World;

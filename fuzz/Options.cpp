@@ -37,11 +37,6 @@ void readFrames(fuzz::Bytes& bytes) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::prepare();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Bytes bytes(data, size);
     if (bytes.take() % 4 == 0) {

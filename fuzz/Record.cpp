@@ -4,7 +4,8 @@
 #include <corvane/replay/RecordReader.h>
 #include <corvane/replay/Story.h>
 
-#include "World.h"
+#include <cstring>
+#include <vector>
 
 using namespace NSVista::NSCorvane;
 
@@ -31,11 +32,6 @@ void mend(std::vector<uint8_t>& bytes, size_t at) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::prepare();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<uint8_t> bytes(data, data + size);

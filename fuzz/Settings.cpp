@@ -70,11 +70,6 @@ void useTrace(fuzz::Bytes& bytes, const std::string& path) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::prepare();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string path = "/tmp/corvane-fuzz-trace-" + std::to_string(getpid());
     fuzz::Bytes bytes(data, size);
