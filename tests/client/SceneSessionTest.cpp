@@ -32,15 +32,6 @@ using testing::IsEmpty;
 
 constexpr const char kModeProperty[] = "persist.vendor.camera.corvane.V4L2BufferMonitor.configmode";
 
-/** A memory file of less than what was asked for. */
-class MeanSource : public IDmaBufSource {
-public:
-    int allocate(size_t size, DmaBuf& buffer) override {
-        return makeMemoryFileSource()->allocate(size - 1, buffer);
-    }
-    std::string toString() const override { return "a mean source"; }
-};
-
 /** The engine, with an eye on what the library asks of it. */
 class SpiedEngine : public sim::VirtualEngine {
 public:
@@ -124,55 +115,6 @@ protected:
     std::shared_ptr<IMediaDevice> mMedia;  ///< of the last session, outlives it
     int mTerminations = 0;
 };
-
-/** One thing a client gets wrong when it opens a session, and what it is told. */
-struct Mistake {
-    const char* what;
-    void (*make)(SessionDesc&);
-    int error;
-    const char* line;
-};
-
-TEST_F(SceneSessionTest, AMistakeInTheDescriptionIsOneLineThatNamesIt) {
-    const Mistake mistakes[] = {
-        {"no ports", [](auto& d) { d.ports.clear(); }, -EINVAL, "1 to 60 ports, not 0"},
-        {"no buffers", [](auto& d) { d.buffers = 0; }, -EINVAL, "1 to 64 buffers a port, not 0"},
-        {"65 buffers", [](auto& d) { d.buffers = 65; }, -EINVAL, "buffers a port, not 65"},
-        {"too many", [](auto& d) { d.buffers = 33; }, -ENOMEM,
-         "vengine-main grants 32 buffers, not 33"},
-        {"index twice", [](auto& d) { d.ports[1].index = 0; }, -EINVAL,
-         "ports \"vengine-main\" and \"vengine-input\" have the same index 0"},
-        {"entity twice", [](auto& d) { d.ports[1].entity = "vengine-main"; }, -EINVAL,
-         "use the same entity \"vengine-main\""},
-        {"no such entity", [](auto& d) { d.ports[1].entity = "nobody"; }, -EINVAL,
-         "port \"vengine-input\": the device has no entity \"nobody\""},
-        {"no such link", [](auto& d) { d.links[0].sinkEntity = "nobody"; }, -EINVAL,
-         "link vengine-core:0 to nobody:0: the device has no such sink entity"},
-        {"wrong pads", [](auto& d) { d.links[0].sinkPad = 7; }, -EINVAL,
-         "link vengine-core:0 to vengine-main:7: the device has no link between these pads"},
-        {"wrapping layout", [](auto& d) { d.layout.guard = ~0U; }, -EOVERFLOW, "Value too large"},
-    };
-    for (const Mistake& mistake : mistakes) {
-        SCOPED_TRACE(mistake.what);
-        SessionDesc desc = describe(2);
-        mistake.make(desc);
-        int error = 0;
-        EXPECT_EQ(open(desc, error), nullptr);
-        EXPECT_EQ(error, mistake.error);
-        EXPECT_EQ(mEngine.openFiles(), 0U);
-        EXPECT_EQ(mEngine.device().linkFlags(VENGINE_CORE_ENTITY, 0, "vengine-main", 0), 0);
-        EXPECT_THAT(takeLines(), ElementsAre(HasSubstr(mistake.line)));
-    }
-    int error = 0;
-    EXPECT_EQ(SceneSession::open(describe(1), nullptr, *mSource, error), nullptr);
-    EXPECT_THAT(takeLines(), ElementsAre(HasSubstr("there is no media device")));
-    mSource = std::make_unique<MeanSource>();
-    EXPECT_EQ(open(describe(1), error), nullptr);
-    EXPECT_EQ(error, -EINVAL);
-    EXPECT_THAT(
-        takeLines(),
-        testing::Contains(HasSubstr("a mean source has 1727 bytes, the format asks for 1728")));
-}
 
 TEST_F(SceneSessionTest, ARefusedCallWhileOpeningIsUndone) {
     // A busy device is met before anything that ends the service when it is refused.

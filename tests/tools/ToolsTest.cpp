@@ -75,59 +75,6 @@ TEST_F(ToolsTest, SaysWhyARunStalls) {
     EXPECT_THAT(stalled.output, HasSubstr("no request completed for 1 s"));
 }
 
-TEST_F(ToolsTest, BadUseIsOneLineThatSaysItAndExitCode2) {
-    const struct {
-        const std::string& tool;
-        const char* arguments;
-        const char* line;
-    } mistakes[] = {
-        {kStream, "--bogus", "not expected: --bogus"},
-        {kStream, "--model nothing", "no media device of model \"nothing\""},
-        {kStream, "--sim --model nothing", "\"nothing\" (there is vengine)"},
-        {kStream, "--sim --ports nobody", "no port \"nobody\" (--list shows"},
-        {kStream, "--sim --ports 10", "has 1 to 9 ports, not 10"},
-        {kStream, "--sim --ports 3,3", "twice the port \"3\""},
-        {kStream, "--sim --requests -3", "a number from 0 on, not \"-3\""},
-        {kStream, "--sim --in-flight 65",
-         "--in-flight: it takes a number from 1 to 64, not \"65\""},
-        {kStream, "--sim --size 5", "a size is WIDTHxHEIGHT, not \"5\""},
-        {kStream, "--sim --format NV120", "NM12 and the like, not \"NV120\""},
-        {kStream, "--sim --buffers 2", "--buffers 2 are fewer than the 4 requests"},
-        {kStream, "--latency-us 5", "--latency-us requires --sim"},
-        {kStream, "--sim --trace /dev/null/none.json", "/dev/null/none.json: Not a directory"},
-        {kStream, "--sim --snapshot no/folder.png", "no/folder.png: No such file"},
-        {kStream, "--sim --ports 2 --format nobody=NV12", "no port \"nobody\" takes part"},
-        {kStream, "--sim --ports 2 --input vengine-main=x", "no output port \"vengine-main\""},
-        {kStream, "--sim --ports 2 --input vengine-input=/dev/null",
-         "0 bytes are no whole frames of vengine-input"},
-        {kStream, "--sim --control nothing=1", "no port has a control \"nothing\""},
-        {kStream, "--sim --control brightness=65", "Brightness is -64 to 64, not 65"},
-        {kStream, "--sim --control brightness", "a control is [ENTITY:]CONTROL=NUMBER"},
-        {kStream, "--sim --save no/such", "no/such: No such file"},
-        {kStream, "--sim --split", "--split requires --save"},
-        {kInfo, "--bogus", "not expected: --bogus"},
-        {kInfo, "--sim --model nothing", "no media device of model \"nothing\""},
-        {kInfo, "--sim --subdev nobody", "no entity 'nobody' with a device node"},
-        {kInfo, "--sim --set-link a:0,b:0=on", "has no link \"a:0,b:0\""},
-        {kInfo, "--sim --set-link vengine-core:0,vengine-main:0", "=on or =off, not"},
-        {kInfo, "--sim --set-format nobody=NV12", "no video node \"nobody\""},
-        {kInfo, "--sim --set-format vengine-main=NV12,64", "WIDTHxHEIGHT or both with a comma"},
-        {kInfo, "--sim --set-format vengine-stats=64x64",
-         "vengine-stats holds metadata, which has no size"},
-        {kStream, "--sim=no/such", "no/such"},
-        {kInfo, "--sim=/dev/null", "/dev/null"},
-        {kInfo, "--sim --with-identity", "--with-identity"},
-        {kInfo, "--sim --capture x --subdev nobody", "no entity 'nobody'"},
-    };
-    for (const auto& mistake : mistakes) {
-        const Outcome result = run(mistake.tool + mistake.arguments + " 2>&1");
-        EXPECT_EQ(result.code, 2) << mistake.arguments;
-        EXPECT_THAT(result.output,
-                    AllOf(ContainsRegex("^corvane-[a-z]+: [^\n]*\n$"), HasSubstr(mistake.line)))
-            << mistake.arguments;
-    }
-}
-
 TEST_F(ToolsTest, GoodRunsCountEveryBuffer) {
     for (const char* arguments :
          {"--ports all --in-flight 5 --order random --seed 7", "--ports 3 --worker",
