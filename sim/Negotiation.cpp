@@ -18,6 +18,8 @@ uint32_t distance(uint32_t a, uint32_t b) {
     return a < b ? b - a : a - b;
 }
 
+constexpr uint32_t kMostAlign = 4096;
+
 /** Lines of a plane's size for the height, of the usual subsamplings and their sums. */
 constexpr std::pair<uint32_t, uint32_t> kLines[] = {
     {1, 1}, {1, 2}, {3, 2}, {2, 1}, {3, 1}, {1, 4}, {5, 4}, {9, 8}, {5, 2},
@@ -120,18 +122,20 @@ Negotiation::Size Negotiation::adjust(uint32_t width, uint32_t height) const {
 }
 
 uint32_t Negotiation::PlaneRule::stride(uint32_t width) const {
-    return static_cast<uint32_t>(alignUp((uint64_t{width} * strideBits + 7) / 8, strideAlign));
+    return static_cast<uint32_t>(
+        alignUp((uint64_t{width} * strideBits + strideRest) / 8, strideAlign));
 }
 
 uint64_t Negotiation::PlaneRule::size(uint32_t stride, uint32_t height) const {
     const uint64_t rows = alignUp(height, heightAlign), whole = stride * rows;
     switch (division) {
         case Division::HEIGHT:
-            return alignUp(stride * (rows * lines / linesBy), sizeAlign);
+            return alignUp(stride * (rows * lines / linesBy), sizeAlign) + extra;
         case Division::WHOLE:
-            return alignUp(whole * lines / linesBy, sizeAlign);
+            return alignUp(whole * lines / linesBy, sizeAlign) + extra;
         case Division::CHROMA:
-            return alignUp(whole + whole * (lines - linesBy) / (linesBy * 2) * 2, sizeAlign);
+            return alignUp(whole + whole * (lines - linesBy) / (linesBy * 2) * 2, sizeAlign) +
+                   extra;
     }
     return 0;
 }
@@ -147,34 +151,49 @@ bool Negotiation::fits(const PlaneRule& rule, size_t plane) const {
     });
 }
 
-/** Adds the plane's rule, the plainest that explains every answer; nothing when there is none. */
-void Negotiation::learnPlane(size_t plane) {
-    constexpr uint32_t kMostBits = 128, kMostAlign = 4096;
-    PlaneRule rule;
-    const auto findStride = [&] {
+bool Negotiation::learnStride(PlaneRule& rule, size_t plane) const {
+    constexpr uint32_t kMostBits = 128;
+    for (const uint32_t rest : {7U, 0U})
         for (rule.strideAlign = 1; rule.strideAlign <= kMostAlign; rule.strideAlign *= 2)
-            for (rule.strideBits = 1; rule.strideBits <= kMostBits; ++rule.strideBits)
+            for (rule.strideBits = 1; rule.strideBits <= kMostBits; ++rule.strideBits) {
+                rule.strideRest = rest;
                 if (fits(rule, plane))
                     return true;
-        return false;
+            }
+    return false;
+}
+
+/** @param mayHaveExtra what the first answer has above the rule is tried for all. */
+bool Negotiation::learnSize(PlaneRule& rule, size_t plane, bool mayHaveExtra) const {
+    using Division = PlaneRule::Division;
+    constexpr uint64_t kMostExtra = 4096;
+    const LayoutDesc& first = mAnswers.front().layout;
+    const auto isTheRule = [&] {
+        rule.extra = 0;
+        const uint64_t bare = rule.size(first.planes[plane].stride, first.height);
+        const uint64_t whole = first.planes[plane].size;
+        if (mayHaveExtra && whole > bare && whole - bare <= kMostExtra)
+            rule.extra = static_cast<uint32_t>(whole - bare);
+        return fits(rule, plane);
     };
-    if (!findStride())
-        return;
     for (rule.sizeAlign = 1; rule.sizeAlign <= kMostAlign; rule.sizeAlign *= 2)
         for (rule.heightAlign = 1; rule.heightAlign <= 64; rule.heightAlign *= 2)
             for (const auto& [lines, by] : kLines)
-                for (const auto division : {PlaneRule::Division::HEIGHT, PlaneRule::Division::WHOLE,
-                                            PlaneRule::Division::CHROMA}) {
-                    if (division == PlaneRule::Division::CHROMA && lines <= by)
-                        continue;
+                for (const auto division : {Division::HEIGHT, Division::WHOLE, Division::CHROMA}) {
                     rule.lines = lines;
                     rule.linesBy = by;
                     rule.division = division;
-                    if (fits(rule, plane)) {
-                        mPlanes.push_back(rule);
-                        return;
-                    }
+                    if ((division != Division::CHROMA || lines > by) && isTheRule())
+                        return true;
                 }
+    return false;
+}
+
+/** Adds the plane's rule, the plainest that explains every answer; nothing when there is none. */
+void Negotiation::learnPlane(size_t plane) {
+    PlaneRule rule;
+    if (learnStride(rule, plane) && (learnSize(rule, plane, false) || learnSize(rule, plane, true)))
+        mPlanes.push_back(rule);
 }
 
 const AnswerDesc& Negotiation::nextLarger(uint32_t width, uint32_t height) const {

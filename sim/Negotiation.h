@@ -33,10 +33,12 @@ private:
 
     struct PlaneRule {
         uint32_t strideBits = 0, strideAlign = 1;  ///< bits a pixel; 0: no rule was found
+        uint32_t strideRest = 7;                   ///< bits added before a division by eight
         uint32_t lines = 0, linesBy = 1;           ///< size = stride * height * lines / linesBy
         /** What is divided: the height, or the whole, as one sum or as two chroma planes. */
         enum class Division { HEIGHT, WHOLE, CHROMA } division = Division::HEIGHT;
         uint32_t heightAlign = 1, sizeAlign = 1;
+        uint32_t extra = 0;  ///< bytes that every picture has besides
 
         uint32_t stride(uint32_t width) const;
         uint64_t size(uint32_t stride, uint32_t height) const;
@@ -48,6 +50,8 @@ private:
     void learnRange();
     void learnRounding();
     void learnPlane(size_t plane);
+    bool learnStride(PlaneRule& rule, size_t plane) const;
+    bool learnSize(PlaneRule& rule, size_t plane, bool mayHaveExtra) const;
     bool fits(const PlaneRule& rule, size_t plane) const;
     const AnswerDesc& nextLarger(uint32_t width, uint32_t height) const;
 
