@@ -19,9 +19,12 @@ BufferQueue::BufferQueue(DeviceCore& device, const EntityDesc& entity, size_t en
       mVideo(completed(*entity.video)),
       mOrdinal(ordinal),
       mFormat(mVideo),
+      mConnectors(mVideo.signal, mName),
       mControls(*mVideo.controls),
       mBrightness(mControls.find(V4L2_CID_BRIGHTNESS)),
       mControlValues(mControls.initial()) {
+    if (!mVideo.secondQueue.empty())
+        mSecondFormat.emplace(mVideo.secondQueue.front());
 }
 
 void BufferQueue::setControls(const SomeControlValues& values) {
@@ -39,10 +42,26 @@ int32_t BufferQueue::brightness() const {
 int BufferQueue::setFormat(v4l2_format& format) {
     if (format.type == mVideo.bufType && !mBuffers.empty())
         return -EBUSY;
+    if (isSecond(format.type))
+        return mSecondFormat->set(format);
     return mFormat.set(format);
 }
 
+/** As many as the queue would grant; there are none, since nothing streams through it. */
+int BufferQueue::grantOfSecond(v4l2_requestbuffers& request) const {
+    const VideoDesc& second = mVideo.secondQueue.front();
+    request.capabilities = second.queueCapabilities.value_or(0);
+    request.flags = 0;
+    if (request.memory != V4L2_MEMORY_DMABUF)
+        return -EINVAL;
+    if (request.count > 0)
+        request.count = std::clamp(request.count, second.minBuffers, second.maxBuffers);
+    return 0;
+}
+
 int BufferQueue::requestBuffers(DeviceLock& lock, const void* owner, v4l2_requestbuffers& request) {
+    if (isSecond(request.type))
+        return grantOfSecond(request);
     request.capabilities = V4L2_BUF_CAP_SUPPORTS_DMABUF | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
     if (mVideo.requests != RequestUse::REFUSED)
         request.capabilities |= V4L2_BUF_CAP_SUPPORTS_REQUESTS;

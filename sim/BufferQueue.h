@@ -16,6 +16,7 @@
 
 #include <corvane/sim/Description.h>
 
+#include "Connectors.h"
 #include "Controls.h"
 #include "Format.h"
 #include "Locks.h"
@@ -102,7 +103,16 @@ public:
 
     const std::string& name() const { return mName; }
     const VideoDesc& video() const { return mVideo; }
-    const Format& format() const CORVANE_REQUIRES(deviceState) { return mFormat; }
+    /** The queue's of a buffer type; of a type that the node has not the first one, to refuse it.
+     */
+    const Format& formatOf(uint32_t type) const CORVANE_REQUIRES(deviceState) {
+        return isSecond(type) ? *mSecondFormat : mFormat;
+    }
+    /** The first queue's that offers a format, where the call names no queue. */
+    const Format& formatWith(uint32_t fourcc) const CORVANE_REQUIRES(deviceState) {
+        return mSecondFormat && !mFormat.offers(fourcc) ? *mSecondFormat : mFormat;
+    }
+    Connectors& connectors() CORVANE_REQUIRES(deviceState) { return mConnectors; }
     uint64_t remaps() const CORVANE_REQUIRES(deviceState) { return mRemaps; }
     size_t mappedPlanes() const CORVANE_REQUIRES(deviceState);
 
@@ -136,6 +146,10 @@ private:
         Job job;  ///< of a buffer without a request
     };
 
+    bool isSecond(uint32_t type) const {
+        return !mVideo.secondQueue.empty() && mVideo.secondQueue.front().bufType == type;
+    }
+    int grantOfSecond(v4l2_requestbuffers& request) const;
     bool busyFor(const void* owner) const CORVANE_REQUIRES(deviceState) {
         return mOwner != nullptr && mOwner != owner;
     }
@@ -153,6 +167,8 @@ private:
     const VideoDesc mVideo;
     const uint32_t mOrdinal;
     Format mFormat CORVANE_GUARDED_BY(deviceState);
+    std::optional<Format> mSecondFormat CORVANE_GUARDED_BY(deviceState);
+    Connectors mConnectors CORVANE_GUARDED_BY(deviceState);
     const void* mOwner CORVANE_GUARDED_BY(deviceState) = nullptr;
     std::vector<Buffer> mBuffers CORVANE_GUARDED_BY(deviceState);
     std::array<uint32_t, kQueueCapacity> mDone

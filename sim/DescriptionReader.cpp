@@ -11,6 +11,7 @@
 
 #include "DescriptionWords.h"
 #include "JsonPlace.h"
+#include "SignalText.h"
 #include "vengine-desc.h"
 
 namespace NSVista::NSCorvane::sim {
@@ -292,7 +293,8 @@ std::vector<ControlDesc> readControls(const JsonPlace& place) {
 
 VideoDesc readVideo(const JsonPlace& place) {
     place.withOnly({"driver", "card", "bus", "version", "capabilities", "deviceCapabilities",
-                    "queue", "controls"});
+                    "queue", "secondQueue", "controls", kInputs, kOutputs, kStandard, kTimings,
+                    kTimingsOffered});
     VideoDesc video;
     video.role = kPlainRole;
     video.driver = place.textOr("driver", kDriverText);
@@ -303,14 +305,22 @@ VideoDesc readVideo(const JsonPlace& place) {
     video.deviceCaps = place.at("deviceCapabilities").word();
     if (const auto queue = place.find("queue"))
         readQueue(*queue, video);
+    if (const auto second = place.find("secondQueue")) {
+        readQueue(*second, video.secondQueue.emplace_back());
+        if (video.bufType == 0 ||
+            v4l2::isOutput(video.bufType) == v4l2::isOutput(video.secondQueue[0].bufType))
+            second->at("type").refuse("is not the other direction of a first queue");
+    }
+    video.signal = readSignal(place);
     video.controls.emplace();
     if (const auto controls = place.find("controls"))
         video.controls = readControls(*controls);
     return video;
 }
 
-SubDeviceDesc readSubDevice(const JsonPlace& place) {
-    place.withOnly({"version", "capabilities", "frameSync", "privateControls", "controls"});
+/** @param pads of the entity. */
+SubDeviceDesc readSubDevice(const JsonPlace& place, size_t pads) {
+    place.withOnly({"version", "capabilities", "frameSync", "privateControls", "controls", "pads"});
     SubDeviceDesc subDevice;
     subDevice.version = place.wordOr("version", 0);
     subDevice.capabilities = place.wordOr("capabilities", 0);
@@ -328,6 +338,8 @@ SubDeviceDesc readSubDevice(const JsonPlace& place) {
     }
     if (const auto controls = place.find("controls"))
         subDevice.controls = readControls(*controls);
+    if (const auto list = place.find("pads"))
+        subDevice.pads = readPads(*list, pads);
     return subDevice;
 }
 
@@ -390,7 +402,7 @@ private:
         if (video)
             entity.video = readVideo(*video);
         if (subDevice)
-            entity.subDevice = readSubDevice(*subDevice);
+            entity.subDevice = readSubDevice(*subDevice, entity.padFlags.size());
         if (!node)
             return;
         node->withOnly({"name", "major", "minor"});

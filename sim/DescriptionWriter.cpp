@@ -6,6 +6,7 @@
 
 #include "DescriptionWords.h"
 #include "EngineDefaults.h"
+#include "SignalText.h"
 
 namespace NSVista::NSCorvane::sim {
 
@@ -170,6 +171,9 @@ Json video(const VideoDesc& given) {
     json["deviceCapabilities"] = *desc.deviceCaps;
     if (desc.bufType != 0)
         json["queue"] = queue(desc);
+    if (!desc.secondQueue.empty())
+        json["secondQueue"] = queue(desc.secondQueue.front());
+    writeSignal(desc.signal, json);
     if (!desc.controls->empty())
         json["controls"] = controls(*desc.controls);
     return json;
@@ -190,6 +194,8 @@ Json subDevice(const SubDeviceDesc& desc) {
     }
     if (!desc.controls.empty())
         json["controls"] = controls(desc.controls);
+    if (!desc.pads.empty())
+        json["pads"] = writePads(desc.pads);
     return json;
 }
 

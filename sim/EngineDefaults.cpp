@@ -94,6 +94,21 @@ std::vector<ControlDesc> ownControls(const VideoDesc& video) {
     return {heading, brightness};
 }
 
+/** What the kernel itself answers for a node whose signal goes by the media controller. */
+void completeSignal(VideoDesc& video) {
+    if ((*video.deviceCaps & V4L2_CAP_IO_MC) == 0 || video.signal.inputs || video.signal.outputs)
+        return;
+    ConnectorsDesc connectors;
+    connectors.list.emplace_back();
+    if (v4l2::isOutput(video.bufType)) {
+        connectors.list[0].type = V4L2_OUTPUT_TYPE_ANALOG;
+        video.signal.outputs = connectors;
+    } else {
+        connectors.list[0].type = V4L2_INPUT_TYPE_CAMERA;
+        video.signal.inputs = connectors;
+    }
+}
+
 /** What the node begins with: its format at the engine's size, unless it says otherwise. */
 void completeFormat(VideoDesc& video) {
     if (video.formats.empty())
@@ -122,6 +137,7 @@ VideoDesc completed(const VideoDesc& video) {
         whole.deviceCaps = capabilities;
     if (!whole.capabilities)
         whole.capabilities = capabilities | V4L2_CAP_DEVICE_CAPS;
+    completeSignal(whole);
     completeFormat(whole);
     return whole;
 }

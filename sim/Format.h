@@ -41,6 +41,7 @@ public:
     int setParameters(v4l2_streamparm& parameters);
     /** @} */
 
+    bool offers(uint32_t fourcc) const { return find(fourcc) != nullptr; }
     uint32_t planeCount() const { return static_cast<uint32_t>(mCurrent.layout.planes.size()); }
     uint32_t planeSize(uint32_t plane) const { return mCurrent.layout.planes[plane].size; }
     uint32_t fourcc() const { return mCurrent.offered->desc.fourcc; }

@@ -17,8 +17,10 @@ int VideoFile::ioctl(uint32_t code, void* arg) {
         case VIDIOC_QUERYCAP:
             queryCapabilities(*static_cast<v4l2_capability*>(arg));
             return 0;
-        case VIDIOC_G_FMT:
-            return mQueue.format().get(*static_cast<v4l2_format*>(arg));
+        case VIDIOC_G_FMT: {
+            auto& format = *static_cast<v4l2_format*>(arg);
+            return mQueue.formatOf(format.type).get(format);
+        }
         case VIDIOC_S_FMT:
             return mQueue.setFormat(*static_cast<v4l2_format*>(arg));
         case VIDIOC_REQBUFS:
@@ -34,19 +36,31 @@ int VideoFile::ioctl(uint32_t code, void* arg) {
         }
         case VIDIOC_STREAMOFF:
             return mQueue.streamOff(lock, this, *static_cast<uint32_t*>(arg));
-        case VIDIOC_TRY_FMT:
-            return mQueue.format().tryOut(*static_cast<v4l2_format*>(arg));
-        case VIDIOC_ENUM_FMT:
-            return mQueue.format().enumerate(*static_cast<v4l2_fmtdesc*>(arg));
-        case VIDIOC_ENUM_FRAMESIZES:
-            return mQueue.format().enumerateSizes(*static_cast<v4l2_frmsizeenum*>(arg));
-        case VIDIOC_ENUM_FRAMEINTERVALS:
-            return mQueue.format().enumerateIntervals(*static_cast<v4l2_frmivalenum*>(arg));
-        case VIDIOC_G_PARM:
-            return mQueue.format().getParameters(*static_cast<v4l2_streamparm*>(arg));
+        case VIDIOC_TRY_FMT: {
+            auto& format = *static_cast<v4l2_format*>(arg);
+            return mQueue.formatOf(format.type).tryOut(format);
+        }
+        case VIDIOC_ENUM_FMT: {
+            auto& format = *static_cast<v4l2_fmtdesc*>(arg);
+            return mQueue.formatOf(format.type).enumerate(format);
+        }
+        case VIDIOC_ENUM_FRAMESIZES: {
+            auto& size = *static_cast<v4l2_frmsizeenum*>(arg);
+            return mQueue.formatWith(size.pixel_format).enumerateSizes(size);
+        }
+        case VIDIOC_ENUM_FRAMEINTERVALS: {
+            auto& interval = *static_cast<v4l2_frmivalenum*>(arg);
+            return mQueue.formatWith(interval.pixel_format).enumerateIntervals(interval);
+        }
+        case VIDIOC_G_PARM: {
+            auto& parameters = *static_cast<v4l2_streamparm*>(arg);
+            return mQueue.formatOf(parameters.type).getParameters(parameters);
+        }
         case VIDIOC_S_PARM:
             return mQueue.setParameters(*static_cast<v4l2_streamparm*>(arg));
         default:
+            if (Connectors::isTheirs(code))
+                return mQueue.connectors().ioctl(code, arg);
             if (!Controls::isTheirs(code))
                 return -ENOTTY;
             return mQueue.controls().ioctl(

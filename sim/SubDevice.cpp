@@ -31,7 +31,8 @@ SubDevice::SubDevice(std::string name, const SubDeviceDesc& desc, std::atomic<si
       mIsPrivate(desc.privateControls.has_value()),
       mPrivateControls(desc.privateControls.value_or(std::vector<PrivateControlDesc>())),
       mControls(desc.controls),
-      mControlValues(mControls.initial()) {
+      mControlValues(mControls.initial()),
+      mPadFormats(desc.pads) {
 }
 
 int SubDevice::open(int flags, const std::string& path, FileTable& files) {
@@ -145,6 +146,8 @@ int SubDeviceFile::ioctl(uint32_t code, void* arg) {
                     code, arg,
                     [this](uint32_t listCode, v4l2_ext_controls& list) CORVANE_REQUIRES(
                         subDeviceState) { return mDevice.listedControls(listCode, list); });
+            if (PadFormats::isTheirs(code))
+                return mDevice.mPadFormats.ioctl(code, arg);
             return mDevice.mIsPrivate ? privateIoctl(code, arg) : -ENOTTY;
     }
 }

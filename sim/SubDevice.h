@@ -22,6 +22,7 @@
 #include "File.h"
 #include "Holdings.h"
 #include "Locks.h"
+#include "PadFormats.h"
 #include "PriorityFd.h"
 #include "vengine-desc.h"
 
@@ -63,6 +64,7 @@ private:
     std::vector<PrivateControlDesc> mPrivateControls CORVANE_GUARDED_BY(subDeviceState);
     const Controls mControls;
     ControlValues mControlValues CORVANE_GUARDED_BY(subDeviceState);
+    PadFormats mPadFormats CORVANE_GUARDED_BY(subDeviceState);
     std::vector<SubDeviceFile*> mFiles CORVANE_GUARDED_BY(subDeviceState);
     std::vector<IoctlRecord> mRecords CORVANE_GUARDED_BY(subDeviceState);
     SubDeviceCounts mPast CORVANE_GUARDED_BY(

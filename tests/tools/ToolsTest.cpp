@@ -170,6 +170,12 @@ TEST_F(ToolsTest, PosesAsWhatItCaptured) {
     EXPECT_EQ(run(kInfo + pose).output, run(kInfo + "--sim").output);
     EXPECT_EQ(run(kInfo + pose + " --capture -").output, contentOf(capture));
     EXPECT_EQ(runStream(pose + " --ports 2 --requests 3 --quiet").code, 0);
+    // All that the engine itself has not: a signal to choose, pads with formats, two queues.
+    const std::string rich = "--sim=" CORVANE_RICH_DEVICE;
+    EXPECT_EQ(run(kInfo + rich + " --capture -").output, contentOf(CORVANE_RICH_DEVICE));
+    EXPECT_THAT(run(kInfo + rich).output,
+                AllOf(ContainsRegex("input  1    HDMI 0 +\\* +1280x720p 60\n"),
+                      HasSubstr("0x2006      640x480"), HasSubstr("video output")));
     EXPECT_EQ(run(kInfo + "--sim --capture /dev/full 2>/dev/null").code, 1);
     // A serial number stays at home unless it is asked for.
     std::string known = contentOf(capture);

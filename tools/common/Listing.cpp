@@ -2,6 +2,7 @@
 #include "Listing.h"
 
 #include <corvane/client/Controls.h>
+#include <fcntl.h>
 #include <langinfo.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 
 #include "Console.h"
 #include "NodeFormats.h"
+#include "Signals.h"
 
 namespace NSVista::NSCorvane::tools {
 
@@ -181,6 +183,78 @@ void printFormats(const Device& device) {
     }
 }
 
+void addConnectorRows(const Entity& entity, const char* kind,
+                      const std::optional<sim::ConnectorsDesc>& connectors,
+                      const std::string& signal, std::vector<Row>& rows) {
+    // Where links decide what a node is fed with, the kernel tells one input of the node's name.
+    if (connectors && connectors->list.size() == 1 && connectors->list[0].name == entity.name)
+        return;
+    for (uint32_t i = 0; connectors && i < connectors->list.size(); ++i) {
+        const bool isCurrent = i == connectors->current;
+        rows.push_back({entity.name, kind, std::to_string(i), connectors->list[i].name,
+                        isCurrent ? "*" : "", isCurrent ? signal : std::string()});
+    }
+}
+
+void printConnectors(const Device& device) {
+    std::vector<Row> rows = {{"entity", "kind", "no.", "name", "chosen", "signal"}};
+    for (const Entity& entity : device.entities) {
+        if (!entity.isVideoNode() || entity.devnode.empty())
+            continue;
+        client::NodeFd node(entity.devnode.c_str(), O_RDWR | O_NONBLOCK);
+        const sim::SignalDesc signal = node ? readSignal(node) : sim::SignalDesc();
+        addConnectorRows(entity, "input", signal.inputs, signalText(signal), rows);
+        addConnectorRows(entity, "output", signal.outputs, signalText(signal), rows);
+    }
+    if (rows.size() == 1)
+        return;
+    printf("\nInputs and outputs\n");
+    printTable(rows);
+}
+
+/** Codes that offer the same sizes share a row. */
+void addPadRows(const Entity& entity, const sim::PadDesc& pad, std::vector<Row>& rows) {
+    const auto codeText = [](uint32_t code) {
+        char number[16];
+        snprintf(number, sizeof(number), "0x%04x", code);
+        return std::string(number);
+    };
+    rows.push_back({entity.name,
+                    std::to_string(pad.pad),
+                    codeText(pad.format.code),
+                    std::to_string(pad.format.width) + "x" + std::to_string(pad.format.height),
+                    {},
+                    {}});
+    const size_t first = rows.size();
+    for (const sim::PadCodeDesc& code : pad.codes) {
+        std::string sizes;
+        for (const sim::PadCodeDesc::Range& range : code.sizes)
+            sizes += (sizes.empty() ? "" : " ") + rangeText(range);
+        if (rows.size() > first && rows.back()[5] == sizes)
+            rows.back()[4] += " " + codeText(code.code);
+        else
+            rows.push_back(
+                {entity.name, std::to_string(pad.pad), {}, {}, codeText(code.code), sizes});
+    }
+}
+
+void printPads(const Device& device) {
+    std::vector<Row> rows = {{"entity", "pad", "bus format", "size", "offered", "sizes"}};
+    for (const Entity& entity : device.entities) {
+        if (entity.isVideoNode() || entity.devnode.empty())
+            continue;
+        client::NodeFd node(entity.devnode.c_str(), O_RDWR | O_NONBLOCK);
+        if (!node)
+            continue;
+        for (const sim::PadDesc& pad : readPadFormats(node, entity.pads.size()))
+            addPadRows(entity, pad, rows);
+    }
+    if (rows.size() == 1)
+        return;
+    printf("\nPads\n");
+    printTable(rows);
+}
+
 std::string valueText(const client::Control& control, int64_t value) {
     for (const auto& [number, name] : control.menu)
         if (number == value)
@@ -236,6 +310,8 @@ void printDevice(const Device& device) {
     printFact("interface", "media " + versionText(info.media_version));
     printTopology(device);
     printFormats(device);
+    printConnectors(device);
+    printPads(device);
     printControls(device);
 }
 

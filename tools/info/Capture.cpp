@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "NodeCapture.h"
+#include "Signals.h"
 
 namespace NSVista::NSCorvane::tools {
 
@@ -63,6 +64,7 @@ sim::SubDeviceDesc captureSubDevice(client::NodeFd& node, const Entity& entity,
     desc.capabilities = capability.capabilities;
     desc.sendsFrameSync = takesFrameSync(node);
     desc.controls = captureControls(node);
+    desc.pads = readPadFormats(node, entity.pads.size());
     if (wish.subDevice == &entity)
         desc.privateControls = readPrivateControls(wish);
     return desc;

@@ -3,11 +3,13 @@
 
 #include <corvane/V4L2.h>
 #include <corvane/client/Controls.h>
+#include <fcntl.h>
 
 #include <algorithm>
 
 #include "Json.h"
 #include "NodeFormats.h"
+#include "Signals.h"
 
 namespace NSVista::NSCorvane::tools {
 
@@ -43,6 +45,45 @@ Json controlJson(const client::Control& control, client::ControlNode& node) {
     return json;
 }
 
+Json connectorsJson(const std::optional<sim::ConnectorsDesc>& connectors) {
+    Json json = Json::array();
+    for (uint32_t i = 0; connectors && i < connectors->list.size(); ++i)
+        json.push_back({{"name", connectors->list[i].name}, {"chosen", i == connectors->current}});
+    return json;
+}
+
+Json padFormatJson(const sim::PadDesc& pad) {
+    Json json = {{"pad", pad.pad},
+                 {"code", pad.format.code},
+                 {"width", pad.format.width},
+                 {"height", pad.format.height},
+                 {"offered", Json::array()}};
+    for (const sim::PadCodeDesc& code : pad.codes) {
+        Json& offer =
+            json["offered"].emplace_back(Json{{"code", code.code}, {"sizes", Json::array()}});
+        for (const sim::PadCodeDesc::Range& range : code.sizes)
+            offer["sizes"].push_back(rangeText(range));
+    }
+    return json;
+}
+
+/** What a video node is connected to, or what a sub-device's pads carry. */
+void addSignals(const Entity& entity, Json& json) {
+    client::NodeFd node(entity.devnode.c_str(), O_RDWR | O_NONBLOCK);
+    if (!node)
+        return;
+    if (!entity.isVideoNode()) {
+        json["padFormats"] = Json::array();
+        for (const sim::PadDesc& pad : readPadFormats(node, entity.pads.size()))
+            json["padFormats"].push_back(padFormatJson(pad));
+        return;
+    }
+    const sim::SignalDesc signal = readSignal(node);
+    json["inputs"] = connectorsJson(signal.inputs);
+    json["outputs"] = connectorsJson(signal.outputs);
+    json["signal"] = signalText(signal);
+}
+
 Json entityJson(const Device& device, const Entity& entity) {
     Json json = {{"name", entity.name}, {"kind", entity.kind()}, {"node", entity.devnode}};
     for (const NodePort& port : device.ports)
@@ -55,6 +96,7 @@ Json entityJson(const Device& device, const Entity& entity) {
     if (entity.isVideoNode())
         for (const QueueFormat& queue : readFormats(entity.devnode).queues)
             json["queues"].push_back(queueJson(queue));
+    addSignals(entity, json);
     client::ControlNode node(entity.devnode);
     json["controls"] = Json::array();
     for (const client::Control& control : node ? node.list() : std::vector<client::Control>())

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Signals.h"
+
 namespace NSVista::NSCorvane::tools {
 
 namespace {
@@ -366,15 +368,23 @@ sim::VideoDesc captureVideoNode(client::NodeFd& node, std::vector<std::string>& 
     for (const v4l2::BufferType& type : v4l2::kBufferTypes) {
         if ((caps & (type.caps | type.m2mCaps)) == 0)
             continue;
-        if (video.bufType != 0) {
+        const bool isSecond = video.bufType != 0;
+        const bool isOther = isSecond && v4l2::isOutput(type.type) != v4l2::isOutput(video.bufType);
+        if (isSecond && (!isOther || !video.secondQueue.empty())) {
             remarks.push_back(std::string("its queue of ") + type.inWords +
-                              " is left out: a description holds one queue a node");
+                              " is left out: a description holds one of each direction");
             continue;
         }
-        video.bufType = type.type;
-        if (!QueueCapture(node, video, remarks).read() || video.formats.empty())
+        VideoDesc& queue = isSecond ? video.secondQueue.emplace_back() : video;
+        queue.bufType = type.type;
+        if (QueueCapture(node, queue, remarks).read() && !queue.formats.empty())
+            continue;
+        if (isSecond)
+            video.secondQueue.clear();
+        else
             video.bufType = 0;
     }
+    video.signal = readSignal(node);
     video.controls = captureControls(node);
     return video;
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <linux/media.h>
+#include <linux/v4l2-mediabus.h>
 #include <linux/videodev2.h>
 
 #include <array>
@@ -102,6 +103,54 @@ struct ControlDesc {
     CORVANE_EXPORT bool hasValue() const;
 };
 
+/** An input or output of a video node (VIDIOC_ENUMINPUT, VIDIOC_ENUMOUTPUT). */
+struct ConnectorDesc {
+    std::string name = {};
+    uint32_t type = 0;                 ///< V4L2_INPUT_TYPE_*, V4L2_OUTPUT_TYPE_*
+    uint32_t audioset = 0, tuner = 0;  ///< an output's modulator
+    uint32_t status = 0;               ///< V4L2_IN_ST_*, of inputs alone
+    uint32_t capabilities = 0;         ///< V4L2_IN_CAP_*, V4L2_OUT_CAP_*
+    uint64_t standards = 0;            ///< V4L2_STD_*
+
+    bool operator==(const ConnectorDesc&) const = default;
+};
+
+/** A video node's inputs, or its outputs. */
+struct ConnectorsDesc {
+    std::vector<ConnectorDesc> list = {};  ///< at least one
+    uint32_t current = 0;                  ///< VIDIOC_G_INPUT, VIDIOC_G_OUTPUT
+
+    bool operator==(const ConnectorsDesc&) const = default;
+};
+
+/** What a video node is fed with or feeds. Standard and timings are those of the current one. */
+struct SignalDesc {
+    std::optional<ConnectorsDesc> inputs = {}, outputs = {};
+    std::optional<uint64_t> standard = {};             ///< VIDIOC_G_STD
+    std::optional<v4l2_bt_timings> timings = {};       ///< VIDIOC_G_DV_TIMINGS
+    std::vector<v4l2_bt_timings> timingsOffered = {};  ///< VIDIOC_ENUM_DV_TIMINGS
+};
+
+/** A format that a sub-device's pad offers (VIDIOC_SUBDEV_ENUM_MBUS_CODE). */
+struct PadCodeDesc {
+    /** VIDIOC_SUBDEV_ENUM_FRAME_SIZE; of a single size both ends are the same. */
+    struct Range {
+        uint32_t minWidth, maxWidth, minHeight, maxHeight;
+
+        bool operator==(const Range&) const = default;
+    };
+    uint32_t code = 0;   ///< MEDIA_BUS_FMT_*
+    uint32_t flags = 0;  ///< V4L2_SUBDEV_MBUS_CODE_*
+    std::vector<Range> sizes = {};
+};
+
+/** What a sub-device's pad carries. */
+struct PadDesc {
+    uint32_t pad = 0;
+    v4l2_mbus_framefmt format = {};  ///< VIDIOC_SUBDEV_G_FMT, the active one
+    std::vector<PadCodeDesc> codes = {};
+};
+
 /** A device node's name and number; what is left out is the next that is free. */
 struct NodeDesc {
     std::string name = {};  ///< under /dev
@@ -133,6 +182,13 @@ struct VideoDesc {
     std::optional<uint32_t> queueCapabilities = {};  ///< V4L2_BUF_CAP_*
 
     std::optional<std::vector<ControlDesc>> controls = {};  ///< nothing: the engine's own
+    /** Without inputs and outputs those that the kernel gives nodes of V4L2_CAP_IO_MC. */
+    SignalDesc signal = {};
+    /**
+     * The second queue of a memory-to-memory node, or nothing: of it the fields from `bufType` to
+     * `queueCapabilities` count. It tells its formats, and streams nothing.
+     */
+    std::vector<VideoDesc> secondQueue = {};
 };
 
 /** A port of the engine without a part in its pictures: its captures show the test picture. */
@@ -152,6 +208,7 @@ struct SubDeviceDesc {
     /** It knows the driver's private ioctls, with these controls; without it they are ENOTTY. */
     std::optional<std::vector<PrivateControlDesc>> privateControls = {};
     std::vector<ControlDesc> controls = {};
+    std::vector<PadDesc> pads = {};  ///< those that tell a format
 };
 
 /** An entity, with a video node, a sub-device node or no node behind it. */

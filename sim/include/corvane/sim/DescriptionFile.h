@@ -17,7 +17,7 @@
 namespace NSVista::NSCorvane::sim {
 
 /** Version of the text that is written; those above are refused. */
-inline constexpr int kDescriptionVersion = 1;
+inline constexpr int kDescriptionVersion = 2;
 
 /**
  * Reads a description. Whatever the text holds, either a device that Engine::addDevice() takes
