@@ -225,6 +225,16 @@ const Mistake kMistakes[] = {
          client.queue();
      },
      "wrong: it is ACQUIRED, start() comes first"},
+    {"queue again without a buffer", Ending::Line,
+     [] {
+         Client client(kStarted);
+         DmaBuf memory;
+         makeMemoryFileSource()->allocate(115200, memory);
+         client.fill(0, memory.fd());
+         client.queue();
+         client.queue();
+     },
+     "port 0(main): no planes: addBuffer() fills the buffer anew before each queueing"},
     {"after uninit", Ending::Line,
      [] {
          Client client(kAcquired);
@@ -317,7 +327,7 @@ const Mistake kMistakes[] = {
          client.fill(0, 999);
          client.queue();
      },
-     "Failed to queue media request"},
+     "port 0(main): plane 0 fd 999 (not open) offset 0 size 115200, the format asks for 76800"},
     {"no request", Ending::Death, [] { Client(kStarted).scene.queueRequest(nullptr, 0); },
      "Bad request"},
     {"the sub-device twice", Ending::Death,
@@ -387,6 +397,7 @@ const Mistake kMistakes[] = {
     stream("--sim --in-flight 65", "--in-flight: it takes a number from 1 to 64, not \"65\""),
     stream("--sim --size 5", "a size is WIDTHxHEIGHT, not \"5\""),
     stream("--sim --format NV120", "NM12 and the like, not \"NV120\""),
+    stream("--sim --format vengine-main=XYZW", "vengine-main has no format XYZW"),
     stream("--sim --buffers 2", "--buffers 2 are fewer than the 4 requests"),
     stream("--latency-us 5", "--latency-us requires --sim"),
     stream("--sim --trace /dev/null/none.json", "/dev/null/none.json: Not a directory"),
@@ -407,6 +418,7 @@ const Mistake kMistakes[] = {
     info("--sim --set-link vengine-core:0,vengine-main:0", "=on or =off, not"),
     info("--sim --set-format nobody=NV12", "no video node \"nobody\""),
     info("--sim --set-format vengine-main=NV12,64", "WIDTHxHEIGHT or both with a comma"),
+    info("--sim --set-format vengine-main=XYZW", "vengine-main has no format XYZW"),
     info("--sim --set-format vengine-stats=64x64",
          "vengine-stats holds metadata, which has no size"),
     stream("--sim=no/such", "no/such"),

@@ -37,10 +37,6 @@ bool change(v4l2_format& format, uint32_t fourcc, uint32_t width, uint32_t heigh
     return true;
 }
 
-}  // namespace
-
-namespace {
-
 /** How a link may be named: the first way is that of the listing, but ">" is a shell's as well. */
 bool isNamed(const Device& device, const media_link_desc& link, const std::string& name) {
     const std::string source = device.endText(link.source);
@@ -103,8 +99,15 @@ ExitCode setFormat(const Device& device, const std::string& wish) {
         return complain(kBadUse, "%s holds metadata, which has no size", entity->name.c_str());
     if (result >= 0)
         result = node.ioctl(VIDIOC_S_FMT, &format);
-    return result < 0 ? complain(kRunFailed, "%s: %s", entity->name.c_str(), strerror(-result))
-                      : kSuccess;
+    if (result < 0)
+        return complain(kRunFailed, "%s: %s", entity->name.c_str(), strerror(-result));
+    PixelFormat made = {};
+    v4l2::readFormat(format, v4l2::formatClassOfType(format.type), made);
+    if (fourcc != 0 && made.format != fourcc)
+        return complain(kBadUse, "%s has no format %s: the driver made %s of it",
+                        entity->name.c_str(), v4l2::formatName(fourcc).c_str(),
+                        v4l2::formatName(made.format).c_str());
+    return kSuccess;
 }
 
 }  // namespace NSVista::NSCorvane::tools

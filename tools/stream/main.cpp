@@ -235,6 +235,26 @@ std::unique_ptr<Content> makeContent(const Device& device, const std::vector<Nod
     return nullptr;
 }
 
+/** A driver may make another size of the wanted one, but a format that a port was asked for by name
+ * holds. */
+bool checkFormats(const Options& options, const std::vector<NodePort>& ports,
+                  const client::SceneSession& session) {
+    for (size_t port = 0; port < ports.size(); ++port) {
+        const uint32_t wanted = session.desc().ports[port].format;
+        const uint32_t made = session.format(port).format;
+        const bool byName =
+            std::any_of(options.formats.begin(), options.formats.end(),
+                        [&](const FormatWish& wish) { return wish.entity == ports[port].entity; });
+        if (wanted == 0 || made == wanted || !byName)
+            continue;
+        say("%s has no format %s: the driver made %s of it (--list shows those it has)",
+            ports[port].entity.c_str(), v4l2::formatName(wanted).c_str(),
+            v4l2::formatName(made).c_str());
+        return false;
+    }
+    return true;
+}
+
 void noteOtherFormats(const Options& options, const std::vector<NodePort>& ports,
                       const client::SceneSession& session) {
     for (size_t port = 0; port < ports.size() && !options.quiet; ++port) {
@@ -269,6 +289,8 @@ void dumpAll(const SceneManager& manager) {
 /** Streams on a session that is set up. @return an exit code. */
 int streamOn(const Options& options, const Device& device, const std::vector<NodePort>& ports,
              const SceneManager& manager, StallWatch& watch, client::SceneSession& session) {
+    if (!checkFormats(options, ports, session))
+        return kBadUse;
     noteOtherFormats(options, ports, session);
     setFrameRates(options, ports);
     const std::unique_ptr<Content> content = makeContent(device, ports, session);

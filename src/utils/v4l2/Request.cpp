@@ -3,6 +3,7 @@
 
 #include <corvane/IMediaDevice.h>
 #include <corvane/IMediaRequest.h>
+#include <corvane/V4L2VideoDevice.h>
 #include <corvane/mc/MediaDevice.h>
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Log.h>
@@ -46,6 +47,19 @@ void addDebugTimes(TextStream& text, const RequestDebugInfo& info) {
         const size_t length = formatLogTime(loadStamp(*stamp), time);
         text << '#' << label++ << '=' << std::string_view(time, length);
     }
+}
+
+/**
+ * A kernel looks at the memory of a request's buffers only when it queues the request, where their
+ * plane counts are gone; wrong ones were refused before.
+ */
+void explainBuffer(const Port& port, FrameBuffer buffer) {
+    const auto device = std::dynamic_pointer_cast<V4L2VideoDevice>(port.getVideoDevice());
+    PixelFormat format{};
+    if (device == nullptr || device->getFormat(format) != 0)
+        return;
+    buffer.planeCount = format.planeCount;
+    CORVANE_LOGE_AS("queueRequest", "%s", device->describe(buffer).c_str());
 }
 
 }  // namespace
@@ -246,8 +260,11 @@ int Request::queueRequest(int argument) try {
     // Before the media request is queued, so that its completion finds it.
     mState.store(kQueued, std::memory_order_release);
     CORVANE_LOGD("It's time to queue: %s", describe(TextStream{}).c_str());
-    if (mMediaRequest->queueRequest() != 0)
+    if (mMediaRequest->queueRequest() != 0) {
+        for (const int32_t index : mPortIndexes)
+            explainBuffer(*mBuffers[index].port, mBuffers[index].buffer);
         CORVANE_FATAL("Failed to queue media request");
+    }
     return 0;
 }
 CORVANE_NO_THROW

@@ -50,7 +50,9 @@ std::string V4L2VideoDevice::describe(const FrameBuffer& buffer) const {
         if (i < format.planeCount)
             text += ", the format asks for " + std::to_string(format.planes[i].size);
     }
-    if (format.planeCount != 0 && format.planeCount != count)
+    if (count == 0)
+        text += ": no planes: addBuffer() fills the buffer anew before each queueing";
+    else if (format.planeCount != 0 && format.planeCount != count)
         text += "; the format has " + std::to_string(format.planeCount) + " planes, not " +
                 std::to_string(count);
     return text;
