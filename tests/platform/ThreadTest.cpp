@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <functional>
 
 using namespace NSVista::NSCorvane;
@@ -96,7 +97,7 @@ TEST(ThreadLoopHandler, TellsThatThereIsNoThreadAndMayRunLater) {
     ASSERT_EQ(pthread_getattr_default_np(&huge), 0);
     // A guard's thread is started while there are some: it is not what is tried here.
     const auto guard = timeguard::TimeBomb::make("test", ULONG_MAX, 0, "");
-    pthread_attr_setstacksize(&huge, size_t{1} << 46);
+    pthread_attr_setstacksize(&huge, SIZE_MAX / 4 * 3);
     pthread_setattr_default_np(&huge);
     const auto loop = std::make_shared<Loop>();
     ThreadLoopHandler handler;

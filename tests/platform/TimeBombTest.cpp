@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -133,7 +134,7 @@ TEST_F(TimeBombTest, TellsThatNobodyGuards) {
     const auto unguarded = [] {
         pthread_attr_t huge;
         pthread_getattr_default_np(&huge);
-        pthread_attr_setstacksize(&huge, size_t{1} << 46);
+        pthread_attr_setstacksize(&huge, SIZE_MAX / 4 * 3);
         pthread_setattr_default_np(&huge);
         ULogger::install(nullptr);
         TimeBomb::make("Kernel", kMs, 0, "late");

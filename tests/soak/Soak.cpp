@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -276,8 +277,8 @@ private:
         }
         if (mHasFaults && mRecovered == 0)
             fail("no fault struck");
-        printf("# %lu requests, %lu scenes, %lu recoveries, %u failures\n", mRequests, mScenes,
-               mRecovered, mFailures);
+        printf("# %" PRIu64 " requests, %" PRIu64 " scenes, %" PRIu64 " recoveries, %u failures\n",
+               mRequests, mScenes, mRecovered, mFailures);
         return isFlat;
     }
 

@@ -20,6 +20,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cinttypes>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -477,12 +478,13 @@ TEST(Stress, SurvivesFaultsAndLookersOnWhileScenesComeAndGo) {
             EXPECT_GT(worker->scenes, 0U);
             EXPECT_GT(worker->completed, 0U);
             EXPECT_GT(worker->dequeued, worker->completed);
-            printf("%lu scenes, %lu requests\n", worker->scenes.load(), worker->completed.load());
+            printf("%" PRIu64 " scenes, %" PRIu64 " requests\n", worker->scenes.load(),
+                   worker->completed.load());
         }
         for (const SessionWorker& session : sessions) {
             EXPECT_GT(session.sessions, 0U);
             EXPECT_GT(session.completed, 0U);
-            printf("%lu sessions, %lu requests\n", session.sessions.load(),
+            printf("%" PRIu64 " sessions, %" PRIu64 " requests\n", session.sessions.load(),
                    session.completed.load());
         }
     }
