@@ -120,7 +120,7 @@ std::string Bench::takeRecord() const {
             all += describe(record);
         return all;
     }
-    const std::string all = readTestFile("record");
+    std::string all = readTestFile("record");
     EXPECT_TRUE(writeFile("/sys/kernel/debug/vengine/record", "clear"));
     return all;
 }
