@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <string_view>
 #include <thread>
 
 #include "EngineTest.h"
@@ -191,7 +192,7 @@ TEST(EightCcTest, ComparesAllEightBytes) {
     auto* const pages = static_cast<char*>(
         mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
-    memcpy(pages + page - 8, "ABCDEFGH", 8);
+    std::string_view("ABCDEFGH").copy(pages + page - 8, 8);
     EXPECT_EQ(EIGHTCC(static_cast<const char*>(pages + page - 8)), EIGHTCC("ABCDEFGH"));
     munmap(pages, 2 * page);
 }

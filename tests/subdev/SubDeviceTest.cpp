@@ -95,7 +95,7 @@ std::vector<Operation> SubDeviceTest::operations() {
     const std::string buffer = std::to_string(mBufferFd);
     const std::string fd = " fd=" + std::to_string(mDev.getDeviceFd());
     const std::string err = " err=-5(Input/output error)";
-    constexpr uint64_t big = 0x1122334455667788;
+    constexpr auto big = static_cast<unsigned long>(0x1122334455667788);
     const Bytes kva = Record(385).put(0, 1, 1).put(1, mBufferFd, 4);
     const Bytes coherent = Record(260).put(0, mBufferFd, 4).put(4, 1, 1).put(256, 1, 4);
     const Bytes fence = Record(9).put(0, 3, 1).put(1, reinterpret_cast<uint64_t>(&mFences[0]), 8);
