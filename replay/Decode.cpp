@@ -302,8 +302,12 @@ private:
         const size_t size = mLayout.extentOf(*field.sub).size;
         const size_t known = mKnown.size();
         std::vector<FieldPlace>* const places = std::exchange(mPlaces, nullptr);
+        // Items that are no structs have no name.
+        const Field& first = field.sub->fields.front();
+        const bool isBare = first.name[0] == 0;
         for (size_t at = 0; at + size <= found->bytes.size(); at += size) {
-            list.parts.push_back(group(*field.sub, found->bytes.subspan(at, size)));
+            const Bytes bytes = found->bytes.subspan(at, size);
+            list.parts.push_back(isBare ? item(first, bytes, {}, at) : group(*field.sub, bytes));
             mKnown.resize(known);
         }
         mPlaces = places;
@@ -479,6 +483,16 @@ std::string askedText(const Call& call, const Machine& machine, const std::strin
     return text;
 }
 
+/** What came back; where that is an array alone, with the argument that points to it. */
+std::vector<Piece> toldOf(const Call& call) {
+    std::vector<Piece> told = call.after;
+    if (!told.empty() && call.piece(record::kArgument, true).empty())
+        for (const Piece& piece : call.before)
+            if (piece.what == record::kArgument)
+                told.push_back(piece);
+    return told;
+}
+
 std::string answerText(const Call& call, const Machine& machine) {
     switch (call.operation) {
         case record::Operation::ReadDir:
@@ -496,7 +510,7 @@ std::string answerText(const Call& call, const Machine& machine) {
         case record::Operation::Ioctl:
             return call.after.empty() || call.result < 0
                        ? ""
-                       : " " + decodeArgument(call.code, call.after, machine).toString();
+                       : " " + decodeArgument(call.code, toldOf(call), machine).toString();
         default:
             return {};
     }

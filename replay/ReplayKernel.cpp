@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <corvane/kvxdip.h>
 #include <corvane/platform/Clock.h>
 #include <corvane/platform/Mutex.h>
 #include <corvane/platform/UniqueFd.h>
@@ -18,6 +19,7 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <thread>
 #include <utility>
@@ -140,7 +142,7 @@ private:
     struct Signal {
         int64_t ns;    ///< in the record
         size_t cycle;  ///< that completes; #kNone for an event
-        size_t call;   ///< that takes the event
+        size_t call;   ///< that takes the event, or a buffer of no request
     };
     struct LiveDir {
         size_t object;
@@ -175,6 +177,10 @@ private:
     bool bind(Live& request, size_t node) CORVANE_REQUIRES(mLock);
     int makeDescriptor(size_t object, int64_t wanted, bool isBlocking) CORVANE_REQUIRES(mLock);
     int makeExport(size_t call) CORVANE_REQUIRES(mLock);
+    int makeFences(size_t call, const kvxdip_fence& list) CORVANE_REQUIRES(mLock);
+    std::string partingOfFences(const Call& recorded, const Call& now) const
+        CORVANE_REQUIRES(mLock);
+    std::vector<int32_t> descriptorsOf(const Call& call, bool after) const CORVANE_REQUIRES(mLock);
     size_t byPath(Operation operation, const char* path, uint32_t with) CORVANE_REQUIRES(mLock);
 
     Mutex mLock;
@@ -188,8 +194,10 @@ private:
     size_t mFirstUnbound CORVANE_GUARDED_BY(mLock) = 0;  ///< of mCycles
     std::vector<Signal> mSignals CORVANE_GUARDED_BY(mLock);
     size_t mNextSignal CORVANE_GUARDED_BY(mLock) = 0;
-    std::map<size_t, int> mEvents CORVANE_GUARDED_BY(mLock);  ///< that wait, by object
-    int64_t mLastMadeNs CORVANE_GUARDED_BY(mLock) = 0;        ///< in the record
+    std::map<size_t, int> mEvents CORVANE_GUARDED_BY(mLock);   ///< that wait, by object
+    std::set<size_t> mPlainReady CORVANE_GUARDED_BY(mLock);    ///< dequeues of no request
+    std::map<int32_t, int> mFences CORVANE_GUARDED_BY(mLock);  ///< by their numbers in the record
+    int64_t mLastMadeNs CORVANE_GUARDED_BY(mLock) = 0;         ///< in the record
     Instant mLastMade CORVANE_GUARDED_BY(mLock);
     std::thread mThread;
 };
@@ -202,9 +210,12 @@ void ReplayKernel::Play::listSignals() CORVANE_NO_THREAD_SAFETY_ANALYSIS {
         if (story.cycles[i].readyNs)
             mSignals.push_back({*story.cycles[i].readyNs, i, kNone});
     const Record& record = mScript.record();
+    const auto tells = [&](size_t i) {
+        return record.calls[i].isIoctl(VIDIOC_DQEVENT) ||
+               (record.calls[i].isIoctl(VIDIOC_DQBUF) && story.cycleOf[i] == kNone);
+    };
     for (size_t i = 0; i < record.calls.size(); ++i)
-        if (record.calls[i].isIoctl(VIDIOC_DQEVENT) && record.calls[i].returned &&
-            record.calls[i].result >= 0)
+        if (record.calls[i].returned && record.calls[i].result >= 0 && tells(i))
             mSignals.push_back({record.calls[i].begin, kNone, i});
     std::stable_sort(mSignals.begin(), mSignals.end(),
                      [](const Signal& a, const Signal& b) { return a.ns < b.ns; });
@@ -230,10 +241,19 @@ std::optional<std::chrono::steady_clock::time_point> ReplayKernel::Play::dueTime
 void ReplayKernel::Play::fire(const Signal& signal) {
     if (signal.cycle == kNone) {
         const size_t object = mScript.story().objectOf[signal.call];
-        ++mEvents[object];
-        for (auto& [fd, live] : mOpen)
-            if (live.object == object)
+        const bool isBuffer = mScript.call(signal.call).isIoctl(VIDIOC_DQBUF);
+        if (isBuffer)
+            mPlainReady.insert(signal.call);
+        else
+            ++mEvents[object];
+        for (auto& [fd, live] : mOpen) {
+            if (live.object != object)
+                continue;
+            if (isBuffer)
+                live.signal.addData();
+            else
                 live.signal.raise();
+        }
         return;
     }
     LiveCycle& cycle = mCycles[signal.cycle];
@@ -352,6 +372,8 @@ int ReplayKernel::Play::generic(MutexLock& lock, Instant began, Live& live, cons
     const std::span<const size_t> calls = mScript.callsOn(live.object);
     std::string parting;
     const size_t call = mScript.findSame(calls, now, parting);
+    if (call != kNone && parting.empty() && now.code == KVXDIP_IOC_DEL_FENCE)
+        parting = partingOfFences(mScript.call(call), now);
     if (call == kNone || !parting.empty()) {
         const auto next =
             std::find_if(calls.begin(), calls.end(),
@@ -381,7 +403,42 @@ int ReplayKernel::Play::generic(MutexLock& lock, Instant began, Live& live, cons
         static_cast<v4l2_exportbuffer*>(arg)->fd = fd;
         return fd < 0 ? fd : result;
     }
+    if (now.code == KVXDIP_IOC_ADD_FENCE)
+        return makeFences(call, *static_cast<const kvxdip_fence*>(arg));
     return result;
+}
+
+std::vector<int32_t> ReplayKernel::Play::descriptorsOf(const Call& call, bool after) const {
+    const auto bytes = call.piece(record::kArray, after);
+    std::vector<int32_t> numbers(bytes.size() / sizeof(int32_t));
+    memcpy(numbers.data(), bytes.data(), numbers.size() * sizeof(int32_t));
+    return numbers;
+}
+
+/** Fences that are signalled already: when the driver did that no call tells. */
+int ReplayKernel::Play::makeFences(size_t call, const kvxdip_fence& list) {
+    auto* const given = reinterpret_cast<int32_t*>(static_cast<uintptr_t>(list.fds));
+    const std::vector<int32_t> recorded = descriptorsOf(mScript.call(call), true);
+    for (size_t i = 0; i < std::min<size_t>(list.count, recorded.size()); ++i) {
+        given[i] = renumbered(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK), recorded[i]);
+        if (given[i] < 0)
+            return -EMFILE;
+        mFences[recorded[i]] = given[i];
+    }
+    return mScript.call(call).result;
+}
+
+/** @return the first descriptor that is another fence's than the record's, empty for none. */
+std::string ReplayKernel::Play::partingOfFences(const Call& recorded, const Call& now) const {
+    const std::vector<int32_t> then = descriptorsOf(recorded, false);
+    const std::vector<int32_t> given = descriptorsOf(now, false);
+    for (size_t i = 0; i < std::min(then.size(), given.size()); ++i) {
+        const auto fence = mFences.find(then[i]);
+        if (fence != mFences.end() && fence->second != given[i])
+            return "fds[" + std::to_string(i) + "], " + std::to_string(fence->second) +
+                   " by the record";
+    }
+    return {};
 }
 
 int ReplayKernel::Play::makeExport(size_t call) {
@@ -474,6 +531,8 @@ bool ReplayKernel::Play::isAvailable(size_t call) const {
     const size_t cycle = mScript.story().cycleOf[call];
     if (cycle != kNone)
         return mCycles[cycle].isReady;
+    if (mScript.call(call).result >= 0)
+        return mPlainReady.count(call) != 0;
     const size_t first = mScript.first();
     return first == kNone || first >= call;
 }
@@ -498,6 +557,8 @@ int ReplayKernel::Play::dequeueBuffer(MutexLock& lock, Instant began, int fd, co
             }
         if (next != kNone && isAvailable(next)) {
             make(next);
+            if (mPlainReady.erase(next) != 0)
+                live->second.signal.takeData();
             const int result = finish(lock, began, next);
             const size_t cycle = mScript.story().cycleOf[next];
             if (result < 0 || cycle == kNone) {

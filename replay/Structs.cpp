@@ -5,6 +5,7 @@
 #include <linux/videodev2.h>
 
 #include "Layout.h"
+#include "RecordArgument.h"
 
 namespace NSVista::NSCorvane::replay {
 
@@ -298,8 +299,10 @@ PACKED(kKva, number("count", Type::U8), number("fd", Type::Handle, KVXDIP_KVA_MA
        number("reserved", Type::U8, 256));
 PACKED(kIova, number("fd", Type::Handle), number("coherence", Type::U8),
        number("reserved", Type::U8, 251), number("count"));
-PACKED(kFence, number("count", Type::U8),
-       {.name = "fds", .type = Type::Pointer, .array = record::kArray, .least = 8});
+PACKED(kDescriptor, number("", Type::Handle));
+PACKED(kFence, number("count", Type::U8), wide("fds", kDescriptor, 0));
+static_assert(record::kAddFence == KVXDIP_IOC_ADD_FENCE &&
+              record::kDelFence == KVXDIP_IOC_DEL_FENCE);
 PACKED(kUserResource, number("user_id", Type::U64), number("instance", Type::U64));
 PACKED(kDipControl, number("id", Type::S32), number("value", Type::S32));
 PACKED(kInitInfo, number("data", Type::U8, 8));

@@ -42,4 +42,15 @@ void PriorityFd::lower() {
     mRaised = false;
 }
 
+void PriorityFd::addData() {
+    if (mSender)
+        send(mSender.get(), "!", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void PriorityFd::takeData() {
+    char byte;
+    if (mReceiver)
+        recv(mReceiver.get(), &byte, 1, MSG_DONTWAIT);
+}
+
 }  // namespace NSVista::NSCorvane::sim

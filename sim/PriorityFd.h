@@ -25,6 +25,9 @@ public:
     void close();
     void raise();
     void lower();
+    /** Shows EPOLLIN until as many takeData() have come. Not together with raise(). */
+    void addData();
+    void takeData();
 
 private:
     UniqueFd mSender;

@@ -3,6 +3,8 @@
 
 #include <linux/media.h>
 
+#include <cstring>
+
 namespace NSVista::NSCorvane::record {
 
 namespace {
@@ -40,6 +42,13 @@ void addTopology(Blocks& blocks, const media_v2_topology& graph) {
     addCounted(blocks, pointer(graph.ptr_links), graph.num_links, sizeof(media_v2_link), 3);
 }
 
+/** The record is packed: a byte that counts, then the address of as many descriptors. */
+void addFences(Blocks& blocks, const void* arg) {
+    uint64_t address;
+    memcpy(&address, static_cast<const uint8_t*>(arg) + 1, sizeof(address));
+    blocks.add(pointer(address), as<uint8_t>(arg) * sizeof(int32_t), kArray);
+}
+
 }  // namespace
 
 void addArrays(Blocks& blocks, uint32_t code, const void* arg, bool after) {
@@ -59,6 +68,11 @@ void addArrays(Blocks& blocks, uint32_t code, const void* arg, bool after) {
         case MEDIA_IOC_G_TOPOLOGY:
             if (after)
                 addTopology(blocks, as<media_v2_topology>(arg));
+            break;
+        case kAddFence:
+        case kDelFence:
+            if (after == (code == kAddFence))
+                addFences(blocks, arg);
             break;
         default:
             break;

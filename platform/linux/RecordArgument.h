@@ -35,6 +35,13 @@ struct Blocks {
     }
 };
 
+/**
+ * The sub-device's private calls that point to an array of descriptors: KVXDIP_IOC_ADD_FENCE and
+ * KVXDIP_IOC_DEL_FENCE. The layer that declares them stands above this one.
+ */
+inline constexpr uint32_t kAddFence = _IOC(_IOC_WRITE, 'V', BASE_VIDIOC_PRIVATE + 15, 9);
+inline constexpr uint32_t kDelFence = _IOC(_IOC_WRITE, 'V', BASE_VIDIOC_PRIVATE + 16, 9);
+
 /** @private All but buffers. */
 void addArrays(Blocks& blocks, uint32_t code, const void* arg, bool after);
 

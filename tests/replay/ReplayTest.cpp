@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/client/SceneSession.h>
+#include <corvane/kvxdip.h>
 #include <corvane/platform/Record.h>
 #include <corvane/platform/Service.h>
 #include <corvane/platform/ULog.h>
 #include <corvane/platform/UniqueFd.h>
+#include <corvane/replay/Decode.h>
 #include <corvane/replay/ReplayKernel.h>
 #include <corvane/replay/Story.h>
 #include <corvane/sim/Engine.h>
@@ -12,10 +14,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
+#include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <regex>
 #include <string>
@@ -222,6 +227,84 @@ TEST_F(ReplayTest, TellsWhereACallParts) {
     ASSERT_FALSE(lines.empty());
     EXPECT_THAT(lines.back().text,
                 testing::EndsWith("A call is not in the record: open(\"/dev/other\", O_RDWR)"));
+}
+
+TEST_F(ReplayTest, DeliversBuffersOfNoRequestToWhoPolls) {
+    const auto run = [](const std::function<void(int)>& await) {
+        const int fd = System::Open("/dev/video0", O_RDWR | O_NONBLOCK, 1);
+        v4l2_requestbuffers request{};
+        request.count = 1;
+        request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        request.memory = V4L2_MEMORY_DMABUF;
+        EXPECT_EQ(System::Ioctl(fd, static_cast<int>(VIDIOC_REQBUFS), &request, 0), 0);
+        UniqueFd memory(memfd_create("test", MFD_CLOEXEC));
+        EXPECT_EQ(ftruncate(memory.get(), 1 << 20), 0);
+        v4l2_buffer buffer{};
+        buffer.type = request.type;
+        buffer.memory = request.memory;
+        EXPECT_EQ(System::Ioctl(fd, static_cast<int>(VIDIOC_STREAMON), &request.type, 0), 0);
+        for (int i = 0; i < 2; ++i) {
+            buffer.m.fd = memory.get();
+            EXPECT_EQ(System::Ioctl(fd, static_cast<int>(VIDIOC_QBUF), &buffer, 0), 0);
+            await(fd);
+            EXPECT_EQ(System::Ioctl(fd, static_cast<int>(VIDIOC_DQBUF), &buffer, 0), 0);
+        }
+        System::Close(fd, 1);
+    };
+    {
+        sim::DeviceDesc description;
+        description.addVideoNode("node",
+                                 {V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole});
+        sim::VirtualEngine engine(description);
+        const sim::ScopedKernel installed(engine);
+        ASSERT_EQ(record::start(mPath.c_str()), 0);
+        run([](int) { std::this_thread::sleep_for(50ms); });
+        record::stop();
+    }
+    const auto kernel = openRecord(false);
+    const sim::ScopedKernel installed(*kernel);
+    run([](int fd) {
+        pollfd node{fd, POLLIN, 0};
+        EXPECT_EQ(poll(&node, 1, 10), 0);
+        EXPECT_EQ(poll(&node, 1, 1000), 1);
+    });
+    EXPECT_EQ(kernel->differences(), 0U);
+    EXPECT_EQ(kernel->callsLeft(), 0U);
+}
+
+TEST_F(ReplayTest, KnowsTheDriversFencesOneByOne) {
+    const auto run = [](bool swapped) {
+        const int fd = System::Open("/dev/v4l-subdev0", O_RDWR, 1);
+        int fences[3] = {-1, -1, -1};
+        kvxdip_fence list{3, reinterpret_cast<uintptr_t>(fences)};
+        EXPECT_EQ(System::Ioctl(fd, static_cast<int>(KVXDIP_IOC_ADD_FENCE), &list, 0), 0);
+        pollfd signal{fences[2], POLLIN, 0};
+        EXPECT_GE(poll(&signal, 1, 0), 0);
+        EXPECT_EQ(signal.revents & POLLNVAL, 0);
+        if (swapped)
+            std::swap(fences[0], fences[1]);
+        EXPECT_EQ(System::Ioctl(fd, static_cast<int>(KVXDIP_IOC_DEL_FENCE), &list, 0), 0);
+        for (const int fence : fences)
+            close(fence);
+        System::Close(fd, 1);
+    };
+    {
+        sim::VirtualEngine engine;
+        const sim::ScopedKernel installed(engine);
+        ASSERT_EQ(record::start(mPath.c_str()), 0);
+        run(false);
+        record::stop();
+    }
+    const replay::Record record = replay::loadRecord(mPath);
+    ASSERT_EQ(record.calls.size(), 4U);
+    EXPECT_THAT(replay::callText(record.calls[1], record.machine),
+                testing::MatchesRegex(".*ADD_FENCE.*count=3.*fds=\\[[0-9]+, [0-9]+, [0-9]+\\].*"));
+    for (const bool swapped : {false, true}) {
+        const auto kernel = openRecord(true);
+        const sim::ScopedKernel installed(*kernel);
+        run(swapped);
+        EXPECT_EQ(kernel->differences(), swapped ? 1U : 0U);
+    }
 }
 
 TEST_F(ReplayTest, RefusesWhatLacksCallsOrIsAnotherMachines) {
