@@ -362,8 +362,8 @@ public:
 
 private:
     void readEntity(const JsonPlace& place) {
-        place.withOnly(
-            {"id", "name", "function", "type", "flags", "pads", "node", "video", "subdevice"});
+        place.withOnly({"id", "name", "function", "type", "flags", "pads", "node", "nodeOf",
+                        "video", "subdevice"});
         EntityDesc entity;
         entity.id = place.at("id").word(1, (1U << 24) - 1);
         if (!mDevice.entities.empty() && entity.id <= mDevice.entities.back().id)
@@ -401,6 +401,8 @@ private:
             node->refuse("has neither \"video\" nor \"subdevice\" beside it");
         if (video)
             entity.video = readVideo(*video);
+        if (const auto owner = place.find("nodeOf"))
+            readOwner(*owner, video || subDevice, entity);
         if (subDevice)
             entity.subDevice = readSubDevice(*subDevice, entity.padFlags.size());
         if (!node)
@@ -417,6 +419,16 @@ private:
             if (!mNumbers.insert(*entity.node.number).second)
                 node->refuse("has another node's number");
         }
+    }
+
+    void readOwner(const JsonPlace& place, bool hasNode, EntityDesc& entity) {
+        entity.nodeOf = place.text(kEntityText);
+        const auto owner = mPlaces.find(entity.nodeOf);
+        if (hasNode)
+            place.refuse("stands beside a node of its own");
+        if (owner == mPlaces.end() || owner->second == mDevice.entities.size() ||
+            (!mDevice.entities[owner->second].video && !mDevice.entities[owner->second].subDevice))
+            place.refuse("is no earlier entity with a node");
     }
 
     void readLinks(const JsonPlace& pad, size_t source, uint32_t sourcePad) {

@@ -247,6 +247,8 @@ Json entities(const DeviceDesc& device) {
             json["node"]["major"] = entity.node.number->first;
             json["node"]["minor"] = entity.node.number->second;
         }
+        if (!entity.nodeOf.empty())
+            json["nodeOf"] = entity.nodeOf;
         if (entity.video)
             json["video"] = video(*entity.video);
         else if (entity.subDevice)

@@ -45,6 +45,8 @@ bool DevNodes::add(const DeviceDesc& description, DeviceCore& device) {
     auto subDevice = device.subDevices().begin();
     for (size_t i = 0; i < description.entities.size(); ++i) {
         const EntityDesc& entity = description.entities[i];
+        if (!entity.nodeOf.empty())
+            share(device, entity.nodeOf, i);
         if (!entity.video && !entity.subDevice)
             continue;
         const std::pair<unsigned, unsigned> number =
@@ -64,6 +66,17 @@ bool DevNodes::add(const DeviceDesc& description, DeviceCore& device) {
     // A driver registers its media device when all of its nodes are there.
     mNodes.push_back(std::move(media));
     return true;
+}
+
+/** Gives an entity the node of an earlier one, where that has one. */
+void DevNodes::share(DeviceCore& device, const std::string& owner, size_t entity) const {
+    const DeviceLock deviceLock(device.mutex());
+    const auto from = device.graph().find(owner);
+    const DevNode* const node = from ? find(device.entityPaths[*from]) : nullptr;
+    if (node == nullptr)
+        return;
+    device.entityPaths[entity] = node->path();
+    device.graph().setDevnode(entity, node->major, node->minor);
 }
 
 void DevNodes::setOrder(DirectoryOrder order) {

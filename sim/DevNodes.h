@@ -63,6 +63,8 @@ private:
     };
     std::vector<std::unique_ptr<Directory>>::iterator findDirectory(DIR* dir)
         CORVANE_REQUIRES(mMutex);
+    void share(DeviceCore& device, const std::string& owner, size_t entity) const
+        CORVANE_REQUIRES(mMutex);
     std::string freeName(std::string_view prefix) const CORVANE_REQUIRES(mMutex);
     bool isFree(const std::pair<unsigned, unsigned>& number) const CORVANE_REQUIRES(mMutex);
     unsigned freeMinor() const CORVANE_REQUIRES(mMutex);

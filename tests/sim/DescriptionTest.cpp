@@ -78,6 +78,8 @@ const Damage kDamages[] = {
     {"/entities/2/video/queue/buffers/minimum", "65", "entities[2].video.queue.buffers.minimum: is not from 1 to 64"},
     {"/entities/2/video/queue/buffers/maximum", "0", "entities[2].video.queue.buffers.maximum: is not from 1"},
     {"/entities/2/video/queue/buffers/requests", "\"maybe\"", "entities[2].video.queue.buffers.requests: is none of"},
+    {"/entities/0/nodeOf", "\"vengine-main\"", "entities[0].nodeOf: is no earlier entity"},
+    {"/entities/2/nodeOf", "\"vengine-subdev\"", "entities[2].nodeOf: stands beside"},
     {"/entities/2/video/secondQueue", "{}", "entities[2].video.secondQueue.type: is missing"},
     {"/entities/2/video/inputs/current", "1", "entities[2].video.inputs.current: is not from 0 to 0"},
     {"/entities/2/video/inputs/list", "[]", "entities[2].video.inputs.list: has 0 items"},

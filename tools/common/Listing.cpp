@@ -96,7 +96,11 @@ void printEntity(const Device& device, const Entity& entity, int nameWidth, bool
 }
 
 void printTopology(const Device& device) {
-    printf("\nTopology: %zu entities, %zu links\n", device.entities.size(), device.links.size());
+    const auto counted = [](size_t count, const char* one, const char* many) {
+        return std::to_string(count) + " " + (count == 1 ? one : many);
+    };
+    printf("\nTopology: %s, %s\n", counted(device.entities.size(), "entity", "entities").c_str(),
+           counted(device.links.size(), "link", "links").c_str());
     size_t nameWidth = 0;
     const bool isNarrow = outputWidth() != 0 && outputWidth() < kAlignedFrom;
     for (const Entity& entity : device.entities)

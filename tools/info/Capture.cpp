@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <linux/v4l2-subdev.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -107,7 +108,12 @@ sim::DeviceDesc captureDevice(const Device& device, const CaptureWish& wish,
                 to.function = other.function;
         for (const media_pad_desc& pad : entity.pads)
             to.padFlags.push_back(pad.flags);
-        if (!entity.devnode.empty())
+        const auto owner =
+            std::find_if(device.entities.begin(), device.entities.end(),
+                         [&](const Entity& other) { return other.devnode == entity.devnode; });
+        if (!entity.devnode.empty() && owner->name != entity.name)
+            to.nodeOf = owner->name;
+        else if (!entity.devnode.empty())
             captureNode(entity, wish, to, remarks);
     }
     for (const media_link_desc& link : device.links) {

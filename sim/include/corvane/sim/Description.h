@@ -219,6 +219,9 @@ struct EntityDesc {
     std::optional<VideoDesc> video = {};
     std::optional<SubDeviceDesc> subDevice = {};
     NodeDesc node = {};  ///< of the one or the other
+    /** An earlier entity whose node this one has as well, as both ends of a memory-to-memory node.
+     */
+    std::string nodeOf = {};
     uint32_t id = 0;     ///< 0: the next number
     uint32_t flags = 0;  ///< MEDIA_ENT_FL_*
     /** What MEDIA_IOC_ENUM_ENTITIES gives for its type; 0: as the kernel derives it. */
