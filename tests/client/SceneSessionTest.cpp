@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "vengine-desc.h"
+#include "support/SceneDescs.h"
 
 namespace NSVista::NSCorvane::client {
 namespace {
@@ -73,17 +73,10 @@ protected:
         Utils::Properties::property_set(kModeProperty, nullptr);
     }
 
-    static SessionDesc describe(size_t ports, int buffers = 4) {
-        SessionDesc desc{"test", {}, {}, buffers, {64, 64}};
-        for (size_t i = 0; i < ports; ++i) {
-            const vengine_port& port = vengine_ports[i];
-            desc.ports.push_back({port.name, static_cast<int>(i), port.name, 0, 64, 16});
-            SessionLink link{VENGINE_CORE_ENTITY, static_cast<uint32_t>(i), port.name, 0};
-            if (V4L2_TYPE_IS_OUTPUT(port.buf_type))
-                link = {port.name, 0, VENGINE_CORE_ENTITY, static_cast<uint32_t>(i)};
-            if (port.immutable == 0)
-                desc.links.push_back(link);
-        }
+    static SessionDesc describe(unsigned ports, int buffers = 4) {
+        SessionDesc desc = test::engineSession("test", ports);
+        desc.buffers = buffers;
+        desc.layout = {64, 64};
         return desc;
     }
     std::unique_ptr<SceneSession> open(const SessionDesc& desc, int& error) {
@@ -97,7 +90,9 @@ protected:
         EXPECT_EQ(session->start(), 0);
         return session;
     }
-    std::unique_ptr<SceneSession> openStarted(size_t ports) { return openStarted(describe(ports)); }
+    std::unique_ptr<SceneSession> openStarted(unsigned ports) {
+        return openStarted(describe(ports));
+    }
     /** Errors and warnings. */
     std::vector<std::string> takeLines() {
         std::vector<std::string> lines;
@@ -145,7 +140,7 @@ constexpr Way kWays[] = {{"0", true, HandOver::WhenDequeued},
 TEST_F(SceneSessionTest, StopWaitsForEveryCompletionAndDequeue) {
     mEngine.device().setTiming({.latency = 2ms});
     for (const Way& way : kWays)
-        for (const size_t ports : {1U, 4U}) {
+        for (const unsigned ports : {1U, 4U}) {
             Utils::Properties::property_set(kModeProperty, way.mode);
             SCOPED_TRACE(testing::Message() << ports << " ports, mode " << way.mode << way.direct);
             const sim::DeviceCounts before = mEngine.device().counts();
@@ -224,7 +219,7 @@ TEST_F(SceneSessionTest, WaitHandsOverWhenDequeuedOrAlreadyWhenDone) {
 
 TEST_F(SceneSessionTest, FramesKeepTheirIndexes) {
     for (const Way& way : kWays)
-        for (const size_t ports : {1U, 3U, 8U})
+        for (const unsigned ports : {1U, 3U, 8U})
             for (const int inFlight : {1, 3, 8})
                 for (const sim::Order order : {sim::Order::IN_ORDER, sim::Order::RANDOM}) {
                     Utils::Properties::property_set(kModeProperty, way.mode);
@@ -397,7 +392,7 @@ TEST_F(SceneSessionTest, LossesAmongManyCompletionsAreCountedAndHangNothing) {
 }
 
 TEST_F(SceneSessionTest, StopWithRequestsInFlightLosesThemAndANewSessionStreams) {
-    for (const size_t ports : {1U, 4U}) {
+    for (const unsigned ports : {1U, 4U}) {
         mEngine.device().hold();
         {
             // Handed over when done, with slow dequeues still to come: the stop waits for those.

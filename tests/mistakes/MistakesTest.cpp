@@ -27,6 +27,8 @@
 #include <string>
 #include <vector>
 
+#include "support/SceneDescs.h"
+
 namespace NSVista::NSCorvane::client {
 namespace {
 
@@ -110,12 +112,7 @@ public:
 };
 
 struct SessionArguments {
-    SessionDesc desc{
-        "session",
-        {{"main", 0, "vengine-main", 0, 64, 16}, {"input", 1, "vengine-input", 0, 0, 0}},
-        {{"vengine-core", 0, "vengine-main", 0}, {"vengine-input", 0, "vengine-core", 1}},
-        4,
-        {64, 64}};
+    SessionDesc desc = test::engineSession("session", 2);
     std::shared_ptr<IMediaDevice> media = IDeviceEnumerator::instance().search("twin-pads");
     std::unique_ptr<IDmaBufSource> source = makeMemoryFileSource();
 };
@@ -355,13 +352,13 @@ const Mistake kMistakes[] = {
         "main grants 32 buffers, not 33"),
     session(
         "index twice", -EINVAL, [](auto& a) { a.desc.ports[1].index = 0; },
-        "ports \"main\" and \"input\" have the same index 0"),
+        "ports \"vengine-main\" and \"vengine-input\" have the same index 0"),
     session(
         "entity twice", -EINVAL, [](auto& a) { a.desc.ports[1].entity = "vengine-main"; },
-        "ports \"main\" and \"input\" use the same entity \"vengine-main\""),
+        "ports \"vengine-main\" and \"vengine-input\" use the same entity \"vengine-main\""),
     session(
         "no such entity", -EINVAL, [](auto& a) { a.desc.ports[1].entity = "nobody"; },
-        "port \"input\": the device has no entity \"nobody\""),
+        "port \"vengine-input\": the device has no entity \"nobody\""),
     session(
         "link to nobody", -EINVAL, [](auto& a) { a.desc.links[0].sinkEntity = "nobody"; },
         "link vengine-core:0 to nobody:0: the device has no such sink entity"),
@@ -384,7 +381,7 @@ const Mistake kMistakes[] = {
         "Value too large"),
     session(
         "small buffers", -EINVAL, [](auto& a) { a.source = std::make_unique<MeanSource>(); },
-        "a mean source has 1727 bytes, the format asks for 1728", Ending::Line),
+        "a mean source has 1023 bytes, the format asks for 1024", Ending::Line),
 #if defined(CORVANE_STREAM)
     // The tools.
     stream("--bogus", "not expected: --bogus"),

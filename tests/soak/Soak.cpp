@@ -115,13 +115,11 @@ bool holdsNothing() {
 class Soak {
 public:
     Soak(std::chrono::seconds duration, bool faults) : mEnd(mBegin + duration), mHasFaults(faults) {
-        const auto& entity = Platform::instance().ports()[0];
         mSamples.reserve(static_cast<size_t>(duration / kSampleTime) + 1);  // else it would grow
-        mDesc.name = "soak";
+        mDesc = Platform::instance().describe("soak", 1);
+        mDesc.ports[0].width = 64;
+        mDesc.ports[0].height = 16;
         mDesc.times = true;
-        mDesc.ports = {{entity.name, 0, entity.name, 0, 64, 16}};
-        for (const PortLink& link : entity.links)
-            mDesc.links.push_back({link.source, link.sourcePad, link.sink, link.sinkPad});
     }
 
     /** @return whether everything stayed as it was. */

@@ -97,6 +97,17 @@ void Platform::hold(bool on) const {
             << (on ? 100'000'000 : 0) << std::flush;
 }
 
+client::SessionDesc Platform::describe(const std::string& name, size_t ports) const {
+    client::SessionDesc desc;
+    desc.name = name;
+    for (size_t i = 0; i < ports; ++i) {
+        const PortEntity& port = mPorts[i];
+        desc.ports.push_back({port.name, static_cast<int>(i), port.name});
+        desc.links.insert(desc.links.end(), port.links.begin(), port.links.end());
+    }
+    return desc;
+}
+
 Platform& Platform::instance() {
     static Platform* const platform = new Platform;  // outlives every test's objects
     return *platform;
@@ -125,7 +136,7 @@ std::shared_ptr<IMediaDevice> Platform::search() const {
     return IDeviceEnumerator::instance().search(mModel);
 }
 
-uint32_t Platform::linkFlags(const PortLink& link) const {
+uint32_t Platform::linkFlags(const client::SessionLink& link) const {
     const auto topology = mc::enumMediaTopology(devicePath(mModel));
     for (const auto& desc : topology->linkDescs())
         if (desc.source.index == link.sourcePad && desc.sink.index == link.sinkPad &&

@@ -12,22 +12,15 @@
 
 #include <corvane/IMediaDevice.h>
 #include <corvane/client/DmaBuf.h>
+#include <corvane/client/SceneSession.h>
 #include <corvane/sim/Engine.h>
 
 namespace NSVista::NSCorvane::test {
 
-/** A link of a port, as a scene's descriptor names it. */
-struct PortLink {
-    std::string source;
-    unsigned sourcePad;
-    std::string sink;
-    unsigned sinkPad;
-};
-
 /** A media entity with a video node that the suite streams. */
 struct PortEntity {
     std::string name;
-    std::vector<PortLink> links;
+    std::vector<client::SessionLink> links;
 };
 
 /**
@@ -52,9 +45,11 @@ public:
     void hold(bool on) const;
     /** Frames are numbered and drawn as the virtual engine's. */
     bool drawsTestPicture() const { return mModel == "vengine"; }
+    /** Of the first @p ports ports and their links, in the formats they have. */
+    client::SessionDesc describe(const std::string& name, size_t ports) const;
     std::shared_ptr<IMediaDevice> search() const;
     /** A link's flags as the kernel has them now. */
-    uint32_t linkFlags(const PortLink& link) const;
+    uint32_t linkFlags(const client::SessionLink& link) const;
     client::IDmaBufSource& source() const { return *mSource; }
     /** Descriptors that the device under test still counts as open. */
     size_t openFiles() const { return mEngine != nullptr ? mEngine->openFiles() : 0; }

@@ -26,15 +26,8 @@ protected:
             GTEST_SKIP() << "needs a device that fails on demand";
     }
     std::unique_ptr<SceneSession> open(int& error) const {
-        client::SessionDesc desc;
-        desc.name = "service";
+        client::SessionDesc desc = platform.describe("service", 2);
         desc.buffers = 2;
-        for (size_t i = 0; i < 2; ++i) {
-            const PortEntity& port = platform.ports()[i];
-            desc.ports.push_back({port.name, static_cast<int>(i), port.name, 0, 0, 0});
-            for (const PortLink& link : port.links)
-                desc.links.push_back({link.source, link.sourcePad, link.sink, link.sinkPad});
-        }
         return SceneSession::open(desc, platform.search(), platform.source(), error);
     }
     /** A session that streams. */

@@ -47,23 +47,10 @@ vengine_picture pictureOf(const PixelFormat& format, const client::FrameMapping&
 
 }  // namespace
 
-Rig::Rig(size_t ports) : mMedia(Platform::instance().search()) {
-    const auto& entities = Platform::instance().ports();
-    for (size_t i = 0; i < ports; ++i) {
-        mPortDescs.push_back({entities[i].name.c_str(), static_cast<int>(i),
-                              entities[i].name.c_str(), false, false, false});
-        for (const auto& link : entities[i].links)
-            mLinkDescs.push_back(
-                {link.source.c_str(), link.sourcePad, link.sink.c_str(), link.sinkPad});
-    }
-    mDesc = {"rig",
-             nullptr,
-             static_cast<int>(ports),
-             mPortDescs.data(),
-             static_cast<int>(mLinkDescs.size()),
-             mLinkDescs.data()};
+Rig::Rig(size_t ports)
+    : mMedia(Platform::instance().search()), mDesc(Platform::instance().describe("rig", ports)) {
     mMedia->acquire();
-    scene = std::make_unique<Scene>(nullptr, mDesc, mMedia);
+    scene = std::make_unique<Scene>(nullptr, mDesc.scene, mMedia);
     events = client::EpollEventMonitor::make();
 }
 
@@ -88,7 +75,7 @@ int Rig::start(int buffers) {
     if (const int ret = init(); ret != 0)
         return ret;
     scene->acquire();
-    for (const auto& desc : mPortDescs) {
+    for (const auto& desc : mDesc.ports) {
         const auto port = scene->queryPort(desc.index);
         PixelFormat format{};
         if (const int ret = scene->getFormat(port, format); ret != 0)
@@ -116,7 +103,7 @@ int Rig::start(int buffers) {
 int Rig::makeSlot() {
     // Only the virtual engine reads where a plane begins in its dma-buf.
     const client::FrameLayout layout{Platform::instance().drawsTestPicture() ? 4096U : 0U, 64};
-    std::vector<client::Frame> frames(mPortDescs.size());
+    std::vector<client::Frame> frames(mDesc.ports.size());
     for (size_t i = 0; i < frames.size(); ++i)
         if (const int ret = frames[i].allocate(formats[i], layout, Platform::instance().source());
             ret != 0)
@@ -131,18 +118,18 @@ int Rig::makeSlot() {
 }
 
 void Rig::feed(size_t port, client::FrameMapping& frame, size_t slot) {
-    if (mPortDescs[port].device_name == std::string("vengine-input")) {
+    if (mDesc.ports[port].device_name == std::string("vengine-input")) {
         const vengine_picture picture = pictureOf(formats[port], frame);
         mPictures[slot] = mNextPicture++;
         vengine_draw_test(&picture, mPictures[slot]);
-    } else if (mPortDescs[port].device_name == std::string("vengine-tuning")) {
+    } else if (mDesc.ports[port].device_name == std::string("vengine-tuning")) {
         const vengine_tuning tuning = {VENGINE_TUNING_MAGIC, 7, 0, {}};
         memcpy(frame.plane(0).data(), &tuning, sizeof(tuning));
     }
 }
 
 void Rig::fill(size_t slot, size_t ports) {
-    const size_t count = ports != 0 ? ports : mPortDescs.size();
+    const size_t count = ports != 0 ? ports : mDesc.ports.size();
     for (size_t i = 0; i < count; ++i) {
         client::Frame& frame = mFrames[slot][i];
         {
@@ -197,8 +184,8 @@ std::vector<size_t> Rig::takeDone() {
 }
 
 bool Rig::written(size_t slot) {
-    for (size_t i = 0; i < mPortDescs.size(); ++i) {
-        if (isOutput(mPortDescs[i].device_name))
+    for (size_t i = 0; i < mDesc.ports.size(); ++i) {
+        if (isOutput(mDesc.ports[i].device_name))
             continue;
         const client::FrameMapping frame = mFrames[slot][i].map(client::CpuAccess::Read);
         for (size_t p = 0; p < frame.planeCount(); ++p)

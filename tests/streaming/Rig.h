@@ -14,11 +14,11 @@
 
 #include <corvane/IRequest.h>
 #include <corvane/SceneControl.h>
-#include <corvane/SceneDesc.h>
 #include <corvane/client/EpollEventMonitor.h>
 #include <corvane/client/SessionRequest.h>
 
 #include "Platform.h"
+#include "support/SceneDescs.h"
 
 namespace NSVista::NSCorvane::test {
 
@@ -72,9 +72,7 @@ private:
     void feed(size_t port, client::FrameMapping& frame, size_t slot);
 
     std::shared_ptr<IMediaDevice> mMedia;
-    std::vector<PortDesc> mPortDescs;
-    std::vector<LinkDesc> mLinkDescs;
-    SceneDesc mDesc{};
+    const BareDesc mDesc;
     bool mInitialised = false;
     bool mStarted = false;
     std::vector<std::shared_ptr<IRequest>> mRequests;

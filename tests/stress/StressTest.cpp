@@ -29,7 +29,7 @@
 #include <thread>
 #include <vector>
 
-#include "vengine-desc.h"
+#include "support/SceneDescs.h"
 
 namespace NSVista::NSCorvane::test {
 namespace {
@@ -126,29 +126,15 @@ public:
           mShared(std::move(events)),
           mRandom(sSeed + number),
           mName("scene-" + std::to_string(number)),
-          mModel(kModels[number % 2]) {
-        for (unsigned port = number / 2; port < VENGINE_PORTS; port += 3) {
-            const char* const entity = vengine_ports[port].name;
-            mPorts.push_back({entity, static_cast<int>(port), entity, false, false, false});
-            if (V4L2_TYPE_IS_OUTPUT(vengine_ports[port].buf_type))
-                mLinks.push_back({entity, 0, VENGINE_CORE_ENTITY, port});
-            else
-                mLinks.push_back({VENGINE_CORE_ENTITY, port, entity, 0});
-        }
-        mDesc = {mName.c_str(),
-                 nullptr,
-                 static_cast<int32_t>(mPorts.size()),
-                 mPorts.data(),
-                 static_cast<int32_t>(mLinks.size()),
-                 mLinks.data()};
-    }
+          mModel(kModels[number % 2]),
+          mDesc(engineSession(mName, VENGINE_PORTS, number / 2, 3)) {}
 
     /** One scene's life. */
     void live() {
         const auto media = IDeviceEnumerator::instance().search(mModel);
         if (media->acquire() != 0)
             return;
-        auto scene = std::make_shared<Scene>(mManager.getDebugInfo(mName), mDesc, media);
+        auto scene = std::make_shared<Scene>(mManager.getDebugInfo(mName), mDesc.scene, media);
         {
             const std::lock_guard lock(shown.lock);
             shown.scene = scene;
@@ -181,7 +167,7 @@ public:
 private:
     bool prepare(Scene& scene) {
         std::vector<PixelFormat> formats;
-        for (const auto& desc : mPorts) {
+        for (const auto& desc : mDesc.ports) {
             const auto port = scene.queryPort(desc.index);
             PixelFormat format{};
             if (scene.getFormat(port, format) != 0)
@@ -250,8 +236,8 @@ private:
     /** Without an event monitor nothing completes any more, but what did is dequeued. */
     void waitDequeued() {
         std::unique_lock lock(mLock);
-        EXPECT_TRUE(
-            mDone.wait_for(lock, 20s, [this] { return mDequeued >= mCompleted * mPorts.size(); }));
+        EXPECT_TRUE(mDone.wait_for(
+            lock, 20s, [this] { return mDequeued >= mCompleted * mDesc.ports.size(); }));
     }
 
     /** Waits for @p count idle requests. @return one of them, taken out when @p count is 1. */
@@ -269,8 +255,8 @@ private:
 
     bool queue(Scene& scene, size_t slot) {
         IRequest& request = *shown.requests[slot];
-        for (size_t i = 0; i < mPorts.size(); ++i)
-            request.addBuffer(mPorts[i].index, [this, slot, i](FrameBuffer& buffer) {
+        for (size_t i = 0; i < mDesc.ports.size(); ++i)
+            request.addBuffer(mDesc.ports[i].index, [this, slot, i](FrameBuffer& buffer) {
                 buffer = mFrames[slot][i].buffer();
             });
         if (scene.queueRequest(&request, 0) == 0)
@@ -285,9 +271,7 @@ private:
     Random mRandom;
     const std::string mName;
     const std::string mModel;
-    std::vector<PortDesc> mPorts;
-    std::vector<LinkDesc> mLinks;
-    SceneDesc mDesc{};
+    const BareDesc mDesc;
     std::unique_ptr<client::IDmaBufSource> mSource = client::makeMemoryFileSource();
     std::vector<std::vector<client::Frame>> mFrames;  ///< per request, per port
     std::atomic<size_t> mQueueable{kBuffers};         ///< requests whose queueing was not refused
@@ -301,17 +285,9 @@ private:
 /** Sessions one after the other, fed by one thread, emptied by another and ended at any moment. */
 class SessionWorker {
 public:
-    explicit SessionWorker(unsigned number) : mRandom(sSeed + 100 + number) {
-        mDesc.name = "session-" + std::to_string(number);
-        for (uint32_t port = number; port < VENGINE_PORTS; port += 2) {
-            const vengine_port& about = vengine_ports[port];
-            mDesc.ports.push_back({about.name, static_cast<int>(port), about.name, 0, 64, 16});
-            if (V4L2_TYPE_IS_OUTPUT(about.buf_type))
-                mDesc.links.push_back({about.name, 0, VENGINE_CORE_ENTITY, port});
-            else
-                mDesc.links.push_back({VENGINE_CORE_ENTITY, port, about.name, 0});
-        }
-    }
+    explicit SessionWorker(unsigned number)
+        : mRandom(sSeed + 100 + number),
+          mDesc(engineSession("session-" + std::to_string(number), VENGINE_PORTS, number, 2)) {}
 
     void live() {
         mDesc.direct = mRandom.below(2) == 0;

@@ -22,7 +22,7 @@
 #include <optional>
 #include <utility>
 
-#include "vengine-desc.h"
+#include "support/SceneDescs.h"
 
 int corvaneStreamMain(int argc, char** argv);
 int corvaneInfoMain(int argc, char** argv);
@@ -37,21 +37,9 @@ constexpr int kBuffers = 3;
 constexpr int kRounds = 2;
 std::atomic<bool> sTerminated{false};
 
-/** Links and ports of the engine's first ports; immutable links are left alone. */
-client::SessionDesc describe(size_t ports) {
-    client::SessionDesc desc;
-    desc.name = "sweep";
+client::SessionDesc describe(unsigned ports) {
+    client::SessionDesc desc = engineSession("sweep", ports);
     desc.buffers = kBuffers;
-    for (uint32_t i = 0; i < ports; ++i) {
-        const vengine_port& port = vengine_ports[i];
-        desc.ports.push_back({port.name, static_cast<int>(i), port.name, 0, 64, 16});
-        if (port.immutable != 0)
-            continue;
-        if (V4L2_TYPE_IS_OUTPUT(port.buf_type))
-            desc.links.push_back({port.name, 0, VENGINE_CORE_ENTITY, i});
-        else
-            desc.links.push_back({VENGINE_CORE_ENTITY, i, port.name, 0});
-    }
     return desc;
 }
 
@@ -83,27 +71,14 @@ void enumerate(Client& client) {
 /** A scene by the bare interface. */
 class BareScene {
 public:
-    BareScene(Client& client, size_t ports) : mClient(client), mSession(describe(ports)) {
-        for (const auto& port : mSession.ports)
-            mPorts.push_back(
-                {port.name.c_str(), port.index, port.entity.c_str(), false, false, false});
-        for (const auto& link : mSession.links)
-            mLinks.push_back(
-                {link.sourceEntity.c_str(), link.sourcePad, link.sinkEntity.c_str(), link.sinkPad});
-        mDesc = {"sweep",
-                 nullptr,
-                 static_cast<int32_t>(mPorts.size()),
-                 mPorts.data(),
-                 static_cast<int32_t>(mLinks.size()),
-                 mLinks.data()};
-    }
+    BareScene(Client& client, unsigned ports) : mClient(client), mDesc(describe(ports)) {}
 
     void live() {
         const auto media = search(mClient);
         if (mClient.step("acquire", [&] { return media->acquire(); }) != 0)
             return;
         mClient.step("construct", [&] {
-            mScene.emplace(nullptr, mDesc, media);
+            mScene.emplace(nullptr, mDesc.scene, media);
             return 0;
         });
         if (mClient.step("init", [&] { return mScene->init(); }) == 0) {
@@ -120,7 +95,7 @@ public:
 
 private:
     bool prepare() {
-        for (const PortDesc& desc : mPorts) {
+        for (const PortDesc& desc : mDesc.ports) {
             const std::shared_ptr<IPort> port = mScene->queryPort(desc.index);
             PixelFormat format{};
             const auto getFormat = [&] { return mScene->getFormat(port, format); };
@@ -164,11 +139,11 @@ private:
 
     bool queue(IRequest& request) {
         const auto add = [&](size_t port) {
-            return request.addBuffer(mPorts[port].index, [this, port](FrameBuffer& buffer) {
+            return request.addBuffer(mDesc.ports[port].index, [this, port](FrameBuffer& buffer) {
                 buffer = mFrames[port].buffer();
             });
         };
-        for (size_t i = 0; i < mPorts.size(); ++i)
+        for (size_t i = 0; i < mDesc.ports.size(); ++i)
             mClient.step("stream", [&] { return add(i); });
         mRefused = mClient.step("stream", [&] { return mScene->queueRequest(&request, 0); }) != 0;
         return !mRefused;
@@ -178,7 +153,7 @@ private:
     void waitFor(size_t requests) {
         std::unique_lock lock(mLock);
         const auto isBack = [&] {
-            return mDone >= requests && mDequeued >= requests * mPorts.size();
+            return mDone >= requests && mDequeued >= requests * mDesc.ports.size();
         };
         if (!mChanged.wait_for(lock, 3s, isBack))
             Client::trouble("requests did not come back");
@@ -199,10 +174,7 @@ private:
     bool isFine() const { return !mRefused && !mLost && !sTerminated; }
 
     Client& mClient;
-    const client::SessionDesc mSession;
-    std::vector<PortDesc> mPorts;
-    std::vector<LinkDesc> mLinks;
-    SceneDesc mDesc{};
+    const BareDesc mDesc;
     std::optional<Scene> mScene;
     std::unique_ptr<client::IDmaBufSource> mSource = client::makeMemoryFileSource();
     std::vector<client::Frame> mFrames;
@@ -254,13 +226,13 @@ bool session(Client& client, client::SessionDesc desc) {
     return isGood && !sTerminated;
 }
 
-template <size_t kPorts>
+template <unsigned kPorts>
 void bareScene(Client& client) {
     BareScene(client, kPorts).live();
 }
 
 /** One buffer is dequeued on the event thread, several are or are not. */
-template <size_t kPorts>
+template <unsigned kPorts>
 void sceneSession(Client& client) {
     client::SessionDesc desc = describe(kPorts);
     desc.direct = kPorts != 6;
