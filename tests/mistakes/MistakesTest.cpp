@@ -293,7 +293,7 @@ const Mistake kMistakes[] = {
          Client client(kStarted);
          client.scene.createRequest()->addBuffer(0, {});
      },
-     "Bad buffer fill"},
+     "Bad buffer fill: index=0"},
     {"a port twice in a cycle", Ending::Death,
      [] {
          Client client(kStarted);
@@ -335,7 +335,7 @@ const Mistake kMistakes[] = {
          IDefaultSubDeviceProvider::instance()->acquire("TWICE");
          IDefaultSubDeviceProvider::instance()->acquire("TWICE");
      },
-     "TWICE"},
+     "A same user id TWICE has existed."},
     // A session's description.
     session(
         "no media device", -EINVAL, [](auto& a) { a.media = nullptr; }, "there is no media device"),

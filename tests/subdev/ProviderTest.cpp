@@ -151,17 +151,12 @@ TEST_F(ProviderTest, LetsASecondUserWaitForTheBringUp) {
 }
 
 TEST_F(ProviderTest, EndsOnFaultsOfTheProcess) {
-    const auto acquireTwice = [&] {
-        mProvider.acquire("AAAA");
-        mProvider.acquire("AAAA");
-    };
     const auto acquireNobody = [&] {
         mConfigs.subdevice_entity_name = "";
         registerDefaultMediaConfigs(&mConfigs);
         mProvider.acquire("AAAA");
     };
     test::expectFatal({
-        {acquireTwice, "corvane-V4L2SubDevice", "acquire", "A same user id AAAA has existed."},
         {acquireNobody, "corvane-DeviceEnumerator", "determineDefaultSubDevnodePath",
          "No subdev path for  .mediadevice_model_name=vengine .subdevice_entity_name=. ret=1"},
     });

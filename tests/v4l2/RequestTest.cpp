@@ -179,10 +179,6 @@ TEST_F(RequestTest, EndsOnConsistencyErrors) {
         request.addBuffer(1, [](FrameBuffer&) {});
         request.queueRequest(0);
     };
-    const auto refused = [=, this] {
-        media().queueResult = -EIO;
-        queueOn(1);
-    };
     const auto noRequest = [this] {
         mMedia.request.reset();
         Request(&mMedia, mQuery, nullptr);
@@ -194,8 +190,6 @@ TEST_F(RequestTest, EndsOnConsistencyErrors) {
         " .bufsize=0 } }";
     const std::string idle = "[addBuffer] Something wrong - Request={ .requestFD=200 .state=0 }";
     expectFatal({
-        {[this] { mRequest->addBuffer(0x1a, nullptr); }, kTag, "addBuffer",
-         "Bad buffer fill: index=0x1a"},
         {twice,
          kTag,
          "addBuffer",
@@ -207,10 +201,8 @@ TEST_F(RequestTest, EndsOnConsistencyErrors) {
          "addBuffer",
          "FATAL",
          {"[addBuffer] (0x1, " + wide + ") has existed\n", idle, "Existed (0x1, " + wide + ")\n"}},
-        {[=] { queueOn(99); }, kTag, "queueBuffers", "Bad port index:0x63"},
         {noDevice, kTag, "queueBuffers", "Bad VideoDevice"},
         {noQuery, kTag, "queueBuffers", "Bad function"},
-        {refused, kTag, "queueRequest", "Failed to queue media request"},
     });
     for (const auto& [action, device] :
          {std::pair<std::function<void()>, std::string>{

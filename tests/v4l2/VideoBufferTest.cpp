@@ -487,8 +487,6 @@ TEST_F(VideoDeviceTest, EndsOnConsistencyErrorsOfBuffers) {
         mDevice->dequeBuffer();
     };
     expectFatal({
-        {[this] { mDevice->importBuffer(65); }, kVideoTag, "importBuffer",
-         "Not support count=65 > 64"},
         {acquireOfNone, kVideoTag, "acquireBufferIndex", "index:0 out of range"},
         {[this] { mDevice->releaseBufferIndex(2); }, kVideoTag, "releaseBufferIndex",
          "Bad index:2 2"},
