@@ -13,7 +13,7 @@ using NSVista::Utils::ULog::ULogger;
 
 namespace {
 
-constexpr const char* kKey = "persist.test.Key";
+constexpr const char* kKey = "persist.test.Key0";
 
 TEST(Properties, TakesTheProcessThenTheEnvironmentThenTheDefault) {
     EXPECT_EQ(property_get_int32(kKey, 3), 3);
@@ -36,7 +36,7 @@ TEST(Properties, TakesTheProcessThenTheEnvironmentThenTheDefault) {
 TEST(Properties, AsksTheNextSourceForWhatDoesNotParse) {
     RingULogger log(9);
     ULogger::install(&log);
-    setenv("PERSIST_TEST_KEY", "7", 1);
+    setenv("PERSIST_TEST_KEY0", "7", 1);
     EXPECT_EQ(property_get_int32(kKey, 3), 7);
     setenv(kKey, "x6", 1);
     property_set(kKey, "-5");
@@ -44,13 +44,13 @@ TEST(Properties, AsksTheNextSourceForWhatDoesNotParse) {
     EXPECT_EQ(property_get_uint64(kKey, 3), 7U);
     property_set(kKey, nullptr);
     unsetenv(kKey);
-    unsetenv("PERSIST_TEST_KEY");
+    unsetenv("PERSIST_TEST_KEY0");
     ULogger::install(nullptr);
     std::string lines;
     for (const auto& line : log.take())
         lines += line.text + ";";
     EXPECT_EQ(lines,
-              "[warn] persist.test.Key: bad value '-5';[warn] persist.test.Key: bad value 'x6';");
+              "[warn] persist.test.Key0: bad value '-5';[warn] persist.test.Key0: bad value 'x6';");
 
     setenv(kKey, "", 1);  // absent
     EXPECT_EQ(property_get_uint64(kKey, 3), 3U);

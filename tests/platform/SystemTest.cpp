@@ -12,6 +12,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <future>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -72,6 +74,38 @@ TEST(System, AccountsDescriptorsUntilTheyAreClosed) {
     EXPECT_TRUE(System::openFds().empty());
 }
 
+TEST(System, ListsTheCallsThatAreUnderWay) {
+    test::FakeKernel kernel;
+    std::promise<void> gates[3];
+    kernel.on<int>(VIDIOC_LOG_STATUS, [&](int fd, int&) {
+        gates[fd].get_future().wait();
+        return 0;
+    });
+    std::set<int> wanted;
+    const auto listed = [] {
+        std::set<int> fds;
+        for (const System::CallUnderWay& call : System::callsUnderWay())
+            fds.insert(call.fd);
+        return fds;
+    };
+    std::thread threads[3];
+    for (const int fd : {0, 1, 2}) {
+        threads[fd] = std::thread([fd] {
+            int value = 0;
+            System::Ioctl(fd, static_cast<int>(VIDIOC_LOG_STATUS), &value, 0);
+        });
+        wanted.insert(fd);
+        while (listed() != wanted)
+            std::this_thread::yield();
+    }
+    for (const int fd : {1, 0, 2}) {
+        gates[fd].set_value();
+        threads[fd].join();
+        wanted.erase(fd);
+        EXPECT_EQ(listed(), wanted);
+    }
+}
+
 TEST(System, HandsResultsAndErrnoOn) {
     test::FakeKernel kernel;
     struct {
@@ -125,10 +159,10 @@ TEST(System, RefusesNullAndEndsDirectoriesWithoutAnError) {
     EXPECT_EQ(System::CloseDir(nullptr), -EBADF);
     DIR* const dir = System::OpenDir("/proc/self/fd");
     ASSERT_NE(dir, nullptr);
-    errno = 0;
+    errno = ENODEV;
     while (System::ReadDir(dir) != nullptr) {
     }
-    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(errno, ENODEV) << "an end is no error";
     EXPECT_EQ(System::CloseDir(dir), 0);
 }
 

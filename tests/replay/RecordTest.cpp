@@ -48,7 +48,11 @@ protected:
 };
 
 TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
+    const int next = open("/dev/null", O_RDONLY);
+    close(next);
     ASSERT_EQ(record::start(mPath.c_str(), "a note"), 0);
+    EXPECT_EQ(open("/dev/null", O_RDONLY), next) << "descriptors are what they were";
+    close(next);
     sim::VirtualEngine engine;
     {
         const sim::ScopedKernel installed(engine);
@@ -59,8 +63,16 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
         request.memory = V4L2_MEMORY_DMABUF;
         EXPECT_EQ(System::Ioctl(fd, static_cast<int>(VIDIOC_REQBUFS), &request, 0), -EINVAL);
         EXPECT_EQ(errno, EINVAL);
+        v4l2_ext_control control{};
+        control.id = V4L2_CID_BRIGHTNESS;
+        control.value = 77;
+        v4l2_ext_controls list{};
+        list.count = 1;
+        list.controls = &control;
+        System::Ioctl(fd, static_cast<int>(VIDIOC_S_EXT_CTRLS), &list, 0);
         std::thread([&] { System::Close(fd, 1); }).join();
-        System::CloseDir(System::OpenDir("/sys/dev/char"));
+        record::flush();
+        std::thread([] { System::CloseDir(System::OpenDir("/sys/dev/char")); }).join();
         char link[256];
         System::ReadLink("/sys/dev/char/81:1", link, sizeof(link));
     }
@@ -74,10 +86,11 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
     const replay::Record record = replay::loadRecord(mPath);
     EXPECT_THAT(record.problems, IsEmpty());
     EXPECT_EQ(record.note, "a note");
-    EXPECT_EQ(record.threads.size(), 2U);
+    EXPECT_EQ(record.threads.size(), 3U);
     EXPECT_THAT(textsOf(record),
                 ElementsAre(HasSubstr(R"(open("/dev/video0", O_RDWR) = )"),
                             HasSubstr("count=2, type=VIDEO_CAPTURE, memory=DMABUF}) = -22 EINVAL"),
+                            HasSubstr("controls=[{id=0x980900, value=77}]}) = 0 "),
                             HasSubstr("close("), HasSubstr(R"(opendir("/sys/dev/char") = 0)"),
                             HasSubstr("closedir("), HasSubstr(R"(video0")"),
                             HasSubstr(R"(open("/nonexistent", O_RDONLY) = -2 ENOENT)")));
@@ -161,13 +174,18 @@ TEST_F(RecordTest, CountsWhatFindsNoRoomAndAllocatesNothing) {
     ASSERT_EQ(record::start(mPath.c_str()), 0);
     System::Close(-1, 1);
     const uint64_t before = test::allocations.load();
-    for (int i = 0; i < 100000; ++i)
+    for (int i = 0; i < 50000; ++i) {
+        v4l2_capability capability;
         System::QueueMediaRequest(-1);
+        System::Ioctl(-1, static_cast<int>(VIDIOC_QUERYCAP), &capability, 0);
+    }
     EXPECT_EQ(test::allocations.load(), before);
     record::stop();
     const replay::Record record = replay::loadRecord(mPath);
     EXPECT_EQ(record.calls.size() + record::status().lost, 100001U);
     EXPECT_EQ(record.isWhole, record::status().lost == 0);
+    for (const replay::Call& call : record.calls)
+        ASSERT_TRUE(call.failed()) << "what began has ended";
 }
 
 TEST_F(RecordTest, EndsWithItsCauseWhereNothingCanBeWritten) {
