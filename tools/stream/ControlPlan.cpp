@@ -39,6 +39,16 @@ std::optional<ControlWish> ControlWish::parse(const std::string& text) {
     return wish;
 }
 
+void ControlPlan::learn(uint32_t id, const std::vector<NodePort>& ports) {
+    for (const NodePort& port : ports) {
+        auto node = std::make_unique<client::ControlNode>(port.nodePath);
+        for (const client::Control& control : node->list())
+            if (int64_t value = 0; control.id == id && node->get(control, value) == 0)
+                mSettings.push_back({port.entity, node.get(), control, value, std::nullopt});
+        mNodes.push_back(std::move(node));
+    }
+}
+
 bool ControlPlan::prepare(const std::vector<ControlWish>& wishes,
                           const std::vector<NodePort>& ports) {
     for (const ControlWish& wish : wishes) {

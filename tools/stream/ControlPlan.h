@@ -31,6 +31,8 @@ struct ControlWish {
 
 class ControlPlan {
 public:
+    /** Learns what a control stands at on each port that has it: a driver keeps it over runs. */
+    void learn(uint32_t id, const std::vector<NodePort>& ports);
     /**
      * Finds the controls and sets those that are for at once.
      * @return false, with a line on stderr, for a wish that no port can fulfil.
@@ -38,7 +40,7 @@ public:
     bool prepare(const std::vector<ControlWish>& wishes, const std::vector<NodePort>& ports);
     /** Gives an idle request its controls. @return 0 or the negated errno of the first refusal. */
     int apply(const client::SessionRequest& request);
-    /** What a port's control @p id was set to for a request, by the plan; nothing otherwise. */
+    /** What a port's control @p id is for a request, if learnt or set by the plan. */
     std::optional<int64_t> valueOf(const std::string& entity, uint32_t id, uint64_t number) const;
 
 private:

@@ -295,6 +295,8 @@ int streamOn(const Options& options, const Device& device, const std::vector<Nod
     setFrameRates(options, ports);
     const std::unique_ptr<Content> content = makeContent(device, ports, session);
     ControlPlan controls;
+    if (EngineContent::isFor(device))
+        controls.learn(V4L2_CID_BRIGHTNESS, ports);
     FrameSaver saver;
     if (!content || !openInputs(options, ports, session, *content) ||
         !controls.prepare(options.controls, ports) ||
