@@ -191,7 +191,7 @@ void addOutputOptions(CLI::App& app, Options& options) {
         ->group(group);
     app.add_flag("--events", options.events, "Print frame-sync events of the default sub-device")
         ->group(group);
-    app.add_flag("-v,--verbose", options.verbose, "Log more: warnings, info, key events, debug")
+    app.add_flag("-v,--verbose", options.verbose, "Log more: info, key events, debug")
         ->group(group);
     app.add_flag("-q,--quiet", options.quiet, "No progress")->group(group);
 }

@@ -58,8 +58,9 @@ void handleSignals() {
 }
 
 void configureLog(const Options& options) {
-    constexpr uint32_t kErrors = 1;
-    Utils::ULog::ULogger::sDetailsLevel = kErrors + std::min(options.verbose, 5U);
+    auto& level = Utils::ULog::ULogger::sDetailsLevel;
+    if (options.verbose > 0)
+        level = std::max<uint32_t>(level, Utils::ULog::kWarning + std::min(options.verbose, 4U));
 }
 
 /** How the in-process engine completes requests. */
