@@ -54,7 +54,7 @@ endfunction()
 # For builds that ask whether another compiler or processor takes the code: half the time. Not for those
 # that one works with, as a header that leans on another's includes goes unseen; and with optimisation
 # g++ warns of what it then no longer knows to be the C++ library's.
-set(CORVANE_PCH OFF CACHE STRING "Precompile headers: GoogleTest's for tests (TESTS), all (ON) or none (OFF)")
+option(CORVANE_PCH "Precompile the headers of the C++ library, of GoogleTest for tests" OFF)
 
 # corvane_precompile(NAME KIND HEADERS...): the HEADERS, compiled once for all targets of that KIND, a
 # target that is made here of the options that it shares with them: NAME is one of them.
@@ -100,10 +100,8 @@ function(corvane_library name alias)
         VERSION ${PROJECT_VERSION}
         SOVERSION ${CORVANE_SOVERSION}
         VERIFY_INTERFACE_HEADER_SETS ON)
-    if(NOT CORVANE_PCH STREQUAL "TESTS")
-        corvane_precompile(${name} corvane_headers_std <algorithm> <atomic> <chrono> <condition_variable>
-            <functional> <map> <memory> <mutex> <string> <thread> <unordered_map> <vector>)
-    endif()
+    corvane_precompile(${name} corvane_headers_std <algorithm> <atomic> <chrono> <condition_variable>
+        <functional> <map> <memory> <mutex> <string> <thread> <unordered_map> <vector>)
 endfunction()
 
 # corvane_headers(NAME FOLDER [COMPONENT]): the library's public headers, all those below FOLDER; its
