@@ -27,9 +27,11 @@ std::atomic<bool> sNoThreads{false};
 std::atomic<int> sThreads{0};
 }  // namespace
 
-/** Stands before the C library's. */
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*start)(void*), void* argument) {
+/** Stands before the C library's; visible, which not every C++ library's headers make it. */
+extern "C" [[gnu::visibility("default")]] int pthread_create(pthread_t* thread,
+                                                             const pthread_attr_t* attributes,
+                                                             void* (*start)(void*),
+                                                             void* argument) {
     static const auto next =
         reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
     ++sThreads;
