@@ -36,7 +36,8 @@ TEST(Android, LogsTheDebugPrintByPriorityAndTag) {
 }
 
 TEST(AndroidDeathTest, EndsAFatalErrorByTheSystemsAssert) {
-    EXPECT_EXIT(CORVANE_FATAL("gone %d", 5), testing::KilledBySignal(SIGABRT), "gone 5");
+    const auto fatal = [] { CORVANE_FATAL("gone %d", 5); };
+    EXPECT_EXIT(fatal(), testing::KilledBySignal(SIGABRT), "gone 5");
 }
 
 TEST(Android, PrintsThroughTheSystemsPrinters) {
