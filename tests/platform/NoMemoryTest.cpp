@@ -48,9 +48,8 @@ TEST(NoMemory, EndsOperationsWithAFatalLine) {
             Utils::ULog::ULogger::install(&ring);  // loses its lines
             call();
         };
-        EXPECT_EXIT(
-            withoutMemory(), testing::KilledBySignal(SIGABRT),
-            std::string("F .corvane-[A-Za-z]+. .") + operation + ". exception: std::bad_alloc")
+        EXPECT_EXIT(withoutMemory(), testing::KilledBySignal(SIGABRT),
+                    std::string("F .*.") + operation + ". exception: std::bad_alloc")
             << operation;
     }
 }
