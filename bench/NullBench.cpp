@@ -74,20 +74,21 @@ void countSearch(long count) {
 int main(int argc, char** argv) {
     using namespace NSVista::NSCorvane::test;
     std::map<std::string, long> values = {{"ports", 1}, {"direct", 0},   {"scenes", 1},
-                                          {"skip", 0},  {"entities", 0}, {"cycles", 1000}};
+                                          {"skip", 0},  {"entities", 0}, {"cycles", 1000},
+                                          {"log", 1}};
     for (int i = 1; i < argc; ++i) {
         const std::string text = argv[i];
         const auto value = values.find(text.substr(0, text.find('=')));
         if (value == values.end()) {
             fprintf(stderr,
                     "usage: %s [NAME=VALUE...] of ports, direct, scenes, cycles, skip, "
-                    "entities\n",
+                    "entities, log\n",
                     argv[0]);
             return 2;
         }
         value->second = atol(text.c_str() + text.find('=') + 1);
     }
-    NSVista::Utils::ULog::ULogger::sDetailsLevel = 1;
+    NSVista::Utils::ULog::ULogger::sDetailsLevel = static_cast<int>(values["log"]);
     if (values["entities"] != 0)
         countSearch(values["entities"]);
     else

@@ -135,8 +135,8 @@ TEXTS = {
                            "a record of all calls."),
     "watched": ("Watched, on the request's thread",
                 "One port over a kernel that does nothing, by callgrind: what the thread of the "
-                "requests spends on each\nevent of a timeline and each call of a record. Another "
-                "thread writes the file."),
+                "requests spends on each\nevent of a timeline, call of a record and line of a log. "
+                "Another thread writes the files\nof the first two."),
 }
 
 

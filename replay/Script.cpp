@@ -147,7 +147,9 @@ void Script::tellDifference(const Call& now, const std::string& label, size_t re
                             const std::string& parting) {
     ++mDifferences;
     const std::string text = askText(now, mRecord.machine, label);
-    if (recorded == kNone)
+    if (recorded == kNone && mFirst == kNone)
+        CORVANE_LOGE("A call comes after the end of the record: %s", text.c_str());
+    else if (recorded == kNone)
         CORVANE_LOGE("A call is not in the record: %s", text.c_str());
     else if (parting.empty())
         CORVANE_LOGE("A call is not in the record: %s; its next one there is %s", text.c_str(),

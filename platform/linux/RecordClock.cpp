@@ -12,15 +12,12 @@ namespace NSVista::NSCorvane::record {
 constinit bool gStampsAreTicks = false;
 
 void chooseStamps() noexcept {
-#if defined(__x86_64__)
     // Only then are the ticks of all processors one clock, of one rate.
-    constexpr char kTicks[] = "tsc\n";
-    char name[sizeof(kTicks)] = {};
+    char name[sizeof(kTicksClock)] = {};
     const UniqueFd file(::open("/sys/devices/system/clocksource/clocksource0/current_clocksource",
                                O_RDONLY | O_CLOEXEC));
     gStampsAreTicks =
-        file && read(file.get(), name, sizeof(name) - 1) > 0 && strcmp(name, kTicks) == 0;
-#endif
+        file && read(file.get(), name, sizeof(name) - 1) > 0 && strcmp(name, kTicksClock) == 0;
 }
 
 void StampReader::start() noexcept {

@@ -17,13 +17,29 @@ extern constinit bool gStampsAreTicks;
 /** Decides what stamps are: ticks where the kernel itself takes them for its clock. */
 void chooseStamps() noexcept;
 
+/** What the kernel calls a clock that is made of ticks(); empty where the processor has none. */
+#if defined(__x86_64__)
+inline constexpr char kTicksClock[] = "tsc\n";
+inline int64_t ticks() noexcept {
+    return static_cast<int64_t>(__builtin_ia32_rdtsc());
+}
+#elif defined(__aarch64__)
+inline constexpr char kTicksClock[] = "arch_sys_counter\n";
+inline int64_t ticks() noexcept {
+    int64_t count;
+    asm volatile("mrs %0, cntvct_el0" : "=r"(count));
+    return count;
+}
+#else
+inline constexpr char kTicksClock[] = "";
+inline int64_t ticks() noexcept {
+    return 0;
+}
+#endif
+
 /** Any thread. */
 inline int64_t stamp() noexcept {
-#if defined(__x86_64__)
-    if (gStampsAreTicks)
-        return static_cast<int64_t>(__builtin_ia32_rdtsc());
-#endif
-    return monotonicInNs();
+    return gStampsAreTicks ? ticks() : monotonicInNs();
 }
 
 /** Turns stamps into CLOCK_MONOTONIC: a straight line from one tick() to the next. One thread's. */

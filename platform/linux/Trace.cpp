@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <charconv>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "FilePattern.h"
@@ -138,6 +140,17 @@ TraceName::TraceName(const char* format, ...) {
     va_end(args);
     if (length < 0 || length >= static_cast<int>(sizeof(mText)))
         mText[0] = '\0';
+}
+
+NumberedTraceName::NumberedTraceName(std::string_view text, char separator, int number) {
+    // Room for the separator, ten digits, a sign and the zero.
+    constexpr size_t kTail = 13;
+    mText[0] = '\0';
+    if (text.size() > sizeof(mText) - kTail)
+        return;
+    memcpy(mText, text.data(), text.size());
+    mText[text.size()] = separator;
+    *std::to_chars(mText + text.size() + 1, std::end(mText) - 1, number).ptr = '\0';
 }
 
 void set_corvane_enabled_tracebits(uint64_t bits) {

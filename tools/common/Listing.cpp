@@ -226,7 +226,7 @@ void addPadRows(const Entity& entity, const sim::PadDesc& pad, std::vector<Row>&
     rows.push_back({entity.name,
                     std::to_string(pad.pad),
                     codeText(pad.format.code),
-                    std::to_string(pad.format.width) + "x" + std::to_string(pad.format.height),
+                    pairText(pad.format.width, pad.format.height),
                     {},
                     {}});
     const size_t first = rows.size();

@@ -10,10 +10,6 @@ namespace NSVista::NSCorvane::tools {
 
 namespace {
 
-std::string pairText(uint32_t width, uint32_t height) {
-    return std::to_string(width) + "x" + std::to_string(height);
-}
-
 std::string readSizes(client::NodeFd& node, uint32_t fourcc) {
     std::string text;
     v4l2_frmsizeenum size = {};
@@ -91,10 +87,12 @@ NodeFormats readFormats(const std::string& devnode) {
     return result;
 }
 
+std::string pairText(uint32_t width, uint32_t height) {
+    return std::to_string(width) + "x" + std::to_string(height);
+}
+
 std::string sizeText(const PixelFormat& format) {
-    if (format.width == 0)
-        return "-";
-    return std::to_string(format.width) + "x" + std::to_string(format.height);
+    return format.width == 0 ? "-" : pairText(format.width, format.height);
 }
 
 }  // namespace NSVista::NSCorvane::tools

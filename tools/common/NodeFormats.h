@@ -36,6 +36,9 @@ struct NodeFormats {
 /** Reads the formats of all queues of a node. Changes nothing. */
 NodeFormats readFormats(const std::string& devnode);
 
+/** "640x480". */
+std::string pairText(uint32_t width, uint32_t height);
+
 /** "640x480", or "-" for metadata. */
 std::string sizeText(const PixelFormat& format);
 

@@ -6,6 +6,8 @@
 
 #include <cstdio>
 
+#include "NodeFormats.h"
+
 namespace NSVista::NSCorvane::tools {
 
 namespace {
@@ -67,10 +69,6 @@ void readSizes(client::NodeFd& node, uint32_t pad, PadCodeDesc& code) {
     for (; size.index < kMostItems && node.ioctl(VIDIOC_SUBDEV_ENUM_FRAME_SIZE, &size) >= 0;
          ++size.index)
         code.sizes.push_back({size.min_width, size.max_width, size.min_height, size.max_height});
-}
-
-std::string pairText(uint32_t width, uint32_t height) {
-    return std::to_string(width) + "x" + std::to_string(height);
 }
 
 std::string standardText(uint64_t standard) {

@@ -81,6 +81,9 @@ public:
     /** @return null, with a line on stderr, for a record that cannot be replayed. */
     static std::unique_ptr<Replay> open(replay::Record record, const Options& options) {
         std::string problem;
+        if (record.isWhole)  // as far as it goes: what was lost at its end is told
+            for (const std::string& each : record.problems)
+                say("%s: %s", options.replay.c_str(), each.c_str());
         auto kernel = replay::ReplayKernel::make(std::move(record), options.fast, problem);
         if (kernel != nullptr)
             return std::unique_ptr<Replay>(new Replay(std::move(kernel)));

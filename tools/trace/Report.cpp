@@ -20,8 +20,8 @@ constexpr const char kStyle[] = R"(
 :root{color-scheme:light dark;--line:#8884;--soft:#8882;--a:#5b8def;--b:#e0913a;--c:#4caf7d;--bad:#d64545}
 body{font:15px/1.5 system-ui,sans-serif;max-width:68rem;margin:2rem auto;padding:0 1rem}
 h1{font-size:1.5rem;margin:0}h2{font-size:1.1rem;margin:2.2rem 0 .6rem}p{margin:.3rem 0}
-.tiles{display:flex;flex-wrap:wrap;gap:.8rem;margin:1.2rem 0}
-.tile{border:1px solid var(--line);border-radius:.5rem;padding:.5rem .9rem;min-width:7rem}
+.tiles{display:grid;grid-template-columns:repeat(auto-fit,minmax(8rem,1fr));gap:.8rem;margin:1.2rem 0}
+.tile{border:1px solid var(--line);border-radius:.5rem;padding:.5rem .9rem}
 .tile b{display:block;font-size:1.35rem;font-variant-numeric:tabular-nums}
 .bad,.tile.bad b{color:var(--bad)}
 table{border-collapse:collapse;width:100%;font-variant-numeric:tabular-nums}

@@ -127,7 +127,7 @@ void V4L2BufferMonitor::attachRequestBuffer(int requestFd, unsigned int bufferIn
         }
     }
     if (traceEnabled(area::kBufferLife))
-        atrace_async_begin_body(TraceName("%s-%d", mName.c_str(), bufferIndex).text(),
+        atrace_async_begin_body(NumberedTraceName(mName, '-', static_cast<int>(bufferIndex)).text(),
                                 static_cast<int32_t>(bufferIndex));
     mQBufCount.fetch_add(1, std::memory_order_relaxed);
     if (traceEnabled(area::kBufferCounter))
@@ -154,7 +154,7 @@ void V4L2BufferMonitor::detachRequestBuffer(int requestFd, unsigned int bufferIn
         }
     }
     if (traceEnabled(area::kBufferLife))
-        atrace_async_end_body(TraceName("%s-%d", mName.c_str(), bufferIndex).text(),
+        atrace_async_end_body(NumberedTraceName(mName, '-', static_cast<int>(bufferIndex)).text(),
                               static_cast<int32_t>(bufferIndex));
     mDQBufCount.fetch_add(1, std::memory_order_relaxed);
     if (traceEnabled(area::kBufferCounter))
@@ -265,9 +265,9 @@ inline const V4L2BufferMonitor::Observer* V4L2BufferMonitor::findObserver(int po
 }
 
 void V4L2BufferMonitor::notifyRequestDone(int requestFd, int* portIndexes, size_t count) try {
-    const TraceSection section(
-        area::kDone,
-        CORVANE_TRACE_NAME("V4L2BufferMonitor::notifyRequestDone|requestFd:%d", requestFd));
+    const TraceSection section(area::kDone, [&] {
+        return NumberedTraceName("V4L2BufferMonitor::notifyRequestDone|requestFd", ':', requestFd);
+    });
     if (mLogV)
         CORVANE_LOGI("requestFd:%d portIndexNum:%zu - %s", requestFd, count,
                      toString_runtime().c_str());

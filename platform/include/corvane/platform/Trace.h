@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string_view>
 
 #include <corvane/platform/Export.h>
 #include <corvane/platform/Gates.h>
@@ -97,6 +98,18 @@ inline bool traceEnabled(unsigned bit) {
 class CORVANE_EXPORT TraceName {
 public:
     explicit TraceName(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    const char* text() const { return mText; }
+
+private:
+    char mText[128];
+};
+
+/** A name that ends in a number, at a fraction of a format's cost; too long a one is empty as well.
+ */
+class CORVANE_EXPORT NumberedTraceName {
+public:
+    /** @param separator between the text and the number. */
+    NumberedTraceName(std::string_view text, char separator, int number);
     const char* text() const { return mText; }
 
 private:
