@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -243,13 +244,17 @@ TEST_F(TraceTest, StaysValidOnAFullDisk) {
 
 TEST_F(TraceTest, CountsWhatDoesNotFit) {
     ASSERT_EQ(trace::start(mPath.c_str()), 0);
-    constexpr int kEvents = 20000;
     const std::string name(1000, 'x');
     atrace_begin_body("open");
-    for (int i = 0; i < kEvents; ++i)
-        atrace_int_body(name.c_str(), i);  // many times what a buffer holds
-    for (int i = 0; i < 1000 && std::filesystem::file_size(mPath) < 500000; ++i)
-        usleep(10000);
+    int events = 0;
+    const auto begin = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(100))
+        atrace_int_body(name.c_str(), ++events);  // faster than they are written
+    std::uintmax_t written = 0;
+    do {
+        written = std::filesystem::file_size(mPath);
+        usleep(300000);
+    } while (written < 500000 || std::filesystem::file_size(mPath) != written);
     { TraceSection section(5, "after"); }
     atrace_end_body();
     trace::stop();
@@ -262,11 +267,11 @@ TEST_F(TraceTest, CountsWhatDoesNotFit) {
     };
     const int counters = count("counter ");
     EXPECT_GT(counters, 400);
-    EXPECT_LT(counters, kEvents);
+    EXPECT_LT(counters, events);
     const int gaps = count("mark events of a thread are missing here open 0\n");
     EXPECT_GT(gaps, 0);
     EXPECT_LE(gaps, counters / 200) << "each with half a buffer of events before it";
-    EXPECT_THAT(facts, testing::HasSubstr("mark " + std::to_string(kEvents - counters) +
+    EXPECT_THAT(facts, testing::HasSubstr("mark " + std::to_string(events - counters) +
                                           " events did not fit and are missing open 0\n"
                                           "sections 2 2 open 0 False\n"));
 }
