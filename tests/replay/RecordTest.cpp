@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -125,6 +126,7 @@ TEST_F(RecordTest, HoldsACallThatNeverReturnsAndWhatAKilledProcessLeaves) {
 
 TEST_F(RecordTest, AForkedChildRecordsOnItsOwn) {
     const std::string childs = mPath + "-child";
+    std::ofstream(mPath) << std::string(100000, 'x');  // of which nothing is to stay
     ASSERT_EQ(record::start(mPath.c_str()), 0);
     const pid_t child = fork();
     if (child == 0) {
@@ -139,7 +141,9 @@ TEST_F(RecordTest, AForkedChildRecordsOnItsOwn) {
     System::Open("/parents", O_RDONLY, 1);
     record::stop();
     EXPECT_THAT(textsOf(replay::loadRecord(childs)), ElementsAre(HasSubstr("/childs")));
-    EXPECT_THAT(textsOf(replay::loadRecord(mPath)), ElementsAre(HasSubstr("/parents")));
+    const replay::Record parents = replay::loadRecord(mPath);
+    EXPECT_THAT(textsOf(parents), ElementsAre(HasSubstr("/parents")));
+    EXPECT_THAT(parents.problems, IsEmpty());
     unlink(childs.c_str());
 }
 
