@@ -104,8 +104,13 @@ public:
      * failure paths, as it asks the kernel.
      */
     std::string describe(const FrameBuffer& buffer) const;
+    /** The same on a buffer that was queued: its plane count is the format's, not what stands
+     * there. */
+    std::string describeQueued(FrameBuffer buffer) const;
 
 private:
+    /** The format, without a report where the driver refuses it: no planes then. */
+    PixelFormat askFormat() const;
     /** The memory that each index was last queued with. Any thread. */
     class LastMemory {
     public:

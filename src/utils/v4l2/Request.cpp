@@ -49,17 +49,11 @@ void addDebugTimes(TextStream& text, const RequestDebugInfo& info) {
     }
 }
 
-/**
- * A kernel looks at the memory of a request's buffers only when it queues the request, where their
- * plane counts are gone; wrong ones were refused before.
- */
-void explainBuffer(const Port& port, FrameBuffer buffer) {
+/** A kernel looks at the memory of a request's buffers only when it queues the request. */
+void explainBuffer(const Port& port, const FrameBuffer& buffer) {
     const auto device = std::dynamic_pointer_cast<V4L2VideoDevice>(port.getVideoDevice());
-    PixelFormat format{};
-    if (device == nullptr || device->getFormat(format) != 0)
-        return;
-    buffer.planeCount = format.planeCount;
-    CORVANE_LOGE_AS("queueRequest", "%s", device->describe(buffer).c_str());
+    if (device != nullptr)
+        CORVANE_LOGE_AS("queueRequest", "%s", device->describeQueued(buffer).c_str());
 }
 
 }  // namespace

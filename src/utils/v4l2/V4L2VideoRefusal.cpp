@@ -32,12 +32,22 @@ std::string kindOf(int fd) {
 
 }  // namespace
 
-std::string V4L2VideoDevice::describe(const FrameBuffer& buffer) const {
+PixelFormat V4L2VideoDevice::askFormat() const {
     v4l2_format current = {};
     current.type = bufType();
     PixelFormat format = {};
     if (driverCall(fd(), VIDIOC_G_FMT, &current) >= 0)
         v4l2::readFormat(current, v4l2::formatClassOfCaps(caps()), format);
+    return format;
+}
+
+std::string V4L2VideoDevice::describeQueued(FrameBuffer buffer) const {
+    buffer.planeCount = askFormat().planeCount;
+    return describe(buffer);
+}
+
+std::string V4L2VideoDevice::describe(const FrameBuffer& buffer) const {
+    const PixelFormat format = askFormat();
     const size_t count = std::min(buffer.planeCount, FrameBuffer::kMaxPlanes);
     char port[32];
     snprintf(port, sizeof(port), "port %#x(", mPortIndex);
