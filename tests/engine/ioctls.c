@@ -559,19 +559,36 @@ static void live(unsigned int seed)
 			other();
 }
 
-/* A hang that is armed ends with this, and a child that killed itself gets a successor. */
-static void tend(pid_t *children, unsigned int seed)
+/* Ends the hangs that are armed. */
+static void clear_faults(void)
 {
-	int fd = open("/sys/kernel/debug/vengine/fault", O_WRONLY | O_CLOEXEC), n;
+	int fd = open("/sys/kernel/debug/vengine/fault", O_WRONLY | O_CLOEXEC);
 
 	if (write(fd, "clear", 5) < 0)
 		perror("clear");
 	close(fd);
+}
+
+/* A killed child's files close when no other one hangs under their lock. */
+static void end_child(pid_t child)
+{
+	kill(child, SIGKILL);
+	while (waitpid(child, NULL, WNOHANG) == 0) {
+		clear_faults();
+		usleep(1000);
+	}
+}
+
+/* A hang that is armed ends with this, and a child that killed itself gets a successor. */
+static void tend(pid_t *children, unsigned int seed)
+{
+	int n;
+
+	clear_faults();
 	for (n = 0; n < PROCESSES; n++) {
 		/* Old ones end in the middle of whatever it is. */
 		if (children[n] && (chance(5) || waitpid(children[n], NULL, WNOHANG) == children[n])) {
-			kill(children[n], SIGKILL);
-			waitpid(children[n], NULL, 0);
+			end_child(children[n]);
 			children[n] = 0;
 		}
 		if (!children[n] && (children[n] = fork()) == 0)
