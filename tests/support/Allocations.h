@@ -42,6 +42,9 @@ inline std::atomic<bool (*)()> mayAllocate{nullptr};
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
     free(memory);
 }
+[[gnu::noinline]] void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    free(memory);
+}
 [[gnu::noinline]] void operator delete[](void* memory) noexcept {
     free(memory);
 }
