@@ -121,9 +121,11 @@ std::string SceneSession::wrongWith(const IMediaDevice& media) const {
 }
 
 void SceneSession::describe() {
-    for (const SessionPort& port : mDesc.ports)
+    for (const SessionPort& port : mDesc.ports) {
+        mIsInOrder = mIsInOrder && port.index == static_cast<int>(mPortDescs.size());
         mPortDescs.push_back(
             {port.name.c_str(), port.index, port.entity.c_str(), true, false, false});
+    }
     for (const SessionLink& link : mDesc.links)
         mLinkDescs.push_back(
             {link.sourceEntity.c_str(), link.sourcePad, link.sinkEntity.c_str(), link.sinkPad});
@@ -218,6 +220,7 @@ void SceneSession::prepareRequests() {
         mRequestOfFd.resize(std::max(mRequestOfFd.size(), fd + 1));
         mRequestOfFd[fd] = request.get();
     }
+    mFdEnd = static_cast<uint32_t>(mRequestOfFd.size());
     mFree = ~uint64_t{0} >> (kMaxBuffers - mDesc.buffers);
     const MutexLock lock(mLock);
     mFinished.reserve(mRequests.size());
@@ -326,10 +329,10 @@ int SceneSession::queue(SessionRequest& request, const Visit& fill) {
     request.mNumber = mNumbers.fetch_add(1, std::memory_order_relaxed);
     if (fill)
         fill(request);
-    for (size_t port = 0; port < mPortDescs.size(); ++port) {
-        Frame& frame = request.mFrames[port];
+    const PortDesc* port = mPortDescs.data();
+    for (Frame& frame : request.mFrames) {
         frame.setResult(-EINPROGRESS);
-        request.mRequest->addBuffer(mPortDescs[port].index,
+        request.mRequest->addBuffer((port++)->index,
                                     [&frame](FrameBuffer& to) { to = frame.mBuffer; });
     }
     mInFlight.fetch_add(1, std::memory_order_relaxed);
@@ -358,20 +361,19 @@ void SceneSession::requestDone(SessionRequest& request) {
         settleLosses();
 }
 
-/** @return the ordinal of a port, which most often is its index. */
+/** @return the ordinal of one of the session's ports. */
 size_t SceneSession::ordinalOf(int portIndex) const {
-    auto port = static_cast<size_t>(portIndex);
-    if (port < mPortDescs.size() && mPortDescs[port].index == portIndex)
-        return port;
-    port = 0;
-    while (port < mPortDescs.size() && mPortDescs[port].index != portIndex)
+    size_t port = 0;
+    if (mIsInOrder)
+        return static_cast<size_t>(portIndex);
+    while (mPortDescs[port].index != portIndex)
         ++port;
     return port;
 }
 
 SessionRequest* SceneSession::requestOf(const DequeuedBuffer& buffer) const {
-    const auto fd = static_cast<size_t>(buffer.requestFd);
-    return fd < mRequestOfFd.size() ? mRequestOfFd[fd] : nullptr;
+    const auto fd = static_cast<uint32_t>(buffer.requestFd);
+    return fd < mFdEnd ? mRequestOfFd[fd] : nullptr;
 }
 
 // All dequeues of a session are on one thread, and so are the losses that they tell of.

@@ -18,7 +18,8 @@ namespace NSVista::NSCorvane {
  * anything, and the buffer's index is lost until the next import: it never becomes free.
  */
 struct DequeuedBuffer {
-    static constexpr uint32_t kMaxPlanes = 8;
+    /** As many as a buffer is queued with at most: FrameBuffer::kMaxPlanes. */
+    static constexpr uint32_t kMaxPlanes = 3;
     static constexpr uint32_t kNoIndex = ~0U;
     /** The driver flagged the buffer (V4L2_BUF_FLAG_ERROR): its content is not to be trusted. */
     static constexpr int kBroken = 1;

@@ -120,10 +120,14 @@ private:
         static uint64_t of(const FrameBuffer& buffer);
         /** Forgets all memory; the count stays. */
         void forget();
-        /** The bit of @p freeBits (not 0) that suits @p memory best. */
-        uint64_t choose(uint64_t freeBits, uint64_t memory) const;
+        /** Whether an index was last queued with @p memory. */
+        bool isAt(int index, uint64_t memory) const {
+            return mMemory[index].load(std::memory_order_relaxed) == memory;
+        }
+        /** The index of @p freeBits (not 0) that suits @p memory best. */
+        int choose(uint64_t freeBits, uint64_t memory) const;
         /** Called by who holds the index. */
-        void note(unsigned int index, uint64_t memory);
+        void note(int index, uint64_t memory);
         uint32_t remapped() const { return mRemapped.load(std::memory_order_relaxed); }
 
     private:
@@ -164,7 +168,6 @@ private:
     void fillBuffer(const FrameBuffer& from, v4l2_buffer& to, v4l2_plane* planes) const;
     void reportRefusedBuffer(const v4l2_buffer& refused, const FrameBuffer& buffer, int ret) const;
     int requestBuffers(unsigned int count, unsigned int memoryType, unsigned int& granted);
-    int acquireIndexOf(const FrameBuffer& buffer);
     int acquireIndexFor(uint64_t memory);
     bool waitForFreeIndex();
     void setStreamEnded(bool ended);

@@ -27,6 +27,7 @@ constexpr int kMaxDequeueCalls = 10;
 
 /** The most planes that a driver can tell of. */
 constexpr unsigned kMaxPlanes = VIDEO_MAX_PLANES;
+static_assert(DequeuedBuffer::kMaxPlanes == FrameBuffer::kMaxPlanes);
 
 /**
  * A record of zeroes but for type and memory. Cleared by halves: the whole is just large enough for
@@ -38,6 +39,18 @@ void clear(v4l2_buffer& buffer, uint32_t type, uint32_t memory) {
     memset(reinterpret_cast<char*>(&buffer) + kHalf, 0, sizeof(buffer) - kHalf);
     buffer.type = type;
     buffer.memory = memory;
+}
+
+/** What a buffer's planes hold. */
+void tellPlanes(const v4l2_buffer& buffer, DequeuedBuffer& told) {
+    if (!v4l2::isMultiPlanar(buffer.type)) {
+        told.planeCount = 1;
+        told.planes[0] = {buffer.bytesused, 0};
+        return;
+    }
+    told.planeCount = std::min(buffer.length, DequeuedBuffer::kMaxPlanes);
+    for (uint32_t i = 0; i < told.planeCount; ++i)
+        told.planes[i] = {buffer.m.planes[i].bytesused, buffer.m.planes[i].data_offset};
 }
 
 /** The lowest @p count bits; a count of 0 gives all of them. */
@@ -140,8 +153,9 @@ int V4L2VideoDevice::queueBuffer(const FrameBuffer& buffer, IMediaRequest* reque
         CORVANE_LOGE("Bad plane count: %zu > %zu", buffer.planeCount, FrameBuffer::kMaxPlanes);
         return -EINVAL;
     }
-    const int index = mKeepIndexes.load(std::memory_order_relaxed) ? acquireIndexOf(buffer)
-                                                                   : acquireBufferIndex();
+    const int index = mKeepIndexes.load(std::memory_order_relaxed)
+                          ? acquireIndexFor(LastMemory::of(buffer))
+                          : acquireBufferIndex();
     if (index < 0) {
         CORVANE_LOGE("%s streamed off while no buffer index was free", mName.c_str());
         return index;
@@ -178,14 +192,14 @@ CORVANE_NO_THROW
 int V4L2VideoDevice::dequeBuffer() try {
     const TraceSection section(area::kDriverCall, "V4L2VideoDevice::dequeBuffer");
     v4l2_plane planes[kMaxPlanes];  // the driver reads none and writes those that it has
-    if (mDequeued)
-        for (v4l2_plane& plane : planes)
-            plane.bytesused = plane.data_offset = 0;
     v4l2_buffer dequeued;
     clear(dequeued, bufType(), memory());
     if (v4l2::isMultiPlanar(dequeued.type)) {
         dequeued.m.planes = planes;
         dequeued.length = kMaxPlanes;
+        if (mDequeued)
+            for (uint32_t i = 0; i < DequeuedBuffer::kMaxPlanes; ++i)
+                planes[i].bytesused = planes[i].data_offset = 0;
     }
     int ret = 0;
     int calls = 0;
@@ -232,14 +246,7 @@ void V4L2VideoDevice::tellDequeued(const v4l2_buffer& buffer, int result) {
         told.field = buffer.field;
         told.sequence = buffer.sequence;
         told.timestamp = buffer.timestamp;
-        if (v4l2::isMultiPlanar(buffer.type)) {
-            told.planeCount = std::min(buffer.length, DequeuedBuffer::kMaxPlanes);
-            for (uint32_t i = 0; i < told.planeCount; ++i)
-                told.planes[i] = {buffer.m.planes[i].bytesused, buffer.m.planes[i].data_offset};
-        } else {
-            told.planeCount = 1;
-            told.planes[0] = {buffer.bytesused, 0};
-        }
+        tellPlanes(buffer, told);
     }
     mDequeue.store(Standing::kInCallback, std::memory_order_relaxed);
     mDequeued(told);

@@ -16,44 +16,32 @@ CORVANE_LOG_UNIT("corvane-V4L2VideoDevice")
 
 namespace NSVista::NSCorvane {
 
-namespace {
-
-uint64_t lowestBit(uint64_t bits) {
-    return bits & -bits;
-}
-
-}  // namespace
-
 int V4L2VideoDevice::acquireBufferIndex() {
     return acquireIndexFor(LastMemory::kNone);
-}
-
-/** Takes the free index that suits a buffer's memory, and notes that memory. */
-int V4L2VideoDevice::acquireIndexOf(const FrameBuffer& buffer) {
-    const uint64_t memory = LastMemory::of(buffer);
-    const int index = acquireIndexFor(memory);
-    if (index >= 0)
-        mLastMemory.note(static_cast<unsigned>(index), memory);
-    return index;
 }
 
 /** Takes a free index: the lowest, or that which suits @p memory where one is named. */
 int V4L2VideoDevice::acquireIndexFor(uint64_t memory) {
     const TraceSection section(area::kQueue, "V4L2VideoDevice::acquireBufferIndex");
     uint64_t bits = mFreeBits.load(std::memory_order_acquire);
-    uint64_t taken = 0;
+    int index = 0;
     do {
         while (bits == 0) {
             if (!waitForFreeIndex())
                 return -EPIPE;
             bits = mFreeBits.load(std::memory_order_acquire);
         }
-        taken = memory == LastMemory::kNone ? lowestBit(bits) : mLastMemory.choose(bits, memory);
-    } while (!mFreeBits.compare_exchange_weak(bits, bits & ~taken, std::memory_order_acq_rel,
+        index = std::countr_zero(bits);
+        // Requests that come back in turn find their buffers' index to be the lowest.
+        if (memory != LastMemory::kNone && !mLastMemory.isAt(index, memory))
+            index = mLastMemory.choose(bits, memory);
+    } while (!mFreeBits.compare_exchange_weak(bits, bits & ~(uint64_t{1} << index),
+                                              std::memory_order_acq_rel,
                                               std::memory_order_acquire));
-    const int index = std::countr_zero(taken);
     if (static_cast<uint32_t>(index) >= mReqBufCount.load(std::memory_order_relaxed))
         CORVANE_FATAL_AS("acquireBufferIndex", "index:%d out of range", index);
+    if (memory != LastMemory::kNone)
+        mLastMemory.note(index, memory);
     return index;
 }
 
@@ -151,23 +139,24 @@ void V4L2VideoDevice::LastMemory::forget() {
         memory.store(kNone, std::memory_order_relaxed);
 }
 
-uint64_t V4L2VideoDevice::LastMemory::choose(uint64_t freeBits, uint64_t memory) const {
-    uint64_t unused = 0;
+int V4L2VideoDevice::LastMemory::choose(uint64_t freeBits, uint64_t memory) const {
+    int unused = -1;
     for (uint64_t left = freeBits; left != 0; left &= left - 1) {
-        const uint64_t had = mMemory[std::countr_zero(left)].load(std::memory_order_relaxed);
-        if (had == memory)
-            return lowestBit(left);
-        if (had == kNone && unused == 0)
-            unused = lowestBit(left);
+        const int index = std::countr_zero(left);
+        if (isAt(index, memory))
+            return index;
+        if (unused < 0 && isAt(index, kNone))
+            unused = index;
     }
-    return unused != 0 ? unused : lowestBit(freeBits);
+    return unused >= 0 ? unused : std::countr_zero(freeBits);
 }
 
-void V4L2VideoDevice::LastMemory::note(unsigned int index, uint64_t memory) {
-    const uint64_t had = mMemory[index].load(std::memory_order_relaxed);
-    mMemory[index].store(memory, std::memory_order_relaxed);
-    if (had != memory && had != kNone)
+void V4L2VideoDevice::LastMemory::note(int index, uint64_t memory) {
+    if (isAt(index, memory))
+        return;
+    if (!isAt(index, kNone))
         mRemapped.fetch_add(1, std::memory_order_relaxed);
+    mMemory[index].store(memory, std::memory_order_relaxed);
 }
 
 }  // namespace NSVista::NSCorvane
