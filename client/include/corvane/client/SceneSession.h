@@ -236,7 +236,7 @@ private:
     std::vector<int> mIndexCounts;  ///< buffer indexes to import, per port
     std::vector<std::unique_ptr<SessionRequest>> mRequests;
     std::vector<SessionRequest*> mRequestOfFd;
-    uint32_t mFdEnd = 0;  ///< of mRequestOfFd
+    uint32_t mFdEnd = 0;                ///< of mRequestOfFd
     std::unique_ptr<Counts[]> mCounts;  ///< per port
     std::unique_ptr<Wakeup> mWakeup;
     Visit mDone;
