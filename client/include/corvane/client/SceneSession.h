@@ -226,7 +226,6 @@ private:
     const SessionDesc mDesc;
     const uint64_t mAllPorts;  ///< bit per port
     std::vector<PortDesc> mPortDescs;
-    bool mIsInOrder = true;  ///< the ports' indexes are their ordinals
     std::vector<LinkDesc> mLinkDescs;
     SceneDesc mSceneDesc{};
     std::shared_ptr<IMediaDevice> mMedia;
@@ -236,10 +235,11 @@ private:
     std::vector<int> mIndexCounts;  ///< buffer indexes to import, per port
     std::vector<std::unique_ptr<SessionRequest>> mRequests;
     std::vector<SessionRequest*> mRequestOfFd;
-    uint32_t mFdEnd = 0;                ///< of mRequestOfFd
     std::unique_ptr<Counts[]> mCounts;  ///< per port
     std::unique_ptr<Wakeup> mWakeup;
     Visit mDone;
+    uint32_t mFdEnd = 0;     ///< of mRequestOfFd
+    bool mIsInOrder = true;  ///< the ports' indexes are their ordinals
     bool mWasStarted = false;
 
     std::atomic<bool> mStreaming{false};
