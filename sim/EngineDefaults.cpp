@@ -13,24 +13,6 @@ namespace NSVista::NSCorvane::sim {
 
 namespace {
 
-/** As the kernel describes formats. */
-const char* describe(uint32_t fourcc) {
-    switch (fourcc) {
-        case V4L2_PIX_FMT_NV12M:
-            return "Y/UV 4:2:0 (N-C)";
-        case V4L2_PIX_FMT_YUV420M:
-            return "Planar YUV 4:2:0 (N-C)";
-        case V4L2_PIX_FMT_NV12:
-            return "Y/UV 4:2:0";
-        case V4L2_PIX_FMT_YUYV:
-            return "YUYV 4:2:2";
-        case V4L2_PIX_FMT_GREY:
-            return "8-bit Greyscale";
-        default:
-            return "";
-    }
-}
-
 AnswerDesc answerOf(uint32_t fourcc, uint32_t width, uint32_t height) {
     const vengine_layout layout =
         vengine_layout_of(fourcc, vengine_clamp_size(width, VENGINE_MIN_WIDTH, VENGINE_MAX_WIDTH),
@@ -44,7 +26,7 @@ AnswerDesc answerOf(uint32_t fourcc, uint32_t width, uint32_t height) {
 FormatDesc pictureFormat(uint32_t fourcc) {
     FormatDesc format;
     format.fourcc = fourcc;
-    format.description = describe(fourcc);
+    format.description = corvane_format_of(fourcc)->text;
     format.sizes.push_back(
         {V4L2_FRMSIZE_TYPE_STEPWISE,
          {VENGINE_MIN_WIDTH, VENGINE_MAX_WIDTH, 2, VENGINE_MIN_HEIGHT, VENGINE_MAX_HEIGHT, 2},
@@ -62,17 +44,25 @@ FormatDesc metadataFormat(uint32_t fourcc) {
     return format;
 }
 
-std::vector<FormatDesc> ownFormats(const VideoDesc& video) {
+/** The engine's choice for the type, and the node's format where that can be laid out as well. */
+std::vector<FormatDesc> pictureFormats(const VideoDesc& video, std::vector<uint32_t> fourccs) {
+    const uint32_t planes = vengine_layout_of(video.format, 2, 2).num_planes;
+    const bool fits = v4l2::isMultiPlanar(video.bufType) ? planes > 0 : planes == 1;
+    if (fits && std::find(fourccs.begin(), fourccs.end(), video.format) == fourccs.end())
+        fourccs.push_back(video.format);
     std::vector<FormatDesc> formats;
-    if (v4l2::isMeta(video.bufType))
-        formats.push_back(metadataFormat(video.format));
-    else if (v4l2::isMultiPlanar(video.bufType))
-        std::transform(std::begin(vengine_mplane_formats), std::end(vengine_mplane_formats),
-                       std::back_inserter(formats), pictureFormat);
-    else
-        std::transform(std::begin(vengine_splane_formats), std::end(vengine_splane_formats),
-                       std::back_inserter(formats), pictureFormat);
+    std::transform(fourccs.begin(), fourccs.end(), std::back_inserter(formats), pictureFormat);
     return formats;
+}
+
+std::vector<FormatDesc> ownFormats(const VideoDesc& video) {
+    if (v4l2::isMeta(video.bufType))
+        return {metadataFormat(video.format)};
+    if (v4l2::isMultiPlanar(video.bufType))
+        return pictureFormats(
+            video, {std::begin(vengine_mplane_formats), std::end(vengine_mplane_formats)});
+    return pictureFormats(video,
+                          {std::begin(vengine_splane_formats), std::end(vengine_splane_formats)});
 }
 
 /** The brightness of nodes that capture pictures; the control framework adds the class itself. */

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace NSVista::NSCorvane::sim {
 
@@ -27,6 +28,15 @@ double seconds(const v4l2_fract& interval) {
     return interval.denominator == 0
                ? 0
                : static_cast<double>(interval.numerator) / interval.denominator;
+}
+
+/** Visible bytes in a line of a plane of memory: of its first components. */
+uint32_t lineBytes(uint32_t fourcc, uint32_t memory, uint32_t width) {
+    const auto& planes = corvane_format_of(fourcc)->planes;
+    const auto* const first =
+        std::find_if(std::begin(planes), std::end(planes),
+                     [memory](const corvane_plane& each) { return each.memory == memory; });
+    return corvane_line_bytes(first, width);
 }
 
 }  // namespace
@@ -238,9 +248,7 @@ vengine_layout Format::findDrawable() const {
         const LayoutDesc::Plane& plane = layout.planes[i];
         // Bytes of a line without padding: what is known is padded to an alignment.
         const uint64_t lines = known.sizeimage[i] / known.bytesperline[i];
-        const uint32_t bytes = fourcc() == V4L2_PIX_FMT_YUYV               ? layout.width * 2
-                               : fourcc() == V4L2_PIX_FMT_YUV420M && i > 0 ? layout.width / 2
-                                                                           : layout.width;
+        const uint32_t bytes = lineBytes(fourcc(), i, layout.width);
         fits = plane.stride >= bytes && plane.stride * lines <= plane.size;
         known.bytesperline[i] = plane.stride;
         known.sizeimage[i] = plane.size;

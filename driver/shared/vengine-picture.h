@@ -13,9 +13,14 @@
 #include <string.h>
 #endif
 
+#include <corvane/formats.h>
+
 #include "vengine-desc.h"
 
-/* Pixel formats that every multi-planar, and every single-plane, video node takes. */
+/*
+ * Pixel formats that every multi-planar, and every single-plane, video node takes: some of those that
+ * can be drawn.
+ */
 static const __u32 vengine_mplane_formats[] = {
 	V4L2_PIX_FMT_NV12M, V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12,
 };
@@ -32,12 +37,20 @@ struct vengine_layout {
 	__u32 sizeimage[3];
 };
 
+/* Where the samples of one component are. */
+struct vengine_samples {
+	__u8 *first;
+	__u32 stride;
+	__u8 step, across, down;	/* as corvane_sample and corvane_plane have them */
+};
+
 /* A picture in memory: data[i] and stride[i] of each component plane. */
 struct vengine_picture {
-	__u32 fourcc;
+	const struct corvane_format *format;
 	__u32 width, height;
 	__u8 *data[3];
 	__u32 stride[3];
+	struct vengine_samples samples[3];	/* Y, U, V */
 };
 
 struct vengine_yuv {
@@ -66,43 +79,21 @@ static inline __u32 vengine_stride(__u32 bytes)
 static inline struct vengine_layout vengine_layout_of(__u32 fourcc, __u32 width, __u32 height)
 {
 	struct vengine_layout l = { fourcc, width, height, 0, { 0, 0, 0 }, { 0, 0, 0 } };
-	__u32 luma = vengine_stride(width);
-	__u32 chroma;
+	const struct corvane_format *format = corvane_format_of(fourcc);
+	struct corvane_place places[3];
+	__u32 i;
 
-	switch (fourcc) {
-	case V4L2_PIX_FMT_NV12M:
-		l.num_planes = 2;
-		l.bytesperline[0] = luma;
-		l.bytesperline[1] = luma;
-		l.sizeimage[0] = luma * height;
-		l.sizeimage[1] = luma * height / 2;
-		break;
-	case V4L2_PIX_FMT_YUV420M:
-		chroma = vengine_stride(width / 2);
-		l.num_planes = 3;
-		l.bytesperline[0] = luma;
-		l.bytesperline[1] = chroma;
-		l.bytesperline[2] = chroma;
-		l.sizeimage[0] = luma * height;
-		l.sizeimage[1] = chroma * height / 2;
-		l.sizeimage[2] = chroma * height / 2;
-		break;
-	case V4L2_PIX_FMT_NV12:
-		l.num_planes = 1;
-		l.bytesperline[0] = luma;
-		l.sizeimage[0] = luma * height + luma * height / 2;
-		break;
-	case V4L2_PIX_FMT_YUYV:
-		l.num_planes = 1;
-		l.bytesperline[0] = vengine_stride(width * 2);
-		l.sizeimage[0] = l.bytesperline[0] * height;
-		break;
-	case V4L2_PIX_FMT_GREY:
-		l.num_planes = 1;
-		l.bytesperline[0] = luma;
-		l.sizeimage[0] = luma * height;
-		break;
+	if (!format || format->model != CORVANE_YUV)
+		return l;
+	for (i = 0; i < 3 && format->planes[i].pair; i++) {
+		if (format->planes[i].memory < l.num_planes)
+			continue;
+		l.bytesperline[l.num_planes++] =
+			vengine_stride(corvane_line_bytes(&format->planes[i], width));
 	}
+	corvane_find_places(format, l.bytesperline, height, places);
+	for (i = 0; i < 3 && format->planes[i].pair; i++)
+		l.sizeimage[format->planes[i].memory] = places[i].end;
 	return l;
 }
 
@@ -110,82 +101,62 @@ static inline struct vengine_layout vengine_layout_of(__u32 fourcc, __u32 width,
 static inline struct vengine_picture vengine_map(const struct vengine_layout *l,
 						 __u8 *const planes[3])
 {
+	struct corvane_place places[3];
 	struct vengine_picture p;
 	__u32 i;
 
 	memset(&p, 0, sizeof(p));
-	p.fourcc = l->fourcc;
+	p.format = corvane_format_of(l->fourcc);
 	p.width = l->width;
 	p.height = l->height;
-	for (i = 0; i < l->num_planes; i++) {
-		p.data[i] = planes[i];
-		p.stride[i] = l->bytesperline[i];
+	if (!p.format) {	/* no picture: the bytes of its plane */
+		p.data[0] = planes[0];
+		return p;
 	}
-	if (l->fourcc == V4L2_PIX_FMT_NV12) {
-		p.data[1] = planes[0] + l->bytesperline[0] * l->height;
-		p.stride[1] = l->bytesperline[0];
+	corvane_find_places(p.format, l->bytesperline, l->height, places);
+	for (i = 0; i < 3 && p.format->planes[i].pair; i++) {
+		p.data[i] = planes[p.format->planes[i].memory] + places[i].offset;
+		p.stride[i] = places[i].stride;
+	}
+	for (i = 0; i < 3; i++) {
+		const struct corvane_sample *sample = &p.format->samples[i];
+
+		p.samples[i].first = p.data[sample->plane] + sample->first;
+		p.samples[i].stride = p.stride[sample->plane];
+		p.samples[i].step = sample->step;
+		p.samples[i].across = sample->across;
+		p.samples[i].down = p.format->planes[sample->plane].down;
 	}
 	return p;
 }
 
+static inline __u8 *vengine_sample(const struct vengine_samples *s, __u32 x, __u32 y)
+{
+	return s->first + (y >> s->down) * s->stride + (x >> s->across) * s->step;
+}
+
 static inline struct vengine_yuv vengine_read(const struct vengine_picture *p, __u32 x, __u32 y)
 {
-	struct vengine_yuv c = { 0, 128, 128 };
-	const __u8 *at;
+	struct vengine_yuv c = { *vengine_sample(&p->samples[0], x, y), 128, 128 };
 
-	switch (p->fourcc) {
-	case V4L2_PIX_FMT_NV12:
-	case V4L2_PIX_FMT_NV12M:
-		at = p->data[1] + y / 2 * p->stride[1] + (x & ~1u);
-		c.u = at[0];
-		c.v = at[1];
-		break;
-	case V4L2_PIX_FMT_YUV420M:
-		c.u = p->data[1][y / 2 * p->stride[1] + x / 2];
-		c.v = p->data[2][y / 2 * p->stride[2] + x / 2];
-		break;
-	case V4L2_PIX_FMT_YUYV:
-		at = p->data[0] + y * p->stride[0] + (x & ~1u) * 2;
-		c.y = at[x % 2 * 2];
-		c.u = at[1];
-		c.v = at[3];
-		return c;
+	if (p->samples[1].step) {
+		c.u = *vengine_sample(&p->samples[1], x, y);
+		c.v = *vengine_sample(&p->samples[2], x, y);
 	}
-	c.y = p->data[0][y * p->stride[0] + x];
 	return c;
 }
 
-/* Chroma is written from even columns, and from even rows where rows share it. */
+/* Chroma is written from the first of the columns, and of the rows, that share it. */
 static inline void vengine_write(const struct vengine_picture *p, __u32 x, __u32 y,
 				 struct vengine_yuv c)
 {
-	__u8 *at;
+	const struct vengine_samples *u = &p->samples[1];
 
-	switch (p->fourcc) {
-	case V4L2_PIX_FMT_NV12:
-	case V4L2_PIX_FMT_NV12M:
-		if (!(x & 1) && !(y & 1)) {
-			at = p->data[1] + y / 2 * p->stride[1] + x;
-			at[0] = c.u;
-			at[1] = c.v;
-		}
-		break;
-	case V4L2_PIX_FMT_YUV420M:
-		if (!(x & 1) && !(y & 1)) {
-			p->data[1][y / 2 * p->stride[1] + x / 2] = c.u;
-			p->data[2][y / 2 * p->stride[2] + x / 2] = c.v;
-		}
-		break;
-	case V4L2_PIX_FMT_YUYV:
-		at = p->data[0] + y * p->stride[0] + (x & ~1u) * 2;
-		at[x % 2 * 2] = c.y;
-		if (!(x & 1)) {
-			at[1] = c.u;
-			at[3] = c.v;
-		}
-		return;
+	*vengine_sample(&p->samples[0], x, y) = c.y;
+	if (u->step && !(x & ((1u << u->across) - 1)) && !(y & ((1u << u->down) - 1))) {
+		*vengine_sample(u, x, y) = c.u;
+		*vengine_sample(&p->samples[2], x, y) = c.v;
 	}
-	p->data[0][y * p->stride[0] + x] = c.y;
 }
 
 /* A test picture: its size and number, and where its square is. */

@@ -17,6 +17,8 @@
 #include <string>
 #include <string_view>
 
+#include <corvane/formats.h>
+
 namespace NSVista::NSCorvane {
 
 /** A format: of v4l2_pix_format, v4l2_pix_format_mplane or v4l2_meta_format. */
@@ -160,23 +162,6 @@ inline void readFormat(const v4l2_format& from, FormatClass formatClass, PixelFo
     }
 }
 
-/** A format whose common name differs from its four characters. */
-struct FormatName {
-    uint32_t fourcc;
-    const char* name;
-};
-
-inline constexpr FormatName kFormatNames[] = {
-    {V4L2_PIX_FMT_NV12M, "NV12M"},     {V4L2_PIX_FMT_NV21M, "NV21M"},
-    {V4L2_PIX_FMT_NV16M, "NV16M"},     {V4L2_PIX_FMT_NV61M, "NV61M"},
-    {V4L2_PIX_FMT_YUV420M, "YUV420M"}, {V4L2_PIX_FMT_YVU420M, "YVU420M"},
-    {V4L2_PIX_FMT_YUV422M, "YUV422M"}, {V4L2_PIX_FMT_YVU422M, "YVU422M"},
-    {V4L2_PIX_FMT_YUV444M, "YUV444M"}, {V4L2_PIX_FMT_YVU444M, "YVU444M"},
-    {V4L2_PIX_FMT_YUV420, "YUV420"},   {V4L2_PIX_FMT_YVU420, "YVU420"},
-    {V4L2_PIX_FMT_YUV422P, "YUV422P"}, {V4L2_PIX_FMT_RGB24, "RGB24"},
-    {V4L2_PIX_FMT_BGR24, "BGR24"},
-};
-
 inline constexpr uint32_t kBigEndian = 1U << 31;
 
 /**
@@ -195,15 +180,13 @@ inline std::string fourccText(uint32_t fourcc) {
 
 /** A format's common name ("NV12M" for the characters "NM12"), or its fourccText(). */
 inline std::string formatName(uint32_t fourcc) {
-    for (const FormatName& each : kFormatNames)
-        if (each.fourcc == fourcc)
-            return each.name;
-    return fourccText(fourcc);
+    const corvane_format* const known = corvane_format_of(fourcc);
+    return known != nullptr ? known->name : fourccText(fourcc);
 }
 
 /** Takes what formatName() and fourccText() give. @return 0 for a text that is no format. */
 inline uint32_t fourccOf(std::string_view text) {
-    for (const FormatName& each : kFormatNames)
+    for (const corvane_format& each : corvane_formats)
         if (text == each.name)
             return each.fourcc;
     constexpr std::string_view kSuffix = "-BE";

@@ -25,7 +25,7 @@ TEST(Words, ReadEverySpellingOfAFormat) {
     }
     for (const char* text : {"", "FIVES", "A\nB", "\xc3\xa9"})
         EXPECT_EQ(fourccOf(text), 0U) << text;
-    for (const FormatName& each : kFormatNames)
+    for (const corvane_format& each : corvane_formats)
         EXPECT_EQ(fourccOf(formatName(each.fourcc)), each.fourcc) << each.name;
 }
 

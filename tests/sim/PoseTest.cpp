@@ -51,8 +51,11 @@ v4l2_format wish(uint32_t type, uint32_t fourcc, uint32_t width, uint32_t height
 }
 
 TEST(PoseTest, FewAnswersTellHowEverySizeIsLaidOut) {
-    OneNode node({V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE, V4L2_PIX_FMT_NV12M, 0});
-    for (const uint32_t fourcc : vengine_mplane_formats)
+    for (const corvane_format& each : corvane_formats) {
+        const uint32_t fourcc = each.fourcc;
+        if (each.model != CORVANE_YUV)
+            continue;
+        OneNode node({V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE, fourcc, 0});
         for (uint32_t width = 1; width < 2200; width += 13) {
             const uint32_t height = (width * 7) % 2100;
             v4l2_format format = wish(V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE, fourcc, width, height);
@@ -68,6 +71,7 @@ TEST(PoseTest, FewAnswersTellHowEverySizeIsLaidOut) {
                 ASSERT_EQ(got.plane_fmt[i].sizeimage, layout.sizeimage[i]) << width;
             }
         }
+    }
 }
 
 /** What a driver with a habit made of some sizes, and what it then makes of another one. */

@@ -6,6 +6,8 @@
 
 #include <array>
 #include <cmath>
+#include <iterator>
+#include <string>
 #include <vector>
 
 #include "vengine-picture.h"
@@ -38,9 +40,10 @@ Picture makePicture(const vengine_layout& layout) {
 }
 
 TEST(PictureTest, DecodesTheEnginesPatternInEachOfItsFormats) {
-    for (const uint32_t fourcc : {V4L2_PIX_FMT_NV12M, V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12,
-                                  V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_GREY}) {
-        const vengine_layout layout = vengine_layout_of(fourcc, 100, 36);
+    for (const corvane_format& format : corvane_formats) {
+        if (format.model != CORVANE_YUV)
+            continue;
+        const vengine_layout layout = vengine_layout_of(format.fourcc, 100, 36);
         Picture picture = makePicture(layout);
         uint8_t* data[3] = {};
         for (uint32_t i = 0; i < layout.num_planes; ++i)
@@ -51,30 +54,70 @@ TEST(PictureTest, DecodesTheEnginesPatternInEachOfItsFormats) {
         for (uint32_t y = 0; y < layout.height; ++y)
             for (uint32_t x = 0; x < layout.width; ++x)
                 expectColour(picture.colorAt(x, y), colourOf(vengine_read(&drawn, x, y)),
-                             v4l2::formatName(fourcc).c_str());
+                             format.name);
     }
 }
 
-TEST(PictureTest, DecodesOtherFormatsByTheirLayout) {
-    // Two by two pixels in lines of six bytes; the pixel looked at is at the right and below.
-    const vengine_yuv wanted{81, 90, 240};
-    struct Case {
-        uint32_t fourcc;
-        std::vector<uint8_t> bytes;
-        std::array<double, 3> expected;
-    };
-    for (const Case& c :
-         {Case{V4L2_PIX_FMT_UYVY, {1, 2, 3, 4, 0, 0, 90, 9, 240, 81}, colourOf(wanted)},
-          Case{V4L2_PIX_FMT_YUV420,
-               {1, 2, 0, 0, 0, 0, 3, 81, 0, 0, 0, 0, 90, 0, 0, 240},
-               colourOf(wanted)},
-          Case{V4L2_PIX_FMT_RGB24, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 30}, {10, 20, 30}},
-          Case{V4L2_PIX_FMT_BGR24, {1, 2, 3, 4, 5, 6, 7, 8, 9, 30, 20, 10}, {10, 20, 30}}}) {
-        Picture picture{"test", {c.fourcc, 2, 2, 1, {{6, 12}}}, {}};
-        picture.planes[0] = c.bytes;
-        picture.planes[0].resize(32);
-        EXPECT_TRUE(picture.isKnown());
-        expectColour(picture.colorAt(1, 1), c.expected, v4l2::formatName(c.fourcc).c_str());
+struct Byte {
+    uint32_t plane, at;
+};
+
+/** Of two by two pixels in lines of eight bytes: where the one at the right and below is. */
+struct Place {
+    uint32_t fourcc;
+    std::vector<Byte> bytes;  ///< of Y, U and V, or red, green and blue
+};
+
+const Place kPlaces[] = {
+    {V4L2_PIX_FMT_NV12, {{0, 9}, {0, 16}, {0, 17}}},
+    {V4L2_PIX_FMT_NV21, {{0, 9}, {0, 17}, {0, 16}}},
+    {V4L2_PIX_FMT_NV16, {{0, 9}, {0, 24}, {0, 25}}},
+    {V4L2_PIX_FMT_NV61, {{0, 9}, {0, 25}, {0, 24}}},
+    {V4L2_PIX_FMT_NV24, {{0, 9}, {0, 34}, {0, 35}}},
+    {V4L2_PIX_FMT_NV42, {{0, 9}, {0, 35}, {0, 34}}},
+    {V4L2_PIX_FMT_NV12M, {{0, 9}, {1, 0}, {1, 1}}},
+    {V4L2_PIX_FMT_NV21M, {{0, 9}, {1, 1}, {1, 0}}},
+    {V4L2_PIX_FMT_NV16M, {{0, 9}, {1, 8}, {1, 9}}},
+    {V4L2_PIX_FMT_NV61M, {{0, 9}, {1, 9}, {1, 8}}},
+    {V4L2_PIX_FMT_YUV420, {{0, 9}, {0, 16}, {0, 20}}},
+    {V4L2_PIX_FMT_YVU420, {{0, 9}, {0, 20}, {0, 16}}},
+    {V4L2_PIX_FMT_YUV422P, {{0, 9}, {0, 20}, {0, 28}}},
+    {V4L2_PIX_FMT_YUV420M, {{0, 9}, {1, 0}, {2, 0}}},
+    {V4L2_PIX_FMT_YVU420M, {{0, 9}, {2, 0}, {1, 0}}},
+    {V4L2_PIX_FMT_YUV422M, {{0, 9}, {1, 8}, {2, 8}}},
+    {V4L2_PIX_FMT_YVU422M, {{0, 9}, {2, 8}, {1, 8}}},
+    {V4L2_PIX_FMT_YUV444M, {{0, 9}, {1, 9}, {2, 9}}},
+    {V4L2_PIX_FMT_YVU444M, {{0, 9}, {2, 9}, {1, 9}}},
+    {V4L2_PIX_FMT_YUYV, {{0, 10}, {0, 9}, {0, 11}}},
+    {V4L2_PIX_FMT_YVYU, {{0, 10}, {0, 11}, {0, 9}}},
+    {V4L2_PIX_FMT_UYVY, {{0, 11}, {0, 8}, {0, 10}}},
+    {V4L2_PIX_FMT_VYUY, {{0, 11}, {0, 10}, {0, 8}}},
+    {V4L2_PIX_FMT_GREY, {{0, 9}}},
+    {V4L2_PIX_FMT_RGB24, {{0, 11}, {0, 12}, {0, 13}}},
+    {V4L2_PIX_FMT_BGR24, {{0, 13}, {0, 12}, {0, 11}}},
+};
+
+TEST(PictureTest, FindsThePixelsOfEachFormat) {
+    ASSERT_EQ(std::size(kPlaces), std::size(corvane_formats));
+    for (const Place& place : kPlaces) {
+        const std::string name = v4l2::formatName(place.fourcc);
+        Picture picture{"test", {place.fourcc, 2, 2, 3, {{8, 48}, {8, 48}, {8, 48}}}, {}};
+        for (auto& plane : picture.planes)
+            plane.resize(48);
+        const uint8_t values[] = {81, 90, 240};
+        for (size_t i = 0; i < place.bytes.size(); ++i)
+            picture.planes[place.bytes[i].plane][place.bytes[i].at] = values[i];
+        EXPECT_TRUE(picture.isKnown()) << name;
+        const std::array<double, 3> raw = {81, 90, 240};
+        const bool isRgb = name.find("24") == 3;
+        const bool isGrey = place.bytes.size() == 1;
+        expectColour(picture.colorAt(1, 1),
+                     isRgb    ? raw
+                     : isGrey ? colourOf({81, 128, 128})
+                              : colourOf({81, 90, 240}),
+                     name.c_str());
+        picture.format.planes[0].size = 9;  // A driver that told too little.
+        EXPECT_FALSE(picture.isKnown()) << name;
     }
     EXPECT_FALSE((Picture{"meta", {VENGINE_META_FMT_STATS, 0, 0, 1, {}}, {}}.isKnown()));
 }

@@ -25,30 +25,14 @@ void drawMask(const vengine_picture& picture, uint64_t number) {
                           {static_cast<uint8_t>(x * 256 / picture.width + y + number), 128, 128});
 }
 
-/** Visible bytes of a row, and rows, of a component plane; 0 rows beyond the last. */
-struct Extent {
-    uint32_t bytes;
-    uint32_t rows;
-};
-
-Extent extentOf(const vengine_picture& picture, unsigned plane) {
-    if (picture.data[plane] == nullptr)
-        return {0, 0};
-    if (picture.fourcc == V4L2_PIX_FMT_YUYV)
-        return {picture.width * 2, picture.height};
-    if (plane == 0)
-        return {picture.width, picture.height};
-    return {picture.fourcc == V4L2_PIX_FMT_YUV420M ? picture.width / 2 : picture.width,
-            picture.height / 2};
-}
-
 std::string differenceOf(const vengine_picture& got, const vengine_picture& expected) {
     for (unsigned plane = 0; plane < 3; ++plane) {
-        const Extent extent = extentOf(expected, plane);
-        for (uint32_t row = 0; row < extent.rows; ++row) {
+        const corvane_plane& shape = expected.format->planes[plane];
+        const uint32_t bytes = corvane_line_bytes(&shape, expected.width);
+        for (uint32_t row = 0; bytes != 0 && row < corvane_lines(&shape, expected.height); ++row) {
             const uint8_t* const a = got.data[plane] + size_t{row} * got.stride[plane];
             const uint8_t* const b = expected.data[plane] + size_t{row} * expected.stride[plane];
-            if (memcmp(a, b, extent.bytes) == 0)
+            if (memcmp(a, b, bytes) == 0)
                 continue;
             uint32_t column = 0;
             while (a[column] == b[column])

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Picture.h"
 
-#include <linux/videodev2.h>
-
 #include <algorithm>
+#include <array>
+#include <iterator>
+
+#include <corvane/formats.h>
 
 namespace NSVista::NSCorvane::tools {
 
@@ -21,58 +23,49 @@ Rgb fromYuv(int y, int u, int v) {
             clamped((luma + 516 * (u - 128)) / 256)};
 }
 
+using Places = std::array<corvane_place, 3>;
+
+Places placesOf(const corvane_format& known, const PixelFormat& format) {
+    uint32_t strides[PixelFormat::kMaxPlanes];
+    std::transform(std::begin(format.planes), std::end(format.planes), std::begin(strides),
+                   [](const PixelFormat::Plane& plane) { return plane.stride; });
+    Places places;
+    corvane_find_places(&known, strides, format.height, places.data());
+    return places;
+}
+
 }  // namespace
 
 bool Picture::isKnown() const {
-    switch (format.format) {
-        case V4L2_PIX_FMT_NV12:
-        case V4L2_PIX_FMT_NV12M:
-        case V4L2_PIX_FMT_YUV420:
-        case V4L2_PIX_FMT_YUV420M:
-        case V4L2_PIX_FMT_YUYV:
-        case V4L2_PIX_FMT_UYVY:
-        case V4L2_PIX_FMT_GREY:
-        case V4L2_PIX_FMT_RGB24:
-        case V4L2_PIX_FMT_BGR24:
-            return true;
-        default:
+    const corvane_format* const known = corvane_format_of(format.format);
+    if (known == nullptr)
+        return false;
+    const Places places = placesOf(*known, format);
+    for (int i = 0; i < 3; ++i) {
+        const corvane_plane& plane = known->planes[i];
+        // The last line may lack the padding of the others.
+        const uint32_t bytes = corvane_line_bytes(&plane, format.width);
+        if (places[i].stride < bytes ||
+            places[i].end - places[i].stride + bytes > format.planes[plane.memory].size)
             return false;
     }
+    return true;
 }
 
 Rgb Picture::colorAt(uint32_t x, uint32_t y) const {
-    const size_t stride = format.planes[0].stride;
-    const uint8_t* const first = planes[0].data();
-    const uint8_t* const row = first + y * stride;
-    const size_t lumaSize = stride * format.height;
-    const size_t pair = x & ~1U;
-    switch (format.format) {
-        case V4L2_PIX_FMT_NV12:
-        case V4L2_PIX_FMT_NV12M: {
-            const bool apart = format.format == V4L2_PIX_FMT_NV12M;
-            const uint8_t* const chroma =
-                apart ? planes[1].data() + y / 2 * format.planes[1].stride + pair
-                      : first + lumaSize + y / 2 * stride + pair;
-            return fromYuv(row[x], chroma[0], chroma[1]);
-        }
-        case V4L2_PIX_FMT_YUV420: {
-            const uint8_t* const u = first + lumaSize + y / 2 * (stride / 2) + x / 2;
-            return fromYuv(row[x], u[0], u[lumaSize / 4]);
-        }
-        case V4L2_PIX_FMT_YUV420M:
-            return fromYuv(row[x], planes[1][y / 2 * format.planes[1].stride + x / 2],
-                           planes[2][y / 2 * format.planes[2].stride + x / 2]);
-        case V4L2_PIX_FMT_YUYV:
-            return fromYuv(row[x * 2], row[pair * 2 + 1], row[pair * 2 + 3]);
-        case V4L2_PIX_FMT_UYVY:
-            return fromYuv(row[x * 2 + 1], row[pair * 2], row[pair * 2 + 2]);
-        case V4L2_PIX_FMT_RGB24:
-            return {row[x * 3], row[x * 3 + 1], row[x * 3 + 2]};
-        case V4L2_PIX_FMT_BGR24:
-            return {row[x * 3 + 2], row[x * 3 + 1], row[x * 3]};
-        default:
-            return fromYuv(row[x], 128, 128);
+    const corvane_format& known = *corvane_format_of(format.format);
+    const Places places = placesOf(known, format);
+    uint8_t values[3] = {0, 128, 128};
+    for (int i = 0; i < 3; ++i) {
+        const corvane_sample& sample = known.samples[i];
+        const corvane_place& place = places[sample.plane];
+        if (sample.step != 0)
+            values[i] =
+                planes[known.planes[sample.plane].memory]
+                      [place.offset + corvane_sample_at(&known, &sample, place.stride, x, y)];
     }
+    const auto [first, second, third] = values;
+    return known.model == CORVANE_RGB ? Rgb{first, second, third} : fromYuv(first, second, third);
 }
 
 }  // namespace NSVista::NSCorvane::tools

@@ -23,7 +23,7 @@ struct Picture {
     PixelFormat format{};
     std::vector<uint8_t> planes[FrameBuffer::kMaxPlanes];
 
-    /** Whether colorAt() knows the format. */
+    /** Whether colorAt() knows the format, and the planes' sizes hold it. */
     bool isKnown() const;
     /** The colour of a pixel within the picture. */
     Rgb colorAt(uint32_t x, uint32_t y) const;

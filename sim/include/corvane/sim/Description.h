@@ -169,7 +169,7 @@ struct VideoDesc {
     std::string driver = {}, card = {}, bus = {};  ///< likewise, where they are not empty
     uint32_t version = 0;                          ///< likewise, where it is not 0
 
-    std::vector<FormatDesc> formats = {};   ///< none: the engine's own for the buffer type
+    std::vector<FormatDesc> formats = {};   ///< none: the engine's for the buffer type and `format`
     std::optional<LayoutDesc> layout = {};  ///< after start; without it what 320x240 comes to
     /** What a format not offered gets: a negated errno, or 0 and it becomes `fallback`. */
     int unknownFormat = 0;
