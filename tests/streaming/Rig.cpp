@@ -72,7 +72,7 @@ int Rig::init() {
 }
 
 int Rig::start(int buffers) {
-    if (const int ret = init(); ret != 0)
+    if (const int ret = mInitialised ? 0 : init(); ret != 0)
         return ret;
     scene->acquire();
     for (const auto& desc : mDesc.ports) {

@@ -33,7 +33,7 @@ public:
 
     int init();
     /**
-     * init, formats, @p buffers buffers of every port, as many requests with memory, start.
+     * init unless done, formats, @p buffers buffers of every port, as many requests with memory, start.
      * @return 0 or the first failure.
      */
     int start(int buffers);

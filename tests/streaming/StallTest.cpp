@@ -2,12 +2,14 @@
 // Where a stalled scene stands, with the stall made by the driver or the client.
 #include <corvane/SceneManager.h>
 #include <gmock/gmock.h>
+#include <linux/media.h>
 
 #include <chrono>
 #include <future>
 #include <thread>
 
 #include "StreamingFixture.h"
+#include "support/PassingKernel.h"
 
 namespace NSVista::NSCorvane::test {
 namespace {
@@ -17,6 +19,23 @@ using testing::AllOf;
 using testing::Contains;
 using testing::ContainsRegex;
 using testing::HasSubstr;
+
+/** Lets no MEDIA_REQUEST_IOC_REINIT return before it ends: no driver can be told to do that. */
+class Reluctant : public PassingKernel {
+public:
+    Reluctant() : PassingKernel(*System::setKernel(this)) {}
+    ~Reluctant() override { System::setKernel(&mKernel); }
+    void letGo() { mGone.set_value(); }
+    int ioctl(int fd, unsigned long request, void* arg) override {
+        if (request == MEDIA_REQUEST_IOC_REINIT)
+            mGoing.wait();
+        return PassingKernel::ioctl(fd, request, arg);
+    }
+
+private:
+    std::promise<void> mGone;
+    const std::shared_future<void> mGoing = mGone.get_future().share();
+};
 
 class Stalls : public Streaming {
 protected:
@@ -91,15 +110,30 @@ TEST_F(Stalls, InTheDriverAreTheDriversTurn) {
     }
 }
 
+TEST_F(Stalls, ByAReinitialisationIsTheDriversTurn) {
+    Rig rig(1);
+    ASSERT_EQ(rig.start(2), 0);
+    Reluctant kernel;
+    rig.fill(0);
+    ASSERT_EQ(rig.queue(0), 0);
+    explained(rig, ContainsRegex("request 0 .fd [0-9]+.: in MEDIA_REQUEST_IOC_REINIT, completed "
+                                 "[0-9]+ ms ago: the driver's turn"));
+    kernel.letGo();
+    EXPECT_TRUE(rig.waitDone(1) && rig.waitDequeued());
+    EXPECT_EQ(rig.stop(), 0);
+}
+
 TEST_F(Stalls, ByAStreamOnAndALinkAreTold) {
     SceneManager manager;
     platform.order("setup_link hang");
     Rig rig(1);
-    auto started = beside([&] { return rig.start(2); });
+    auto initialised = beside([&] { return rig.init(); });
     waitFor(ContainsRegex("^in MEDIA_IOC_SETUP_LINK of fd [0-9]+ for [0-9]+ ms, thread [0-9]+"),
             [&manager](IPrinter& printer) { manager.explainStall(&printer); });
     platform.order("clear");
+    EXPECT_EQ(initialised.get(), 0);
     platform.order("streamon hang");
+    auto started = beside([&] { return rig.start(2); });
     explained(rig, ContainsRegex("port vengine-main: in VIDIOC_STREAMON of fd [0-9]+ for"));
     platform.order("clear");
     EXPECT_EQ(started.get(), 0);

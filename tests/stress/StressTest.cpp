@@ -29,6 +29,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/PassingKernel.h"
 #include "support/SceneDescs.h"
 
 namespace NSVista::NSCorvane::test {
@@ -59,9 +60,9 @@ private:
 };
 
 /** Lets other threads run around calls of the kernel, at random. */
-class YieldingKernel : public System::Kernel {
+class YieldingKernel : public PassingKernel {
 public:
-    explicit YieldingKernel(System::Kernel& kernel) : mKernel(kernel) {}
+    using PassingKernel::PassingKernel;
 
     int open(const char* path, int flags) override {
         return yielding([&] { return mKernel.open(path, flags); });
@@ -72,10 +73,6 @@ public:
     int ioctl(int fd, unsigned long request, void* arg) override {
         return yielding([&] { return mKernel.ioctl(fd, request, arg); });
     }
-    int openDir(const char* path, DIR** dir) override { return mKernel.openDir(path, dir); }
-    int readDir(DIR* dir, struct dirent** entry) override { return mKernel.readDir(dir, entry); }
-    int closeDir(DIR* dir) override { return mKernel.closeDir(dir); }
-    int stat(const char* path, struct stat* info) override { return mKernel.stat(path, info); }
     int readLink(const char* path, char* buffer, size_t size) override {
         return yielding([&] { return mKernel.readLink(path, buffer, size); });
     }
@@ -98,8 +95,6 @@ private:
         else if (die < 16)
             std::this_thread::yield();
     }
-
-    System::Kernel& mKernel;
 };
 
 /** Has everything formatted and keeps nothing. */
