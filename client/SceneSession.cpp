@@ -294,7 +294,10 @@ int SceneSession::start() {
     if (const int result = mScene->start(); result != 0)
         return result;
     mStreaming = true;
-    return 0;
+    // Not 0 where the service outlived it: a request would wait for a port that does not stream.
+    const int refusal = mScene->streamRefusal();
+    mRefused = refusal != 0;
+    return refusal;
 }
 
 SessionRequest* SceneSession::takeFree() {
@@ -589,8 +592,9 @@ int SceneSession::stop(milliseconds timeout) try {
         tellLost();
     }
     const int stopped = mScene->stop();
+    const int refusal = mScene->streamRefusal();
     mInFlight = 0;
-    return stopped != 0 ? stopped : drained;
+    return stopped != 0 ? stopped : refusal != 0 ? refusal : drained;
 }
 CORVANE_NO_THROW
 

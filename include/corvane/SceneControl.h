@@ -260,6 +260,14 @@ public:
     /** @} */
 
     /**
+     * Whether all ports took the last start() or stop(), which return 0 even where one refused: the
+     * refusal was reported and ends the service, unless its terminate handler returned.
+     * @return 0, or the negated errno with which a port refused VIDIOC_STREAMON or
+     *         VIDIOC_STREAMOFF; the last one's of several. Any thread.
+     */
+    int streamRefusal() const { return mStreamRefusal.load(std::memory_order_relaxed); }
+
+    /**
      * Says in words why the scene does not go on: each request that is under way, completed and not
      * dequeued, or in its done callback, with its number, descriptor and age; each port that a
      * thread of the library is inside a call of, or waits for an index of; and whose turn it is.
@@ -299,7 +307,7 @@ private:
     void explain(IPrinter& printer, std::vector<System::CallUnderWay>& calls) const;
     bool inState(State wanted, const char* operation) const;
     bool beforeStart(const char* operation) const CORVANE_REQUIRES(mStreamLock);
-    static void refuseStream(const char* operation, const char* failure, const Port& port, int ret);
+    void refuseStream(const char* operation, const char* failure, const Port& port, int ret);
     void tellOfRequestsInFlight() const;
     void applyChoices() CORVANE_REQUIRES(mStreamLock);
     void startMonitor() CORVANE_REQUIRES(mStreamLock);
@@ -324,6 +332,7 @@ private:
     std::atomic<int32_t> mState{kIdle};
     std::atomic<uint32_t> mQueuedCount{0};
     std::atomic<uint32_t> mDoneCount{0};
+    std::atomic<int> mStreamRefusal{0};
     std::function<void(const DequeuedBuffer&)> mBufferDequeuedCallback
         CORVANE_GUARDED_BY(mStreamLock);
     bool mKeepIndexes CORVANE_GUARDED_BY(mStreamLock) = false;

@@ -101,6 +101,19 @@ TEST_F(Recovery, AfterACompletionThatDoesNotCome) {
     expectANewSessionStreams();
 }
 
+TEST_F(Recovery, AfterAReport) {
+    int error = 0;
+    auto session = open(error);
+    ASSERT_EQ(error, 0);
+    platform.order("streamon -5 2");
+    EXPECT_EQ(session->start(), -EIO) << "of the second port; the first one streams";
+    EXPECT_EQ(reports.exchange(0), 1) << "it would end the service";
+    EXPECT_EQ(session->submit({}), -EPIPE) << "only the stop is left";
+    EXPECT_EQ(session->stop(1s), 0);
+    session.reset();
+    expectANewSessionStreams();
+}
+
 // The driver refuses whatever the service tries, as one does whose device was pulled, and comes
 // back under the same nodes.
 TEST_F(Recovery, AfterADeviceThatWasGone) {
@@ -110,7 +123,7 @@ TEST_F(Recovery, AfterADeviceThatWasGone) {
     platform.order("qbuf -19");
     platform.order("streamoff -19");
     EXPECT_EQ(session->submit({}), -ENODEV);
-    session->stop(1s);
+    EXPECT_EQ(session->stop(1s), -ENODEV);
     EXPECT_EQ(reports.exchange(0), 1) << "the refused stream-off would end the service";
     session.reset();
     platform.order("querycap -19");

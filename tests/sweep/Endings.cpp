@@ -122,6 +122,8 @@ constexpr Rule kRules[] = {
     {"VIDIOC_S_FMT", "video", "setFormat open", Reported, "VIDIOC_S_FMT fail", Errno},
     {"VIDIOC_STREAMON", "video", "start", Reported, "VIDIOC_STREAMON fail"},
     {"VIDIOC_STREAMOFF", "video", "stop", Reported, "VIDIOC_STREAMOFF fail"},
+    {"VIDIOC_STREAMON", "video", "begin", Reported, "VIDIOC_STREAMON fail", Errno},
+    {"VIDIOC_STREAMOFF", "video", "end", Reported, "VIDIOC_STREAMOFF fail", Errno},
     {"VIDIOC_QBUF", "video", "stream", Returned, "Failed to queue buffer", Errno},
     // After ten times of nothing a buffer counts as dequeued, and it carries no request.
     {"VIDIOC_DQBUF", "video", "stream", Unseen, "", Good, ~0U, EAGAIN, "", kNoFlag},

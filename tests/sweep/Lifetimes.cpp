@@ -199,7 +199,7 @@ bool session(Client& client, client::SessionDesc desc) {
     }) == 0;
     if (session == nullptr)
         return false;
-    client.step("start", [&] { return session->start(); });
+    client.step("begin", [&] { return session->start(); });
     int underWay = 0;
     const client::SceneSession::Visit inspect = [&](client::SessionRequest& request) {
         const memory::Inside outside(false);
@@ -221,7 +221,7 @@ bool session(Client& client, client::SessionDesc desc) {
     client.step("stream", [&] { return session->drain(3s); });
     while (underWay != 0 && client.step("stream", wait) == 0) {
     }
-    client.step("stop", [&] { return session->stop(3s); });
+    client.step("end", [&] { return session->stop(3s); });
     client.step("destroy", [&] { return session.reset(), 0; });
     return isGood && !sTerminated;
 }

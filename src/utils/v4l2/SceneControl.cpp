@@ -327,6 +327,7 @@ void Scene::stopMonitor() {
 
 /** Ends a refused stream call; other ports go on. */
 void Scene::refuseStream(const char* operation, const char* failure, const Port& port, int ret) {
+    mStreamRefusal.store(ret, std::memory_order_relaxed);
     CORVANE_LOGE_AS(operation, "Failed to %s port: %s", operation, port.getName().c_str());
     driverRefused(failure, ret, (" <" + port.getName() + ">").c_str());
 }
@@ -349,6 +350,7 @@ int Scene::start() try {
     const CpuTimer timer;
     if (!inState(kAcquired, "start"))
         return -1;
+    mStreamRefusal.store(0, std::memory_order_relaxed);
     applyChoices();
     // The monitor's thread runs before any port streams.
     startMonitor();
@@ -379,6 +381,7 @@ int Scene::stop() try {
     const CpuTimer timer;
     if (!inState(kStarted, "stop"))
         return -1;
+    mStreamRefusal.store(0, std::memory_order_relaxed);
     tellOfRequestsInFlight();
     stampLogTime(mDebugInfo->streamOffBegin);
     auto guard = guardDriver("VIDIOC_STREAMOFF timed out.");

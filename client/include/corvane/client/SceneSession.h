@@ -140,7 +140,11 @@ public:
      * @return the descriptor, or the negated errno.
      */
     int eventFd();
-    /** Streams on. Once. @return 0, -EBUSY when it was started before, or -1. */
+    /**
+     * Streams on. Once.
+     * @return 0, -EBUSY when it was started before, -1, or the errno with which a port refused,
+     *         where the terminate handler kept the process alive: only stop() is left then.
+     */
     int start();
     /**
      * Fills and queues a request.
@@ -171,7 +175,8 @@ public:
     /**
      * Streams off, after a drain() or, where that times out, after the event monitor is taken away:
      * requests that are still under way are then lost, which one warning line tells.
-     * @return 0, -ETIMEDOUT when requests were lost, -EPIPE when it does not stream, or -1.
+     * @return 0, -ETIMEDOUT when requests were lost, -EPIPE when it does not stream, -1, or the
+     * errno with which a port refused, where the terminate handler kept the process alive.
      */
     int stop(std::chrono::milliseconds timeout);
 
