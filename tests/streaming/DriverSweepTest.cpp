@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
@@ -17,6 +19,7 @@
 #include <vector>
 
 #include "Rig.h"
+#include "support/SubDeviceCalls.h"
 #include "vengine-fault.h"
 
 namespace NSVista::NSCorvane::test {
@@ -52,19 +55,20 @@ const Refusal kRefusals[] = {
     {"subscribe_event -5", Ending::SERVICE, "Failed to VIDIOC_SUBSCRIBE_EVENT: -5"},
     {"unsubscribe_event -5", Ending::SERVICE, "Failed to VIDIOC_UNSUBSCRIBE_EVENT: -5"},
     {"dqevent -5", Ending::RETURNED, ""},
-    {"add_kva -5", Ending::SERVICE, "Failed to KVXDIP_IOC_ADD_KVA: -5"},
-    {"del_kva -5", Ending::SERVICE, "Failed to KVXDIP_IOC_DEL_KVA: -5"},
-    {"s_init_info -5", Ending::SERVICE, "Failed to KVXDIP_IOC_S_INIT_INFO: -5"},
-    {"set_control -5", Ending::RETURNED, "Failed to KVXDIP_IOC_SET_CONTROL: -5"},
-    {"get_control -5", Ending::RETURNED, "Failed to KVXDIP_IOC_GET_CONTROL: -5"},
-    {"add_fence -5", Ending::SERVICE, "Failed to KVXDIP_IOC_ADD_FENCE: -5"},
-    {"del_fence -5", Ending::SERVICE, "Failed to KVXDIP_IOC_DEL_FENCE: -5"},
-    {"aloc_buf -12", Ending::SERVICE, "[requestMemory] Failed on ("},
-    {"free_buf -5", Ending::SERVICE, "[requestMemory] Failed on ("},
-    {"clear_user_resource -5", Ending::RETURNED, "KVXDIP_IOC_CLEAR_USER_RESOURCE"},
-    {"acquire_iova -5", Ending::SERVICE, "KVXDIP_IOC_ACQUIRE_IOVA:-5"},
-    {"release_iova -5", Ending::RETURNED, "KVXDIP_IOC_RELEASE_IOVA:-5"},
 };
+
+std::vector<Refusal> refusals() {
+    std::vector<Refusal> all(std::begin(kRefusals), std::end(kRefusals));
+    std::set<std::string> known;
+    for (const SubDeviceCall& call : subDeviceCalls(SubDeviceArguments(-1))) {
+        std::string word = call.name;
+        std::transform(word.begin(), word.end(), word.begin(), tolower);
+        if (known.insert(word).second)
+            all.push_back({word + " -5", call.report.empty() ? Ending::RETURNED : Ending::SERVICE,
+                           call.line.substr(0, call.line.find(" fd"))});
+    }
+    return all;
+}
 
 constexpr int kBuffers = 3;
 bool serviceEnds = false;
@@ -133,28 +137,15 @@ void useSubDevice(Life& life) {
     auto& provider = *IDefaultSubDeviceProvider::instance();
     auto device = provider.acquire("user");
     if (life.step("acquire", device == nullptr ? -1 : 0)) {
-        uint64_t info[2] = {};
-        int value = 0;
-        v4l2_event event;
         client::DmaBuf memory;
         Platform::instance().source().allocate(4096, memory);
-        const std::unordered_set<int> fds = {memory.fd()};
         for (int round = 0; round < 2; ++round) {
-            std::vector<int> fences(2);
-            life.step("setInitInfo", device->setInitInfo(reinterpret_cast<init_info*>(info)));
-            life.step("setControl", device->setControl(VENGINE_CTRL_USER, 1));
-            life.step("getControl", device->getControl(VENGINE_CTRL_USER, &value));
-            life.step("allocate", device->requestMemory({true, 0, 0}));
-            life.step("free", device->requestMemory({false, 0, 0}));
-            life.step("mapKVA", device->mapKVA(fds));
-            life.step("unmapKVA", device->unmapKVA(fds));
-            life.step("mapIOVA", device->mapIOVA(memory.fd(), true));
-            life.step("unmapIOVA", device->unmapIOVA(memory.fd(), true));
-            life.step("acquireFenceFd", device->acquireFenceFd(fences));
-            life.step("releaseFenceFd", device->releaseFenceFd(fences));
+            SubDeviceArguments with(memory.fd());
+            for (const SubDeviceCall& call : subDeviceCalls(with))
+                life.step(call.name.c_str(), call.run(*device, with));
+            v4l2_event event;
             const int pending = device->queryEvent(event);
             life.step("queryEvent", pending == -ENOENT ? 0 : pending);
-            life.step("releaseUserResource", device->releaseUserResource(0, 0));
         }
     }
     provider.release("user", device);
@@ -206,7 +197,7 @@ testing::Matcher<const std::string&> told(Ending ending, const std::string& line
 
 TEST(DriverSweep, EveryRefusalEndsAsItHasToAndLeavesNothing) {
     std::set<std::string> swept;
-    for (const Refusal& refusal : kRefusals) {
+    for (const Refusal& refusal : refusals()) {
         for (const char* const nth : {" 1", " 2"}) {
             const std::string fault = refusal.fault + nth;
             SCOPED_TRACE(fault);

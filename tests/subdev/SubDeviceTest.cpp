@@ -10,14 +10,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <functional>
 #include <mutex>
 
 #include "EngineTest.h"
-
-struct init_info {
-    uint8_t bytes[16];
-};
+#include "support/SubDeviceCalls.h"
 
 namespace NSVista::NSCorvane {
 
@@ -28,22 +24,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
-using Bytes = std::vector<uint8_t>;
-
-/** A record spelled out: every byte that is not put is zero. */
-class Record {
-public:
-    explicit Record(size_t size) : mBytes(size) {}
-    Record& put(size_t offset, uint64_t value, size_t size) {
-        for (size_t i = 0; i < size; i++)
-            mBytes.at(offset + i) = static_cast<uint8_t>(value >> (8 * i));
-        return *this;
-    }
-    operator Bytes() const { return mBytes; }
-
-private:
-    Bytes mBytes;
-};
 
 /** Memory files that stand for dma-bufs. */
 class Buffers {
@@ -62,117 +42,64 @@ public:
     std::unordered_set<int> fds;
 };
 
-/** One operation of the sub-device: what it sends, and how it ends when refused with EIO. */
-struct Operation {
-    uint32_t code;
-    std::function<int()> run;
-    Bytes record;
-    std::string line;    ///< the error logged
-    std::string report;  ///< up to " Please check"; empty where nothing is reported
-};
-
 class SubDeviceTest : public EngineTest {
 protected:
     SubDeviceTest() { EXPECT_EQ(mDev.openDevice(), 0); }
-    ~SubDeviceTest() override {
-        mDev.closeDevice();
-        for (const int fence : mFences)
-            ::close(fence);
-    }
-    std::vector<Operation> operations();
+    ~SubDeviceTest() override { mDev.closeDevice(); }
+    std::vector<test::SubDeviceCall> operations();
     std::vector<sim::IoctlRecord> takeRecords() { return mEngine.device().takeIoctlRecords(); }
 
     V4L2SubDevice mDev{subDevicePath(), VENGINE_SUBDEV_ENTITY};
     const Buffers mBuffer{1};
-    const int mBufferFd = *mBuffer.fds.begin();
-    std::vector<int> mFences{-1, -1, -1};
-    init_info mInfo = {{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}};
-    int mValue = 0;
+    test::SubDeviceArguments mWith{*mBuffer.fds.begin()};
 };
 
-/** In an order in which the driver takes them all. */
-std::vector<Operation> SubDeviceTest::operations() {
-    const std::string buffer = std::to_string(mBufferFd);
-    const std::string fd = " fd=" + std::to_string(mDev.getDeviceFd());
+std::vector<test::SubDeviceCall> SubDeviceTest::operations() {
+    std::vector<test::SubDeviceCall> all = test::subDeviceCalls(mWith, mDev.getDeviceFd());
     const std::string err = " err=-5(Input/output error)";
-    constexpr auto big = static_cast<unsigned long>(0x1122334455667788);
-    const Bytes kva = Record(385).put(0, 1, 1).put(1, mBufferFd, 4);
-    const Bytes coherent = Record(260).put(0, mBufferFd, 4).put(4, 1, 1).put(256, 1, 4);
-    const Bytes fence = Record(9).put(0, 3, 1).put(1, reinterpret_cast<uint64_t>(&mFences[0]), 8);
-    return {
-        {0x400856CC, [&] { return mDev.setInitInfo(&mInfo); }, Bytes{1, 2, 3, 4, 5, 6, 7, 8},
-         "[setInitInfo] Failed to KVXDIP_IOC_S_INIT_INFO: -5", "KVXDIP_IOC_S_INIT_INFO fail" + err},
-        {0x400856CD, [&] { return mDev.setControl(VENGINE_CTRL_BRIGHTNESS, -3); },
-         Record(8).put(0, VENGINE_CTRL_BRIGHTNESS, 4).put(4, 0xFFFFFFFD, 4),
-         "[setControl] Failed to KVXDIP_IOC_SET_CONTROL: -5", ""},
-        {0xC00856CE, [&] { return mDev.getControl(VENGINE_CTRL_BRIGHTNESS, &mValue); },
-         Record(8).put(0, VENGINE_CTRL_BRIGHTNESS, 4),
-         "[getControl] Failed to KVXDIP_IOC_GET_CONTROL: -5", ""},
-        {0x400256D1,
-         [&] { return mDev.requestMemory({.is_alloc = true, .is_smvr = 2, .is_capture = 255}); },
-         Bytes{2, 255}, "[requestMemory] Failed on ( is_smvr=2 is_capture=255)" + fd + err,
-         "KVXDIP_IOC_ALOC_BUF fail" + err + fd + "  is_smvr=2 is_capture=255"},
-        {0x400256D2,
-         [&] { return mDev.requestMemory({.is_alloc = false, .is_smvr = 2, .is_capture = 255}); },
-         Bytes{2, 255}, "[requestMemory] Failed on ( is_smvr=2 is_capture=255)" + fd + err,
-         "KVXDIP_IOC_FREE_BUF fail" + err + fd + "  is_smvr=2 is_capture=255"},
-        {0x418156C8, [&] { return mDev.mapKVA(mBuffer.fds); }, kva,
-         "[mapKVA] Failed to KVXDIP_IOC_ADD_KVA: -5", "KVXDIP_IOC_ADD_KVA" + err},
-        {0x418156C9, [&] { return mDev.unmapKVA(mBuffer.fds); }, kva,
-         "[unmapKVA] Failed to KVXDIP_IOC_DEL_KVA: -5", "KVXDIP_IOC_DEL_KVA" + err},
-        {0x410456D4, [&] { return mDev.mapIOVA(mBufferFd, true); }, coherent,
-         "[mapIOVA] KVXDIP_IOC_ACQUIRE_IOVA:-5 err:5(Input/output error) fd:" + buffer +
-             " coherence:1",
-         "KVXDIP_IOC_ACQUIRE_IOVA" + err},
-        {0x410456D5, [&] { return mDev.unmapIOVA(mBufferFd, true); }, coherent,
-         "[unmapIOVA] KVXDIP_IOC_RELEASE_IOVA:-5 err:5(Input/output error) fd:" + buffer +
-             " coherence:1",
-         ""},
-        {0x410456D4, [&] { return mDev.mapIOVA(mBufferFd, false); },
-         Record(260).put(0, mBufferFd, 4).put(256, 1, 4),
-         "[mapIOVA] KVXDIP_IOC_ACQUIRE_IOVA:-5 err:5(Input/output error) fd:" + buffer +
-             " coherence:0",
-         "KVXDIP_IOC_ACQUIRE_IOVA" + err},
-        {0x400956CF, [&] { return mDev.acquireFenceFd(mFences); }, fence,
-         "[acquireFenceFd] Failed to KVXDIP_IOC_ADD_FENCE: -5", "KVXDIP_IOC_ADD_FENCE" + err},
-        {0x400956D0, [&] { return mDev.releaseFenceFd(mFences); }, fence,
-         "[releaseFenceFd] Failed to KVXDIP_IOC_DEL_FENCE: -5", "KVXDIP_IOC_DEL_FENCE" + err},
-        {0x401056D3, [&] { return mDev.releaseUserResource(big, ~big); },
-         Record(16).put(0, big, 8).put(8, ~big, 8),
-         "[releaseUserResource] KVXDIP_IOC_CLEAR_USER_RESOURCE failed:" + fd + err, ""},
-        {VIDIOC_SUBSCRIBE_EVENT, [&] { return mDev.subscribe(); }, Bytes{},
-         "[subscribe] Failed to VIDIOC_SUBSCRIBE_EVENT: -5", "VIDIOC_SUBSCRIBE_EVENT" + err},
-        {VIDIOC_UNSUBSCRIBE_EVENT, [&] { return mDev.unsubscribe(); }, Bytes{},
-         "[unsubscribe] Failed to VIDIOC_UNSUBSCRIBE_EVENT: -5", "VIDIOC_UNSUBSCRIBE_EVENT" + err},
-    };
+    all.push_back({VIDIOC_SUBSCRIBE_EVENT,
+                   "",
+                   "",
+                   [&](auto&, auto&) { return mDev.subscribe(); },
+                   {},
+                   "[subscribe] Failed to VIDIOC_SUBSCRIBE_EVENT: -5",
+                   "VIDIOC_SUBSCRIBE_EVENT" + err});
+    all.push_back({VIDIOC_UNSUBSCRIBE_EVENT,
+                   "",
+                   "",
+                   [&](auto&, auto&) { return mDev.unsubscribe(); },
+                   {},
+                   "[unsubscribe] Failed to VIDIOC_UNSUBSCRIBE_EVENT: -5",
+                   "VIDIOC_UNSUBSCRIBE_EVENT" + err});
+    return all;
 }
 
 }  // namespace
 
 TEST_F(SubDeviceTest, SendsEveryRecordByteForByte) {
-    for (const Operation& operation : operations()) {
-        EXPECT_EQ(operation.run(), 0) << operation.line;
+    for (const test::SubDeviceCall& operation : operations()) {
+        EXPECT_EQ(operation.run(mDev, mWith), 0) << operation.line;
         std::vector<sim::IoctlRecord> expected;
         if (!operation.record.empty())
             expected.push_back({operation.code, operation.record});
         EXPECT_EQ(takeRecords(), expected) << operation.line;
     }
-    EXPECT_EQ(mValue, -3) << "the driver's answer";
+    EXPECT_EQ(mWith.value, -3) << "the driver's answer";
     EXPECT_EQ(mDev.getControl(VENGINE_CTRL_USER, nullptr), 0);
-    EXPECT_THAT(mFences, Each(testing::Ge(0)));
+    EXPECT_THAT(mWith.fences, Each(testing::Ge(0)));
     EXPECT_THAT(mReports.take(), IsEmpty());
 }
 
 TEST_F(SubDeviceTest, EndsRefusalsAsEachIoctlAsks) {
-    for (const Operation& operation : operations()) {
+    for (const test::SubDeviceCall& operation : operations()) {
         mEngine.faults().fail(sim::Call::ioctl(operation.code), EIO);
-        EXPECT_EQ(operation.run(), -EIO) << operation.line;
+        EXPECT_EQ(operation.run(mDev, mWith), -EIO) << operation.line;
         EXPECT_THAT(mLog.take(), ElementsAre("E " + operation.line));
         const auto reports =
             operation.report.empty() ? test::Lines() : test::ReportCapture::of(operation.report);
         EXPECT_EQ(mReports.take(), reports) << operation.line;
     }
-    EXPECT_EQ(mValue, 0) << "left alone";
+    EXPECT_EQ(mWith.value, 0) << "left alone";
 }
 
 TEST_F(SubDeviceTest, PrintsErrnoOfARefusedMappingBesideTheResult) {
@@ -200,7 +127,7 @@ TEST_F(SubDeviceTest, SendsMappingsInBatchesOf32AndStopsAtARefusal) {
         auto fd = buffers.fds.begin();
         for (size_t left = count; left != 0;) {
             const size_t batch = std::min<size_t>(left, 32);
-            Record record(385);
+            test::Record record(385);
             record.put(0, batch, 1);
             for (size_t i = 0; i < batch; i++, left--)
                 record.put(1 + 4 * i, *fd++, 4);

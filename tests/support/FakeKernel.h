@@ -5,6 +5,8 @@
  */
 #pragma once
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,10 +18,11 @@
 #include <utility>
 #include <vector>
 
-#include <corvane/kvxdip.h>
 #include <corvane/platform/System.h>
 #include <linux/media.h>
 #include <linux/videodev2.h>
+
+#include "vengine-fault.h"
 
 namespace NSVista::NSCorvane::test {
 
@@ -49,22 +52,18 @@ inline std::string ioctlName(unsigned long request) {
         CORVANE_IOCTL(VIDIOC_QUERY_EXT_CTRL),
         CORVANE_IOCTL(VIDIOC_G_EXT_CTRLS),
         CORVANE_IOCTL(VIDIOC_ENUM_FMT),
-        CORVANE_IOCTL(VIDIOC_ENUM_FRAMESIZES),
-        CORVANE_IOCTL(KVXDIP_IOC_ADD_KVA),
-        CORVANE_IOCTL(KVXDIP_IOC_DEL_KVA),
-        CORVANE_IOCTL(KVXDIP_IOC_S_INIT_INFO),
-        CORVANE_IOCTL(KVXDIP_IOC_SET_CONTROL),
-        CORVANE_IOCTL(KVXDIP_IOC_GET_CONTROL),
-        CORVANE_IOCTL(KVXDIP_IOC_ADD_FENCE),
-        CORVANE_IOCTL(KVXDIP_IOC_DEL_FENCE),
-        CORVANE_IOCTL(KVXDIP_IOC_ALOC_BUF),
-        CORVANE_IOCTL(KVXDIP_IOC_FREE_BUF),
-        CORVANE_IOCTL(KVXDIP_IOC_CLEAR_USER_RESOURCE),
-        CORVANE_IOCTL(KVXDIP_IOC_ACQUIRE_IOVA),
-        CORVANE_IOCTL(KVXDIP_IOC_RELEASE_IOVA)};
+        CORVANE_IOCTL(VIDIOC_ENUM_FRAMESIZES)};
 #undef CORVANE_IOCTL
     const auto found = kNames.find(request);
-    return found != kNames.end() ? found->second : std::to_string(request);
+    if (found != kNames.end())
+        return found->second;
+    for (const vengine_fault_word& each : vengine_fault_words)
+        if (each.code == request) {
+            std::string name = std::string("KVXDIP_IOC_") + each.word;
+            std::transform(name.begin(), name.end(), name.begin(), toupper);
+            return name;
+        }
+    return std::to_string(request);
 }
 
 /**

@@ -4,6 +4,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
+
+#include "support/SubDeviceCalls.h"
 
 namespace NSVista::NSCorvane::test {
 
@@ -136,21 +139,6 @@ constexpr Rule kRules[] = {
     {"VIDIOC_SUBSCRIBE_EVENT", "subdev", "bringup", Reported, "VIDIOC_SUBSCRIBE_EVENT", MinusOne},
     {"VIDIOC_UNSUBSCRIBE_EVENT", "subdev none", "teardown", Reported, "VIDIOC_UNSUBSCRIBE_EVENT"},
     {"close", "subdev", "teardown", Logged, "Failed to close"},
-    {"KVXDIP_IOC_S_INIT_INFO", "subdev", "use", Reported, "KVXDIP_IOC_S_INIT_INFO fail", Errno},
-    {"KVXDIP_IOC_SET_CONTROL", "subdev", "use", Returned, "Failed to KVXDIP_IOC_SET_CONTROL",
-     Errno},
-    {"KVXDIP_IOC_GET_CONTROL", "subdev", "use", Returned, "Failed to KVXDIP_IOC_GET_CONTROL",
-     Errno},
-    {"KVXDIP_IOC_ALOC_BUF", "subdev", "use", Reported, "KVXDIP_IOC_ALOC_BUF fail", Errno},
-    {"KVXDIP_IOC_FREE_BUF", "subdev", "use", Reported, "KVXDIP_IOC_FREE_BUF fail", Errno},
-    {"KVXDIP_IOC_ADD_KVA", "subdev", "use", Reported, "KVXDIP_IOC_ADD_KVA", Errno},
-    {"KVXDIP_IOC_DEL_KVA", "subdev", "use", Reported, "KVXDIP_IOC_DEL_KVA", Errno},
-    {"KVXDIP_IOC_ACQUIRE_IOVA", "subdev", "use", Reported, "KVXDIP_IOC_ACQUIRE_IOVA", Errno},
-    {"KVXDIP_IOC_RELEASE_IOVA", "subdev", "use", Returned, "KVXDIP_IOC_RELEASE_IOVA", Errno},
-    {"KVXDIP_IOC_ADD_FENCE", "subdev", "use", Reported, "KVXDIP_IOC_ADD_FENCE", Errno},
-    {"KVXDIP_IOC_DEL_FENCE", "subdev", "use", Reported, "KVXDIP_IOC_DEL_FENCE", Errno},
-    {"KVXDIP_IOC_CLEAR_USER_RESOURCE", "subdev", "use", Returned,
-     "KVXDIP_IOC_CLEAR_USER_RESOURCE failed", Errno},
     {"VIDIOC_DQEVENT", "subdev", "use", Unseen, "", Good, ~0U, ENOENT},
     {"VIDIOC_DQEVENT", "subdev", "use", Returned, "", MinusOne},
 };
@@ -183,7 +171,20 @@ bool lists(const char* words, const std::string& word) {
     return (' ' + std::string(words) + ' ').find(' ' + word + ' ') != std::string::npos;
 }
 
-const Rule* ruleOf(const Failure& failure) {
+/** A private ioctl of the sub-device ends as the row of its call says. */
+std::optional<Rule> privateRuleOf(const Failure& failure) {
+    static const SubDeviceArguments with(-1);
+    static const std::vector<SubDeviceCall> calls = subDeviceCalls(with);
+    const auto found = std::find_if(calls.begin(), calls.end(), [&](const SubDeviceCall& call) {
+        return failure.site.operation == "KVXDIP_IOC_" + call.name;
+    });
+    if (found == calls.end() || failure.site.phase != "use")
+        return std::nullopt;
+    return Rule{found->name.c_str(), "subdev", "use", found->report.empty() ? Returned : Reported,
+                found->name.c_str(), Errno};
+}
+
+std::optional<Rule> ruleOf(const Failure& failure) {
     const std::string kind = kindOf(failure.site.path);
     const auto fits = [&](const Rule& rule) {
         return failure.site.operation == rule.operation && lists(rule.kinds, kind) &&
@@ -191,7 +192,7 @@ const Rule* ruleOf(const Failure& failure) {
                failure.site.nth <= rule.upTo && (rule.error == 0 || rule.error == failure.error);
     };
     const auto found = std::find_if(std::begin(kRules), std::end(kRules), fits);
-    return found != std::end(kRules) ? &*found : nullptr;
+    return found != std::end(kRules) ? *found : privateRuleOf(failure);
 }
 
 bool gives(const Rule& rule, int result, int error) {
@@ -229,8 +230,8 @@ public:
 
 private:
     void judge(const Failure& failure, std::string& ending) {
-        const Rule* const rule = ruleOf(failure);
-        if (rule == nullptr)
+        const std::optional<Rule> rule = ruleOf(failure);
+        if (!rule)
             return blame("no rule for " + describe(failure));
         if (rule->orFatal != nullptr)
             mMayEndBy.push_back(rule->orFatal);
@@ -262,10 +263,10 @@ private:
     }
     void explain(const FailedStep& step) {
         const auto explains = [&](const Failure& failure) {
-            const Rule* const rule = ruleOf(failure);
-            return rule != nullptr && ((failure.site.phase == step.phase &&
-                                        gives(*rule, step.result, failure.error)) ||
-                                       lists(rule->later, step.phase));
+            const std::optional<Rule> rule = ruleOf(failure);
+            return rule.has_value() && ((failure.site.phase == step.phase &&
+                                         gives(*rule, step.result, failure.error)) ||
+                                        lists(rule->later, step.phase));
         };
         if (std::none_of(mOutcome.failures.begin(), mOutcome.failures.end(), explains))
             blame("nothing explains that " + step.phase + " gives " + std::to_string(step.result));
@@ -331,8 +332,8 @@ std::vector<std::string> judge(const Outcome& outcome, std::string& ending) {
 }
 
 bool isForGood(const Failure& failure) {
-    const Rule* const rule = ruleOf(failure);
-    return rule != nullptr && rule->forGood;
+    const std::optional<Rule> rule = ruleOf(failure);
+    return rule.has_value() && rule->forGood;
 }
 
 }  // namespace NSVista::NSCorvane::test

@@ -11,7 +11,6 @@
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/Service.h>
 #include <linux/videodev2.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -23,6 +22,7 @@
 #include <utility>
 
 #include "support/SceneDescs.h"
+#include "support/SubDeviceCalls.h"
 
 int corvaneStreamMain(int argc, char** argv);
 int corvaneInfoMain(int argc, char** argv);
@@ -262,31 +262,14 @@ void subDevice(Client& client) {
     registerDefaults();
     client::DmaBuf memory;
     client::makeMemoryFileSource()->allocate(4096, memory);
-    const std::unordered_set<int> fds{memory.fd()};
-    std::vector<int> fences(2, -1);
-    uint64_t user = 7;
+    SubDeviceArguments with(memory.fd());
     v4l2_event event{};
     auto device = bringUp(client, "SWEEP");
     if (device != nullptr) {
-        const auto step = [&](auto call) { client.step("use", call); };
-        step([&] { return device->setInitInfo(reinterpret_cast<init_info*>(&user)); });
-        step([&] { return device->setControl(VENGINE_CTRL_USER, 5); });
-        int value = 0;
-        step([&] { return device->getControl(VENGINE_CTRL_USER, &value); });
-        step([&] { return device->requestMemory({true, 0, 1}); });
-        step([&] { return device->mapKVA(fds); });
-        step([&] { return device->mapIOVA(memory.fd(), true); });
-        step([&] { return device->acquireFenceFd(fences); });
-        step([&] { return device->queryEvent(event) == -ENOENT ? 0 : -1; });
-        step([&] { return device->releaseFenceFd(fences); });
-        step([&] { return device->unmapIOVA(memory.fd(), true); });
-        step([&] { return device->unmapKVA(fds); });
-        step([&] { return device->requestMemory({false, 0, 1}); });
-        step([&] { return device->releaseUserResource(7, 0); });
+        for (const SubDeviceCall& call : subDeviceCalls(with))
+            client.step("use", [&] { return call.run(*device, with); });
+        client.step("use", [&] { return device->queryEvent(event) == -ENOENT ? 0 : -1; });
     }
-    for (const int fence : fences)
-        if (fence >= 0)
-            close(fence);
     giveBack(client, "SWEEP", device);
 }
 
