@@ -95,6 +95,19 @@ TEST_F(TimeBombTest, LooksUntilReleasedAndTellsWhatIsOverdue) {
     EXPECT_TRUE(mLog.take().front().text.ends_with("Scene: 100% stuck (7000 ms)"));
 }
 
+TEST_F(TimeBombTest, LooksAgainAfterThePauseThatALookAskedFor) {
+    // Both are the one thread's, nearest first: how late it is makes no difference to the order.
+    std::atomic<int> looks{0};
+    const auto guard = TimeBomb::watch("Scene", 10 * kMs, [&](const TimeBomb::Tell& tell) {
+        if (++looks == 2)
+            tell(1s, ages("limit").empty() ? "before" : "after");
+        return 200ms;
+    });
+    const auto limit = TimeBomb::make("Kernel", 390 * kMs, 0, "limit");
+    EXPECT_TRUE(reported("before", 1));
+    EXPECT_TRUE(ages("after").empty());
+}
+
 /** The signals that a thread of the process has blocked, as the kernel prints them. */
 std::string blockedSignals(const std::string& thread) {
     const std::string find =
