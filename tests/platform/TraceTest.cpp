@@ -99,6 +99,8 @@ TEST_F(TraceTest, CostsNothingAndFormatsNothingWithoutABackend) {
 
     EXPECT_STREQ(TraceName("%d %u %zu%%", -5, 6U, size_t{7}).text(), "-5 6 7%");
     EXPECT_STREQ(TraceName("%s-%d|%#x", "n", 2, 10).text(), "n-2|0xa");
+    const char* const none = getenv("CORVANE_NO_SUCH_VARIABLE");
+    EXPECT_STREQ(TraceName("%s", none).text(), "(null)");
     EXPECT_STREQ(TraceName("%s", std::string(127, 'x').c_str()).text(),
                  std::string(127, 'x').c_str());
     EXPECT_STREQ(TraceName("%s", std::string(128, 'x').c_str()).text(), "");
@@ -328,6 +330,10 @@ TEST_F(TraceTest, WritesOneMarkerEventPerWrite) {
         EXPECT_EQ(std::string(text, static_cast<size_t>(std::max<ssize_t>(length, 0))), expected);
     }
     ::close(fds[0]);
+    errno = 0;
+    static trace::Backend* const closed = trace::makeMarkerBackend(UniqueFd());
+    closed->event(trace::Kind::End, "", 0);
+    EXPECT_EQ(errno, 0) << "a write that fails is not the caller's";
 }
 
 }  // namespace
