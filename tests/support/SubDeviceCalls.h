@@ -76,18 +76,18 @@ inline std::vector<SubDeviceCall> subDeviceCalls(const SubDeviceArguments& with,
     const std::string err = " err=-5(Input/output error)";
     const auto mapping = " err:5(Input/output error) fd:" + buffer + " coherence:";
     constexpr auto big = static_cast<unsigned long>(0x1122334455667788);
+    const std::string recording = " is_smvr=2 is_capture=255)";
+    const Record memory = Record(2).put(0, 2, 1).put(1, 255, 1);
+    const Record user = Record(8).put(0, 0x0807060504030201, 8);
     const Record kva = Record(385).put(0, 1, 1).put(1, with.buffer, 4);
     const Record coherent = Record(260).put(0, with.buffer, 4).put(4, 1, 1).put(256, 1, 4);
     const Record plain = Record(260).put(0, with.buffer, 4).put(256, 1, 4);
     const Record fence =
         Record(9).put(0, 3, 1).put(1, reinterpret_cast<uint64_t>(with.fences.data()), 8);
     return {
-        {0x400856CC,
-         "S_INIT_INFO",
-         "setInitInfo",
+        {0x400856CC, "S_INIT_INFO", "setInitInfo",
          [](Device& d, With& w) { return d.setInitInfo(reinterpret_cast<init_info*>(w.info)); },
-         {1, 2, 3, 4, 5, 6, 7, 8},
-         "[setInitInfo] Failed to KVXDIP_IOC_S_INIT_INFO: -5",
+         user, "[setInitInfo] Failed to KVXDIP_IOC_S_INIT_INFO: -5",
          "KVXDIP_IOC_S_INIT_INFO fail" + err},
         {0x400856CD, "SET_CONTROL", "setControl",
          [](Device& d, With&) { return d.setControl(VENGINE_CTRL_BRIGHTNESS, -3); },
@@ -97,24 +97,18 @@ inline std::vector<SubDeviceCall> subDeviceCalls(const SubDeviceArguments& with,
          [](Device& d, With& w) { return d.getControl(VENGINE_CTRL_BRIGHTNESS, &w.value); },
          Record(8).put(0, VENGINE_CTRL_BRIGHTNESS, 4),
          "[getControl] Failed to KVXDIP_IOC_GET_CONTROL: -5", ""},
-        {0x400256D1,
-         "ALOC_BUF",
-         "requestMemory( is_smvr=2 is_capture=255)",
+        {0x400256D1, "ALOC_BUF", "requestMemory(" + recording,
          [](Device& d, With&) {
-             return d.requestMemory({.is_alloc = true, .is_smvr = 2, .is_capture = 255});
+             return d.requestMemory({true, 2, 255});
          },
-         {2, 255},
-         "[requestMemory] Failed on ( is_smvr=2 is_capture=255)" + fd + err,
-         "KVXDIP_IOC_ALOC_BUF fail" + err + fd + "  is_smvr=2 is_capture=255"},
-        {0x400256D2,
-         "FREE_BUF",
-         "requestMemory( is_smvr=2 is_capture=255)",
+         memory, "[requestMemory] Failed on (" + recording + fd + err,
+         "KVXDIP_IOC_ALOC_BUF fail" + err + fd + " " + recording.substr(0, recording.size() - 1)},
+        {0x400256D2, "FREE_BUF", "requestMemory(" + recording,
          [](Device& d, With&) {
-             return d.requestMemory({.is_alloc = false, .is_smvr = 2, .is_capture = 255});
+             return d.requestMemory({false, 2, 255});
          },
-         {2, 255},
-         "[requestMemory] Failed on ( is_smvr=2 is_capture=255)" + fd + err,
-         "KVXDIP_IOC_FREE_BUF fail" + err + fd + "  is_smvr=2 is_capture=255"},
+         memory, "[requestMemory] Failed on (" + recording + fd + err,
+         "KVXDIP_IOC_FREE_BUF fail" + err + fd + " " + recording.substr(0, recording.size() - 1)},
         {0x418156C8, "ADD_KVA", "mapKVA", [](Device& d, With& w) { return d.mapKVA(w.buffers); },
          kva, "[mapKVA] Failed to KVXDIP_IOC_ADD_KVA: -5", "KVXDIP_IOC_ADD_KVA" + err},
         {0x418156C9, "DEL_KVA", "unmapKVA",
