@@ -33,7 +33,8 @@ public:
 
     int init();
     /**
-     * init unless done, formats, @p buffers buffers of every port, as many requests with memory, start.
+     * init unless done, formats, @p buffers buffers of every port, as many requests with memory,
+     * start.
      * @return 0 or the first failure.
      */
     int start(int buffers);
