@@ -20,6 +20,9 @@ using record::ChunkHead;
 using record::EventHead;
 using record::FileHead;
 
+/** Results below its negative are no kernel's. */
+constexpr int kMostErrno = 4095;
+
 struct Aligned {
     char c;
     uint64_t word;
@@ -230,12 +233,15 @@ private:
             call.begin = ns;
             call.before = readPieces(event);
         } else if (kind == record::EventKind::Exit && thread.open) {
+            const auto result = static_cast<int32_t>(at(offsetof(EventHead, result), 4));
+            if (result < -kMostErrno)
+                return miss("a call returned what is no errno");
             Call& call = *thread.open;
             call.returned = true;
             call.end = std::max(ns, call.begin);
             call.handle = handle;
             call.code = code;
-            call.result = static_cast<int32_t>(at(offsetof(EventHead, result), 4));
+            call.result = result;
             call.after = readPieces(event);
             mRecord.calls.push_back(std::move(call));
             thread.open.reset();

@@ -201,6 +201,13 @@ TEST(Reader, ShowsWhatItCanOfADamagedRecord) {
     EXPECT_FALSE(damaged.isWhole);
     EXPECT_THAT(damaged.problems,
                 ElementsAre(HasSubstr("no whole chunk"), HasSubstr("1 chunks are missing")));
+
+    RecordMaker odd(false, 8, 8);
+    odd.event(kEnter, 1, 6, VIDIOC_STREAMON, 0, {})
+        .event(kExit, 2, 6, VIDIOC_STREAMON, INT_MIN, {});
+    const Record beyond = readRecord(odd.chunk(0).bytes());
+    EXPECT_THAT(beyond.problems, ElementsAre("a call returned what is no errno"));
+    EXPECT_THAT(callText(beyond.calls.at(0), beyond.machine), HasSubstr("<unfinished ...>"));
 }
 
 TEST(Reader, TellsForeignAndNewerFilesApart) {
