@@ -29,10 +29,15 @@ void Snapshot::take(const std::vector<NodePort>& ports, client::SessionRequest& 
     for (size_t port = 0; port < ports.size(); ++port) {
         Picture& picture = mPictures[port];
         picture.name = ports[port].entity;
-        picture.format = request.frame(port).format();
-        const client::FrameMapping planes = request.frame(port).map(client::CpuAccess::Read);
-        for (size_t i = 0; picture.isKnown() && i < planes.planeCount(); ++i)
-            picture.planes[i].assign(planes.plane(i).begin(), planes.plane(i).end());
+        client::Frame& frame = request.frame(port);
+        picture.format = frame.format();
+        const client::FrameMapping planes = frame.map(client::CpuAccess::Read);
+        for (size_t i = 0; picture.isKnown() && i < planes.planeCount(); ++i) {
+            const auto data = planes.plane(i).subspan(
+                std::min<size_t>(frame.dataOffset(i), planes.plane(i).size()));
+            picture.planes[i].assign(data.begin(), data.end());
+            picture.planes[i].resize(planes.plane(i).size());
+        }
     }
 }
 

@@ -94,6 +94,12 @@ public:
                    ? mDequeued.planes[plane].bytesUsed
                    : 0;
     }
+    /** Where the data begins in a plane, in bytes: what some drivers put before it is no data. */
+    uint32_t dataOffset(size_t plane) const {
+        return plane < mDequeued.planeCount && plane < DequeuedBuffer::kMaxPlanes
+                   ? mDequeued.planes[plane].dataOffset
+                   : 0;
+    }
     /** V4L2_FIELD_*. */
     uint32_t field() const { return mDequeued.field; }
     /** V4L2_BUF_FLAG_*. */
