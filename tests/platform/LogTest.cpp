@@ -148,8 +148,8 @@ TEST_F(LogTest, PrintsDumpsAndKeepsTheNewestLines) {
     EXPECT_EQ(lines.front().text, "> 2");
     EXPECT_EQ(lines.back().text, "> 9");
 
-    // Taken out: the ring begins anew.
-    for (int i = 20; i < 29; ++i)
+    // Taken out: the ring begins anew, and goes round twice.
+    for (int i = 12; i < 29; ++i)
         unified.printLine(std::to_string(i).c_str());
     const auto later = mRing.take();
     ASSERT_EQ(later.size(), 8U);
