@@ -21,6 +21,7 @@
 #include "TinyMonitor.h"
 #include "Way.h"
 #include "support/Allocations.h"
+#include "support/PassingKernel.h"
 
 namespace NSVista::NSCorvane::bench {
 namespace {
@@ -56,25 +57,14 @@ void noteRemaps(int node, const v4l2_buffer& buffer) {
 }
 
 /** The kernel, with an eye on what is queued. */
-class WatchingKernel : public System::Kernel {
+class WatchingKernel : public test::PassingKernel {
 public:
-    int open(const char* path, int flags) override { return mReal.open(path, flags); }
-    int close(int fd) override { return mReal.close(fd); }
+    WatchingKernel() : PassingKernel(System::linuxKernel()) {}
     int ioctl(int fd, unsigned long request, void* arg) override {
         if (request == VIDIOC_QBUF)
             noteRemaps(fd, *static_cast<v4l2_buffer*>(arg));
-        return mReal.ioctl(fd, request, arg);
+        return mKernel.ioctl(fd, request, arg);
     }
-    int openDir(const char* path, DIR** dir) override { return mReal.openDir(path, dir); }
-    int readDir(DIR* dir, struct dirent** entry) override { return mReal.readDir(dir, entry); }
-    int closeDir(DIR* dir) override { return mReal.closeDir(dir); }
-    int stat(const char* path, struct stat* info) override { return mReal.stat(path, info); }
-    int readLink(const char* path, char* buffer, size_t size) override {
-        return mReal.readLink(path, buffer, size);
-    }
-
-private:
-    System::Kernel& mReal = System::linuxKernel();
 };
 
 /** Counts the system calls of the threads that begin while it lives, and of this one. */
