@@ -152,6 +152,8 @@ TEST(Thread, SetsPriorityAndAffinity) {
         const char* const key = "persist.vendor.kvx.camera.affinity";
         NSVista::Utils::Properties::property_set(key, "1");
         EXPECT_EQ(kvxcam_perfctrl_set_affinity(), 0);
+        NSVista::Utils::Properties::property_set(key, "-1");
+        EXPECT_EQ(kvxcam_perfctrl_set_affinity(), -EINVAL);
         NSVista::Utils::Properties::property_set(key, nullptr);
         cpu_set_t cpus;
         sched_getaffinity(0, sizeof(cpus), &cpus);
