@@ -131,6 +131,11 @@ TEST_F(LogTest, CutsTheUnifiedLineAndDropsACutComposition) {
     const std::string line = printed([&] { CORVANE_LOGI("%s", text.c_str()); });
     EXPECT_EQ(line.size(), 65536U);  // the longest line of the debug print
     EXPECT_EQ(line.back(), '\n');
+    for (const size_t length : {4095, 4096, 4097}) {
+        const std::string whole(length, 'z');
+        EXPECT_EQ(printed([&] { log_dbg_print("", CAM_DEBUG_ERROR, "%s", whole.c_str()); }),
+                  whole + '\n');
+    }
     const auto lines = mRing.take();
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0].text.size(), 1023U);

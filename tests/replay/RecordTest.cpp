@@ -16,6 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <fstream>
 #include <string>
@@ -95,6 +96,21 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
                             HasSubstr("close("), HasSubstr(R"(opendir("/sys/dev/char") = 0)"),
                             HasSubstr("closedir("), HasSubstr(R"(video0")"),
                             HasSubstr(R"(open("/nonexistent", O_RDONLY) = -2 ENOENT)")));
+}
+
+TEST_F(RecordTest, KeepsErrnoWhereItAsksForMoreThanItsClientDid) {
+    ASSERT_EQ(record::start(mPath.c_str()), 0);
+    sim::VirtualEngine engine;
+    const sim::ScopedKernel installed(engine);
+    const int fd = System::Open("/dev/media0", O_RDWR, 1);
+    engine.faults().fail(sim::Call::ioctl(MEDIA_IOC_ENUM_ENTITIES), EIO);
+    media_links_enum links{};
+    links.entity = 1;
+    errno = 0;
+    EXPECT_EQ(System::Ioctl(fd, static_cast<int>(MEDIA_IOC_ENUM_LINKS), &links, 0), 0);
+    EXPECT_EQ(errno, 0);
+    System::Close(fd, 1);
+    record::stop();
 }
 
 TEST_F(RecordTest, HoldsACallThatNeverReturnsAndWhatAKilledProcessLeaves) {
