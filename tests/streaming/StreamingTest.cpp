@@ -2,7 +2,6 @@
 // The request cycle end to end, on the virtual engine or on a driver of the running kernel.
 #include <corvane/platform/Properties.h>
 #include <gtest/gtest.h>
-#include <linux/media.h>
 
 #include <tuple>
 
@@ -82,25 +81,6 @@ INSTANTIATE_TEST_SUITE_P(ManyPorts, Cycle,
                          testing::Combine(testing::Values(2, 4, 6), testing::Values(2),
                                           testing::Values(0)));
 
-TEST_F(Streaming, BufferInErrorIsGivenBackLikeAnyOther) {
-    if (!Platform::instance().fails())
-        GTEST_SKIP() << "needs a device that fails on demand";
-    for (const char* mode : {"0", "1"}) {
-        property_set(kModeProperty, mode);
-        Rig rig(1);
-        ASSERT_EQ(rig.start(2), 0);
-        Platform::instance().order("buffer -5");
-        for (uint64_t i = 0; i < 4; ++i) {
-            rig.fill(i % 2);
-            ASSERT_EQ(rig.queue(i % 2), 0);
-            ASSERT_TRUE(rig.waitDone(i + 1));
-        }
-        EXPECT_TRUE(rig.waitDequeued());
-        EXPECT_EQ(rig.stop(), 0);
-        EXPECT_EQ(errors(), Lines{});
-    }
-}
-
 TEST_F(Streaming, StopsWithRequestsInFlightOnceNobodyWatches) {
     for (const size_t ports : {size_t{1}, portsOrSkip(4)}) {
         Rig rig(ports);
@@ -144,55 +124,6 @@ TEST_F(Streaming, ManyScenesInARowLeaveNothingBehind) {
     }
     expectNoLinks();
     EXPECT_EQ(errors(), Lines{});
-}
-
-std::string textOf(const PixelFormat& format) {
-    std::string text = std::to_string(format.format) + " " + std::to_string(format.width) + "x" +
-                       std::to_string(format.height);
-    for (uint32_t i = 0; i < format.planeCount; ++i)
-        text += " " + std::to_string(format.planes[i].stride) + "," +
-                std::to_string(format.planes[i].size);
-    return text;
-}
-
-TEST_F(Streaming, FormatsOfEveryClassReadBackAsSet) {
-    Rig rig(Platform::instance().ports().size());
-    ASSERT_EQ(rig.init(), 0);
-    rig.scene->acquire();
-    rig.scene->iteratePorts([&](const std::shared_ptr<IPort>& port) {
-        SCOPED_TRACE(port->getName());
-        PixelFormat before{};
-        PixelFormat after{};
-        EXPECT_EQ(rig.scene->getFormat(port, before), 0);
-        PixelFormat set = before;
-        EXPECT_EQ(rig.scene->setFormat(port, set), 0);
-        EXPECT_EQ(rig.scene->getFormat(port, after), 0);
-        EXPECT_EQ(textOf(set), textOf(before));
-        EXPECT_EQ(textOf(after), textOf(before));
-        EXPECT_GE(before.planeCount, 1U);
-        EXPECT_GT(before.planes[before.planeCount - 1].size, 0U);
-        const std::string name = port->getName();
-        EXPECT_EQ(before.width == 0, name.find("meta") != std::string::npos ||
-                                         name.ends_with("stats") || name.ends_with("tuning"));
-        return true;
-    });
-}
-
-TEST_F(Streaming, AFailedInitUndoesWhatWasDone) {
-    const Platform& platform = Platform::instance();
-    if (!platform.fails())
-        GTEST_SKIP() << "needs a device that fails on demand";
-    for (const char* fault : {"querycap -5 3", "setup_link -67 2"}) {
-        SCOPED_TRACE(fault);
-        Rig rig(4);
-        platform.order(fault);
-        EXPECT_EQ(rig.init(), -1);
-        EXPECT_EQ(reports.exchange(0), 1);
-        expectNoLinks();
-    }
-    Rig next(4);
-    EXPECT_EQ(next.init(), 0) << "the device is as good as before";
-    EXPECT_EQ(platform.linkFlags(platform.ports()[0].links[0]), MEDIA_LNK_FL_ENABLED);
 }
 
 }  // namespace
