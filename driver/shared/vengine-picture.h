@@ -18,8 +18,8 @@
 #include "vengine-desc.h"
 
 /*
- * Pixel formats that every multi-planar, and every single-plane, video node takes: some of those that
- * can be drawn.
+ * Pixel formats that every multi-planar, and every single-plane, video node takes: some of those
+ * that can be drawn.
  */
 static const __u32 vengine_mplane_formats[] = {
 	V4L2_PIX_FMT_NV12M, V4L2_PIX_FMT_YUV420M, V4L2_PIX_FMT_NV12,
