@@ -10,6 +10,12 @@
 #ifndef CORVANE_FORMATS_H
 #define CORVANE_FORMATS_H
 
+#ifdef __KERNEL__
+#include <linux/stddef.h>
+#else
+#include <stddef.h>
+#endif
+
 #include <linux/types.h>
 #include <linux/videodev2.h>
 
@@ -121,7 +127,7 @@ static inline const struct corvane_format *corvane_format_of(__u32 fourcc)
 	for (i = 0; i < sizeof(corvane_formats) / sizeof(corvane_formats[0]); i++)
 		if (corvane_formats[i].fourcc == fourcc)
 			return &corvane_formats[i];
-	return 0; /* NOLINT(modernize-use-nullptr): C as well */
+	return NULL; /* NOLINT(modernize-use-nullptr): C as well */
 }
 
 /** @return visible bytes in a line of a plane of components; 0 where there is no such plane. */
