@@ -303,6 +303,7 @@ TEST_F(VideoDeviceTest, Dequeues) {
         return 0;
     });
     EXPECT_EQ(mDevice->dequeBuffer(), -1) << "the buffer is in error";
+    EXPECT_EQ(mLog.take(), Lines({"W [releaseBufferIndex] free buf bitset: 0 -> 0x2"}));
     EXPECT_EQ(mKernel.takeCalls().size(), 10U);
     EXPECT_EQ(mMonitor->take(), Lines({"dequeued 201 1"}));
     EXPECT_EQ(free(), "0x2");
