@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "EditingKernel.h"
 
+#include <corvane/V4L2.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
@@ -14,10 +15,6 @@ constexpr size_t kMostLinks = 1024;
 /** So many links may come up between a count and their enumeration. */
 constexpr size_t kMoreLinks = 64;
 
-bool isMultiPlanar(uint32_t type) {
-    return type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE || type == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
-}
-
 /** The array that a record points to and the kernel writes. */
 struct Array {
     uint8_t* data;
@@ -27,7 +24,7 @@ struct Array {
 Array arrayOf(unsigned long request, void* arg) {
     if (request == VIDIOC_DQBUF || request == VIDIOC_QBUF) {
         auto& buffer = *static_cast<v4l2_buffer*>(arg);
-        if (isMultiPlanar(buffer.type) && buffer.m.planes != nullptr)
+        if (v4l2::isMultiPlanar(buffer.type) && buffer.m.planes != nullptr)
             return {reinterpret_cast<uint8_t*>(buffer.m.planes),
                     std::min<size_t>(buffer.length, VIDEO_MAX_PLANES) * sizeof(v4l2_plane)};
     }
@@ -39,7 +36,7 @@ size_t pointerIn(unsigned long request, const void* arg) {
     switch (request) {
         case VIDIOC_QBUF:
         case VIDIOC_DQBUF:
-            return isMultiPlanar(static_cast<const v4l2_buffer*>(arg)->type)
+            return v4l2::isMultiPlanar(static_cast<const v4l2_buffer*>(arg)->type)
                        ? offsetof(v4l2_buffer, m)
                        : SIZE_MAX;
         case VIDIOC_G_EXT_CTRLS:
