@@ -245,6 +245,24 @@ TEST_F(SceneSessionTest, FramesKeepTheirIndexes) {
                 }
 }
 
+TEST_F(SceneSessionTest, PortsMayHaveAnyIndexes) {
+    SessionDesc desc = describe(3);
+    desc.ports[0].index = 40;
+    desc.ports[2].index = 0;
+    const auto session = openStarted(desc);
+    for (uint64_t count = 1; count <= 2; ++count) {
+        EXPECT_EQ(session->submit({}), 0);
+        EXPECT_EQ(session->wait(5s,
+                                [](const SessionRequest& request) {
+                                    for (size_t port = 0; port < 3; ++port)
+                                        EXPECT_TRUE(request.frame(port).isGood()) << port;
+                                }),
+                  0);
+        for (const PortStatistics& port : session->statistics())
+            EXPECT_EQ(port.dequeued, count) << port.name;
+    }
+}
+
 TEST_F(SceneSessionTest, ACallbackDrivesIt) {
     for (const Way& way : kWays) {
         Utils::Properties::property_set(kModeProperty, way.mode);
