@@ -173,15 +173,21 @@ bool lists(const char* words, const std::string& word) {
 
 /** A private ioctl of the sub-device ends as the row of its call says. */
 std::optional<Rule> privateRuleOf(const Failure& failure) {
-    static const SubDeviceArguments with(-1);
-    static const std::vector<SubDeviceCall> calls = subDeviceCalls(with);
+    static const std::vector<SubDeviceCall> calls = [] {
+        const SubDeviceArguments with(-1);
+        std::vector<SubDeviceCall> all = subDeviceCalls(with);
+        for (SubDeviceCall& call : all)  // up to what the errno and the descriptor change
+            call.line.erase(
+                std::min({call.line.find(" fd"), call.line.find("-5"), call.line.size()}));
+        return all;
+    }();
     const auto found = std::find_if(calls.begin(), calls.end(), [&](const SubDeviceCall& call) {
         return failure.site.operation == "KVXDIP_IOC_" + call.name;
     });
     if (found == calls.end() || failure.site.phase != "use")
         return std::nullopt;
     return Rule{found->name.c_str(), "subdev", "use", found->report.empty() ? Returned : Reported,
-                found->name.c_str(), Errno};
+                found->line.c_str(), Errno};
 }
 
 std::optional<Rule> ruleOf(const Failure& failure) {
