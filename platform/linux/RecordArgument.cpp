@@ -2,8 +2,13 @@
 #include "RecordArgument.h"
 
 #include <linux/media.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
+
+#include "Format.h"
 
 namespace NSVista::NSCorvane::record {
 
@@ -26,12 +31,29 @@ void addCounted(Blocks& blocks, const void* items, uint64_t count, size_t size, 
         blocks.add(items, count * size, kArray + index);
 }
 
+/**
+ * Whether a control's payload, of no more than a page, is there: a control that has none holds its
+ * value where others have an address, and any size. Where the kernel does not tell, it is.
+ */
+bool isReadable(const void* data, size_t size) {
+    const ErrnoKeeper keeper;
+    char ends[2];
+    const iovec into = {ends, sizeof(ends)};
+    char* const first = static_cast<char*>(const_cast<void*>(data));
+    const iovec from[] = {{first, 1}, {first + size - 1, 1}};
+    const ssize_t count = process_vm_readv(getpid(), &into, 1, from, 2, 0);
+    return count == sizeof(ends) || (count < 0 && errno != EFAULT);
+}
+
 void addControls(Blocks& blocks, const v4l2_ext_controls& list) {
     addCounted(blocks, list.controls, list.count, sizeof(v4l2_ext_control), 0);
     if (list.controls == nullptr || list.count > kItemsMost)
         return;
-    for (uint32_t i = 0; i < list.count; ++i)
-        addCounted(blocks, list.controls[i].ptr, list.controls[i].size, 1, 1 + i);
+    for (uint32_t i = 0; i < list.count; ++i) {
+        const v4l2_ext_control& control = list.controls[i];
+        if (control.size != 0 && isReadable(control.ptr, control.size))
+            addCounted(blocks, control.ptr, control.size, 1, 1 + i);
+    }
 }
 
 void addTopology(Blocks& blocks, const media_v2_topology& graph) {

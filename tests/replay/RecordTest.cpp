@@ -72,6 +72,13 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
         list.count = 1;
         list.controls = &control;
         System::Ioctl(fd, static_cast<int>(VIDIOC_S_EXT_CTRLS), &list, 0);
+        char text[] = "ab";
+        v4l2_ext_control two[] = {control, control};
+        two[1].size = sizeof(text);
+        two[1].string = text;
+        list.count = 2;
+        list.controls = two;
+        System::Ioctl(fd, static_cast<int>(VIDIOC_S_EXT_CTRLS), &list, 0);
         std::thread([&] { System::Close(fd, 1); }).join();
         record::flush();
         std::thread([] { System::CloseDir(System::OpenDir("/sys/dev/char")); }).join();
@@ -93,9 +100,13 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
                 ElementsAre(HasSubstr(R"(open("/dev/video0", O_RDWR) = )"),
                             HasSubstr("count=2, type=VIDEO_CAPTURE, memory=DMABUF}) = -22 EINVAL"),
                             HasSubstr("controls=[{id=0x980900, value=77}]}) = 0 "),
-                            HasSubstr("close("), HasSubstr(R"(opendir("/sys/dev/char") = 0)"),
-                            HasSubstr("closedir("), HasSubstr(R"(video0")"),
+                            HasSubstr("{id=0x980900, size=3, value="), HasSubstr("close("),
+                            HasSubstr(R"(opendir("/sys/dev/char") = 0)"), HasSubstr("closedir("),
+                            HasSubstr(R"(video0")"),
                             HasSubstr(R"(open("/nonexistent", O_RDONLY) = -2 ENOENT)")));
+    const replay::Call& set = record.calls[3];
+    EXPECT_EQ(set.piece(record::kArray + 2, false).size(), 3U);
+    EXPECT_TRUE(set.piece(record::kArray + 2, true).empty()) << "the driver wrote over its address";
 }
 
 TEST_F(RecordTest, KeepsErrnoWhereItAsksForMoreThanItsClientDid) {
