@@ -103,10 +103,13 @@ TEST_F(Enumeration, TakesInLinksThatComeUpWhileItCounts) {
         SCOPED_TRACE(found);
         MediaGraph graph = smallGraph("m");
         graph.links[0].assign(found, graph.links[0][0]);  // where the entity tells of one
+        graph.entities[1].links = 1;
+        graph.links[1] = {graph.links[0][0]};
         MediaKernel kernel{{"media0", graph}};
         const auto topology = mc::enumMediaTopology("/dev/media0");
         EXPECT_EQ(topology->findEntity("sensor")->links().size(), found);
-        EXPECT_EQ(topology->linkDescs().size(), found);
+        EXPECT_EQ(topology->findEntity("proc")->links().size(), 1U) << "none of the one before";
+        EXPECT_EQ(topology->linkDescs().size(), found + 1);
         EXPECT_EQ(topology->linkDescs().back().sink.entity, 2U);
         const Lines calls = kernel.takeCalls();
         EXPECT_EQ(std::count(calls.begin(), calls.end(), "MEDIA_IOC_ENUM_LINKS 100"), 3);

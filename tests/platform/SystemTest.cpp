@@ -144,6 +144,14 @@ TEST(System, OpensForThisProgramAloneAndClosesOnce) {
     EXPECT_EQ(System::Close(fd, 1), -EBADF);
 }
 
+TEST(System, TakesAHangUpForNoPriorityData) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    close(fds[1]);
+    EXPECT_FALSE(System::hasPriorityData(fds[0]));
+    close(fds[0]);
+}
+
 TEST(System, RefusesNullAndEndsDirectoriesWithoutAnError) {
     EXPECT_EQ(System::Open(nullptr, O_RDWR, 0), -EFAULT);
     char target[4] = "xxx";

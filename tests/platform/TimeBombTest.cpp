@@ -30,6 +30,7 @@ protected:
     TimeBombTest() {
         ULogger::install(&mLog);
         TimeBomb::setExpiryHandler([this](const TimeBomb& bomb, std::chrono::nanoseconds age) {
+            TimeBomb::make("Handler", ULONG_MAX, 0, "");  // which may guard its own calls
             const std::lock_guard lock(mLock);
             mAges[bomb.message()].push_back(age);
         });

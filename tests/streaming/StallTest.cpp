@@ -80,11 +80,11 @@ TEST_F(Stalls, InTheDriverAreTheDriversTurn) {
          "request 1 .fd [0-9]+.: in VIDIOC_QBUF of port vengine-[a-z]+: the "
          "driver's turn; buffers vengine"},
         {"request_queue",
-         "request 1 .fd [0-9]+.: in MEDIA_REQUEST_IOC_QUEUE for [0-9]+ ms: the "
+         "request 1 .fd [0-9]+.: in MEDIA_REQUEST_IOC_QUEUE for [0-9]{1,5} ms: the "
          "driver's turn; buffers vengine-[a-z]+.0. vengine-[a-z]+.0."},
         {"dqbuf", "port vengine-[a-z]+: in VIDIOC_DQBUF: the driver's turn"},
         {"streamoff",
-         "port vengine-[a-z]+: in VIDIOC_STREAMOFF of fd [0-9]+ for [0-9]+ ms, "
+         "port vengine-[a-z]+: in VIDIOC_STREAMOFF of fd [0-9]+ for [0-9]{1,5} ms, "
          "thread [0-9]+: the driver's turn"},
     };
     for (const auto& [operation, line] : kCases) {
@@ -99,7 +99,8 @@ TEST_F(Stalls, InTheDriverAreTheDriversTurn) {
         if (!stops)
             rig.fill(1);
         auto call = beside([&] { return stops ? rig.stop() : rig.queue(1); });
-        explained(rig, ContainsRegex(line));
+        const Lines lines = explained(rig, ContainsRegex(line));
+        EXPECT_THAT(lines, Contains(HasSubstr("STREAMOFF")).Times(stops ? 1 : 0));
         platform.order("clear");
         EXPECT_EQ(call.get(), 0);
         EXPECT_TRUE(stops || (rig.waitDone(2) && rig.waitDequeued()));
@@ -117,9 +118,13 @@ TEST_F(Stalls, ByAReinitialisationIsTheDriversTurn) {
     rig.fill(0);
     ASSERT_EQ(rig.queue(0), 0);
     explained(rig, ContainsRegex("request 0 .fd [0-9]+.: in MEDIA_REQUEST_IOC_REINIT, completed "
-                                 "[0-9]+ ms ago: the driver's turn"));
+                                 "[0-9]{1,5} ms ago: the driver's turn"));
+    rig.fill(1);
+    ASSERT_EQ(rig.queue(1), 0);
+    explained(rig,
+              HasSubstr("the event monitor's turn, whose thread is busy with another request"));
     kernel.letGo();
-    EXPECT_TRUE(rig.waitDone(1) && rig.waitDequeued());
+    EXPECT_TRUE(rig.waitDone(2) && rig.waitDequeued());
     EXPECT_EQ(rig.stop(), 0);
 }
 
@@ -128,7 +133,7 @@ TEST_F(Stalls, ByAStreamOnAndALinkAreTold) {
     platform.order("setup_link hang");
     Rig rig(1);
     auto initialised = beside([&] { return rig.init(); });
-    waitFor(ContainsRegex("^in MEDIA_IOC_SETUP_LINK of fd [0-9]+ for [0-9]+ ms, thread [0-9]+"),
+    waitFor(ContainsRegex("^in MEDIA_IOC_SETUP_LINK of fd [0-9]+ for [0-9]{1,5} ms, thread [0-9]+"),
             [&manager](IPrinter& printer) { manager.explainStall(&printer); });
     platform.order("clear");
     EXPECT_EQ(initialised.get(), 0);
@@ -145,11 +150,24 @@ TEST_F(Stalls, ByACompletionThatDoesNotComeAreTheDriversTurn) {
     platform.hold(true);
     rig.fill(0);
     ASSERT_EQ(rig.queue(0), 0);
-    explained(rig, ContainsRegex("request 0 .fd [0-9]+.: with the driver for [0-9]+ ms: the "
+    explained(rig, ContainsRegex("request 0 .fd [0-9]+.: with the driver for [0-9]{1,5} ms: the "
                                  "driver's turn; buffers vengine-[a-z]+.0. vengine-[a-z]+.0."));
     rig.events.reset();
     EXPECT_EQ(rig.stop(), 0);
     platform.hold(false);
+}
+
+TEST_F(Stalls, ByARefusedRequestIsTheClientsTurn) {
+    Rig rig(2);
+    ASSERT_EQ(rig.start(2), 0);
+    platform.order("qbuf -5 2");  // after one port's buffer
+    rig.fill(0);
+    EXPECT_EQ(rig.queue(0), -EIO);
+    explained(rig, ContainsRegex("request 0 .fd [0-9]+.: its queueing was refused: the client's "
+                                 "turn, to stop the scene; buffers vengine-[a-z]+.0. "
+                                 "vengine-[a-z]+.0. refused$"));
+    errors();
+    EXPECT_EQ(rig.stop(), 0);
 }
 
 // Three seconds of a blocked client, and what waits for it meanwhile.
@@ -169,13 +187,16 @@ TEST_F(Stalls, ByTheClientAreToldByTheGuardAsWell) {
     auto queued = beside([&] { return rig.queue(0); });    // no index is free
     auto filled = beside([&] { return rig.fill(1), 0; });  // it is still under way
     const Lines lines = explained(rig, ContainsRegex("a thread in addBuffer.. waits for it"));
-    for (const char* const line :
-         {"request 0 .fd [0-9]+.: in its done callback, completed [0-9]+ ms ago: the client's turn",
-          "request 1 .fd [0-9]+.: completed, queued [0-9]+ ms ago: the event monitor's turn, whose "
-          "thread is busy with another request; buffers vengine-main.1.",
-          "port vengine-main: threads that wait for a free index: 1, for [0-9]+ ms; taken: 2 of 2",
-          "port vengine-main: indexes lost by failed dequeues: 1"})
+    for (const char* const line : {"request 0 .fd [0-9]+.: in its done callback, completed "
+                                   "[0-9]{1,5} ms ago: the client's turn",
+                                   "request 1 .fd [0-9]+.: completed, queued [0-9]{1,5} ms ago: "
+                                   "the event monitor's turn, whose "
+                                   "thread is busy with another request; buffers vengine-main.1.",
+                                   "port vengine-main: threads that wait for a free index: 1, for "
+                                   "[0-9]{1,5} ms; taken: 2 of 2",
+                                   "port vengine-main: indexes lost by failed dequeues: 1"})
         EXPECT_THAT(lines, Contains(ContainsRegex(line)));
+    EXPECT_THAT(lines, testing::Each(Not(HasSubstr("VIDIOC_DQBUF")))) << "it failed and returned";
     errors();
     std::this_thread::sleep_for(3200ms);
     const Lines told = errors();
@@ -189,6 +210,7 @@ TEST_F(Stalls, ByTheClientAreToldByTheGuardAsWell) {
     released.set_value();
     EXPECT_EQ(queued.get(), 0) << "once the second one was dequeued";
     EXPECT_EQ(filled.get(), 0);
+    EXPECT_THAT(explained(rig, HasSubstr("rig")), testing::Each(Not(HasSubstr("waits for it"))));
     rig.events.reset();
     EXPECT_EQ(rig.stop(), 0);
     platform.hold(false);

@@ -129,6 +129,17 @@ TEST_F(RequestTest, MayBeRefilledAndDestroyedByItsDoneHandler) {
     EXPECT_EQ(unheard.toString(), "{ .requestFD=200 .state=0 }");
 }
 
+TEST_F(RequestTest, HasMorePortsThanACompletionKeepsInPlace) {
+    for (const auto& port : {mA, mB})
+        port->importBuffer(64);
+    for (int port = 2; port < 67; ++port)  // but for one all are port a
+        add(port, port);
+    mRequest->queueRequest(0);
+    media().done();
+    ASSERT_EQ(mDone.size(), 65U);
+    EXPECT_EQ(mDone.back(), 66);
+}
+
 TEST_F(RequestTest, CompletesOnlyOnceItIsQueued) {
     std::thread completion;
     mRequest->addBuffer(1, [](FrameBuffer&) {});

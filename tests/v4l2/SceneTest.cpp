@@ -501,10 +501,11 @@ TEST_F(SceneTest, ReportsRefusedStreamsAndGoesOn) {
                "E [stop] Failed to stop port: v1", "E [stop] v0: Failed to stop port (streamOff)",
                "E [stop] Failed to stop port: v0", "I [stop] - Scene::stop"}));
     mKernel.answer(VIDIOC_STREAMOFF, 0);
+    const char* const noLink =
+        "no enabled link leads to the port: name its link in the scene's descriptor";
     for (const auto& [error, cause] :
-         {std::pair{-EPIPE,
-                    "no enabled link leads to the port: name its link in the scene's "
-                    "descriptor"},
+         {std::pair{-EPIPE, noLink},
+          {-ENOLINK, noLink},
           {-EBUSY, "another process or scene streams the node or its pipeline"}}) {
         refusal = error;
         mScene->start();
@@ -516,7 +517,8 @@ TEST_F(SceneTest, ReportsRefusedStreamsAndGoesOn) {
 
 TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
     // Read when the library is loaded: the process of its own inherits the environment.
-    setenv("persist.vendor.kvx.camera.ulog.detailslevel", "4", 1);
+    // No level is above this one: it is not cut to 32 bits.
+    setenv("persist.vendor.kvx.camera.ulog.detailslevel", "4294967296", 1);
     inOwnProcess([this] {
         open({0});
         const auto slowly = [](std::chrono::milliseconds time) {

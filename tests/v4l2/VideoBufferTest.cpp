@@ -319,6 +319,9 @@ TEST_F(VideoDeviceTest, Dequeues) {
     EXPECT_EQ(mDevice->dequeBuffer(), -1);
     EXPECT_EQ(mLog.take(), Lines({"E [dequeBuffer] Failed to dequeue buffer: -32"}));
     EXPECT_EQ(mMonitor->take(), Lines());
+    EXPECT_EQ(mDevice->standing().lost, 1U);
+    mDevice->importBuffer(2);
+    EXPECT_EQ(mDevice->standing().lost, 0U) << "all indexes are there";
 }
 
 TEST_F(VideoDeviceTest, TellsWhatEachDequeueBrought) {
