@@ -169,6 +169,10 @@ TEST_F(SceneSessionTest, StopWaitsForEveryCompletionAndDequeue) {
     EXPECT_FALSE(mEngine.staleStrides);
 }
 
+std::chrono::nanoseconds monotonic() {
+    return std::chrono::steady_clock::now().time_since_epoch();
+}
+
 TEST_F(SceneSessionTest, FramesTellWhatTheDriverSaid) {
     const auto session = openStarted(4);
     mEngine.device().failBuffer("vengine-stats", 2);
@@ -182,6 +186,8 @@ TEST_F(SceneSessionTest, FramesTellWhatTheDriverSaid) {
                                     EXPECT_EQ(main.sequence(), i);
                                     EXPECT_GT(main.timestamp(), last);
                                     last = main.timestamp();
+                                    EXPECT_LT(monotonic() - last, 10s);
+                                    EXPECT_EQ(main.dataOffset(0), 0U);
                                     EXPECT_EQ(main.bytesUsed(0), main.format().planes[0].size);
                                     EXPECT_EQ(main.bytesUsed(1), main.format().planes[1].size);
                                     EXPECT_EQ(main.bytesUsed(2), 0U);

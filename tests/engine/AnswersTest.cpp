@@ -114,6 +114,7 @@ const Answer kAnswers[] = {
     {"queue with an output plane below its size", -EINVAL, {}, {}, WITH(p.planes[0].length--), true},
     {"queue with an output plane beyond its dma-buf", -EFAULT, {}, {}, WITH(p.planes[0].length = 1u << 20), true},
     {"queue with less than a picture behind the data offset", -EINVAL, {}, {}, WITH(p.planes[0].data_offset = 1), true},
+    {"a request's descriptor ends with the program", FD_CLOEXEC, ACT(fcntl(s.empty, F_GETFD))},
     {"unknown ioctl on a video node", -ENOTTY, ACT(call(s.in.node, KVXDIP_IOC_ALOC_BUF, &s.in.record))},
     {"unknown ioctl on a request", -ENOTTY, ACT(call(s.empty, VIDIOC_QBUF))},
     {"unknown ioctl on a media device", -ENOTTY, ACT(call(s.media, MEDIA_REQUEST_IOC_QUEUE))},

@@ -164,6 +164,7 @@ TEST_F(FaultInProcess, StrikesAnyCallOfTheKernel) {
     EXPECT_EQ(kernel.stat(path.c_str(), &info), 0);
     EXPECT_EQ(kernel.readLink("/sys/dev/char/81:0", link, sizeof(link)), -EIO);
     EXPECT_EQ(kernel.openDir("/dev", &dir), -EMFILE);
+    EXPECT_EQ(errno, EMFILE);
     ASSERT_EQ(kernel.openDir("/dev", &dir), 0);
     EXPECT_EQ(kernel.closeDir(dir), -EIO);
 }

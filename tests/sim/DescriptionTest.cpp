@@ -77,6 +77,7 @@ const Damage kDamages[] = {
     {"/entities/2/video/queue/unknownFormat", R"({"error":0})", "entities[2].video.queue.unknownFormat.error: is not from 1"},
     {"/entities/2/video/queue/buffers/minimum", "65", "entities[2].video.queue.buffers.minimum: is not from 1 to 64"},
     {"/entities/2/video/queue/buffers/maximum", "0", "entities[2].video.queue.buffers.maximum: is not from 1"},
+    {"/entities/2/video/queue/buffers/minimum", "64", "entities[2].video.queue.buffers.maximum: is not from 64"},
     {"/entities/2/video/queue/buffers/requests", "\"maybe\"", "entities[2].video.queue.buffers.requests: is none of"},
     {"/entities/0/nodeOf", "\"vengine-main\"", "entities[0].nodeOf: is no earlier entity"},
     {"/entities/2/nodeOf", "\"vengine-subdev\"", "entities[2].nodeOf: stands beside"},
@@ -139,6 +140,18 @@ TEST(DescriptionTest, WhatIsWrittenIsReadAgain) {
         EXPECT_TRUE(sim::writeDescription(*device) == text)
             << sim::writeDescription(*device).substr(0, 200);
         EXPECT_TRUE(sim::VirtualEngine(*device));
+    }
+}
+
+TEST(DescriptionTest, LinksKeepTheirFlags) {
+    sim::DeviceDesc device = sim::describeVirtualEngine();
+    std::string error;
+    for (const uint32_t flag :
+         {MEDIA_LNK_FL_ENABLED, MEDIA_LNK_FL_IMMUTABLE, MEDIA_LNK_FL_DYNAMIC}) {
+        device.links[0].flags = flag;
+        const auto read = sim::readDescription(sim::writeDescription(device), error);
+        ASSERT_TRUE(read) << error;
+        EXPECT_EQ(read->links[0].flags, flag);
     }
 }
 

@@ -7,10 +7,16 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/media-bus-format.h>
+#include <linux/media.h>
+#include <linux/v4l2-subdev.h>
 #include <linux/videodev2.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
+#include <set>
+#include <tuple>
 
 #include "vengine-picture.h"
 
@@ -20,8 +26,10 @@ namespace {
 
 using sim::AnswerDesc;
 using sim::ControlDesc;
+using sim::EntityDesc;
 using sim::FormatDesc;
 using sim::SizeDesc;
+using sim::SubDeviceDesc;
 using sim::VideoDesc;
 
 /** A device of one node. */
@@ -30,15 +38,27 @@ public:
     explicit OneNode(const VideoDesc& video) {
         sim::DeviceDesc description;
         description.addVideoNode("node", video);
-        sim::Device* const device = mEngine.addDevice(description);
-        mFd = mEngine.open(device->nodePath("node").c_str(), O_RDWR);
+        open(description);
+    }
+    explicit OneNode(const SubDeviceDesc& subDevice) {
+        sim::DeviceDesc description;
+        EntityDesc& entity = description.entities.emplace_back();
+        entity.name = "node";
+        entity.padFlags.assign(subDevice.pads.size(), MEDIA_PAD_FL_SOURCE);
+        entity.subDevice = subDevice;
+        open(description);
     }
     ~OneNode() { mEngine.close(mFd); }
     int call(unsigned long code, void* arg) { return mEngine.ioctl(mFd, code, arg); }
 
 private:
+    void open(const sim::DeviceDesc& description) {
+        sim::Device* const device = mEngine.addDevice(description);
+        mFd = mEngine.open(device->nodePath("node").c_str(), O_RDWR);
+    }
+
     sim::Engine mEngine;
-    int mFd;
+    int mFd = -1;
 };
 
 v4l2_format wish(uint32_t type, uint32_t fourcc, uint32_t width, uint32_t height) {
@@ -55,7 +75,7 @@ TEST(PoseTest, FewAnswersTellHowEverySizeIsLaidOut) {
         const uint32_t fourcc = each.fourcc;
         if (each.model != CORVANE_YUV)
             continue;
-        OneNode node({V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE, fourcc, 0});
+        OneNode node(VideoDesc{V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE, fourcc, 0});
         for (uint32_t width = 1; width < 2200; width += 13) {
             const uint32_t height = (width * 7) % 2100;
             v4l2_format format = wish(V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE, fourcc, width, height);
@@ -199,6 +219,20 @@ TEST(PoseTest, OffersIntervalsAndTakesTheNearest) {
     EXPECT_EQ(interval.discrete.denominator, 15U);
     interval.index = 2;
     EXPECT_EQ(node.call(VIDIOC_ENUM_FRAMEINTERVALS, &interval), -EINVAL);
+    const auto intervals = format.sizes[0].intervals;
+    format.sizes = {{V4L2_FRMSIZE_TYPE_STEPWISE, {16, 640, 2, 16, 480, 2}, intervals}};
+    for (const auto& [width, height, result] : {std::tuple(16U, 480U, 0),
+                                                {640U, 16U, 0},
+                                                {641U, 16U, -EINVAL},
+                                                {640U, 481U, -EINVAL},
+                                                {15U, 16U, -EINVAL},
+                                                {16U, 15U, -EINVAL}}) {
+        interval.index = 0;
+        interval.width = width;
+        interval.height = height;
+        EXPECT_EQ(OneNode(video).call(VIDIOC_ENUM_FRAMEINTERVALS, &interval), result)
+            << width << 'x' << height;
+    }
     for (const auto& [wanted, got] : {std::pair(50U, 60U), {1U, 15U}, {1000U, 60U}}) {
         v4l2_streamparm parameters = {};
         parameters.type = video.bufType;
@@ -206,6 +240,39 @@ TEST(PoseTest, OffersIntervalsAndTakesTheNearest) {
         EXPECT_EQ(node.call(VIDIOC_S_PARM, &parameters), 0);
         EXPECT_EQ(node.call(VIDIOC_G_PARM, &parameters), 0);
         EXPECT_EQ(parameters.parm.capture.timeperframe.denominator, got);
+    }
+}
+
+TEST(PoseTest, TriesAPadsFormatWithoutSettingIt) {
+    SubDeviceDesc desc;
+    desc.pads = {{0, {}, {{MEDIA_BUS_FMT_Y8_1X8, 0, {{16, 640, 16, 480}}}}}};
+    desc.pads[0].format.code = MEDIA_BUS_FMT_Y8_1X8;
+    desc.pads[0].format.width = 320;
+    desc.pads[0].format.height = 240;
+    OneNode node(desc);
+    for (const auto& [which, width] :
+         {std::pair(V4L2_SUBDEV_FORMAT_TRY, 320U), {V4L2_SUBDEV_FORMAT_ACTIVE, 640U}}) {
+        v4l2_subdev_format format = {};
+        format.which = which;
+        format.format.width = 1000;
+        format.format.height = 400;
+        format.format.code = MEDIA_BUS_FMT_Y8_1X8;
+        EXPECT_EQ(node.call(VIDIOC_SUBDEV_S_FMT, &format), 0);
+        EXPECT_EQ(format.format.width, 640U);
+        format.which = V4L2_SUBDEV_FORMAT_ACTIVE;
+        EXPECT_EQ(node.call(VIDIOC_SUBDEV_G_FMT, &format), 0);
+        EXPECT_EQ(format.format.width, width);
+    }
+}
+
+TEST(PoseTest, GivesEachDeviceNumbersOfItsOwn) {
+    sim::Engine engine;
+    std::set<dev_t> numbers;
+    for (size_t count = 1; count <= 3; ++count) {
+        struct stat info {};
+        EXPECT_EQ(engine.stat(engine.addDevice({})->path().c_str(), &info), 0);
+        numbers.insert(info.st_rdev);
+        EXPECT_EQ(numbers.size(), count);
     }
 }
 
