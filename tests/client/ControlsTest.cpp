@@ -36,7 +36,7 @@ const v4l2_query_ext_ctrl kControls[] = {
     control(4, V4L2_CTRL_TYPE_INTEGER_MENU, "Rates", 0),
     control(5, V4L2_CTRL_TYPE_BITMASK, "Bits", 0),
     control(6, V4L2_CTRL_TYPE_INTEGER64, "Long", int64_t{1} << 40),
-    control(7, V4L2_CTRL_TYPE_STRING, "Text", 8, V4L2_CTRL_FLAG_HAS_PAYLOAD),
+    control(7, V4L2_CTRL_TYPE_U8, "Array", 8, V4L2_CTRL_FLAG_HAS_PAYLOAD),
 };
 
 class ControlsKernel : public test::FakeKernel {
@@ -44,7 +44,9 @@ public:
     ControlsKernel() {
         on<v4l2_query_ext_ctrl>(VIDIOC_QUERY_EXT_CTRL, [](int, v4l2_query_ext_ctrl& query) {
             for (const auto& known : kControls)
-                if (known.id > (query.id & V4L2_CTRL_ID_MASK))
+                if (known.id > (query.id & V4L2_CTRL_ID_MASK) &&
+                    (known.flags & V4L2_CTRL_FLAG_HAS_PAYLOAD) <=
+                        (query.id & V4L2_CTRL_FLAG_NEXT_COMPOUND))
                     return query = known, 0;
             return -EINVAL;
         });

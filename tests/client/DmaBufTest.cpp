@@ -93,7 +93,8 @@ TEST_F(SyncTest, AccessBeginsAndEnds) {
         sKernel.syncs.clear();
         sKernel.syncErrors = {EINTR, EAGAIN, 0};
         {
-            const DmaBufMapping mapping = mBuffer.map(access);
+            DmaBufMapping first = mBuffer.map(access);
+            const DmaBufMapping mapping = std::move(first);
             EXPECT_TRUE(mapping);
             EXPECT_THAT(sKernel.syncs, ElementsAre(flag, flag, flag)) << "retried";
             sKernel.syncErrors = {EINTR, 0};
@@ -142,6 +143,7 @@ TEST(DmaBufTest, MemoryFileIsMappedAndGivenBack) {
     struct stat info {};
     ASSERT_EQ(fstat(buffer.fd(), &info), 0);
     EXPECT_EQ(info.st_size, 5000);
+    EXPECT_EQ(fcntl(buffer.fd(), F_GETFD), FD_CLOEXEC);
 
     for (const char* text : {"one", "two"}) {
         memcpy(buffer.map(CpuAccess::Write).data() + 4990, text, 4);

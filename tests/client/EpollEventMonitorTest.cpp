@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/client/EpollEventMonitor.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -8,9 +9,11 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -156,11 +159,21 @@ TEST_F(EpollEventMonitorTest, LateDetachLeavesTheDescriptorsNewOwnerWatched) {
     EXPECT_EQ(mMonitor->detachObserver(&successor), 0);
 }
 
+TEST_F(EpollEventMonitorTest, HasNoDescriptorThatAnotherProgramInherits) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;  // the directory's own
+        if (std::filesystem::read_symlink(entry, gone).string().starts_with("anon_inode")) {
+            EXPECT_EQ(fcntl(std::stoi(entry.path().filename()), F_GETFD), FD_CLOEXEC) << entry;
+        }
+    }
+}
+
 TEST_F(EpollEventMonitorTest, RefusesWhatMakesNoSense) {
     Observer observer;
     Observer bad({}, -1);
     EXPECT_EQ(mMonitor->attachObserver(nullptr, EPOLLIN), -EINVAL);
     EXPECT_EQ(mMonitor->attachObserver(&bad, EPOLLIN), -EBADF);
+    EXPECT_EQ(mMonitor->attachObserver(&bad, EPOLLIN | kOneShot), -EBADF);
     EXPECT_EQ(mMonitor->rearmObserver(&observer, EPOLLIN), -ENOENT);
     EXPECT_EQ(mMonitor->detachObserver(&observer), -ENOENT);
     EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN), 0);

@@ -6,13 +6,17 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
+#include <future>
 
 #include "Bench.h"
 
 namespace NSVista::NSCorvane::test {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr int kClosed = 1000000;
 
@@ -199,6 +203,21 @@ TEST_F(SubDeviceNodeTest, FencesBecomeReadableWithTheNextRequest) {
     EXPECT_EQ(fences(KVXDIP_IOC_DEL_FENCE, nullptr, 1), -EFAULT);
     for (int32_t fd : fds)
         close(fd);
+}
+
+TEST_F(SubDeviceNodeTest, WakesWhoWaitsForAnEvent) {
+    Port& port = start(kMain);
+    const Fd blocking(VENGINE_SUBDEV_ENTITY, O_RDWR);
+    v4l2_event_subscription subscription = {};
+    subscription.type = V4L2_EVENT_FRAME_SYNC;
+    EXPECT_EQ(call(blocking, VIDIOC_SUBSCRIBE_EVENT, &subscription), 0);
+    auto waiter = std::async(std::launch::async, [&blocking] {
+        v4l2_event event = {};
+        return call(blocking, VIDIOC_DQEVENT, &event);
+    });
+    EXPECT_EQ(waiter.wait_for(50ms), std::future_status::timeout);
+    ASSERT_EQ(cycle(port), 0);
+    EXPECT_EQ(waiter.get(), 0);
 }
 
 TEST_F(SubDeviceNodeTest, KeepsTheNewestFrameEventsOfASubscription) {

@@ -133,7 +133,7 @@ const Habit kHabits[] = {
       {162, 66, {164, 68, {{328, 22304}}}},
       {333, 251, {336, 252, {{672, 169344}}}},
       {16384, 16384, {4096, 4096, {{8192, 33554432}}}}},
-     {85, 85, {88, 88, {{176, 15488}}}}},
+     {4093, 85, {4096, 88, {{8192, 720896}}}}},
     {"has one size only",
      {},
      {{1, 1, {720, 576, {{1440, 829440}}}}, {16384, 16384, {720, 576, {{1440, 829440}}}}},
@@ -262,6 +262,23 @@ TEST(PoseTest, TriesAPadsFormatWithoutSettingIt) {
         format.which = V4L2_SUBDEV_FORMAT_ACTIVE;
         EXPECT_EQ(node.call(VIDIOC_SUBDEV_G_FMT, &format), 0);
         EXPECT_EQ(format.format.width, width);
+    }
+}
+
+TEST(PoseTest, SetsTheStandardsThatItsInputHas) {
+    VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
+    sim::ConnectorsDesc& inputs = video.signal.inputs.emplace();
+    inputs.list.resize(1);
+    inputs.list[0].standards = V4L2_STD_PAL;
+    video.signal.standard = V4L2_STD_PAL;
+    OneNode node(video);
+    for (const auto& [wanted, result, got] :
+         {std::tuple(V4L2_STD_PAL_B | V4L2_STD_NTSC_M, 0, V4L2_STD_PAL_B),
+          {V4L2_STD_NTSC_M, -EINVAL, V4L2_STD_PAL_B}}) {
+        v4l2_std_id standard = wanted;
+        EXPECT_EQ(node.call(VIDIOC_S_STD, &standard), result);
+        EXPECT_EQ(node.call(VIDIOC_G_STD, &standard), 0);
+        EXPECT_EQ(standard, got);
     }
 }
 
