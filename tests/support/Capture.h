@@ -109,7 +109,7 @@ Lines dumpOf(T& object, Args... args) {
 
 /**
  * The names of what @p body traces in one area, sorted, each once: sections as they are,
- * asynchronous sections and counters after "b " and "C ".
+ * beginnings and ends of asynchronous sections and counters after "b ", "e " and "C ".
  */
 inline Lines tracedBy(const std::function<void()>& body, unsigned area) {
     const std::string path = testing::TempDir() + "corvane-traced-" + std::to_string(getpid());
@@ -131,7 +131,7 @@ inline Lines tracedBy(const std::function<void()>& body, unsigned area) {
         const std::string phase = valueOf(event, "ph");
         if (phase == "B")
             names.insert(valueOf(event, "name"));
-        else if (phase == "b" || phase == "C")
+        else if (phase == "b" || phase == "e" || phase == "C")
             names.insert(phase + " " + valueOf(event, "name"));
     }
     unlink(path.c_str());

@@ -155,7 +155,7 @@ const std::map<unsigned, std::string> kSections = {
      "MediaRequest::onNotify;V4L2VideoDevice::dequeBuffer;V4L2VideoDevice::onNotify;"
      "V4L2VideoDevice::releaseBufferIndex;detachRequestBuffer;wait_for needToDQBUF"},
     {34, "C V4L2BufferMonitor-#BufInQ"},
-    {35, "b V4L2BufferMonitor-ADDRESS-0"},
+    {35, "b V4L2BufferMonitor-ADDRESS-0;e V4L2BufferMonitor-ADDRESS-0"},
 };
 
 constexpr unsigned kCallsArea = 5;

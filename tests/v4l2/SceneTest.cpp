@@ -426,6 +426,43 @@ TEST_F(SceneTest, StreamsAsItWasChosenBefore) {
     });
 }
 
+TEST_F(SceneTest, TakesCallbacksThatAreBusyAllTheTimeForNoneThatHangs) {
+    std::atomic<int> told{0};
+    timeguard::TimeBomb::setExpiryHandler([&told](const auto&...) { ++told; });
+    open({0});
+    mScene->start();
+    mScene->setRequestDoneCallback([](IRequest*) { std::this_thread::sleep_for(300ms); });
+    const auto request = mScene->createRequest();
+    for (int i = 0; i < 15; ++i) {  // a look each second meets one, the limit is three
+        fill(*request, {0});
+        EXPECT_EQ(mScene->queueRequest(request.get(), 0), 0);
+        mMedia->request->done();
+    }
+    EXPECT_EQ(told, 0);
+    mScene->stop();
+    timeguard::TimeBomb::setExpiryHandler(nullptr);
+}
+
+TEST_F(SceneTest, RequestsComeAndGoInTheirCallbacks) {
+    open({0});
+    mScene->start();
+    auto request = mScene->createRequest();
+    std::shared_ptr<IRequest> next;
+    mScene->setRequestDoneCallback([&](IRequest*) {
+        request.reset();
+        next = mScene->createRequest();
+    });
+    fill(*request, {0});
+    EXPECT_EQ(mScene->queueRequest(request.get(), 0), 0);
+    const auto done = mMedia->request->done;
+    done();
+    EXPECT_EQ(request, nullptr);
+    LinePrinter printer;
+    mScene->explainStall(&printer);
+    EXPECT_THAT(printer.lines, testing::Each(Not(HasSubstr("callback"))));
+    mScene->stop();
+}
+
 TEST_F(SceneTest, HasItsWorkerBeforeItStreamsAndStopsOnlyThen) {
     open({0});
     timeguard::TimeBomb::make("first", 1000000000, 0, "makes the guards' thread");
