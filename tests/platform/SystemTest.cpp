@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Printer.h>
 #include <corvane/platform/System.h>
+#include <corvane/platform/UniqueFd.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/media.h>
@@ -142,6 +143,14 @@ TEST(System, OpensForThisProgramAloneAndClosesOnce) {
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
     EXPECT_TRUE(System::openFds().empty());
     EXPECT_EQ(System::Close(fd, 1), -EBADF);
+}
+
+TEST(System, OwnsTheDescriptorZeroLikeAnyOther) {
+    const int saved = dup(STDIN_FILENO);
+    UniqueFd(STDIN_FILENO).reset();
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    dup2(saved, STDIN_FILENO);
+    close(saved);
 }
 
 TEST(System, TakesAHangUpForNoPriorityData) {
