@@ -124,6 +124,12 @@ TEST_F(BufferMonitorTest, IsConfiguredByPropertiesAndPrintsItself) {
         "I [~V4L2BufferMonitor] " + name() + " dtor - " + text() + " mTraceBufferMap={ }";
     mMonitor.reset();
     EXPECT_EQ(mLog.take(), Lines({dtor}));
+    property_set(PROPERTY("tracebuf"), "0");
+    make();
+    EXPECT_EQ(mLog.take(),
+              Lines({"I [V4L2BufferMonitor] " + name() + " ctor - tracebuf:0 logv:1"}));
+    EXPECT_THAT(dumpOf(*mMonitor).front(), HasSubstr("tracebuf:0 logv:1"));
+    mMonitor.reset();
     EXPECT_THAT(dumpOf(*IV4L2BufferMonitor::make("scene")).front(),
                 testing::StartsWith("V4L2BufferMonitor:scene-0x"));
 }

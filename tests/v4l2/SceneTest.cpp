@@ -631,7 +631,12 @@ TEST_F(SceneTest, EndsOnConsistencyErrors) {
         mScene->start();
         mScene->acquire();
     };
+    const auto releaseStarted = [&] {
+        mScene->start();
+        mScene->release();
+    };
     expectFatal({
+        {releaseStarted, kTag, "release", "Bad state transition: 2 -> IDLE"},
         {acquireStarted, kTag, "acquire", "Bad state transition: 2 -> ACQUIRED"},
         {[&] { mScene->getFormat(nullptr, format); }, kTag, "getFormat", "port == nullptr"},
         {[&] { mScene->setFormat(nullptr, format); }, kTag, "setFormat", "port == nullptr"},
