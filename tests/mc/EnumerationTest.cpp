@@ -56,14 +56,15 @@ TEST_F(Enumeration, TakesMediaNodesByNameSkipsFailuresAndStops) {
 }
 
 TEST_F(Enumeration, ReportsARefusedInfoAndAMissingDirectory) {
-    MediaKernel kernel{{"media0", {"m"}}};
+    MediaKernel kernel{{"media0", {"m"}}, {"media1", {"m"}}};
     kernel.answer(MEDIA_IOC_DEVICE_INFO, -EIO);
     EXPECT_EQ(walk(""), Lines());
     kernel.directoryResult = -ENOENT;
     EXPECT_EQ(walk(""), Lines());
+    const std::string refused =
+        "E [enumerateMediaDevices] Failed on MEDIA_IOC_DEVICE_INFO: Input/output error";
     EXPECT_EQ(mLog.take(),
-              Lines({"E [enumerateMediaDevices] Failed on MEDIA_IOC_DEVICE_INFO: "
-                     "Input/output error",
+              Lines({refused, refused,
                      "E [enumerateMediaDevices] Failed to open media device directory"}));
     EXPECT_EQ(kernel.openDirectories, 0);
 }

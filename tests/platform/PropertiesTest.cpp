@@ -43,8 +43,11 @@ TEST(Properties, AsksTheNextSourceForWhatDoesNotParse) {
     EXPECT_EQ(property_get_uint64(kKey, 3), 7U);
     EXPECT_EQ(property_get_uint64(kKey, 3), 7U);
     property_set(kKey, nullptr);
-    unsetenv(kKey);
+    setenv(kKey, "", 1);  // absent
+    EXPECT_EQ(property_get_uint64(kKey, 3), 7U);
     unsetenv("PERSIST_TEST_KEY0");
+    EXPECT_EQ(property_get_uint64(kKey, 3), 3U);
+    unsetenv(kKey);
     ULogger::install(nullptr);
     std::string lines;
     for (const auto& line : log.take())
@@ -52,9 +55,6 @@ TEST(Properties, AsksTheNextSourceForWhatDoesNotParse) {
     EXPECT_EQ(lines,
               "[warn] persist.test.Key0: bad value '-5';[warn] persist.test.Key0: bad value 'x6';");
 
-    setenv(kKey, "", 1);  // absent
-    EXPECT_EQ(property_get_uint64(kKey, 3), 3U);
-    unsetenv(kKey);
     char type[kValueMax];
     property_get("ro.vendor.build.type", type, "userdebug");
     EXPECT_STREQ(type, "user");

@@ -230,6 +230,9 @@ TEST_F(RecordTest, CountsWhatFindsNoRoomAndAllocatesNothing) {
 
 TEST_F(RecordTest, EndsWithItsCauseWhereNothingCanBeWritten) {
     EXPECT_EQ(record::start("/nonexistent/folder/file"), -ENOENT);
+    ASSERT_EQ(mkfifo(mPath.c_str(), 0600), 0);
+    EXPECT_EQ(record::start(mPath.c_str()), -ENXIO) << "nobody reads the pipe";
+    unlink(mPath.c_str());
     ASSERT_EQ(record::start(mPath.c_str()), 0);
     EXPECT_NE(system(("flock -n " + mPath + " true").c_str()), 0);
     // A file system that is full ends the record, not the calls.

@@ -117,8 +117,11 @@ TEST_F(VideoDeviceTest, EndsAWaitForAnIndexWhenItStreamsOff) {
     EXPECT_EQ(mDevice->streamOn(), 0);
     auto first = queuesOnItsOwn();
     waits();
+    const int64_t since = mDevice->standing().indexWaitSince;
     auto second = queuesOnItsOwn();
     waits();
+    EXPECT_EQ(mDevice->standing().indexWaiters, 2U);
+    EXPECT_EQ(mDevice->standing().indexWaitSince, since) << "the first one's";
     mLog.take();
     mKernel.takeCalls();
     EXPECT_EQ(mDevice->streamOff(), 0);
