@@ -74,7 +74,8 @@ TEST(Controls, AreListedWithTheirMenusAndSetByTheirKind) {
     EXPECT_THAT(controls[0].menu, ElementsAre(Pair(0, "entry"), Pair(2, "entry")))
         << "menus may have holes";
     EXPECT_THAT(controls[1].menu, ElementsAre(Pair(0, "8589934592")));
-    EXPECT_TRUE(controls[0].isCalled("TEST-pattern") && controls[0].isCalled("0x2"));
+    for (const char* const name : {"TEST-pattern", "test_pattern", "Test Pattern", "0x2"})
+        EXPECT_TRUE(controls[0].isCalled(name)) << name;
     EXPECT_FALSE(controls[0].isCalled("2x"));
 
     int64_t value = 0xffffffff;
@@ -83,13 +84,17 @@ TEST(Controls, AreListedWithTheirMenusAndSetByTheirKind) {
     EXPECT_EQ(kernel.sent.request_fd, 77);
     EXPECT_EQ(node.get(controls[2], value), -ENOTTY);
     kernel.on<v4l2_ext_controls>(VIDIOC_G_EXT_CTRLS, [](int, v4l2_ext_controls& list) {
-        list.controls->value64 = -1;
-        return list.which == V4L2_CTRL_WHICH_CUR_VAL ? 0 : -EINVAL;
+        list.controls->value64 = list.controls->id == 6 ? int64_t{1} << 40 : -1;
+        if (list.which == V4L2_CTRL_WHICH_REQUEST_VAL)
+            list.controls->value64 = list.request_fd;
+        return 0;
     });
     EXPECT_EQ(node.get(controls[2], value), 0);
     EXPECT_EQ(value, 0xffffffff) << "bits have no sign";
+    EXPECT_EQ(node.get(controls[2], value, 78), 0);
+    EXPECT_EQ(value, 78) << "of the request";
     EXPECT_EQ(node.get(controls[3], value), 0);
-    EXPECT_EQ(value, -1);
+    EXPECT_EQ(value, int64_t{1} << 40);
     EXPECT_EQ(node.set(controls[4], value), -EINVAL) << "holds no number";
 }
 

@@ -128,6 +128,15 @@ TEST_F(SceneSessionTest, ARefusedCallWhileOpeningIsUndone) {
     }
 }
 
+TEST_F(SceneSessionTest, AMediaDeviceThatCannotBeOpenedRefusesIt) {
+    openStarted(1).reset();  // the device is known
+    mEngine.faults().fail({sim::Operation::OPEN, 0, "/dev/media0"}, EBUSY);
+    int result = 0;
+    EXPECT_EQ(open(describe(1), result), nullptr);
+    EXPECT_EQ(result, -EBUSY);
+    EXPECT_THAT(takeLines(), testing::Not(IsEmpty()));
+}
+
 /** How requests come back. */
 struct Way {
     const char* mode;
