@@ -243,7 +243,8 @@ TEST_F(LogTest, AppendsToAFileOfItsOwner) {
     {
         const auto file = FileULogger::open(path.c_str());
         ASSERT_NE(file, nullptr);
-        file->log(0, "Tag", kVerbose, "first and more", 5);
+        for (int level = kError; level <= kVerbose; ++level)
+            file->log(0, "Tag", level, "first and more", 5);
         file->flush(1);
     }
     EXPECT_EQ(symlink(path.c_str(), (path + "-link").c_str()), 0);
@@ -266,8 +267,11 @@ TEST_F(LogTest, AppendsToAFileOfItsOwner) {
     unlink(path.c_str());
     const std::string stamp =
         "[0-9][0-9]-[0-9][0-9] [0-9:]*[.][0-9][0-9][0-9][0-9][0-9][0-9] [0-9]+ [0-9]+ ";
-    EXPECT_THAT(text, testing::MatchesRegex(stamp + "V Tag: first\n" + stamp +
-                                            "I corvane-50%Test: .operator... second\n"));
+    std::string lines;
+    for (const char letter : std::string("EWIKDV"))
+        lines += stamp + letter + " Tag: first\n";
+    EXPECT_THAT(text,
+                testing::MatchesRegex(lines + stamp + "I corvane-50%Test: .operator... second\n"));
 }
 
 #if defined(CORVANE_CHECK_RELOCK)

@@ -79,6 +79,8 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
         list.count = 2;
         list.controls = two;
         System::Ioctl(fd, static_cast<int>(VIDIOC_S_EXT_CTRLS), &list, 0);
+        list.count = 1U << 28;  // not believed
+        System::Ioctl(fd, static_cast<int>(VIDIOC_S_EXT_CTRLS), &list, 0);
         v4l2_plane planes[VIDEO_MAX_PLANES] = {};
         v4l2_buffer buffer{};
         buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
@@ -102,16 +104,16 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
     EXPECT_THAT(record.problems, IsEmpty());
     EXPECT_EQ(record.note, "a note");
     EXPECT_EQ(record.threads.size(), 3U);
-    EXPECT_THAT(
-        textsOf(record),
-        ElementsAre(HasSubstr(R"(open("/dev/video0", O_RDWR) = )"),
-                    HasSubstr("count=2, type=VIDEO_CAPTURE, memory=DMABUF}) = -22 EINVAL"),
-                    HasSubstr("controls=[{id=0x980900, value=77}]}) = 0 "),
-                    HasSubstr("{id=0x980900, size=3, value="), HasSubstr("VIDIOC_QUERYBUF("),
-                    HasSubstr("close("), HasSubstr(R"(opendir("/sys/dev/char") = 0)"),
-                    HasSubstr("closedir("), HasSubstr(R"(video0")"),
-                    HasSubstr(R"(open("/nonexistent", O_RDONLY) = -2 ENOENT)")));
-    EXPECT_EQ(record.calls[4].piece(record::kArray, false).size(), sizeof(v4l2_plane[8]));
+    EXPECT_THAT(textsOf(record),
+                ElementsAre(HasSubstr(R"(open("/dev/video0", O_RDWR) = )"),
+                            HasSubstr("count=2, type=VIDEO_CAPTURE, memory=DMABUF}) = -22 EINVAL"),
+                            HasSubstr("controls=[{id=0x980900, value=77}]}) = 0 "),
+                            HasSubstr("{id=0x980900, size=3, value="), HasSubstr("count=268435456"),
+                            HasSubstr("VIDIOC_QUERYBUF("), HasSubstr("close("),
+                            HasSubstr(R"(opendir("/sys/dev/char") = 0)"), HasSubstr("closedir("),
+                            HasSubstr(R"(video0")"),
+                            HasSubstr(R"(open("/nonexistent", O_RDONLY) = -2 ENOENT)")));
+    EXPECT_EQ(record.calls[5].piece(record::kArray, false).size(), sizeof(v4l2_plane[8]));
     const replay::Call& set = record.calls[3];
     EXPECT_EQ(set.piece(record::kArray + 2, false).size(), 3U);
     EXPECT_TRUE(set.piece(record::kArray + 2, true).empty()) << "the driver wrote over its address";
