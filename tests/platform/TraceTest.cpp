@@ -198,6 +198,26 @@ TEST_F(TraceTest, LeavesAFileToItsOwnerAndToItsProcess) {
     unlink(link.c_str());
 }
 
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // no threads in a child
+
+TEST_F(TraceTest, AForkedChildTracesOnItsOwn) {
+    const std::string childs = mPath + "-child";
+    ASSERT_EQ(trace::start(mPath.c_str()), 0);
+    EXPECT_EQ(inChild([&childs] {
+                  const int result = trace::start(childs.c_str());
+                  atrace_begin_body("the child's");
+                  trace::stop();
+                  return -result;
+              }),
+              0);
+    trace::stop();
+    EXPECT_EQ(read(), "sections 0 0 open 0 False\n");
+    ASSERT_EQ(rename(childs.c_str(), mPath.c_str()), 0);
+    EXPECT_EQ(read(), "sections 1 1 open 0 False\n");
+}
+
+#endif
+
 #if !defined(CORVANE_ANDROID)  // there neither the environment nor the kernel's marker is asked
 
 TEST_F(TraceTest, TakesWholePathsFromTheEnvironment) {

@@ -236,7 +236,7 @@ TEST_F(RecordTest, EndsWithItsCauseWhereNothingCanBeWritten) {
     EXPECT_EQ(record::start(mPath.c_str()), -ENXIO) << "nobody reads the pipe";
     unlink(mPath.c_str());
     ASSERT_EQ(record::start(mPath.c_str()), 0);
-    EXPECT_NE(system(("flock -n " + mPath + " true").c_str()), 0);
+    EXPECT_NE(system(("flock -sn " + mPath + " true").c_str()), 0);
     // A file system that is full ends the record, not the calls.
     record::stop();
     rlimit limit{};
