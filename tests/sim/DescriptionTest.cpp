@@ -71,6 +71,7 @@ const Damage kDamages[] = {
     {"/entities/2/video/queue/answers/0/1", "[1,1,2,2,3,4]", "entities[2].video.queue.answers[0][1]: has another number"},
     {"/entities/2/video/queue/answers/0/1/5", "1073741825", "entities[2].video.queue.answers[0][1][5]: is not from 1"},
     {"/entities/2/video/queue/sizes/0/0/stepwise", "[9,8,1,1,2,1]", "entities[2].video.queue.sizes[0][0].stepwise: has a minimum above"},
+    {"/entities/2/video/queue/sizes/0/0/stepwise", "[1,2,1,9,8,1]", "entities[2].video.queue.sizes[0][0].stepwise: has a minimum above"},
     {"/entities/2/video/queue/sizes/0/-", R"({"discrete":[8,8]})", "entities[2].video.queue.sizes[0][0]: is a range among"},
     {"/entities/2/video/queue/sizes/0/0/intervals", R"([{"discrete":[1]}])", "entities[2].video.queue.sizes[0][0].intervals[0].discrete: has 1 items instead of 2"},
     {"/entities/2/video/queue/colours/0", "[1]", "entities[2].video.queue.colours[0]: has 1"},

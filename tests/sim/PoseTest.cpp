@@ -188,7 +188,7 @@ TEST(PoseTest, AnswersOtherSizesByTheDriversHabit) {
 
 TEST(PoseTest, RefusesUnknownFormatsOrTurnsThemIntoAnother) {
     VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
-    for (const int result : {-EINVAL, 0}) {
+    for (const int result : {-EINVAL, -EBUSY, 0}) {
         video.unknownFormat = result;
         video.fallback = V4L2_PIX_FMT_NV12;
         OneNode node(video);
