@@ -125,8 +125,10 @@ int Controls::ioctl(uint32_t code, void* arg,
                 control.value = one.value;
             return result;
         }
-        default:
-            return listed(code, *static_cast<v4l2_ext_controls*>(arg));
+        default: {
+            auto& list = *static_cast<v4l2_ext_controls*>(arg);
+            return list.count <= V4L2_CID_MAX_CTRLS ? listed(code, list) : -EINVAL;
+        }
     }
 }
 

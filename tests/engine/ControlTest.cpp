@@ -104,6 +104,9 @@ TEST_F(ControlTest, IsDescribedAndSetAsTheKernelDoes) {
         EXPECT_TRUE(list.list.error_idx == item.index || item.result == 0) << item.second;
         EXPECT_EQ(get(port), 64);
     }
+    List many(7);
+    many.list.count = V4L2_CID_MAX_CTRLS + 1;  // nothing behind the first is read
+    EXPECT_EQ(many.pass(port, VIDIOC_S_EXT_CTRLS), -EINVAL);
     List initial(7);
     initial.list.which = V4L2_CTRL_WHICH_DEF_VAL;
     EXPECT_EQ(initial.pass(port, VIDIOC_S_EXT_CTRLS), -EINVAL);
