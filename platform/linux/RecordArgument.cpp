@@ -39,8 +39,9 @@ bool isReadable(const void* data, size_t size) {
     const ErrnoKeeper keeper;
     char ends[2];
     const iovec into = {ends, sizeof(ends)};
-    char* const first = static_cast<char*>(const_cast<void*>(data));
-    const iovec from[] = {{first, 1}, {first + size - 1, 1}};
+    const auto first = reinterpret_cast<uintptr_t>(data);
+    const iovec from[] = {{reinterpret_cast<void*>(first), 1},
+                          {reinterpret_cast<void*>(first + size - 1), 1}};
     const ssize_t count = process_vm_readv(getpid(), &into, 1, from, 2, 0);
     return count == sizeof(ends) || (count < 0 && errno != EFAULT);
 }
