@@ -5,7 +5,6 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "Format.h"
@@ -33,7 +32,7 @@ void addCounted(Blocks& blocks, const void* items, uint64_t count, size_t size, 
 
 /**
  * Whether a control's payload, of no more than a page, is there: a control that has none holds its
- * value where others have an address, and any size. Where the kernel does not tell, it is.
+ * value where others have an address, and any size. Where the kernel does not tell, it is not.
  */
 bool isReadable(const void* data, size_t size) {
     const ErrnoKeeper keeper;
@@ -42,8 +41,7 @@ bool isReadable(const void* data, size_t size) {
     const auto first = reinterpret_cast<uintptr_t>(data);
     const iovec from[] = {{reinterpret_cast<void*>(first), 1},
                           {reinterpret_cast<void*>(first + size - 1), 1}};
-    const ssize_t count = process_vm_readv(getpid(), &into, 1, from, 2, 0);
-    return count == sizeof(ends) || (count < 0 && errno != EFAULT);
+    return process_vm_readv(getpid(), &into, 1, from, 2, 0) == sizeof(ends);
 }
 
 void addControls(Blocks& blocks, const v4l2_ext_controls& list) {
