@@ -102,8 +102,11 @@ FrameMapping Frame::map(CpuAccess access) {
 }
 
 RequestTimes SessionRequest::times() const {
+    // A stamp has the width of a pointer: where that is 32 bits it goes round every four seconds.
     const auto station = [this](reqtrack::Station which) {
-        return std::chrono::nanoseconds(reqtrack::stamp(mTrack, which));
+        const auto since = static_cast<unsigned long>(mQueued.count());
+        return mQueued + std::chrono::nanoseconds(
+                             static_cast<int64_t>(reqtrack::stamp(mTrack, which) - since));
     };
     // A fast driver is done before the queueing call has returned.
     const auto queued = std::min(station(reqtrack::kFromKernelQueued), mDone);

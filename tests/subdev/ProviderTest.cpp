@@ -169,6 +169,7 @@ TEST_F(ProviderTest, EndsAHandlerThatDumpsTheProviderThatCallsIt) {
         mEngine.faults().fail(sim::Call::ioctl(VIDIOC_SUBSCRIBE_EVENT), ENOMEM);
         mProvider.acquire("AAAA");
     };
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // guards have a thread by now
     // To standard error, where the death test looks.
     EXPECT_EXIT((Utils::ULog::ULogger::install(nullptr), dumpInside()),
                 testing::KilledBySignal(SIGABRT), "locks again what it holds");

@@ -601,6 +601,7 @@ TEST_F(SceneTest, EndsAHandlerThatStopsTheSceneThatCallsIt) {
         mScene->start();
         mScene->stop();
     };
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // guards have a thread by now
     // To standard error, where the death test looks.
     EXPECT_EXIT((Utils::ULog::ULogger::install(nullptr), stopTwice()),
                 testing::KilledBySignal(SIGABRT), "locks again what it holds");
