@@ -128,7 +128,7 @@ private:
     std::array<DmaBuf, FrameBuffer::kMaxPlanes> mMemory;
 };
 
-/** Where a request's time went. */
+/** Where a request's time went; on 32-bit machines, of one of up to four seconds. */
 struct RequestTimes {
     std::chrono::nanoseconds total;    ///< from the queueing to the done callback
     std::chrono::nanoseconds buffers;  ///< queueing the buffers
