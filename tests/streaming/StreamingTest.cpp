@@ -107,7 +107,7 @@ TEST_F(Streaming, StopsWithRequestsInFlightOnceNobodyWatches) {
 
 TEST_F(Streaming, ManyScenesInARowLeaveNothingBehind) {
     const Platform& platform = Platform::instance();
-    const int lifetimes = platform.fails() ? 60 : 10;
+    const int lifetimes = platform.fails() ? 200 : 10;
     for (int i = 0; i < lifetimes; ++i) {
         Rig rig(portsOrSkip(3));
         ASSERT_EQ(rig.start(3), 0) << "scene " << i;
