@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <corvane/platform/Log.h>
-#include <corvane/platform/Printer.h>
+#include <corvane/platform/UniqueFd.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,22 +10,24 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <utility>
+
+#include "support/Capture.h"
+#include "support/Process.h"
 
 CORVANE_LOG_UNIT("corvane-50%Test")
 
-using namespace NSVista::Utils::ULog;
 using testing::HasSubstr;
 
 #define X64 "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx"
 #define X1024 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64 X64
 
+namespace NSVista::NSCorvane::test {
 namespace {
+
+using namespace Utils::ULog;
 
 struct FlushTeller : ULogger {
     void log(uint32_t, const char*, int, const char*, size_t) override {}
@@ -61,18 +62,13 @@ protected:
 };
 
 TEST_F(LogTest, GatesBySeverityAndMask) {
-    std::make_unique<NSVista::NSCorvane::Gates>().reset();  // a library that was unloaded
+    std::make_unique<Gates>().reset();  // a library that was unloaded
     struct {
         uint32_t level, mask;
-        const char *debugPrint, *unified;
+        const char* levels;
     } const cases[] = {
-        {0, ~0U, "E", "1"},
-        {2, ~0U, "EW", "12"},
-        {3, ~0U, "EWI", "123"},
-        {4, ~0U, "EWIK", "1234"},
-        {5, 0x8002000, "EWIKD", "12345"},
-        {6, ~0x2000U, "EWIK", "1234"},
-        {6, ~0x8000000U, "EWIK", "1234"},
+        {0, ~0U, "E"},           {2, ~0U, "EW"},        {3, ~0U, "EWI"},          {4, ~0U, "EWIK"},
+        {5, 0x8002000, "EWIKD"}, {6, ~0x2000U, "EWIK"}, {6, ~0x8000000U, "EWIK"},
     };
     for (const auto& c : cases) {
         set(3, c.level, c.mask);
@@ -84,15 +80,15 @@ TEST_F(LogTest, GatesBySeverityAndMask) {
             CORVANE_LOGK("%zu  #DECKEY", ++evaluated);
             CORVANE_LOGD("%zu", ++evaluated);
         }));
-        std::string letters;
+        std::string printed;
         for (std::string line; std::getline(lines, line);)
-            letters += line[0];
-        std::string levels;
+            printed += line[0];
+        std::string unified;
         for (const auto& line : mRing.take())
-            levels += std::to_string(line.level);
-        EXPECT_EQ(letters, c.debugPrint);
-        EXPECT_EQ(levels, c.unified);
-        EXPECT_EQ(evaluated, levels.size());
+            unified += " EWIKDV"[line.level];
+        EXPECT_EQ(printed, c.levels);
+        EXPECT_EQ(unified, c.levels);
+        EXPECT_EQ(evaluated, unified.size());
     }
 }
 
@@ -168,29 +164,22 @@ TEST_F(LogTest, PrintsDumpsAndKeepsTheNewestLines) {
 class StderrPipe {
 public:
     StderrPipe() {
-        EXPECT_EQ(pipe2(mEnds, O_CLOEXEC), 0);
-        dup2(mEnds[1], STDERR_FILENO);
-        ::close(mEnds[1]);
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        reader = UniqueFd(ends[0]);
+        dup2(UniqueFd(ends[1]).get(), STDERR_FILENO);
     }
-    ~StderrPipe() {
-        dup2(mSaved, STDERR_FILENO);
-        ::close(mSaved);
-        closeReader();
-    }
-    void closeReader() {
-        if (mEnds[0] >= 0)
-            ::close(std::exchange(mEnds[0], -1));
-    }
+    ~StderrPipe() { dup2(mSaved.get(), STDERR_FILENO); }
     std::string read() const {
         std::string text(size_t{1} << 20, '\0');
-        text.resize(
-            static_cast<size_t>(std::max<ssize_t>(::read(mEnds[0], text.data(), text.size()), 0)));
-        return text;
+        const ssize_t length = ::read(reader.get(), text.data(), text.size());
+        return text.substr(0, static_cast<size_t>(std::max<ssize_t>(length, 0)));
     }
 
+    UniqueFd reader;
+
 private:
-    int mSaved = dup(STDERR_FILENO);
-    int mEnds[2] = {};
+    const UniqueFd mSaved{dup(STDERR_FILENO)};
 };
 
 TEST_F(LogTest, SurvivesAClosedPipeAndKeepsErrno) {
@@ -198,7 +187,7 @@ TEST_F(LogTest, SurvivesAClosedPipeAndKeepsErrno) {
         void log(uint32_t, const char*, int, const char*, size_t) override { errno = EXDEV; }
     } spoiler;
     StderrPipe pipe;
-    pipe.closeReader();
+    pipe.reader.reset();
     for (const uint32_t mode : {1U, 2U, 3U}) {
         set(mode, 2, 0);
         ULogger::install(mode == 3 ? &spoiler : nullptr);
@@ -232,7 +221,6 @@ TEST_F(LogTest, DropsAndCountsWhatNobodyReads) {
 }
 
 TEST_F(LogTest, PrintsMicroseconds) {
-    using NSVista::NSCorvane::convertToFormattedLogTime;
     EXPECT_EQ(convertToFormattedLogTime({0, 0}), "-");
     EXPECT_THAT(convertToFormattedLogTime({86400 * 20, 7123999}),
                 testing::MatchesRegex("01-2[0-9] [0-2][0-9]:[0-5][0-9]:00[.]007123"));
@@ -262,8 +250,7 @@ TEST_F(LogTest, AppendsToAFileOfItsOwner) {
     struct stat info {};
     stat(path.c_str(), &info);
     EXPECT_EQ(info.st_mode & 07777, 0600U);
-    std::ifstream file(path);
-    const std::string text(std::istreambuf_iterator<char>(file), {});
+    const std::string text = contentOf(path);
     unlink(path.c_str());
     const std::string stamp =
         "[0-9][0-9]-[0-9][0-9] [0-9:]*[.][0-9][0-9][0-9][0-9][0-9][0-9] [0-9]+ [0-9]+ ";
@@ -276,15 +263,15 @@ TEST_F(LogTest, AppendsToAFileOfItsOwner) {
 
 #if defined(CORVANE_CHECK_RELOCK)
 TEST_F(LogTest, EndsAThreadThatLocksWhatItHolds) {
-    NSVista::NSCorvane::Mutex mutex;
+    Mutex mutex;
     const auto relock = [&]() CORVANE_NO_THREAD_SAFETY_ANALYSIS {
-        const NSVista::NSCorvane::MutexLock lock(mutex);
+        const MutexLock lock(mutex);
         mutex.lock();
     };
     ULogger::install(nullptr);
     EXPECT_EXIT(relock(), testing::KilledBySignal(SIGABRT), "locks again what it holds");
     // Other threads wait, and so does the same one when it has given the mutex back.
-    NSVista::NSCorvane::MutexLock lock(mutex);
+    MutexLock lock(mutex);
     lock.unlock();
     lock.lock();
 }
@@ -298,11 +285,10 @@ TEST_F(LogTest, FatalErrorsFlushAndAbortWithTheirLocation) {
             set(mode, 2, 0);
             CORVANE_FATAL("Bad fd. ret=%d", -5);
         };
-        const char* const ending = "F [corvane-50%Test] [operator()] Bad fd. ret=-5 (operator()){#";
-        const auto flushed = testing::ResultOf(
-            [](const std::string& text) { return text.find("flush 1") != std::string::npos; },
-            (mode & 2) != 0);
-        EXPECT_EXIT(die(), testing::KilledBySignal(SIGABRT), AllOf(flushed, HasSubstr(ending)));
+        const std::string flushed = (mode & 2) != 0 ? "flush 1\n" : "";
+        EXPECT_EXIT(die(), testing::KilledBySignal(SIGABRT),
+                    testing::StartsWith(flushed + "F [corvane-50%Test] [operator()] Bad fd. "
+                                                  "ret=-5 (operator()){#"));
     }
     const auto dieOfALongLine = [] { CORVANE_FATAL("%s", std::string(5000, 'x').c_str()); };
     EXPECT_EXIT(dieOfALongLine(), testing::KilledBySignal(SIGABRT), "xxx\n");
@@ -312,33 +298,27 @@ TEST_F(LogTest, RefusedDriverCallsReportAndTerminate) {
     const auto terminate = [] {
         FlushTeller teller;
         ULogger::install(&teller);
-        NSVista::Utils::terminateService();
+        Utils::terminateService();
     };
     EXPECT_EXIT(terminate(), testing::KilledBySignal(SIGTERM), "flush 1");
 
-    std::string seen;
-    NSVista::Utils::setExceptionHandler(
-        [&](const char* module, const char* text) { seen += std::string(module) + ": " + text; });
-    NSVista::Utils::setTerminateHandler([&] { seen += "; terminated"; });
-    CORVANE_DRIVER_EXCEPTION("VIDIOC_X fail err=%d(%s)", -5, "five");
-    EXPECT_EQ(seen,
-              "zelsys: VIDIOC_X fail err=-5(five) Please check ZelsysKernel.\n"
-              "CRDISPATCH_KEY:ZelsysKernel; terminated");
-    NSVista::Utils::setExceptionHandler(nullptr);
-    NSVista::Utils::setTerminateHandler(nullptr);
-
+    {
+        ReportCapture reports;
+        CORVANE_DRIVER_EXCEPTION("VIDIOC_X fail err=%d(%s)", -5, "five");
+        EXPECT_EQ(reports.take(), ReportCapture::of("VIDIOC_X fail err=-5(five)"));
+    }
     std::string directory = testing::TempDir() + "corvane-XXXXXX";
     ASSERT_NE(mkdtemp(directory.data()), nullptr);
     const char* const key = "persist.vendor.kvx.camera.exception.dir";
-    NSVista::Utils::Properties::property_set(key, directory.c_str());
+    Utils::Properties::property_set(key, directory.c_str());
     const auto report = [] { corvane_oxu_trigger_exception("zelsys", "long %s\nend", X1024); };
     const std::string line = printed(report);
     printed(report);  // within the same second
-    NSVista::Utils::Properties::property_set(key, nullptr);
+    Utils::Properties::property_set(key, nullptr);
     EXPECT_THAT(line, HasSubstr("xx end (reportException){"));
-    const std::string check =
-        "test $(cat " + directory + "/*.txt | grep -c '^end$') = 2 && rm -r " + directory;
-    EXPECT_EQ(system(check.c_str()), 0);  // both reports are there, whole
+    EXPECT_EQ(runShell("cat " + directory + "/*.txt | grep -c '^end$'; rm -r " + directory).output,
+              "2\n");  // both are there, whole
 }
 
 }  // namespace
+}  // namespace NSVista::NSCorvane::test

@@ -21,7 +21,6 @@ namespace {
 
 class Loop : public IThreadLoop {
 public:
-    ~Loop() override { *mDestroyed = true; }
     void requestExit() override {
         mExit = true;
         ++mAsked;
@@ -41,7 +40,6 @@ public:
     void dumpState(NSVista::IPrinter*) const override {}
     const char* getThreadName() const override { return "loop"; }
 
-    std::shared_ptr<std::atomic<bool>> mDestroyed = std::make_shared<std::atomic<bool>>(false);
     std::atomic<bool> mExit{false};
     std::atomic<int> mAsked{0};
     std::atomic<int> mTurns{0};
@@ -111,7 +109,7 @@ TEST(ThreadLoopHandler, TellsThatThereIsNoThreadAndMayRunLater) {
 
 TEST(ThreadLoopHandler, MayEndAndDieOnItsOwnThread) {
     auto loop = std::make_shared<Loop>();
-    const auto destroyed = loop->mDestroyed;
+    const std::weak_ptr<Loop> kept = loop;
     std::atomic<bool> released{false};
     auto handler = ThreadLoopHandler::make();
     // Kept by the loop alone, the handler dies with it on the thread it runs.
@@ -124,9 +122,9 @@ TEST(ThreadLoopHandler, MayEndAndDieOnItsOwnThread) {
     EXPECT_EQ(handler->run(loop), 0);
     handler.reset();
     loop.reset();
-    EXPECT_FALSE(*destroyed);
+    EXPECT_FALSE(kept.expired());
     released = true;
-    while (!*destroyed)
+    while (!kept.expired())
         std::this_thread::yield();
 }
 

@@ -9,19 +9,19 @@
 #include <atomic>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-using namespace std::chrono_literals;
-using NSVista::NSCorvane::timeguard::TimeBomb;
-using NSVista::Utils::ULog::RingULogger;
-using NSVista::Utils::ULog::ULogger;
+#include "support/Process.h"
 
+namespace NSVista::NSCorvane::test {
 namespace {
+
+using namespace std::chrono_literals;
+using namespace Utils::ULog;
+using timeguard::TimeBomb;
 
 constexpr unsigned long kMs = 1000000;
 
@@ -75,7 +75,7 @@ TEST_F(TimeBombTest, ReportsAtTheLimitAndEveryPeriodUntilReleased) {
 
     const auto lines = mLog.take();
     ASSERT_EQ(lines.size(), seen.size());
-    EXPECT_EQ(lines[0].level, NSVista::Utils::ULog::kError);
+    EXPECT_EQ(lines[0].level, kError);
     EXPECT_THAT(lines[0].text, testing::MatchesRegex(".* Kernel: QBUF timed out .[0-9]+ ms."));
 }
 
@@ -111,14 +111,9 @@ TEST_F(TimeBombTest, LooksAgainAfterThePauseThatALookAskedFor) {
 
 /** The signals that a thread of the process has blocked, as the kernel prints them. */
 std::string blockedSignals(const std::string& thread) {
-    const std::string find =
-        "cd /proc/$PPID/task && for t in *; do [ \"$(cat $t/comm)\" = " + thread +
-        " ] && sed -n 's/^SigBlk:.//p' $t/status; done";
-    char text[64] = {};
-    FILE* const pipe = popen(find.c_str(), "r");
-    const size_t length = fread(text, 1, sizeof(text) - 1, pipe);
-    pclose(pipe);
-    return std::string(text, length);
+    return runShell("cd /proc/$PPID/task && for t in *; do [ \"$(cat $t/comm)\" = " + thread +
+                    " ] && sed -n 's/^SigBlk:.//p' $t/status; done")
+        .output;
 }
 
 TEST_F(TimeBombTest, LeavesSignalsToTheHostsThreads) {
@@ -179,3 +174,4 @@ TEST_F(TimeBombTest, TellsHeldFromReleasedGuardsOfManyThreads) {
 }
 
 }  // namespace
+}  // namespace NSVista::NSCorvane::test

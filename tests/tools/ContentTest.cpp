@@ -67,9 +67,9 @@ TEST_F(ContentTest, FindsWhatIsNotAsExpected) {
         {"after an output", 1, [](const auto& frame) { frame.gap(2)[0] ^= 1; }, true},
         {"not written", 0,
          [](const auto& frame) {
-             Canary canary;
-             canary.reserve(frame.plane(1).size());
              std::vector<uint8_t> laid(frame.plane(1).size());
+             Canary canary;
+             canary.reserve(laid.size());
              canary.lay(laid);
              std::copy(laid.end() - 8, laid.end(), frame.plane(1).end() - 8);
          },

@@ -1,48 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
+#include "support/Process.h"
+
+namespace NSVista::NSCorvane::test {
 namespace {
 
 using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
 
 const std::string kStream = CORVANE_STREAM " ";
 const std::string kInfo = CORVANE_INFO " ";
 
-struct Outcome {
-    int code;
-    std::string output;
-};
-
-/** Runs a command line of the shell. */
-Outcome run(const std::string& command) {
-    FILE* const tool = popen(command.c_str(), "r");
-    Outcome result{-1, {}};
-    std::array<char, 512> text{};
-    while (fgets(text.data(), text.size(), tool) != nullptr)
-        result.output += text.data();
-    const int status = pclose(tool);
-    if (WIFEXITED(status))
-        result.code = WEXITSTATUS(status);
-    return result;
-}
-
 /** Its output has both streams. */
-Outcome runStream(const std::string& arguments) {
-    return run(kStream + arguments + " 2>&1");
+Ran runStream(const std::string& arguments) {
+    return runShell(kStream + arguments + " 2>&1");
 }
 
 /** A folder that goes with its test. */
@@ -52,19 +34,15 @@ protected:
     ~ToolsTest() override { std::filesystem::remove_all(mFolder); }
 
     std::string file(const char* name) const { return mFolder + "/" + name; }
-    static std::string contentOf(const std::string& path) {
-        std::ifstream stream(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(stream), {}};
-    }
 
     const std::string mFolder = testing::TempDir() + "corvane-tools-" + std::to_string(getpid());
 };
 
 TEST_F(ToolsTest, SaysWhyARunStalls) {
-    const Outcome stalled =
-        run("exec 2>&1; " + kStream +
-            "--sim --ports 2 --in-flight 1 --latency-us 20000000 --stall-after 1 & "
-            "sleep 0.5; kill -QUIT $!; wait $!");
+    const Ran stalled =
+        runShell("exec 2>&1; " + kStream +
+                 "--sim --ports 2 --in-flight 1 --latency-us 20000000 --stall-after 1 & "
+                 "sleep 0.5; kill -QUIT $!; wait $!");
     EXPECT_EQ(stalled.code, 1);
     const std::string where =
         "<<Stall>> scene corvane-stream STARTED: requests: 1 queued, 0 completed[^\n]*\n"
@@ -83,18 +61,12 @@ TEST_F(ToolsTest, GoodRunsCountEveryBuffer) {
           "--ports 0,1,2 --format vengine-main=YUV420M --size vengine-input=128x32",
           "--ports 8 --control brightness=9 --control vengine-main:brightness=-30@7",
           "--skip 50"}) {
-        const Outcome result =
+        const Ran result =
             runStream(std::string("--sim --quiet --size 64x48 --requests 60 ") + arguments);
         EXPECT_EQ(result.code, 0) << arguments << '\n' << result.output;
         EXPECT_THAT(result.output, ContainsRegex("60 requests .* 0 failed, 0 lost\n"));
         EXPECT_THAT(result.output, ContainsRegex("vengine-[a-z]+ .* 60 +60 +0 +0\n"));
     }
-}
-
-TEST_F(ToolsTest, FailedRunIsExitCode1) {
-    const Outcome result = runStream("--sim --ports 1 --requests 3 --quiet --snapshot /dev/full");
-    EXPECT_EQ(result.code, 1);
-    EXPECT_THAT(result.output, ContainsRegex("3 requests .* 0 failed, 0 lost\n"));
 }
 
 TEST_F(ToolsTest, SavedFramesCanBeTheNextRunsInput) {
@@ -105,7 +77,7 @@ TEST_F(ToolsTest, SavedFramesCanBeTheNextRunsInput) {
     EXPECT_EQ(contentOf(file("first/vengine-main.txt")),
               "entity vengine-main\nformat NV12M\nsize 64x16\nframe 1536 bytes\n"
               "plane 0: 1024 bytes, 64 a line\nplane 1: 512 bytes, 64 a line\n");
-    const Outcome second =
+    const Ran second =
         runStream(common + "5 --skip 1 --input vengine-input=" + file("first/vengine-main.raw") +
                   " --save " + file("second"));
     EXPECT_EQ(second.code, 0) << second.output;
@@ -137,16 +109,16 @@ TEST_F(ToolsTest, AControlOfARequestTakesEffectInItsFrame) {
 }
 
 TEST_F(ToolsTest, ResultsForMachines) {
-    const Outcome stream = runStream("--sim --quiet --ports 2 --requests 4 --size 64x16 --json");
+    const Ran stream = runStream("--sim --quiet --ports 2 --requests 4 --size 64x16 --json");
     EXPECT_THAT(stream.output,
                 AllOf(StartsWith("{\"model\":\"vengine\",\"good\":true,\"trouble\":\"\","
                                  "\"completed\":4,\"failed\":0,\"lost\":0,"),
                       HasSubstr("{\"entity\":\"vengine-input\",\"format\":\"NV12M\",\"width\":64,"
                                 "\"height\":16,\"queued\":4,\"dequeued\":4,\"broken\":0,"
                                 "\"lost\":0,\"errors\":0,\"remapped\":0}]}\n")));
-    const Outcome info = run(kInfo + "--sim --json --set-format vengine-main=YUV420M,128x64 " +
-                             "--set-link vengine-core:0,vengine-main:0=on " +
-                             "--set-link 'vengine-core:2->vengine-mirror:0=on'");
+    const Ran info = runShell(kInfo + "--sim --json --set-format vengine-main=YUV420M,128x64 " +
+                              "--set-link vengine-core:0,vengine-main:0=on " +
+                              "--set-link 'vengine-core:2->vengine-mirror:0=on'");
     EXPECT_EQ(info.code, 0);
     EXPECT_THAT(
         info.output,
@@ -159,42 +131,54 @@ TEST_F(ToolsTest, ResultsForMachines) {
                         "\"enabled\":true,\"immutable\":false}"),
               HasSubstr("{\"source\":\"vengine-core:2\",\"sink\":\"vengine-mirror:0\","
                         "\"enabled\":true,\"immutable\":false}")));
-    EXPECT_EQ(run("echo '" + stream.output + "' | python3 -m json.tool >/dev/null").code, 0);
-    EXPECT_THAT(run(kInfo + "--version").output, StartsWith("corvane-info 0."));
+    EXPECT_EQ(runShell("echo '" + stream.output + "' | python3 -m json.tool >/dev/null").code, 0);
+    EXPECT_THAT(runShell(kInfo + "--version").output, StartsWith("corvane-info 0."));
 }
 
 TEST_F(ToolsTest, PosesAsWhatItCaptured) {
     const std::string capture = file("device.json");
-    EXPECT_EQ(run(kInfo + "--sim --capture " + capture + " 2>&1").output, "");
+    EXPECT_EQ(runShell(kInfo + "--sim --capture " + capture + " 2>&1").output, "");
     const std::string pose = "--sim=" + capture;
-    EXPECT_EQ(run(kInfo + pose).output, run(kInfo + "--sim").output);
-    EXPECT_EQ(run(kInfo + pose + " --capture -").output, contentOf(capture));
+    EXPECT_EQ(runShell(kInfo + pose).output, runShell(kInfo + "--sim").output);
+    EXPECT_EQ(runShell(kInfo + pose + " --capture -").output, contentOf(capture));
     EXPECT_EQ(runStream(pose + " --ports 2 --requests 3 --quiet").code, 0);
-    // All that the engine itself has not: a signal to choose, pads with formats, two queues.
+    // All that the engine itself has not: a signal to choose, pads with formats, two queues. Of the
+    // sizes that a capture tries, the first says how each node answers all.
     const std::string rich = "--sim=" CORVANE_RICH_DEVICE;
-    EXPECT_EQ(run(kInfo + rich + " --capture -").output, contentOf(CORVANE_RICH_DEVICE));
-    EXPECT_THAT(run(kInfo + rich).output,
+    const std::regex others(R"(,\n {7}\[[0-9,]+\](?=[,\n]))");
+    EXPECT_EQ(std::regex_replace(runShell(kInfo + rich + " --capture -").output, others, ""),
+              contentOf(CORVANE_RICH_DEVICE));
+    EXPECT_THAT(runShell(kInfo + rich).output,
                 AllOf(ContainsRegex("input  1    HDMI 0 +\\* +1280x720p 60\n"),
                       HasSubstr("0x2006      640x480"), HasSubstr("video output")));
-    EXPECT_EQ(run(kInfo + "--sim --capture /dev/full 2>/dev/null").code, 1);
     // A serial number stays at home unless it is asked for.
     std::string known = contentOf(capture);
     known.insert(known.find("\"bus\""), "\"serial\":\"0815\", ");
     std::ofstream(capture) << known;
-    EXPECT_THAT(run(kInfo + pose + " --capture -").output, Not(HasSubstr("0815")));
-    EXPECT_THAT(run(kInfo + pose + " --capture - --with-identity").output, HasSubstr("0815"));
+    EXPECT_THAT(runShell(kInfo + pose + " --capture -").output, Not(HasSubstr("0815")));
+    EXPECT_THAT(runShell(kInfo + pose + " --capture - --with-identity").output, HasSubstr("0815"));
 }
 
-TEST_F(ToolsTest, LostOutputIsExitCode1) {
-    for (const std::string& command : {kStream + "--sim --requests 3", kInfo + "--sim"})
-        EXPECT_EQ(run(command + " 2>&1 >/dev/full").code, 1) << command;
-    EXPECT_THAT(run(kInfo + "--sim 2>&1 >/dev/full").output,
-                "corvane-info: output was lost: No space left on device\n");
+TEST_F(ToolsTest, WhatCannotBeWrittenIsExitCode1) {
+    const char* const lost = "corvane-[a-z]+: output was lost: No space left on device\n";
+    const std::pair<std::string, const char*> cases[] = {
+        {kStream + "--sim --requests 3 2>&1 >/dev/full", lost},
+        {kInfo + "--sim 2>&1 >/dev/full", lost},
+        {kInfo + "--sim --dot /dev/full 2>/dev/null", ""},
+        {kInfo + "--sim --capture /dev/full 2>/dev/null", ""},
+        {kStream + "--sim --ports 1 --requests 3 --quiet --snapshot /dev/full",
+         "3 requests .* 0 failed, 0 lost\n"},
+    };
+    for (const auto& [command, output] : cases) {
+        const Ran ran = runShell(command);
+        EXPECT_EQ(ran.code, 1) << command;
+        EXPECT_THAT(ran.output, ContainsRegex(output)) << command;
+    }
 }
 
 TEST_F(ToolsTest, ShowsPicturesStateAndEventsOfARun) {
-    const Outcome result = runStream("--sim --quiet --requests 5 --ports 4 --dump --events " +
-                                     ("--snapshot " + file("shot.png")));
+    const Ran result = runStream("--sim --quiet --requests 5 --ports 4 --dump --events " +
+                                 ("--snapshot " + file("shot.png")));
     EXPECT_EQ(result.code, 0) << result.output;
     EXPECT_THAT(result.output,
                 AllOf(HasSubstr("frame sync: frame 4 at "),
@@ -207,7 +191,7 @@ TEST_F(ToolsTest, ShowsPicturesStateAndEventsOfARun) {
 }
 
 TEST_F(ToolsTest, ListsDevicesTheSameWayInBothTools) {
-    const Outcome info = run("LC_ALL=C " + kInfo + "--sim --subdev vengine-subdev");
+    const Ran info = runShell("LC_ALL=C " + kInfo + "--sim --subdev vengine-subdev --dump");
     EXPECT_EQ(info.code, 0);
     EXPECT_THAT(
         info.output,
@@ -220,21 +204,22 @@ TEST_F(ToolsTest, ListsDevicesTheSameWayInBothTools) {
               HasSubstr("  vengine-stats     3     /dev/video3  metadata capture             "
                         "VEST     -        -                64\n"),
               HasSubstr("vengine-grey      Brightness  0x980900  0            0  -64 to 64\n"),
-              HasSubstr("brightness      0  -64 to 64, default 0\n")));
-    const Outcome list = run("LC_ALL=C " + kStream + "--sim --list");
+              HasSubstr("brightness      0  -64 to 64, default 0\n"), HasSubstr("\nState\n"),
+              HasSubstr("<<DeviceEnumerator>> "), HasSubstr("<<DefaultSubDeviceProvider>> ")));
+    const Ran list = runShell("LC_ALL=C " + kStream + "--sim --list");
     EXPECT_EQ(list.code, 0);
     EXPECT_THAT(info.output, StartsWith(list.output));
 
-    std::istringstream narrow(run("LC_ALL=C COLUMNS=60 " + kInfo + "--sim").output);
+    std::istringstream narrow(runShell("LC_ALL=C COLUMNS=60 " + kInfo + "--sim").output);
     for (std::string line; std::getline(narrow, line);)
         EXPECT_LE(line.size(), 60U) << line;
 }
 
 TEST_F(ToolsTest, ATerminalGetsALiveViewThatLeavesNothing) {
-    const Outcome result =
-        run("SHELL=/bin/sh script -qec 'stty cols 50; " + kStream +
-            "--sim --ports 2 --requests 300 --size 64x16 --latency-us 5000 --in-flight 1' "
-            "/dev/null </dev/null");
+    const Ran result =
+        runShell("SHELL=/bin/sh script -qec 'stty cols 50; " + kStream +
+                 "--sim --ports 2 --requests 300 --size 64x16 --latency-us 5000 --in-flight 1' "
+                 "/dev/null </dev/null");
     EXPECT_EQ(result.code, 0);
     // A head and a line a port, cut to the terminal; then back up by as many lines, and cleared.
     EXPECT_THAT(
@@ -246,27 +231,20 @@ TEST_F(ToolsTest, ATerminalGetsALiveViewThatLeavesNothing) {
 }
 
 TEST_F(ToolsTest, WatchTellsOfDevicesUntilItIsInterrupted) {
-    const Outcome result = run("timeout -s INT 0.5 " + kInfo + "--sim --watch; echo ended $?");
-    EXPECT_EQ(result.output, "there /dev/media0 vengine\nended 124\n");
+    EXPECT_EQ(runShell("timeout -s INT 0.5 " + kInfo + "--sim --watch; echo ended $?").output,
+              "there /dev/media0 vengine\nended 124\n");
 }
 
 TEST_F(ToolsTest, DrawsTheTopologyForGraphviz) {
-    const Outcome piped = run(kInfo + "--sim --dot");
+    const Ran piped = runShell(kInfo + "--sim --dot");
     EXPECT_EQ(piped.code, 0);
     EXPECT_THAT(piped.output,
                 AllOf(StartsWith("digraph media {\n"), HasSubstr("<b>vengine-core</b>"),
                       HasSubstr("NV12M 320x240"), ContainsRegex(":p0:e -> [^\n]*:p9:w .penwidth=2"),
                       ContainsRegex("style=dashed"), testing::EndsWith("  }\n}\n")));
-    EXPECT_EQ(run(kInfo + "--sim --dot " + file("graph.dot")).code, 0);
+    EXPECT_EQ(runShell(kInfo + "--sim --dot " + file("graph.dot")).code, 0);
     EXPECT_EQ(contentOf(file("graph.dot")), piped.output);
-    EXPECT_EQ(run(kInfo + "--sim --dot /dev/full 2>/dev/null").code, 1);
-}
-
-TEST_F(ToolsTest, InfoDumpsTheLibrary) {
-    const Outcome result = run(kInfo + "--sim --dump");
-    EXPECT_EQ(result.code, 0);
-    EXPECT_THAT(result.output, AllOf(HasSubstr("\nState\n"), HasSubstr("<<DeviceEnumerator>> "),
-                                     HasSubstr("<<DefaultSubDeviceProvider>> ")));
 }
 
 }  // namespace
+}  // namespace NSVista::NSCorvane::test

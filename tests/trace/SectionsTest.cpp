@@ -1,31 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 // The trace sections of the whole library: their names, and the areas that show them.
 #include <corvane/IDeviceEnumerator.h>
-#include <corvane/IEventMonitor.h>
-#include <corvane/IMediaDevice.h>
 #include <corvane/Pipe.h>
-#include <corvane/SceneControl.h>
-#include <corvane/SceneDesc.h>
 #include <corvane/SceneManager.h>
 #include <corvane/V4L2SubDevice.h>
 #include <corvane/V4L2VideoDevice.h>
+#include <corvane/client/SceneSession.h>
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/platform/UniqueFd.h>
 #include <corvane/sim/Engine.h>
-#include <poll.h>
-#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <map>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include "support/Capture.h"
-#include "support/NullEngine.h"
+#include "support/SceneDescs.h"
 #include "support/SubDeviceCalls.h"
-#include "vengine-desc.h"
 
 namespace NSVista::NSCorvane::test {
 namespace {
@@ -49,45 +42,17 @@ void manageScenes() {
 /** Streams one request over two ports, which the worker dequeues. */
 void stream() {
     mc::DeviceEnumerator::instance().find("");
-    const auto media = IDeviceEnumerator::instance().search(VENGINE_MODEL);
-    media->acquire();
-    const PortDesc ports[] = {{"stats", 3, "vengine-stats", false, false, false},
-                              {"tuning", 5, "vengine-tuning", true, false, false}};
-    const LinkDesc link = {VENGINE_CORE_ENTITY, 3, "vengine-stats", 0};
-    const SceneDesc desc = {"scene", nullptr, 2, ports, 1, &link};
-    Scene scene(nullptr, desc, media);
-    scene.init();
-    scene.acquire();
-    std::vector<UniqueFd> buffers;
-    for (const PortDesc& port : ports) {
-        PixelFormat format = {};
-        scene.getFormat(scene.queryPort(port.index), format);
-        scene.setFormat(scene.queryPort(port.index), format);
-        scene.importBuffer(scene.queryPort(port.index), 1);
-        buffers.emplace_back(memfd_create("buffer", MFD_CLOEXEC));
-        EXPECT_EQ(ftruncate(buffers.back().get(), format.planes[0].size), 0);
-    }
-    scene.setRequestDoneCallback([](IRequest*) {});
-    scene.start();
-    const auto request = scene.createRequest();
-    const auto monitor = std::make_shared<NullEventMonitor>();
-    request->setMonitor(monitor);
-    for (size_t i = 0; i < 2; ++i)
-        request->addBuffer(ports[i].index, [&](FrameBuffer& buffer) {
-            buffer.planes[0] = {buffers[i].get(), 0, VENGINE_META_SIZE};
-            buffer.planeCount = 1;
-        });
-    EXPECT_EQ(scene.queueRequest(request.get(), 0), 0);
-    pollfd completion = {request->getRequestFD(), POLLPRI, 0};
-    EXPECT_EQ(poll(&completion, 1, 10000), 1);
-    monitor->observer->onEvent({EPOLLPRI});
-    for (const PortDesc& port : ports)  // the worker dequeues
-        while (dumpOf(*scene.queryPort(port.index)).back().find("Free=0x1") == std::string::npos)
-            std::this_thread::yield();
-    scene.stop();
-    scene.release();
-    scene.uninit();
-    media->release();
+    client::SessionDesc desc = engineSession("scene", 6, 4);
+    desc.buffers = 1;
+    desc.direct = false;
+    int error = 0;
+    const auto session =
+        client::SceneSession::open(desc, IDeviceEnumerator::instance().search(VENGINE_MODEL),
+                                   *client::makeMemoryFileSource(), error);
+    ASSERT_NE(session, nullptr) << error;
+    EXPECT_EQ(session->start(), 0);
+    EXPECT_EQ(session->submit({}), 0);
+    EXPECT_EQ(session->wait(std::chrono::seconds(10), [](client::SessionRequest&) {}), 0);
 }
 
 void driveSubDevice() {
