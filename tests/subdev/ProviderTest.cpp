@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <string_view>
 #include <thread>
 
@@ -161,20 +160,6 @@ TEST_F(ProviderTest, EndsOnFaultsOfTheProcess) {
          "No subdev path for  .mediadevice_model_name=vengine .subdevice_entity_name=. ret=1"},
     });
 }
-
-#if defined(CORVANE_CHECK_RELOCK)
-TEST_F(ProviderTest, EndsAHandlerThatDumpsTheProviderThatCallsIt) {
-    const auto dumpInside = [&] {
-        Utils::setExceptionHandler([&](const char*, const char*) { dump(); });
-        mEngine.faults().fail(sim::Call::ioctl(VIDIOC_SUBSCRIBE_EVENT), ENOMEM);
-        mProvider.acquire("AAAA");
-    };
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // guards have a thread by now
-    // To standard error, where the death test looks.
-    EXPECT_EXIT((Utils::ULog::ULogger::install(nullptr), dumpInside()),
-                testing::KilledBySignal(SIGABRT), "locks again what it holds");
-}
-#endif
 
 TEST(EightCcTest, ComparesAllEightBytes) {
     EXPECT_EQ(EIGHTCC("ABCDEFGHI"), EIGHTCC("ABCDEFGH"));

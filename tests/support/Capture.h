@@ -13,12 +13,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -47,6 +50,15 @@ public:
         for (const auto& line : mRing.take())
             if (line.tag == mTag)
                 lines.push_back(std::string(1, " EWIKDV"[line.level]) + " " + line.text);
+        return lines;
+    }
+    /** The lines since the last call, once @p awaited is among them. */
+    Lines takeUntil(const std::string& awaited) {
+        Lines lines;
+        while (std::find(lines.begin(), lines.end(), awaited) == lines.end()) {
+            std::this_thread::yield();
+            std::ranges::move(take(), std::back_inserter(lines));
+        }
         return lines;
     }
 

@@ -98,6 +98,13 @@ public:
             return handle(fd, *static_cast<Record*>(arg));
         };
     }
+    /** Video nodes stream, and have these capabilities beside. */
+    void setCapabilities(uint32_t capabilities) {
+        on<v4l2_capability>(VIDIOC_QUERYCAP, [capabilities](int, v4l2_capability& capability) {
+            capability.capabilities = capabilities | V4L2_CAP_STREAMING;
+            return 0;
+        });
+    }
     /** Puts a line of the test's own between the calls. */
     void note(std::string text) {
         const std::lock_guard lock(mLock);

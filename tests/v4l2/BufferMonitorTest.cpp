@@ -97,19 +97,12 @@ TEST_F(BufferMonitorTest, IsConfiguredByPropertiesAndPrintsItself) {
     property_set(PROPERTY("configmode"), "-3");
     property_set(PROPERTY("tracebuf"), "1");
     property_set(PROPERTY("logv"), "true");
-    mLog.setLevel(Utils::ULog::kInfo);
-    mMonitor.reset();
-    mLog.take();
     make();
-    EXPECT_EQ(mLog.take(),
-              Lines({"I [V4L2BufferMonitor] " + name() + " ctor - tracebuf:1 logv:1"}));
     attach(1);
+    mLog.setLevel(Utils::ULog::kInfo);
     mMonitor->attachRequestBuffer(7, 3);
-    char pointer[32];
-    snprintf(pointer, sizeof(pointer), "%p", static_cast<void*>(mObservers[0].get()));
     EXPECT_EQ(mLog.take(),
-              Lines({std::string("I [attachObserver] (0, ") + pointer + ")",
-                     "I [attachRequestBuffer] requestFd:7 bufferIndex:3 " + counts(0, 0, 0)}));
+              Lines({"I [attachRequestBuffer] requestFd:7 bufferIndex:3 " + counts(0, 0, 0)}));
     EXPECT_EQ(
         dumpOf(*mMonitor),
         Lines({"V4L2BufferMonitor:" + name() + " mode:-3 tracebuf:1 logv:1 " + counts(0, 0, 1),
@@ -119,17 +112,9 @@ TEST_F(BufferMonitorTest, IsConfiguredByPropertiesAndPrintsItself) {
     mMonitor->detachObserver(nullptr, 0);
     mMonitor->attachObserver(mObservers[0], 26);
     EXPECT_EQ(mMonitor->toString_config(), "mPortObserverMap[1]={ (0x1a) }");
-    mLog.take();
-    const std::string dtor =
-        "I [~V4L2BufferMonitor] " + name() + " dtor - " + text() + " mTraceBufferMap={ }";
-    mMonitor.reset();
-    EXPECT_EQ(mLog.take(), Lines({dtor}));
     property_set(PROPERTY("tracebuf"), "0");
     make();
-    EXPECT_EQ(mLog.take(),
-              Lines({"I [V4L2BufferMonitor] " + name() + " ctor - tracebuf:0 logv:1"}));
     EXPECT_THAT(dumpOf(*mMonitor).front(), HasSubstr("tracebuf:0 logv:1"));
-    mMonitor.reset();
     EXPECT_THAT(dumpOf(*IV4L2BufferMonitor::make("scene")).front(),
                 testing::StartsWith("V4L2BufferMonitor:scene-0x"));
 }
@@ -217,23 +202,14 @@ TEST_F(BufferMonitorTest, ServesOnePortOnTheWorkerInAnotherMode) {
     mLog.take();
     notify({3});
     run();
-    Lines lines;
-    while (lines.size() < 4)
-        for (auto& line : mLog.take())
-            lines.push_back(std::move(line));
+    const std::string done = "I [notifyComplete] - #0 " + counts(1, 1, 0);
+    EXPECT_EQ(mLog.takeUntil(done),
+              Lines({"I [notifyRequestDone] requestFd:200 portIndexNum:1 - " + counts(0, 0, 0),
+                     "I [threadLoop] " + name() + ": + " + counts(0, 1, 0, 1),
+                     "I [notifyComplete] + #0 " + counts(0, 1, 0), done}));
     mThread->requestExitAndWait();
     EXPECT_STREQ(threadName, "named");
     EXPECT_EQ(nice, 8);
-    const std::string loop = "I [threadLoop] " + name() + ": ";
-    const std::string exit = "I [requestExit] " + name() + ": ";
-    EXPECT_EQ(lines,
-              Lines({"I [notifyRequestDone] requestFd:200 portIndexNum:1 - " + counts(0, 0, 0),
-                     loop + "+ " + counts(0, 1, 0, 1), "I [notifyComplete] + #0 " + counts(0, 1, 0),
-                     "I [notifyComplete] - #0 " + counts(1, 1, 0)}));
-    EXPECT_THAT(mLog.take(),
-                testing::UnorderedElementsAre(exit + "+ " + counts(1, 1, 0),
-                                              exit + "- " + counts(1, 1, 0, 0, false),
-                                              loop + "- " + counts(1, 1, 0, 0, false)));
     std::thread([&] {
         EXPECT_EQ(mMonitor->readyToRun(std::string()), 0);
         pthread_getname_np(pthread_self(), threadName, sizeof(threadName));
@@ -266,14 +242,10 @@ TEST_F(BufferMonitorTest, SleepsWhileNothingIsQueuedForItAndLeavesNothing) {
     notify({0, 1});  // now the counts are equal, and yet two are due
     while (mMonitor->determineInqueBufferCount() != ~3U)
         std::this_thread::yield();
-    const Lines empty = {"W [notifyComplete] No Observer but needToDQBUF() - " + counts(4, 2, 0)};
-    Lines lines;
-    while (lines.empty())
-        lines = mLog.take();
+    const auto empty = "W [notifyComplete] No Observer but needToDQBUF() - " + counts(4, 2, 0);
+    EXPECT_EQ(mLog.takeUntil(empty).size(), 1U);
     std::this_thread::sleep_for(30ms);
-    for (auto& line : mLog.take())
-        lines.push_back(std::move(line));
-    EXPECT_EQ(lines, empty) << "one pass for a notification";
+    EXPECT_EQ(mLog.take(), Lines()) << "one pass for a notification";
     mThread->requestExitAndWait();
     EXPECT_EQ(mNotified, std::vector<int>({0, 1, 0, 1}));
 }
@@ -327,9 +299,11 @@ TEST_F(BufferMonitorTest, EndsOnConsistencyErrors) {
     property_set(PROPERTY("tracebuf"), "1");
     V4L2BufferMonitor traced("t");
     traced.attachRequestBuffer(7, 2);
-    // What goes wrong, where, what is said then, and the state that is dumped before.
     const std::string ports = "mPortObserverMap[2]={ (0x3) (0) }";
     const std::string buffers = "    mTraceBufferMap={ 7-2 }";
+    const auto notifying = [this](std::vector<int> indexes) {
+        return [=, this] { notify(indexes); };
+    };
     const auto fatal = [](std::function<void()> action, const char* where, Lines before) {
         return FatalCase{std::move(action), kTag, where, "FATAL", std::move(before)};
     };
@@ -342,20 +316,13 @@ TEST_F(BufferMonitorTest, EndsOnConsistencyErrors) {
               {"requestFd:7 bufferIndex:2 existed", "[attachRequestBuffer] V4L2", buffers}),
         fatal([&] { traced.detachRequestBuffer(8, 2); }, "detachRequestBuffer",
               {"requestFd:8 bufferIndex:2 not found", "[detachRequestBuffer] V4L2", buffers}),
-        fatal(
-            [&] {
-                notify({0, 31});
-            },
-            "notifyRequestDone", {"[operator()] port index:0x1f doesn't existed", ports}),
-        fatal(
-            [&] {
-                notify({0, 32});
-            },
-            "notifyRequestDone", {"[operator()] port index:0x20 doesn't existed", ports}),
-        {[&] { notify({}); }, kTag, "notifyRequestDone",
+        fatal(notifying({0, 31}), "notifyRequestDone",
+              {"[operator()] port index:0x1f doesn't existed", ports}),
+        fatal(notifying({0, 32}), "notifyRequestDone", {"port index:0x20 doesn't existed"}),
+        {notifying({}), kTag, "notifyRequestDone",
          "requestFd:200 without buffer passed - " + counts(0, 0, 0) + " "},
-        {[&] { notify({5}); }, kTag, "notifyRequestDone", "port index:0x5 doesn't existed"},
-        {[&] { notify({3}); }, kTag, "notifyRequestDone", "Bad observer"},
+        {notifying({5}), kTag, "notifyRequestDone", "port index:0x5 doesn't existed"},
+        {notifying({3}), kTag, "notifyRequestDone", "Bad observer"},
     });
 }
 

@@ -15,8 +15,7 @@
 namespace NSVista::NSCorvane::test {
 namespace {
 
-using testing::ElementsAre;
-using testing::MatchesRegex;
+using testing::UnorderedElementsAre;
 
 constexpr char kTag[] = "corvane-SceneManager";
 constexpr SceneDesc kEmpty = {"empty", nullptr, 0, nullptr, 0, nullptr};
@@ -56,7 +55,7 @@ void registerPipe(const char* key, const char* name, Lines& notes,
 }
 
 TEST(SceneManager, KeepsScenesByName) {
-    LogCapture log(kTag);
+    LogCapture log(kTag, Utils::ULog::kError);
     SceneManager manager;
     EXPECT_EQ(manager.init(), 0);
     const auto first = makeScene();
@@ -70,18 +69,10 @@ TEST(SceneManager, KeepsScenesByName) {
     EXPECT_EQ(manager.delScene("s"), 0);
     EXPECT_EQ(manager.getScene("s"), nullptr);
     EXPECT_EQ(first.use_count(), 1);
-    const std::string time = " .cputime [0-9]+ ns.";
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(
-            "I [init] + SceneManager::init", MatchesRegex("I .init. - SceneManager::init" + time),
-            "I [addScene] Add scene s to map", "E [addScene] Scene s has already existed",
-            "I [addScene] Add scene s to map", "I [getScene] Get scene s",
-            "E [getScene] Not found scene t", "E [init] there're still 1 scenes!",
-            "I [init] + SceneManager::init", MatchesRegex("I .init. - SceneManager::init" + time),
-            "I [uninit] + SceneManager::uninit", "E [uninit] there're still 1 scenes!",
-            MatchesRegex("I .uninit. - SceneManager::uninit" + time),
-            "E [getScene] Not found scene s"));
+    EXPECT_EQ(log.take(),
+              Lines({"E [addScene] Scene s has already existed", "E [getScene] Not found scene t",
+                     "E [init] there're still 1 scenes!", "E [uninit] there're still 1 scenes!",
+                     "E [getScene] Not found scene s"}));
 }
 
 TEST(SceneManager, ForgetsScenesWithoutHoldingItsLock) {
@@ -160,20 +151,18 @@ TEST(SceneManager, RunsPipesInTheirOrderAndMayBeCalledByThem) {
         EXPECT_EQ(dump[0], "<<Scene>> state=IDLE #Request(Queued,Done)=(0,0)");
         EXPECT_EQ(dump[4], "");
         EXPECT_THAT(Lines(dump.begin() + 5, dump.begin() + 9),
-                    testing::UnorderedElementsAre(
+                    UnorderedElementsAre(
                         "Scene:'b' { streamOn(" + on + "+1us) streamOff(" + off + "+5us) }", "",
                         "Scene:'z' { streamOn(-+0us) streamOff(-+0us) }", ""));
-        EXPECT_EQ(dump[9],
-                  "<<DeviceEnumerator>> default= .mediadevice_model_name= "
-                  ".subdevice_entity_name= media_device_info[0] topology[0]");
+        EXPECT_THAT(dump[9], testing::StartsWith("<<DeviceEnumerator>>"));
         EXPECT_EQ(dump[10], "");
         EXPECT_THAT(Lines(dump.begin() + 11, dump.end()),
-                    testing::UnorderedElementsAre("pipe a2", "", "pipe b", "", "pipe c", ""));
+                    UnorderedElementsAre("pipe a2", "", "pipe b", "", "pipe c", ""));
 
         notes.clear();
         manager.uninit();
-        EXPECT_THAT(notes, testing::UnorderedElementsAre("uninit a2", "uninit b", "uninit c", "~a2",
-                                                         "~b", "~c"));
+        EXPECT_THAT(notes,
+                    UnorderedElementsAre("uninit a2", "uninit b", "uninit c", "~a2", "~b", "~c"));
         EXPECT_EQ(manager.getScene("b"), nullptr);
         EXPECT_EQ(manager.getDebugInfo("b"), record) << "records outlive their scenes";
 
@@ -203,19 +192,13 @@ TEST(SceneManager, EndsOnConsistencyErrors) {
         PipeFactory::Instance().Register("x", nullptr);
         manager.init();
     };
-    const auto device = [&manager] {
-        Lines notes;
-        NotingPipe(manager, "p", notes, nullptr).getDevice("m");
-    };
-    const auto devices = [&manager] {
-        Lines notes;
-        NotingPipe(manager, "p", notes, nullptr).getDevice(Lines{"m"});
-    };
+    Lines notes;
+    NotingPipe pipe(manager, "p", notes, nullptr);
     expectFatal({
         {noPipe, kTag, "init", "Bad pipe"},
         {noCreator, kTag, "Create", "Bad function"},
-        {device, kTag, "getDevice", "Unsupported"},
-        {devices, kTag, "getDevice", "Unsupported"},
+        {[&] { pipe.getDevice("m"); }, kTag, "getDevice", "Unsupported"},
+        {[&] { pipe.getDevice(Lines{"m"}); }, kTag, "getDevice", "Unsupported"},
     });
 }
 

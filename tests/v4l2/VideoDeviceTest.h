@@ -19,18 +19,11 @@ constexpr char kVideoTag[] = "corvane-V4L2VideoDevice";
 
 class VideoDeviceTest : public testing::Test {
 protected:
-    VideoDeviceTest() { setCaps(V4L2_CAP_VIDEO_CAPTURE_MPLANE); }
+    VideoDeviceTest() { mKernel.setCapabilities(V4L2_CAP_VIDEO_CAPTURE_MPLANE); }
     ~VideoDeviceTest() override {
         mKernel.closeResult = 0;
         if (mDevice != nullptr)
             mDevice->closeDevice();
-    }
-    /** Capabilities beside streaming that the node reports from now on. */
-    void setCaps(uint32_t caps) {
-        mKernel.on<v4l2_capability>(VIDIOC_QUERYCAP, [caps](int, v4l2_capability& capability) {
-            capability.capabilities = caps | V4L2_CAP_STREAMING;
-            return 0;
-        });
     }
     /** A new device, open, with buffers. @param granted by the driver, -1 for all. */
     void open(int count, int granted = -1) {
