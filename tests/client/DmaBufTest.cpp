@@ -8,39 +8,20 @@
 #include <gtest/gtest.h>
 #include <linux/dma-buf.h>
 #include <linux/dma-heap.h>
-#include <linux/videodev2.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdarg>
-#include <cstring>
-#include <deque>
 #include <fstream>
 #include <iterator>
-#include <vector>
 
 #include "support/FakeKernel.h"
 #include "vengine-desc.h"
 
-namespace {
-
-/** What this process's dma-bufs and heaps, which are memory files and /dev/null, answer. */
-struct DmaBufKernel {
-    std::deque<int> syncErrors;  ///< of the next calls; 0 accepts, as do all later ones
-    int heapError = ENOTTY;
-    std::vector<uint64_t> syncs;
-    bool isInstalled = false;
-} sKernel;
-
-int fail(int error) {
-    errno = error;
-    return error == 0 ? 0 : -1;
-}
-
-}  // namespace
+/** The errno of what this process asks dma-bufs and heaps, which are memory files and /dev/null. */
+static std::function<int(unsigned long request, void* arg)> sAnswer;
 
 extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request,
                                                             ...) noexcept {
@@ -48,22 +29,10 @@ extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned lon
     va_start(arguments, request);
     void* const arg = va_arg(arguments, void*);
     va_end(arguments);
-    if (sKernel.isInstalled && request == DMA_BUF_IOCTL_SYNC) {
-        sKernel.syncs.push_back(static_cast<dma_buf_sync*>(arg)->flags);
-        if (sKernel.syncErrors.empty())
-            return 0;
-        const int error = sKernel.syncErrors.front();
-        sKernel.syncErrors.pop_front();
-        return fail(error);
-    }
-    if (sKernel.isInstalled && request == DMA_HEAP_IOCTL_ALLOC) {
-        auto* const data = static_cast<dma_heap_allocation_data*>(arg);
-        if (sKernel.heapError != 0)
-            return fail(sKernel.heapError);
-        data->fd = static_cast<uint32_t>(memfd_create("heap", MFD_CLOEXEC));
-        return ftruncate(static_cast<int>(data->fd), static_cast<off_t>(data->len));
-    }
-    return static_cast<int>(syscall(SYS_ioctl, fd, request, arg));
+    if (!sAnswer || (request != DMA_BUF_IOCTL_SYNC && request != DMA_HEAP_IOCTL_ALLOC))
+        return static_cast<int>(syscall(SYS_ioctl, fd, request, arg));
+    errno = sAnswer(request, arg);
+    return errno == 0 ? 0 : -1;
 }
 
 namespace NSVista::NSCorvane::client {
@@ -76,13 +45,27 @@ using testing::IsEmpty;
 class SyncTest : public testing::Test {
 protected:
     SyncTest() {
-        sKernel = {};
-        sKernel.isInstalled = true;
-        EXPECT_EQ(makeMemoryFileSource()->allocate(100, mBuffer), 0);
+        sAnswer = [this](unsigned long, void* arg) {
+            mSyncs.push_back(static_cast<dma_buf_sync*>(arg)->flags);
+            if (mErrors.empty())
+                return 0;
+            const int error = mErrors.front();
+            mErrors.pop_front();
+            return error;
+        };
     }
-    ~SyncTest() override { sKernel = {}; }
+    ~SyncTest() override { sAnswer = nullptr; }
+    /** A buffer whose next synchronisations give these errors; all later ones are accepted. */
+    DmaBuf allocate(std::deque<int> errors) {
+        DmaBuf buffer;
+        EXPECT_EQ(makeMemoryFileSource()->allocate(100, buffer), 0);
+        mErrors = std::move(errors);
+        mSyncs.clear();
+        return buffer;
+    }
 
-    DmaBuf mBuffer;
+    std::deque<int> mErrors;
+    std::vector<uint64_t> mSyncs;
 };
 
 TEST_F(SyncTest, AccessBeginsAndEnds) {
@@ -90,35 +73,29 @@ TEST_F(SyncTest, AccessBeginsAndEnds) {
                                                          {CpuAccess::Write, DMA_BUF_SYNC_WRITE},
                                                          {CpuAccess::ReadWrite, DMA_BUF_SYNC_RW}};
     for (const auto& [access, flag] : kCases) {
-        sKernel.syncs.clear();
-        sKernel.syncErrors = {EINTR, EAGAIN, 0};
+        DmaBuf buffer = allocate({EINTR, EAGAIN, 0});
         {
-            DmaBufMapping first = mBuffer.map(access);
+            DmaBufMapping first = buffer.map(access);
             const DmaBufMapping mapping = std::move(first);
             EXPECT_TRUE(mapping);
-            EXPECT_THAT(sKernel.syncs, ElementsAre(flag, flag, flag)) << "retried";
-            sKernel.syncErrors = {EINTR, 0};
+            EXPECT_THAT(mSyncs, ElementsAre(flag, flag, flag)) << "retried";
+            mErrors = {EINTR};
         }
         const uint64_t end = flag | DMA_BUF_SYNC_END;
-        EXPECT_THAT(sKernel.syncs, ElementsAre(flag, flag, flag, end, end));
+        EXPECT_THAT(mSyncs, ElementsAre(flag, flag, flag, end, end));
     }
 }
 
 TEST_F(SyncTest, MemoryThatIsNotSynchronisedIsAskedOnce) {
     for (const int error : {ENOTTY, ENOSYS}) {
-        ASSERT_EQ(makeMemoryFileSource()->allocate(100, mBuffer), 0);
-        sKernel.syncs.clear();
-        sKernel.syncErrors = {error};
+        DmaBuf buffer = allocate({error});
         for (int i = 0; i < 3; ++i)
-            EXPECT_TRUE(mBuffer.map(CpuAccess::Read)) << error;
-        EXPECT_THAT(sKernel.syncs, ElementsAre(DMA_BUF_SYNC_READ)) << error;
+            EXPECT_TRUE(buffer.map(CpuAccess::Read)) << error;
+        EXPECT_THAT(mSyncs, ElementsAre(DMA_BUF_SYNC_READ)) << error;
     }
-    ASSERT_EQ(makeMemoryFileSource()->allocate(100, mBuffer), 0);
-    sKernel.syncs.clear();
-    sKernel.syncErrors = {EIO};
-    EXPECT_FALSE(mBuffer.map(CpuAccess::Read)) << "refused";
+    EXPECT_FALSE(allocate({EIO}).map(CpuAccess::Read)) << "refused";
     EXPECT_EQ(errno, EIO);
-    EXPECT_THAT(sKernel.syncs, ElementsAre(DMA_BUF_SYNC_READ));
+    EXPECT_THAT(mSyncs, ElementsAre(DMA_BUF_SYNC_READ));
 }
 
 TEST_F(SyncTest, HeapAllocates) {
@@ -126,9 +103,14 @@ TEST_F(SyncTest, HeapAllocates) {
     ASSERT_NE(heap, nullptr);
     EXPECT_EQ(heap->toString(), "/dev/null");
     DmaBuf buffer;
-    EXPECT_EQ(heap->allocate(4096, buffer), -ENOTTY);
+    sAnswer = [](unsigned long, void*) { return ENOMEM; };
+    EXPECT_EQ(heap->allocate(4096, buffer), -ENOMEM);
     EXPECT_FALSE(buffer);
-    sKernel.heapError = 0;
+    sAnswer = [](unsigned long, void* arg) {
+        auto& data = *static_cast<dma_heap_allocation_data*>(arg);
+        data.fd = static_cast<uint32_t>(memfd_create("heap", MFD_CLOEXEC));
+        return ftruncate(static_cast<int>(data.fd), static_cast<off_t>(data.len));
+    };
     EXPECT_EQ(heap->allocate(4096, buffer), 0);
     EXPECT_EQ(buffer.size(), 4096U);
     EXPECT_EQ(lseek(buffer.fd(), 0, SEEK_END), 4096);

@@ -5,15 +5,7 @@
  */
 #pragma once
 
-#include <linux/media.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <initializer_list>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "support/FakeKernel.h"
 
@@ -33,30 +25,17 @@ inline media_entity_desc entityOf(uint32_t id, const char* name, uint16_t pads, 
 }
 
 inline media_pad_desc padOf(uint32_t entity, uint16_t index, uint32_t flags) {
-    media_pad_desc pad = {};
-    pad.entity = entity;
-    pad.index = index;
-    pad.flags = flags;
-    return pad;
+    return {entity, index, flags, {}};
 }
 
 inline media_link_desc linkOf(const media_pad_desc& source, const media_pad_desc& sink,
                               uint32_t flags) {
-    media_link_desc link = {};
-    link.source = source;
-    link.sink = sink;
-    link.flags = flags;
-    return link;
+    return {source, sink, flags, {}};
 }
 
 inline media_device_info infoOf(const char* model) {
-    media_device_info info = {};
-    snprintf(info.driver, sizeof(info.driver), "drv");
+    media_device_info info = {"drv", "", "s1", "platform:x", 0x601c0, 0, 0x10, {}};
     std::string(model).copy(info.model, sizeof(info.model));
-    snprintf(info.serial, sizeof(info.serial), "s1");
-    snprintf(info.bus_info, sizeof(info.bus_info), "platform:x");
-    info.media_version = 0x601c0;
-    info.driver_version = 0x10;
     return info;
 }
 

@@ -37,13 +37,8 @@ private:
     const std::shared_future<void> mGoing = mGone.get_future().share();
 };
 
-class Stalls : public Streaming {
+class Stalls : public FaultyStreaming {
 protected:
-    void SetUp() override {
-        Streaming::SetUp();
-        if (!Platform::instance().fails())
-            GTEST_SKIP() << "needs a device that hangs on demand";
-    }
     /** What the rig's scene says of itself once a line of it matches, or after some time. */
     template <class Matcher>
     static Lines explained(const Rig& rig, const Matcher& matcher, size_t most = 100) {
@@ -68,7 +63,6 @@ protected:
     static std::future<int> beside(std::function<int()> action) {
         return std::async(std::launch::async, std::move(action));
     }
-    const Platform& platform = Platform::instance();
 };
 
 TEST_F(Stalls, InTheDriverAreTheDriversTurn) {
@@ -154,7 +148,6 @@ TEST_F(Stalls, ByACompletionThatDoesNotComeAreTheDriversTurn) {
                                  "driver's turn; buffers vengine-[a-z]+.0. vengine-[a-z]+.0."));
     rig.events.reset();
     EXPECT_EQ(rig.stop(), 0);
-    platform.hold(false);
 }
 
 TEST_F(Stalls, ByARefusedRequestIsTheClientsTurn) {
@@ -213,7 +206,6 @@ TEST_F(Stalls, ByTheClientAreToldByTheGuardAsWell) {
     EXPECT_THAT(explained(rig, HasSubstr("rig")), testing::Each(Not(HasSubstr("waits for it"))));
     rig.events.reset();
     EXPECT_EQ(rig.stop(), 0);
-    platform.hold(false);
 }
 
 }  // namespace

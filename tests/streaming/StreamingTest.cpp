@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The request cycle end to end, on the virtual engine or on a driver of the running kernel.
-#include <corvane/platform/Properties.h>
-#include <gtest/gtest.h>
-
 #include <tuple>
 
 #include "StreamingFixture.h"
 
 namespace NSVista::NSCorvane::test {
 namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
 
 /** Ports, buffers (0: as many as the device grants), configuration mode. */
 using CycleParam = std::tuple<size_t, int, int>;
@@ -17,8 +17,8 @@ class Cycle : public Streaming, public testing::WithParamInterface<CycleParam> {
 
 TEST_P(Cycle, CompletesEveryRequestOnceAndGivesAllBuffersBack) {
     const auto [ports, wantedBuffers, mode] = GetParam();
-    if (ports > Platform::instance().ports().size())
-        GTEST_SKIP() << "the device has " << Platform::instance().ports().size() << " ports";
+    if (ports > platform.ports().size())
+        GTEST_SKIP() << "the device has " << platform.ports().size() << " ports";
     const int buffers = wantedBuffers != 0 ? wantedBuffers : 32;
     const auto slots = static_cast<size_t>(buffers);
     const size_t total = slots * 2 + 5;
@@ -45,7 +45,7 @@ TEST_P(Cycle, CompletesEveryRequestOnceAndGivesAllBuffersBack) {
         ASSERT_TRUE(rig.waitDone(done + 1)) << rig.dump();
         for (const size_t slot : rig.takeDone()) {
             ASSERT_TRUE(rig.written(slot)) << "request " << done;
-            if (Platform::instance().drawsTestPicture()) {
+            if (platform.drawsTestPicture()) {
                 const uint32_t picture = rig.capturedPicture(slot);
                 // Without an input, the engine draws the pictures one after the other.
                 EXPECT_TRUE(ports > 1 ? picture == rig.fedPicture(slot)
@@ -60,15 +60,13 @@ TEST_P(Cycle, CompletesEveryRequestOnceAndGivesAllBuffersBack) {
     EXPECT_TRUE(rig.waitDequeued()) << rig.dump();
     const std::string dump = rig.dump();
     const std::string all = std::to_string(total);
-    EXPECT_NE(dump.find("state=STARTED #Request(Queued,Done)=(" + all + "," + all + ")"),
-              std::string::npos)
-        << dump;
-    EXPECT_NE(dump.find("#QBUF=" + std::to_string(total * ports)), std::string::npos) << dump;
-    EXPECT_NE(dump.find("#DQBUF=" + std::to_string(total * ports)), std::string::npos) << dump;
-    EXPECT_EQ(dump.find("mTraceBufferMap={ }") != std::string::npos, ports == 1) << dump;
+    const std::string frames = std::to_string(total * ports);
+    EXPECT_THAT(dump, HasSubstr("state=STARTED #Request(Queued,Done)=(" + all + "," + all + ")"));
+    EXPECT_THAT(dump, AllOf(HasSubstr("#QBUF=" + frames), HasSubstr("#DQBUF=" + frames)));
+    EXPECT_EQ(testing::Value(dump, HasSubstr("mTraceBufferMap={ }")), ports == 1) << dump;
     EXPECT_EQ(rig.stop(), 0);
     EXPECT_EQ(errors(), Lines{});
-    EXPECT_EQ(reports, 0);
+    EXPECT_EQ(reports.take(), Lines{});
 }
 
 INSTANTIATE_TEST_SUITE_P(DirectPath, Cycle,
@@ -81,48 +79,26 @@ INSTANTIATE_TEST_SUITE_P(ManyPorts, Cycle,
                          testing::Combine(testing::Values(2, 4, 6), testing::Values(2),
                                           testing::Values(0)));
 
-TEST_F(Streaming, StopsWithRequestsInFlightOnceNobodyWatches) {
-    for (const size_t ports : {size_t{1}, portsOrSkip(4)}) {
-        Rig rig(ports);
-        ASSERT_EQ(rig.start(4), 0);
-        if (auto* device = Platform::instance().virtualDevice())
-            device->hold();
-        for (size_t slot = 0; slot < 4; ++slot) {
-            rig.fill(slot);
-            ASSERT_EQ(rig.queue(slot), 0);
-        }
-        EXPECT_TRUE(rig.lookAway());
-        EXPECT_EQ(rig.stop(), 0);
-        EXPECT_EQ(errors(), Lines{});
-        if (auto* device = Platform::instance().virtualDevice())
-            device->resume();
-    }
-    // A new scene has the device to itself again.
-    Rig rig(1);
-    ASSERT_EQ(rig.start(2), 0);
-    rig.fill(0);
-    ASSERT_EQ(rig.queue(0), 0);
-    EXPECT_TRUE(rig.waitDone(1));
-}
-
 TEST_F(Streaming, ManyScenesInARowLeaveNothingBehind) {
-    const Platform& platform = Platform::instance();
     const int lifetimes = platform.fails() ? 200 : 10;
     for (int i = 0; i < lifetimes; ++i) {
-        Rig rig(portsOrSkip(3));
-        ASSERT_EQ(rig.start(3), 0) << "scene " << i;
+        SCOPED_TRACE(i);
+        Rig rig(portsOrSkip(i % 4 == 3 ? 1 : 3));
+        ASSERT_EQ(rig.start(3), 0);
+        const bool completes = i % 2 == 0;
+        if (platform.fails())
+            platform.hold(!completes);
         for (size_t slot = 0; slot < 3; ++slot) {
             rig.fill(slot);
             ASSERT_EQ(rig.queue(slot), 0);
         }
-        if (i % 2 == 0) {
-            ASSERT_TRUE(rig.waitDone(3));
-            ASSERT_TRUE(rig.waitDequeued());
-        }
+        ASSERT_TRUE(!completes || (rig.waitDone(3) && rig.waitDequeued()));
         ASSERT_TRUE(rig.lookAway());
-        ASSERT_EQ(rig.stop(), 0);
+        ASSERT_EQ(rig.stop(), 0) << "with what is under way";
     }
-    expectNoLinks();
+    for (const auto& port : platform.ports())
+        for (const auto& link : port.links)
+            EXPECT_EQ(platform.linkFlags(link) & MEDIA_LNK_FL_ENABLED, 0U) << port.name;
     EXPECT_EQ(errors(), Lines{});
 }
 

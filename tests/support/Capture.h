@@ -19,6 +19,7 @@
 #include <functional>
 #include <iterator>
 #include <mutex>
+#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -29,12 +30,12 @@ namespace NSVista::NSCorvane::test {
 
 using Lines = std::vector<std::string>;
 
-/** Collects the unified log's lines of one tag up to a details level. */
+/** Collects the unified log's lines of one tag (null: all) up to a details level. */
 class LogCapture {
 public:
-    explicit LogCapture(const char* tag, uint32_t level = Utils::ULog::kInfo) : mTag(tag) {
+    explicit LogCapture(const char* tag, uint32_t level = Utils::ULog::kInfo)
+        : mTag(tag), mPreviousLevel(Logger::sDetailsLevel.exchange(level)) {
         Logger::install(&mRing);
-        mPreviousLevel = Logger::sDetailsLevel.exchange(level);
     }
     ~LogCapture() {
         Logger::sDetailsLevel = mPreviousLevel;
@@ -48,7 +49,7 @@ public:
     Lines take() {
         Lines lines;
         for (const auto& line : mRing.take())
-            if (line.tag == mTag)
+            if (mTag == nullptr || line.tag == mTag)
                 lines.push_back(std::string(1, " EWIKDV"[line.level]) + " " + line.text);
         return lines;
     }
@@ -64,9 +65,9 @@ public:
 
 private:
     using Logger = Utils::ULog::ULogger;
-    std::string mTag;
+    const char* const mTag;
     Utils::ULog::RingULogger mRing{10000};
-    uint32_t mPreviousLevel;
+    const uint32_t mPreviousLevel;
 };
 
 /** Collects exception reports and service terminations. */
@@ -130,22 +131,13 @@ inline Lines tracedBy(const std::function<void()>& body, unsigned area) {
     body();
     trace::stop();
     set_corvane_enabled_tracebits(~uint64_t{0});
-    const auto valueOf = [](const std::string& event, const std::string& key) {
-        const size_t begin = event.find("\"" + key + "\":\"");
-        if (begin == std::string::npos)
-            return std::string();
-        const size_t from = begin + key.size() + 4;
-        return event.substr(from, event.find('"', from) - from);
-    };
     std::set<std::string> names;
     std::ifstream file(path);
-    for (std::string event; std::getline(file, event);) {
-        const std::string phase = valueOf(event, "ph");
-        if (phase == "B")
-            names.insert(valueOf(event, "name"));
-        else if (phase == "b" || phase == "e" || phase == "C")
-            names.insert(phase + " " + valueOf(event, "name"));
-    }
+    const std::regex form("\"ph\":\"([BbeC])\".*\"name\":\"([^\"]*)\"");
+    std::smatch found;
+    for (std::string event; std::getline(file, event);)
+        if (std::regex_search(event, found, form))
+            names.insert((found[1] == "B" ? "" : found.str(1) + " ") + found.str(2));
     unlink(path.c_str());
     return {names.begin(), names.end()};
 }

@@ -26,41 +26,29 @@
 
 namespace NSVista::NSCorvane::test {
 
-/** An ioctl as a test's record names it; a code that is not in the list as its number. */
+/** An ioctl as a test's record names it; a code that is not known as its number. */
 inline std::string ioctlName(unsigned long request) {
-#define CORVANE_IOCTL(name) \
-    { name, #name }
-    static const std::map<unsigned long, const char*> kNames = {
-        CORVANE_IOCTL(VIDIOC_QUERYCAP),
-        CORVANE_IOCTL(VIDIOC_G_FMT),
-        CORVANE_IOCTL(VIDIOC_S_FMT),
-        CORVANE_IOCTL(VIDIOC_REQBUFS),
-        CORVANE_IOCTL(VIDIOC_QBUF),
-        CORVANE_IOCTL(VIDIOC_DQBUF),
-        CORVANE_IOCTL(VIDIOC_STREAMON),
-        CORVANE_IOCTL(VIDIOC_STREAMOFF),
-        CORVANE_IOCTL(MEDIA_IOC_DEVICE_INFO),
-        CORVANE_IOCTL(MEDIA_IOC_ENUM_ENTITIES),
-        CORVANE_IOCTL(MEDIA_IOC_ENUM_LINKS),
-        CORVANE_IOCTL(MEDIA_IOC_SETUP_LINK),
-        CORVANE_IOCTL(MEDIA_IOC_REQUEST_ALLOC),
-        CORVANE_IOCTL(MEDIA_REQUEST_IOC_QUEUE),
-        CORVANE_IOCTL(MEDIA_REQUEST_IOC_REINIT),
-        CORVANE_IOCTL(VIDIOC_SUBSCRIBE_EVENT),
-        CORVANE_IOCTL(VIDIOC_UNSUBSCRIBE_EVENT),
-        CORVANE_IOCTL(VIDIOC_DQEVENT),
-        CORVANE_IOCTL(VIDIOC_QUERY_EXT_CTRL),
-        CORVANE_IOCTL(VIDIOC_G_EXT_CTRLS),
-        CORVANE_IOCTL(VIDIOC_ENUM_FMT),
-        CORVANE_IOCTL(VIDIOC_ENUM_FRAMESIZES)};
-#undef CORVANE_IOCTL
-    const auto found = kNames.find(request);
-    if (found != kNames.end())
-        return found->second;
+    switch (request) {
+        case MEDIA_IOC_DEVICE_INFO:
+            return "MEDIA_IOC_DEVICE_INFO";
+        case MEDIA_IOC_ENUM_ENTITIES:
+            return "MEDIA_IOC_ENUM_ENTITIES";
+        case MEDIA_IOC_ENUM_LINKS:
+            return "MEDIA_IOC_ENUM_LINKS";
+        case MEDIA_IOC_SETUP_LINK:
+            return "MEDIA_IOC_SETUP_LINK";
+        case MEDIA_IOC_REQUEST_ALLOC:
+            return "MEDIA_IOC_REQUEST_ALLOC";
+        case MEDIA_REQUEST_IOC_QUEUE:
+            return "MEDIA_REQUEST_IOC_QUEUE";
+        case MEDIA_REQUEST_IOC_REINIT:
+            return "MEDIA_REQUEST_IOC_REINIT";
+    }
     for (const vengine_fault_word& each : vengine_fault_words)
         if (each.code == request) {
-            std::string name = std::string("KVXDIP_IOC_") + each.word;
-            std::transform(name.begin(), name.end(), name.begin(), toupper);
+            std::string name = _IOC_NR(request) < BASE_VIDIOC_PRIVATE ? "VIDIOC_" : "KVXDIP_IOC_";
+            for (const char* letter = each.word; *letter != '\0'; ++letter)
+                name += static_cast<char>(toupper(*letter));
             return name;
         }
     return std::to_string(request);
