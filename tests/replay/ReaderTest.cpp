@@ -7,6 +7,7 @@
 #include <linux/videodev2.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace NSVista::NSCorvane;
@@ -50,43 +51,37 @@ public:
         mFile.put(sizeof(record::FileHead), 4).put(0, 4).text("prog", 32).text("box", 16);
         mFile.text("6.1", 32);
     }
-    /** One half of a call. */
-    RecordMaker& event(record::EventKind kind, int64_t ns, int64_t handle, uint32_t code,
-                       int result, const std::vector<uint8_t>& argument) {
+    /** One half of a call to descriptor 6. */
+    RecordMaker& event(record::EventKind kind, uint64_t ns, uint32_t code, int result,
+                       const std::vector<uint8_t>& argument) {
         Writer block(mSwapped);
         if (!argument.empty()) {
             block.put(argument.size(), 4).put(record::kArgument, 4).append(argument);
             block.text("", (8 - argument.size() % 8) % 8);
         }
         block.text("", (16 - block.bytes.size() % 16) % 16);
-        mEvents.emplace_back(mSwapped);
-        mEvents.back().put(static_cast<uint64_t>(ns), 8).put(32 + block.bytes.size(), 4);
-        mEvents.back().put(static_cast<uint8_t>(kind), 1);
-        mEvents.back().put(static_cast<uint8_t>(record::Operation::Ioctl), 1);
-        mEvents.back().put(argument.empty() ? 0 : 1, 2).put(static_cast<uint64_t>(handle), 8);
-        mEvents.back().put(code, 4).put(static_cast<uint32_t>(result), 4).append(block.bytes);
+        mEvents.put(ns, 8).put(32 + block.bytes.size(), 4).put(static_cast<uint8_t>(kind), 1);
+        mEvents.put(static_cast<uint8_t>(record::Operation::Ioctl), 1);
+        mEvents.put(argument.empty() ? 0 : 1, 2).put(6, 8);
+        mEvents.put(code, 4).put(static_cast<uint32_t>(result), 4).append(block.bytes);
         return *this;
     }
     /** Closes a chunk of the events so far. */
     RecordMaker& chunk(uint64_t sequence) {
-        Writer events(mSwapped);
-        for (const Writer& one : mEvents)
-            events.append(one.bytes);
-        mEvents.clear();
+        const Writer events = std::exchange(mEvents, Writer(mSwapped));
         const auto head = [&](uint64_t check) {
             Writer made(mSwapped);
             made.put(record::kChunkMagic, 4).put(events.bytes.size(), 4).put(sequence, 8);
             made.put(check, 8).put(0, 8).put(1, 4).put(78, 4).text("worker", 16).put(0, 8);
-            return made;
+            return made.bytes;
         };
-        Writer whole = head(0);
-        whole.append(events.bytes);
         Machine machine;
         machine.swapped = mSwapped;
         record::Checksum check;
-        for (size_t at = 0; at < whole.bytes.size(); at += 8)
-            check.add(machine.read(whole.bytes, at, 8));
-        mFile.append(head(check.value()).bytes);
+        for (const auto& bytes : {head(0), events.bytes})
+            for (size_t at = 0; at < bytes.size(); at += 8)
+                check.add(machine.read(bytes, at, 8));
+        mFile.append(head(check.value()));
         mFile.append(events.bytes);
         return *this;
     }
@@ -95,12 +90,8 @@ public:
 private:
     bool mSwapped;
     Writer mFile;
-    std::vector<Writer> mEvents;
+    Writer mEvents{mSwapped};
 };
-
-constexpr uint32_t codeOf(unsigned number, size_t size) {
-    return _IOC(_IOC_READ | _IOC_WRITE, 'V', number, size);
-}
 
 constexpr auto kEnter = record::EventKind::Enter;
 constexpr auto kExit = record::EventKind::Exit;
@@ -145,9 +136,9 @@ TEST_P(ForeignRecord, IsReadByNameAndField) {
     buffer.put(4096, 4).put(0, 4).put(21, 4);
     align(machine.timeSize == 8 || machine.longSize == 8 ? machine.alignOf64 : 4);
     ASSERT_EQ(buffer.bytes.size(), machine.size);
-    const uint32_t code = codeOf(17, machine.size);
+    const uint32_t code = _IOC(_IOC_READ | _IOC_WRITE, 'V', 17, machine.size);
     RecordMaker maker(machine.swapped, machine.longSize, machine.alignOf64);
-    maker.event(kEnter, 2000, 6, code, 0, {}).event(kExit, 2500, 6, code, 0, buffer.bytes);
+    maker.event(kEnter, 2000, code, 0, {}).event(kExit, 2500, code, 0, buffer.bytes);
     const Record record = readRecord(maker.chunk(0).bytes());
     EXPECT_THAT(record.problems, IsEmpty());
     EXPECT_EQ(record.machine.isNative(), std::string(machine.what) == "this");
@@ -172,10 +163,10 @@ std::vector<uint8_t> threeCalls() {
     const uint32_t code = static_cast<uint32_t>(VIDIOC_STREAMON);
     const std::vector<uint8_t> type = {1, 0, 0, 0};
     for (uint64_t i = 0; i < 2; ++i)
-        maker.event(kEnter, 2000 + 100 * static_cast<int64_t>(i), 6, code, 0, type)
-            .event(kExit, 2050 + 100 * static_cast<int64_t>(i), 6, code, i == 0 ? 0 : -5, {})
+        maker.event(kEnter, 2000 + 100 * i, code, 0, type)
+            .event(kExit, 2050 + 100 * i, code, i == 0 ? 0 : -5, {})
             .chunk(i);
-    return maker.event(kEnter, 2300, 6, code, 0, type).chunk(2).bytes();
+    return maker.event(kEnter, 2300, code, 0, type).chunk(2).bytes();
 }
 
 TEST(Reader, ShowsWhatItCanOfADamagedRecord) {
@@ -203,8 +194,7 @@ TEST(Reader, ShowsWhatItCanOfADamagedRecord) {
                 ElementsAre(HasSubstr("no whole chunk"), HasSubstr("1 chunks are missing")));
 
     RecordMaker odd(false, 8, 8);
-    odd.event(kEnter, 1, 6, VIDIOC_STREAMON, 0, {})
-        .event(kExit, 2, 6, VIDIOC_STREAMON, INT_MIN, {});
+    odd.event(kEnter, 1, VIDIOC_STREAMON, 0, {}).event(kExit, 2, VIDIOC_STREAMON, INT_MIN, {});
     const Record beyond = readRecord(odd.chunk(0).bytes());
     EXPECT_THAT(beyond.problems, ElementsAre("a call returned what is no errno"));
     EXPECT_THAT(callText(beyond.calls.at(0), beyond.machine), HasSubstr("<unfinished ...>"));

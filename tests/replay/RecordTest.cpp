@@ -13,7 +13,6 @@
 #include <linux/videodev2.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,6 +23,7 @@
 #include <vector>
 
 #include "support/Allocations.h"
+#include "support/Process.h"
 
 using namespace NSVista::NSCorvane;
 using testing::ElementsAre;
@@ -149,8 +149,7 @@ TEST_F(RecordTest, HoldsThePayloadsOfControlsAndTakesNoValueForOne) {
 }
 
 TEST_F(RecordTest, HoldsACallThatNeverReturnsAndWhatAKilledProcessLeaves) {
-    const pid_t child = fork();
-    if (child == 0) {
+    const auto hangs = [this] {
         record::start(mPath.c_str());
         sim::VirtualEngine engine;
         const sim::ScopedKernel installed(engine);
@@ -163,12 +162,9 @@ TEST_F(RecordTest, HoldsACallThatNeverReturnsAndWhatAKilledProcessLeaves) {
             kill(getpid(), SIGKILL);
         }).detach();
         v4l2_capability capability{};
-        System::Ioctl(fd, static_cast<int>(VIDIOC_QUERYCAP), &capability, 0);
-        _exit(1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status));
+        return System::Ioctl(fd, static_cast<int>(VIDIOC_QUERYCAP), &capability, 0);
+    };
+    EXPECT_EQ(test::inForkedChild(hangs), -SIGKILL);
     EXPECT_THAT(textsOf(replay::loadRecord(mPath)),
                 ElementsAre(HasSubstr("/dev/video0"), testing::EndsWith("<unfinished ...>")));
 }
@@ -180,16 +176,13 @@ TEST_F(RecordTest, AForkedChildRecordsOnItsOwn) {
     std::ofstream(mPath) << std::string(100000, 'x');  // of which nothing is to stay
     ASSERT_EQ(record::start(mPath.c_str()), 0);
     record::flush();  // a thread on its way up holds a sanitizer's locks, for ever in the child
-    const pid_t child = fork();
-    if (child == 0) {
+    const auto child = [&childs] {
         const int result = record::start(childs.c_str());
         System::Open("/childs", O_RDONLY, 1);
         record::stop();
-        _exit(-result);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+        return result;
+    };
+    EXPECT_EQ(test::inForkedChild(child), 0);
     System::Open("/parents", O_RDONLY, 1);
     record::stop();
     EXPECT_THAT(textsOf(replay::loadRecord(childs)), ElementsAre(HasSubstr("/childs")));
