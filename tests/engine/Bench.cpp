@@ -136,8 +136,19 @@ short pollFor(int fd, short events, int milliseconds) {
 
 Fd newRequest(int media) {
     int fd = -1;
-    call(media, MEDIA_IOC_REQUEST_ALLOC, &fd);
+    EXPECT_EQ(call(media, MEDIA_IOC_REQUEST_ALLOC, &fd), 0);
     return Fd(fd);
+}
+
+int setControl(int sub, int32_t value) {
+    kvxdip_control control = {VENGINE_CTRL_BRIGHTNESS, value};
+    return call(sub, KVXDIP_IOC_SET_CONTROL, &control);
+}
+
+int subscribe(int sub, unsigned long code, uint32_t type) {
+    v4l2_event_subscription subscription = {};
+    subscription.type = type;
+    return call(sub, code, &subscription);
 }
 
 uint32_t entityId(int media, const std::string& name) {
@@ -247,6 +258,27 @@ vengine_picture Port::picture(unsigned buffer) {
     return vengine_map(&layout, first);
 }
 
+bool Port::shows(unsigned buffer, const vengine_source& source, uint32_t run, uint8_t held) {
+    std::vector<uint8_t> wanted[3];
+    uint8_t* first[3] = {};
+    for (unsigned n = 0; n < layout.num_planes; ++n) {
+        wanted[n].assign(bytes(n), held);
+        first[n] = wanted[n].data() + offset(n);
+    }
+    vengine_picture drawn = vengine_map(&layout, first);
+    if (desc.role == VENGINE_ROLE_STATS) {
+        const vengine_stats stats = {
+            VENGINE_STATS_MAGIC, source.frame, 0x1ff, run, vengine_checksum(source.input), {}};
+        memcpy(first[0], &stats, sizeof(stats));
+    } else {
+        vengine_capture(&source, desc.role, &drawn);
+    }
+    bool same = true;
+    for (unsigned n = 0; n < layout.num_planes; ++n)
+        same &= memcmp(data(buffer, n), wanted[n].data(), wanted[n].size()) == 0;
+    return same;
+}
+
 EngineTest::~EngineTest() {
     EXPECT_EQ(bench.faults(), "");
     bench.fault("clear");
@@ -289,6 +321,13 @@ Fd EngineTest::submitNew(const std::vector<Port*>& with, unsigned buffer) {
     Fd request = newRequest(media);
     EXPECT_EQ(submit(request, with, buffer), 0);
     return request;
+}
+
+std::vector<Fd> EngineTest::submitAll(const std::vector<Port*>& with, unsigned buffers) {
+    std::vector<Fd> requests;
+    for (unsigned n = 0; n < buffers; ++n)
+        requests.push_back(submitNew(with, n));
+    return requests;
 }
 
 int EngineTest::cycle(Port& port, unsigned buffer) {

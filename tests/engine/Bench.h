@@ -93,6 +93,9 @@ private:
 };
 
 Fd newRequest(int media);
+int setControl(int sub, int32_t value);
+int subscribe(int sub, unsigned long code = VIDIOC_SUBSCRIBE_EVENT,
+              uint32_t type = V4L2_EVENT_FRAME_SYNC);
 uint32_t entityId(int media, const std::string& name);
 /** Sets the link of a port. */
 int setLink(int media, unsigned port, uint32_t flags);
@@ -132,6 +135,11 @@ public:
     /** A whole dma-buf; the pages stay mapped, and nothing here has caches to be told of. */
     uint8_t* data(unsigned buffer, unsigned plane);
     vengine_picture picture(unsigned buffer);
+    /**
+     * Whether whole dma-bufs hold what a run makes of a source, and before, behind and between it
+     * what they held.
+     */
+    bool shows(unsigned buffer, const vengine_source& source, uint32_t run = 0, uint8_t held = 0);
 
     const vengine_port& desc;
     const std::string name;
@@ -156,6 +164,8 @@ protected:
     static int submit(int request, const std::vector<Port*>& with, unsigned buffer);
     /** A request of its own that was submitted, or an invalid one. */
     Fd submitNew(const std::vector<Port*>& with, unsigned buffer);
+    /** One for each of the first buffers. */
+    std::vector<Fd> submitAll(const std::vector<Port*>& with, unsigned buffers);
     /** One whole cycle of a request; the buffer's memory is as the engine left it. */
     int cycle(Port& port, unsigned buffer = 0);
 

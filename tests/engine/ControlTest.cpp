@@ -43,21 +43,13 @@ int get(const Port& port, int request = -1) {
 
 /** Whether a buffer shows the test picture with this much added to its luma. */
 bool shows(Port& port, unsigned buffer, int32_t brightness) {
-    vengine_picture picture = port.picture(buffer);
-    std::vector<uint8_t> bytes[3];
-    uint8_t* planes[3] = {};
-    for (unsigned n = 0; n < port.layout.num_planes; ++n) {
-        bytes[n].resize(port.layout.sizeimage[n]);
-        planes[n] = bytes[n].data();
-    }
-    vengine_picture wanted = vengine_map(&port.layout, planes);
-    const vengine_source source = {nullptr, nullptr, vengine_frame_number(&picture, port.desc.role),
-                                   brightness};
-    vengine_capture(&source, port.desc.role, &wanted);
-    return vengine_checksum(&picture) == vengine_checksum(&wanted);
+    const vengine_picture picture = port.picture(buffer);
+    const uint32_t frame = vengine_frame_number(&picture, port.desc.role);
+    return port.shows(buffer, {nullptr, nullptr, frame, brightness});
 }
 
 using ControlTest = EngineTest;
+using ControlInProcess = ProcessTest;
 
 TEST_F(ControlTest, IsDescribedAndSetAsTheKernelDoes) {
     Port& port = start(kGrey);
@@ -159,6 +151,14 @@ TEST_F(ControlTest, OfARequestTakesEffectInItsFrame) {
     ASSERT_TRUE(done(empty)) << "cancelled";
     EXPECT_EQ(get(main), 0) << "never processed";
     EXPECT_EQ(get(main, empty), 33);
+}
+
+TEST_F(ControlInProcess, OfAnotherDevicesRequestIsRefused) {
+    const sim::Device& other = *bench.engine().addDevice(sim::describeVirtualEngine());
+    const Fd node(bench.kernel().open(other.nodePath("vengine-grey").c_str(), O_RDWR));
+    const Fd request = newRequest(media);
+    List list(1, request);
+    EXPECT_EQ(call(node, VIDIOC_S_EXT_CTRLS, &list.list), -EINVAL);
 }
 
 }  // namespace

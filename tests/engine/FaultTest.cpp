@@ -121,14 +121,13 @@ TEST_F(FaultTest, HungCallsGoOnWhenReleased) {
         std::async(std::launch::async, [&] { return call(request, MEDIA_REQUEST_IOC_QUEUE); });
     EXPECT_EQ(queued.wait_for(30ms), std::future_status::timeout) << "waits for the stream-on";
     EXPECT_EQ(memory.wait_for(0ms), std::future_status::timeout);
-    kvxdip_control control = {VENGINE_CTRL_USER, 3};
-    EXPECT_EQ(call(sub, KVXDIP_IOC_SET_CONTROL, &control), 0) << "others are served";
+    EXPECT_EQ(setControl(sub, 0), 0) << "others are served";
     ASSERT_TRUE(bench.fault("clear"));
     EXPECT_EQ(memory.get(), 0);
     EXPECT_EQ(stream.get(), 0);
     EXPECT_EQ(queued.get(), 0);
     EXPECT_TRUE(done(request));
-    EXPECT_EQ(bench.takeRecord(), "aloc_buf 0000\nset_control 0200000003000000\n");
+    EXPECT_EQ(bench.takeRecord(), "aloc_buf 0000\nset_control 0100000000000000\n");
 }
 
 TEST_F(FaultInProcess, StrikesAnyCallOfTheKernel) {

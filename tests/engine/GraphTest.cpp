@@ -36,22 +36,19 @@ TEST_F(GraphTest, TellsWhatTheNodesAre) {
 TEST_F(GraphTest, FormatsAreAdjustedAndPersist) {
     const struct {
         unsigned port;
-        uint32_t fourcc;
-        uint32_t width, height;  ///< asked for
-        vengine_layout wanted;
+        uint32_t width, height, fourcc;  // asked for, and got
+        uint32_t gotWidth, gotHeight, gotFourcc;
     } asks[] = {
-        {kMain, vengine_mplane_formats[1], 1, 1,
-         vengine_layout_of(vengine_mplane_formats[1], VENGINE_MIN_WIDTH, VENGINE_MIN_HEIGHT)},
-        {kMain, 1, 67, 5000,
-         vengine_layout_of(vengine_ports[kMain].format, 66, VENGINE_MAX_HEIGHT)},
-        {kGrey, vengine_splane_formats[1], 1, 1,
-         vengine_layout_of(vengine_splane_formats[1], VENGINE_MIN_WIDTH, VENGINE_MIN_HEIGHT)},
-        {kGrey, 1, 67, 5000,
-         vengine_layout_of(vengine_ports[kGrey].format, 66, VENGINE_MAX_HEIGHT)},
+        {kMain, 1, 1, vengine_mplane_formats[1], VENGINE_MIN_WIDTH, VENGINE_MIN_HEIGHT,
+         vengine_mplane_formats[1]},
+        {kMain, 67, 5000, 1, 66, VENGINE_MAX_HEIGHT, vengine_ports[kMain].format},
+        {kGrey, 1, 1, vengine_splane_formats[1], VENGINE_MIN_WIDTH, VENGINE_MIN_HEIGHT,
+         vengine_splane_formats[1]},
+        {kGrey, 67, 5000, 1, 66, VENGINE_MAX_HEIGHT, vengine_ports[kGrey].format},
     };
     for (const auto& ask : asks) {
         const vengine_port& port = vengine_ports[ask.port];
-        const vengine_layout& wanted = ask.wanted;
+        const vengine_layout wanted = vengine_layout_of(ask.gotFourcc, ask.gotWidth, ask.gotHeight);
         v4l2_format format = {};
         format.type = port.buf_type;
         format.fmt.pix.width = ask.width;  // the first fields of both records are the same
@@ -173,6 +170,9 @@ TEST_F(GraphInProcess, ShowsNodesInDirectoriesAndSysfs) {
     EXPECT_EQ(kernel.stat(bench.path("vengine-flip").c_str(), &info), 0);
     EXPECT_TRUE(S_ISCHR(info.st_mode));
     EXPECT_EQ(info.st_rdev, makedev(entity.dev.major, entity.dev.minor));
+    struct stat other;
+    EXPECT_EQ(kernel.stat("/dev/media0", &info) + kernel.stat("/dev/media", &other), 0);
+    EXPECT_NE(info.st_rdev, other.st_rdev);
     for (const char* missing : {"/dev/media7", "/dev/video99", "/dev/v4l-subdev9"}) {
         EXPECT_EQ(kernel.open(missing, O_RDWR), -ENOENT);
         EXPECT_EQ(kernel.stat(missing, &info), -ENOENT);

@@ -38,26 +38,6 @@ void fill(std::deque<Port>& ports, unsigned buffer, uint32_t run) {
     }
 }
 
-/** Compares whole dma-bufs: the picture, its padding, and what lies before and behind it. */
-void checkPicture(Port& port, unsigned buffer, const vengine_source& source, uint32_t run) {
-    std::vector<uint8_t> wanted[3];
-    uint8_t* planes[3] = {};
-    for (unsigned n = 0; n < port.layout.num_planes; ++n) {
-        wanted[n].assign(port.bytes(n), kUntouched);
-        planes[n] = wanted[n].data() + port.offset(n);
-    }
-    vengine_picture picture = vengine_map(&port.layout, planes);
-    const vengine_stats stats = {
-        VENGINE_STATS_MAGIC, source.frame, 0x1ff, run, vengine_checksum(source.input), {}};
-    if (port.desc.role == VENGINE_ROLE_STATS)
-        memcpy(planes[0], &stats, sizeof(stats));
-    else
-        vengine_capture(&source, port.desc.role, &picture);
-    for (unsigned n = 0; n < port.layout.num_planes; ++n)
-        EXPECT_EQ(memcmp(port.data(buffer, n), wanted[n].data(), wanted[n].size()), 0)
-            << port.name << " plane " << n << " frame " << source.frame;
-}
-
 /** What the engine wrote into the record of the buffer just dequeued. */
 void checkRecord(const Port& port, int request, uint32_t run) {
     timespec now;
@@ -76,8 +56,7 @@ TEST_F(StreamTest, ShowsPicturesOnAllPortsAtTheirOffsets) {
     const char* runs = getenv("CORVANE_TEST_RUNS");
     const uint32_t count = runs ? static_cast<uint32_t>(atoi(runs)) : 24;
     const Fd sub(VENGINE_SUBDEV_ENTITY);
-    kvxdip_control control = {VENGINE_CTRL_BRIGHTNESS, kControl};
-    ASSERT_EQ(call(sub, KVXDIP_IOC_SET_CONTROL, &control), 0);
+    ASSERT_EQ(setControl(sub, kControl), 0);
     std::vector<Port*> all;
     for (unsigned n = 0; n < VENGINE_PORTS; ++n)
         all.push_back(&add(n, kDepth));
@@ -103,8 +82,10 @@ TEST_F(StreamTest, ShowsPicturesOnAllPortsAtTheirOffsets) {
             vengine_picture mask = ports[kMask].picture(buffer);
             const int brightness = static_cast<int>(run % 31) + kControl;
             for (Port* port : all)
-                if (!port->output())
-                    checkPicture(*port, buffer, {&input, &mask, frame, brightness}, run);
+                ASSERT_TRUE(
+                    port->output() ||
+                    port->shows(buffer, {&input, &mask, frame, brightness}, run, kUntouched))
+                    << port->name << " frame " << frame;
             ASSERT_FALSE(HasFailure());
             ASSERT_EQ(call(requests[buffer], MEDIA_REQUEST_IOC_REINIT), 0);
         }
@@ -113,8 +94,7 @@ TEST_F(StreamTest, ShowsPicturesOnAllPortsAtTheirOffsets) {
             ASSERT_EQ(submit(requests[buffer], all, buffer), 0);
         }
     }
-    control.value = 0;
-    ASSERT_EQ(call(sub, KVXDIP_IOC_SET_CONTROL, &control), 0);
+    ASSERT_EQ(setControl(sub, 0), 0);
 }
 
 TEST_F(StreamTest, CompletesInTheOrderAskedFor) {
@@ -123,10 +103,7 @@ TEST_F(StreamTest, CompletesInTheOrderAskedFor) {
     auto run = [&](int order, unsigned delayUs) {
         bench.setOrder(order, delayUs);
         const auto begin = Clock::now();
-        std::vector<Fd> requests;
-        for (unsigned n = 0; n < kBuffers; ++n)
-            requests.push_back(submitNew({&port}, n));
-        for (const Fd& request : requests)
+        for (const Fd& request : submitAll({&port}, kBuffers))
             EXPECT_TRUE(done(request));
         EXPECT_GE(Clock::now() - begin, std::chrono::microseconds(delayUs));
         std::string ended;
@@ -200,9 +177,7 @@ TEST_F(StreamTest, WaitsForEveryNodeAndLetsGoOfThoseThatStop) {
     for (unsigned round = 0; round < 20; ++round) {
         for (Port* port : all)
             ASSERT_EQ(port->stream(true), 0);
-        std::vector<Fd> requests;
-        for (unsigned n = 0; n < 4; ++n)
-            requests.push_back(submitNew(all, n));
+        std::vector<Fd> requests = submitAll(all, 4);
         requests.resize(round % 4);
         for (Port* port : all)
             ASSERT_EQ(port->stream(false), 0) << "whatever is in flight, and whoever holds it";
@@ -397,9 +372,7 @@ TEST_F(StreamTest, DescriptorsCloseInAnyOrder) {
         Fd device(""), sub(VENGINE_SUBDEV_ENTITY);
         for (Port* port : {&main, &tuning})
             ASSERT_EQ(port->prepare() + port->stream(true), 1);
-        v4l2_event_subscription frameSync = {};
-        frameSync.type = V4L2_EVENT_FRAME_SYNC;
-        ASSERT_EQ(call(sub, VIDIOC_SUBSCRIBE_EVENT, &frameSync), 0);
+        ASSERT_EQ(subscribe(sub), 0);
         int32_t number = -1;
         kvxdip_fence list = {1, reinterpret_cast<uintptr_t>(&number)};
         ASSERT_EQ(call(sub, KVXDIP_IOC_ADD_FENCE, &list), 0);
@@ -421,9 +394,7 @@ TEST_F(StreamTest, SurvivesManyThreadsThatStartAndStop) {
         threads.emplace_back([&port, this] {
             for (unsigned round = 0; round < kRounds; ++round) {
                 ASSERT_EQ(port.requestBuffers(kBuffers) - port.stream(true), int{kBuffers});
-                std::vector<Fd> requests;
-                for (unsigned n = 0; n < kBuffers; ++n)
-                    requests.push_back(submitNew({&port}, n));
+                const std::vector<Fd> requests = submitAll({&port}, kBuffers);
                 ASSERT_TRUE(done(requests[0]));
                 ASSERT_EQ(port.stream(false), 0);
                 for (const Fd& request : requests)

@@ -34,18 +34,18 @@ protected:
     }
     int add(const std::vector<int>& fds) { return kva(sub, KVXDIP_IOC_ADD_KVA, fds, fds.size()); }
     int del(const std::vector<int>& fds) { return kva(sub, KVXDIP_IOC_DEL_KVA, fds, fds.size()); }
-    static int iova(int fd, unsigned long code, int buffer, uint8_t coherence, uint32_t count = 1) {
+    int iova(unsigned long code, int buffer, uint8_t coherence, uint32_t count = 1) {
         kvxdip_iova record = {};
         record.fd = buffer;
         record.coherence = coherence;
         record.count = count;
-        return call(fd, code, &record);
+        return call(sub, code, &record);
     }
     int map(int buffer, uint8_t coherence, uint32_t count = 1) {
-        return iova(sub, KVXDIP_IOC_ACQUIRE_IOVA, buffer, coherence, count);
+        return iova(KVXDIP_IOC_ACQUIRE_IOVA, buffer, coherence, count);
     }
     int unmap(int buffer, uint8_t coherence) {
-        return iova(sub, KVXDIP_IOC_RELEASE_IOVA, buffer, coherence);
+        return iova(KVXDIP_IOC_RELEASE_IOVA, buffer, coherence);
     }
     int memory(unsigned long code, uint8_t smvr, uint8_t capture) {
         kvxdip_memory record = {smvr, capture};
@@ -208,9 +208,7 @@ TEST_F(SubDeviceNodeTest, FencesBecomeReadableWithTheNextRequest) {
 TEST_F(SubDeviceNodeTest, WakesWhoWaitsForAnEvent) {
     Port& port = start(kMain);
     const Fd blocking(VENGINE_SUBDEV_ENTITY, O_RDWR);
-    v4l2_event_subscription subscription = {};
-    subscription.type = V4L2_EVENT_FRAME_SYNC;
-    EXPECT_EQ(call(blocking, VIDIOC_SUBSCRIBE_EVENT, &subscription), 0);
+    EXPECT_EQ(subscribe(blocking), 0);
     auto waiter = std::async(std::launch::async, [&blocking] {
         v4l2_event event = {};
         return call(blocking, VIDIOC_DQEVENT, &event);
@@ -224,11 +222,9 @@ TEST_F(SubDeviceNodeTest, KeepsTheNewestFrameEventsOfASubscription) {
     constexpr unsigned kMore = 5;
     Port& port = start(kMain);
     const Fd unsubscribed(VENGINE_SUBDEV_ENTITY);
-    v4l2_event_subscription subscription = {};
     v4l2_event event = {};
-    EXPECT_EQ(call(sub, VIDIOC_SUBSCRIBE_EVENT, &subscription), -EINVAL);
-    subscription.type = V4L2_EVENT_FRAME_SYNC;
-    EXPECT_EQ(call(sub, VIDIOC_SUBSCRIBE_EVENT, &subscription), 0);
+    EXPECT_EQ(subscribe(sub, VIDIOC_SUBSCRIBE_EVENT, 0), -EINVAL);
+    EXPECT_EQ(subscribe(sub), 0);
     EXPECT_NE(bench.held().find("events 1\n"), std::string::npos);
     EXPECT_EQ(call(sub, VIDIOC_DQEVENT, &event), -ENOENT);
     for (unsigned run = 0; run < VENGINE_EVENTS + kMore; ++run)
@@ -253,11 +249,9 @@ TEST_F(SubDeviceNodeTest, KeepsTheNewestFrameEventsOfASubscription) {
 
     ASSERT_EQ(cycle(port), 0);
     EXPECT_EQ(pollFor(sub, POLLPRI, 0), POLLPRI);
-    v4l2_event_subscription nothing = {};
-    nothing.type = V4L2_EVENT_CTRL;
-    EXPECT_EQ(call(sub, VIDIOC_UNSUBSCRIBE_EVENT, &nothing), 0) << "not subscribed, no error";
+    EXPECT_EQ(subscribe(sub, VIDIOC_UNSUBSCRIBE_EVENT, V4L2_EVENT_CTRL), 0) << "not subscribed";
     EXPECT_EQ(pollFor(sub, POLLPRI, 0), POLLPRI);
-    EXPECT_EQ(call(sub, VIDIOC_UNSUBSCRIBE_EVENT, &subscription), 0);
+    EXPECT_EQ(subscribe(sub, VIDIOC_UNSUBSCRIBE_EVENT), 0);
     EXPECT_EQ(pollFor(sub, POLLPRI, 0), 0) << "takes the events along";
     ASSERT_EQ(cycle(port), 0);
     EXPECT_EQ(call(sub, VIDIOC_DQEVENT, &event), -ENOENT);

@@ -45,6 +45,7 @@ static struct page {
 	uint8_t record[4096];
 	uint8_t pointee[4096];
 } *page;
+static const struct vengine_port *port;	/* of the node that is called */
 static int fail_nth = -1;
 
 /* Shared by all processes. */
@@ -124,44 +125,60 @@ static uint32_t odd_word(void)
 	       chance(50) ? below(64) : (uint32_t)random() << 1 ^ (uint32_t)random();
 }
 
-static void fill_format(void *record, unsigned int port)
+/* Likely words of a record. */
+enum word { ZERO, TYPE, FORMAT, MEMORY, COUNT, SMALL, BYTES, EXPORT_FLAGS, BRIGHTNESS, VALUE, EVENT,
+	    CONTROL_EVENT, ENTITY, FENCE_FD };
+
+static uint32_t likely_word(enum word word)
+{
+	const uint32_t words[] = {
+		[TYPE] = port->buf_type,
+		[FORMAT] = vengine_ports[below(VENGINE_PORTS)].format,
+		[MEMORY] = chance(50) ? V4L2_MEMORY_MMAP : V4L2_MEMORY_DMABUF,
+		[COUNT] = chance(80) ? 4 : below(40),
+		[SMALL] = below(4),
+		[BYTES] = below(2) | below(2) << 8,
+		[EXPORT_FLAGS] = O_RDWR | O_CLOEXEC,
+		[BRIGHTNESS] = V4L2_CID_BRIGHTNESS,
+		[VALUE] = below(140) - 70,
+		[EVENT] = chance(80) ? V4L2_EVENT_FRAME_SYNC : V4L2_EVENT_ALL,
+		[CONTROL_EVENT] = V4L2_EVENT_CTRL,
+		[ENTITY] = below(16) | (chance(50) ? MEDIA_ENT_ID_FLAG_NEXT : 0),
+		[FENCE_FD] = (uint32_t)pick_fd(FENCE),
+	};
+
+	return words[word];
+}
+
+static void fill_format(void *record)
 {
 	struct v4l2_format *f = record;
 
-	f->type = vengine_ports[port].buf_type;
+	f->type = port->buf_type;
 	f->fmt.pix.width = chance(95) ? 64 + below(64) : below(5000);
 	f->fmt.pix.height = chance(95) ? 16 + below(64) : below(5000);
-	f->fmt.pix.pixelformat = vengine_ports[below(VENGINE_PORTS)].format;
+	f->fmt.pix.pixelformat = likely_word(FORMAT);
 }
 
-static void fill_reqbufs(void *record, unsigned int port)
-{
-	struct v4l2_requestbuffers *r = record;
-
-	r->type = vengine_ports[port].buf_type;
-	r->memory = chance(50) ? V4L2_MEMORY_MMAP : V4L2_MEMORY_DMABUF;
-	r->count = chance(80) ? 4 : below(40);
-}
-
-static void fill_create(void *record, unsigned int port)
+static void fill_create(void *record)
 {
 	struct v4l2_create_buffers *c = record;
 
 	c->count = below(4);
 	c->memory = chance(80) ? V4L2_MEMORY_MMAP : V4L2_MEMORY_DMABUF;
-	fill_format(&c->format, port);
+	fill_format(&c->format);
 	c->format.fmt.pix.sizeimage = 1 << below(20);
 }
 
-static void fill_buffer(void *record, unsigned int port)
+static void fill_buffer(void *record)
 {
 	struct v4l2_plane *planes = (struct v4l2_plane *)page->pointee;
-	int dmabuf = chance(40), mplane = V4L2_TYPE_IS_MULTIPLANAR(vengine_ports[port].buf_type);
+	int dmabuf = chance(40), mplane = V4L2_TYPE_IS_MULTIPLANAR(port->buf_type);
 	struct v4l2_buffer *b = record;
 	unsigned int n;
 
 	b->index = below(chance(90) ? 4 : 40);
-	b->type = vengine_ports[port].buf_type;
+	b->type = port->buf_type;
 	b->memory = dmabuf ? V4L2_MEMORY_DMABUF : V4L2_MEMORY_MMAP;
 	b->bytesused = b->length = 1 << 16;
 	if (chance(70)) {
@@ -183,215 +200,126 @@ static void fill_buffer(void *record, unsigned int port)
 	}
 }
 
-static void fill_type(void *record, unsigned int port)
-{
-	*(uint32_t *)record = vengine_ports[port].buf_type;
-}
-
-static void fill_enumeration(void *record, unsigned int port)
-{
-	uint32_t *words = record;
-
-	words[0] = below(4);
-	words[1] = chance(50) ? vengine_ports[port].buf_type : vengine_ports[port].format;
-}
-
-static void fill_export(void *record, unsigned int port)
-{
-	struct v4l2_exportbuffer *e = record;
-
-	e->type = vengine_ports[port].buf_type;
-	e->index = below(4);
-	e->plane = below(2);
-	e->flags = O_RDWR | O_CLOEXEC;
-}
-
-static void fill_control(void *record, unsigned int port)
-{
-	struct v4l2_control *c = record;
-
-	(void)port;
-	c->id = V4L2_CID_BRIGHTNESS;
-	c->value = (int)below(140) - 70;
-}
-
-static void fill_controls(void *record, unsigned int port)
+static void fill_controls(void *record)
 {
 	struct v4l2_ext_control *control = (struct v4l2_ext_control *)page->pointee;
 	struct v4l2_ext_controls *c = record;
 
-	(void)port;
 	memset(control, 0, sizeof(*control));
 	control->id = V4L2_CID_BRIGHTNESS;
-	control->value = (int)below(140) - 70;
+	control->value = (int)likely_word(VALUE);
 	c->which = chance(70) ? V4L2_CTRL_WHICH_REQUEST_VAL : V4L2_CTRL_WHICH_CUR_VAL;
 	c->count = below(3);
 	c->request_fd = pick_fd(REQUEST);
 	c->controls = control;
 }
 
-static void fill_event(void *record, unsigned int port)
-{
-	struct v4l2_event_subscription *s = record;
-
-	(void)port;
-	s->type = chance(80) ? V4L2_EVENT_FRAME_SYNC : chance(50) ? V4L2_EVENT_CTRL : V4L2_EVENT_ALL;
-	s->id = s->type == V4L2_EVENT_CTRL ? V4L2_CID_BRIGHTNESS : 0;
-}
-
-static void fill_entity(void *record, unsigned int port)
-{
-	struct media_entity_desc *e = record;
-
-	(void)port;
-	e->id = below(16) | (chance(50) ? MEDIA_ENT_ID_FLAG_NEXT : 0);
-}
-
-static void fill_link(void *record, unsigned int port)
+static void fill_link(void *record)
 {
 	struct media_links_enum list = { .entity = 1 + below(12),
 					 .links = (void *)page->pointee };
 
 	/* Of a node: its one link. */
-	(void)port;
 	if (ioctl(pick_fd(MEDIA), MEDIA_IOC_ENUM_LINKS, &list) == 0)
 		memcpy(record, page->pointee, sizeof(struct media_link_desc));
 	((struct media_link_desc *)record)->flags = chance(80) ? MEDIA_LNK_FL_ENABLED : below(8);
 }
 
-static void fill_links(void *record, unsigned int port)
-{
-	struct media_links_enum *list = record;
-
-	(void)port;
-	list->entity = below(16);
-	list->pads = (void *)page->pointee;
-	list->links = (void *)(page->pointee + 2048);
-}
-
-static void fill_topology(void *record, unsigned int port)
-{
-	struct media_v2_topology *t = record;
-
-	(void)port;
-	t->num_entities = t->num_interfaces = t->num_pads = t->num_links = below(30);
-	t->ptr_entities = t->ptr_interfaces = t->ptr_pads = t->ptr_links = (uintptr_t)page->pointee;
-}
-
-static void fill_kva(void *record, unsigned int port)
+static void fill_kva(void *record)
 {
 	struct kvxdip_kva *kva = record;
 	unsigned int n;
 
-	(void)port;
 	kva->count = below(4);
 	for (n = 0; n < 4; n++)
 		kva->fd[n] = pick_fd(DMABUF);
 }
 
-static void fill_iova(void *record, unsigned int port)
+static void fill_iova(void *record)
 {
 	struct kvxdip_iova *iova = record;
 
-	(void)port;
 	iova->fd = pick_fd(DMABUF);
 	iova->count = 1;
 	iova->coherence = below(2);
 }
 
-static void fill_fences(void *record, unsigned int port)
+static void fill_fences(void *record)
 {
 	struct kvxdip_fence *list = record;
 	int32_t *list_fds = (int32_t *)page->pointee;
 
-	(void)port;
 	list->count = below(4);
 	list->fds = (uintptr_t)list_fds;
 	list_fds[0] = list_fds[1] = pick_fd(FENCE);
 }
 
-static void fill_small(void *record, unsigned int port)
-{
-	(void)port;
-	((uint8_t *)record)[0] = below(2);
-	((uint8_t *)record)[1] = below(2);
-}
-
-static void fill_merge(void *record, unsigned int port)
+static void fill_merge(void *record)
 {
 	struct sync_merge_data *merge = record;
 
-	(void)port;
 	merge->fd2 = pick_fd(FENCE);
-}
-
-static void fill_sync(void *record, unsigned int port)
-{
-	struct dma_buf_import_sync_file *sync = record;
-
-	(void)port;
-	sync->flags = 1 + below(3);
-	sync->fd = pick_fd(FENCE);
 }
 
 static const struct known {
 	enum kind kind;
-	unsigned long code;
-	void (*fill)(void *record, unsigned int port);
 	unsigned int weight;
+	unsigned long code;
+	enum word words[4];
+	void (*fill)(void *record);	/* what is no row of words */
 } known[] = {
-	{ VIDEO, VIDIOC_QUERYCAP, fill_small, 1 },
-	{ VIDEO, VIDIOC_ENUM_FMT, fill_enumeration, 1 },
-	{ VIDEO, VIDIOC_ENUM_FRAMESIZES, fill_enumeration, 1 },
-	{ VIDEO, VIDIOC_G_FMT, fill_type, 1 },
-	{ VIDEO, VIDIOC_S_FMT, fill_format, 2 },
-	{ VIDEO, VIDIOC_TRY_FMT, fill_format, 1 },
-	{ VIDEO, VIDIOC_REQBUFS, fill_reqbufs, 6 },
-	{ VIDEO, VIDIOC_CREATE_BUFS, fill_create, 4 },
-	{ VIDEO, VIDIOC_QUERYBUF, fill_buffer, 1 },
-	{ VIDEO, VIDIOC_EXPBUF, fill_export, 8 },
-	{ VIDEO, VIDIOC_PREPARE_BUF, fill_buffer, 2 },
-	{ VIDEO, VIDIOC_QBUF, fill_buffer, 40 },
-	{ VIDEO, VIDIOC_DQBUF, fill_buffer, 20 },
-	{ VIDEO, VIDIOC_STREAMON, fill_type, 15 },
-	{ VIDEO, VIDIOC_STREAMOFF, fill_type, 4 },
-	{ VIDEO, VIDIOC_QUERYCTRL, fill_control, 1 },
-	{ VIDEO, VIDIOC_G_CTRL, fill_control, 1 },
-	{ VIDEO, VIDIOC_S_CTRL, fill_control, 2 },
-	{ VIDEO, VIDIOC_G_EXT_CTRLS, fill_controls, 3 },
-	{ VIDEO, VIDIOC_S_EXT_CTRLS, fill_controls, 6 },
-	{ VIDEO, VIDIOC_SUBSCRIBE_EVENT, fill_event, 1 },
-	{ VIDEO, VIDIOC_UNSUBSCRIBE_EVENT, fill_event, 1 },
-	{ VIDEO, VIDIOC_DQEVENT, fill_small, 1 },
-	{ VIDEO, VIDIOC_G_PRIORITY, fill_small, 1 },
-	{ MEDIA, MEDIA_IOC_DEVICE_INFO, fill_small, 1 },
-	{ MEDIA, MEDIA_IOC_ENUM_ENTITIES, fill_entity, 1 },
-	{ MEDIA, MEDIA_IOC_ENUM_LINKS, fill_links, 1 },
-	{ MEDIA, MEDIA_IOC_SETUP_LINK, fill_link, 10 },
-	{ MEDIA, MEDIA_IOC_G_TOPOLOGY, fill_topology, 1 },
-	{ MEDIA, MEDIA_IOC_REQUEST_ALLOC, fill_small, 10 },
-	{ REQUEST, MEDIA_REQUEST_IOC_QUEUE, fill_small, 30 },
-	{ REQUEST, MEDIA_REQUEST_IOC_REINIT, fill_small, 15 },
-	{ SUBDEV, VIDIOC_SUBSCRIBE_EVENT, fill_event, 3 },
-	{ SUBDEV, VIDIOC_UNSUBSCRIBE_EVENT, fill_event, 1 },
-	{ SUBDEV, VIDIOC_DQEVENT, fill_small, 4 },
-	{ SUBDEV, KVXDIP_IOC_ADD_KVA, fill_kva, 4 },
-	{ SUBDEV, KVXDIP_IOC_DEL_KVA, fill_kva, 4 },
-	{ SUBDEV, KVXDIP_IOC_ACQUIRE_IOVA, fill_iova, 4 },
-	{ SUBDEV, KVXDIP_IOC_RELEASE_IOVA, fill_iova, 4 },
-	{ SUBDEV, KVXDIP_IOC_S_INIT_INFO, fill_small, 1 },
-	{ SUBDEV, KVXDIP_IOC_SET_CONTROL, fill_small, 2 },
-	{ SUBDEV, KVXDIP_IOC_GET_CONTROL, fill_small, 1 },
-	{ SUBDEV, KVXDIP_IOC_ADD_FENCE, fill_fences, 8 },
-	{ SUBDEV, KVXDIP_IOC_DEL_FENCE, fill_fences, 4 },
-	{ SUBDEV, KVXDIP_IOC_ALOC_BUF, fill_small, 3 },
-	{ SUBDEV, KVXDIP_IOC_FREE_BUF, fill_small, 3 },
-	{ SUBDEV, KVXDIP_IOC_CLEAR_USER_RESOURCE, fill_small, 1 },
-	{ DMABUF, DMA_BUF_IOCTL_SYNC, fill_small, 1 },
-	{ DMABUF, DMA_BUF_IOCTL_IMPORT_SYNC_FILE, fill_sync, 3 },
-	{ DMABUF, DMA_BUF_IOCTL_EXPORT_SYNC_FILE, fill_sync, 2 },
-	{ FENCE, SYNC_IOC_MERGE, fill_merge, 4 },
-	{ FENCE, SYNC_IOC_FILE_INFO, fill_small, 1 },
+	{ VIDEO, 1, VIDIOC_QUERYCAP, { BYTES } },
+	{ VIDEO, 1, VIDIOC_ENUM_FMT, { SMALL, TYPE } },
+	{ VIDEO, 1, VIDIOC_ENUM_FRAMESIZES, { SMALL, FORMAT } },
+	{ VIDEO, 1, VIDIOC_G_FMT, { TYPE } },
+	{ VIDEO, 2, VIDIOC_S_FMT, { ZERO }, fill_format },
+	{ VIDEO, 1, VIDIOC_TRY_FMT, { ZERO }, fill_format },
+	{ VIDEO, 6, VIDIOC_REQBUFS, { COUNT, TYPE, MEMORY } },
+	{ VIDEO, 4, VIDIOC_CREATE_BUFS, { ZERO }, fill_create },
+	{ VIDEO, 1, VIDIOC_QUERYBUF, { ZERO }, fill_buffer },
+	{ VIDEO, 8, VIDIOC_EXPBUF, { TYPE, SMALL, SMALL, EXPORT_FLAGS } },
+	{ VIDEO, 2, VIDIOC_PREPARE_BUF, { ZERO }, fill_buffer },
+	{ VIDEO, 40, VIDIOC_QBUF, { ZERO }, fill_buffer },
+	{ VIDEO, 20, VIDIOC_DQBUF, { ZERO }, fill_buffer },
+	{ VIDEO, 15, VIDIOC_STREAMON, { TYPE } },
+	{ VIDEO, 4, VIDIOC_STREAMOFF, { TYPE } },
+	{ VIDEO, 1, VIDIOC_QUERYCTRL, { BRIGHTNESS, VALUE } },
+	{ VIDEO, 1, VIDIOC_G_CTRL, { BRIGHTNESS, VALUE } },
+	{ VIDEO, 2, VIDIOC_S_CTRL, { BRIGHTNESS, VALUE } },
+	{ VIDEO, 3, VIDIOC_G_EXT_CTRLS, { ZERO }, fill_controls },
+	{ VIDEO, 6, VIDIOC_S_EXT_CTRLS, { ZERO }, fill_controls },
+	{ VIDEO, 1, VIDIOC_SUBSCRIBE_EVENT, { CONTROL_EVENT, BRIGHTNESS } },
+	{ VIDEO, 1, VIDIOC_UNSUBSCRIBE_EVENT, { CONTROL_EVENT, BRIGHTNESS } },
+	{ VIDEO, 1, VIDIOC_DQEVENT, { BYTES } },
+	{ VIDEO, 1, VIDIOC_G_PRIORITY, { BYTES } },
+	{ MEDIA, 1, MEDIA_IOC_DEVICE_INFO, { BYTES } },
+	{ MEDIA, 1, MEDIA_IOC_ENUM_ENTITIES, { ENTITY } },
+	{ MEDIA, 1, MEDIA_IOC_ENUM_LINKS, { ENTITY } },
+	{ MEDIA, 10, MEDIA_IOC_SETUP_LINK, { ZERO }, fill_link },
+	{ MEDIA, 1, MEDIA_IOC_G_TOPOLOGY, { ZERO } },
+	{ MEDIA, 10, MEDIA_IOC_REQUEST_ALLOC, { BYTES } },
+	{ REQUEST, 30, MEDIA_REQUEST_IOC_QUEUE, { BYTES } },
+	{ REQUEST, 15, MEDIA_REQUEST_IOC_REINIT, { BYTES } },
+	{ SUBDEV, 3, VIDIOC_SUBSCRIBE_EVENT, { EVENT } },
+	{ SUBDEV, 1, VIDIOC_UNSUBSCRIBE_EVENT, { EVENT } },
+	{ SUBDEV, 4, VIDIOC_DQEVENT, { BYTES } },
+	{ SUBDEV, 4, KVXDIP_IOC_ADD_KVA, { ZERO }, fill_kva },
+	{ SUBDEV, 4, KVXDIP_IOC_DEL_KVA, { ZERO }, fill_kva },
+	{ SUBDEV, 4, KVXDIP_IOC_ACQUIRE_IOVA, { ZERO }, fill_iova },
+	{ SUBDEV, 4, KVXDIP_IOC_RELEASE_IOVA, { ZERO }, fill_iova },
+	{ SUBDEV, 1, KVXDIP_IOC_S_INIT_INFO, { BYTES } },
+	{ SUBDEV, 2, KVXDIP_IOC_SET_CONTROL, { SMALL, VALUE } },
+	{ SUBDEV, 1, KVXDIP_IOC_GET_CONTROL, { SMALL, VALUE } },
+	{ SUBDEV, 8, KVXDIP_IOC_ADD_FENCE, { ZERO }, fill_fences },
+	{ SUBDEV, 4, KVXDIP_IOC_DEL_FENCE, { ZERO }, fill_fences },
+	{ SUBDEV, 3, KVXDIP_IOC_ALOC_BUF, { BYTES } },
+	{ SUBDEV, 3, KVXDIP_IOC_FREE_BUF, { BYTES } },
+	{ SUBDEV, 1, KVXDIP_IOC_CLEAR_USER_RESOURCE, { BYTES } },
+	{ DMABUF, 1, DMA_BUF_IOCTL_SYNC, { BYTES } },
+	{ DMABUF, 3, DMA_BUF_IOCTL_IMPORT_SYNC_FILE, { SMALL, FENCE_FD } },
+	{ DMABUF, 2, DMA_BUF_IOCTL_EXPORT_SYNC_FILE, { SMALL, FENCE_FD } },
+	{ FENCE, 4, SYNC_IOC_MERGE, { ZERO }, fill_merge },
+	{ FENCE, 1, SYNC_IOC_FILE_INFO, { BYTES } },
 };
 
 #define KNOWN (sizeof(known) / sizeof(*known))
@@ -448,7 +376,11 @@ static void call_known(void)
 	int ret;
 
 	memset(page->record, 0, sizeof(page->record));
-	k->fill(page->record, fds[at].port % VENGINE_PORTS);
+	port = &vengine_ports[fds[at].port % VENGINE_PORTS];
+	for (n = 0; n < 4; n++)
+		((uint32_t *)page->record)[n] = likely_word(k->words[n]);
+	if (k->fill)
+		k->fill(page->record);
 	for (n = chance(15) ? 1 + below(3) : 0; n; n--)
 		((uint32_t *)page->record)[below(_IOC_SIZE(k->code) / 4 + 1)] = odd_word();
 	if (chance(2))
@@ -485,17 +417,23 @@ static void map(void)
 		munmap(memory, 8192);
 }
 
-static void arm_fault(void)
+static void write_fault(const char *line)
 {
 	int fd = open("/sys/kernel/debug/vengine/fault", O_WRONLY | O_CLOEXEC);
+
+	if (fd >= 0 && write(fd, line, strlen(line)) < 0 && errno != EINVAL && errno != ENOMEM)
+		perror(line);
+	close(fd);
+}
+
+static void arm_fault(void)
+{
 	char line[64] = "clear";
 
 	if (chance(70))
 		snprintf(line, sizeof(line), "%s %s %u", vengine_fault_words[below(VENGINE_OPS)].word,
 			 chance(10) ? "hang" : chance(50) ? "-5" : "-12", 1 + below(4));
-	if (fd >= 0 && write(fd, line, strlen(line)) < 0 && errno != EINVAL && errno != ENOMEM)
-		perror(line);
-	close(fd);
+	write_fault(line);
 }
 
 static void read_files(void)
@@ -559,22 +497,12 @@ static void live(unsigned int seed)
 			other();
 }
 
-/* Ends the hangs that are armed. */
-static void clear_faults(void)
-{
-	int fd = open("/sys/kernel/debug/vengine/fault", O_WRONLY | O_CLOEXEC);
-
-	if (write(fd, "clear", 5) < 0)
-		perror("clear");
-	close(fd);
-}
-
 /* A killed child's files close when no other one hangs under their lock. */
 static void end_child(pid_t child)
 {
 	kill(child, SIGKILL);
 	while (waitpid(child, NULL, WNOHANG) == 0) {
-		clear_faults();
+		write_fault("clear");
 		usleep(1000);
 	}
 }
@@ -584,7 +512,7 @@ static void tend(pid_t *children, unsigned int seed)
 {
 	int n;
 
-	clear_faults();
+	write_fault("clear");
 	for (n = 0; n < PROCESSES; n++) {
 		/* Old ones end in the middle of whatever it is. */
 		if (children[n] && (chance(5) || waitpid(children[n], NULL, WNOHANG) == children[n])) {
