@@ -24,7 +24,7 @@ const std::string kEngine = sim::writeDescription(sim::describeVirtualEngine());
 /** A change to the engine's description, and the beginning of the error. */
 struct Damage {
     const char* where;  ///< a JSON pointer
-    const char* value;
+    const char* value;  ///< or a pointer to the value
     const char* error;
 };
 
@@ -83,6 +83,7 @@ const Damage kDamages[] = {
     {"/entities/0/nodeOf", "\"vengine-main\"", "entities[0].nodeOf: is no earlier entity"},
     {"/entities/2/nodeOf", "\"vengine-subdev\"", "entities[2].nodeOf: stands beside"},
     {"/entities/2/video/secondQueue", "{}", "entities[2].video.secondQueue.type: is missing"},
+    {"/entities/2/video/secondQueue", "/entities/2/video/queue", "entities[2].video.secondQueue.type: is not the other direction of a first queue"},
     {"/entities/2/video/inputs/current", "1", "entities[2].video.inputs.current: is not from 0 to 0"},
     {"/entities/2/video/inputs/list", "[]", "entities[2].video.inputs.list: has 0 items"},
     {"/entities/2/video/inputs/list/0/colour", "1", "entities[2].video.inputs.list[0].colour: is no field"},
@@ -103,7 +104,9 @@ const Damage kDamages[] = {
 TEST(DescriptionTest, WhatIsDamagedIsRefusedByItsPlace) {
     for (const Damage& damage : kDamages) {
         ordered_json json = ordered_json::parse(kEngine);
-        json[ordered_json::json_pointer(damage.where)] = ordered_json::parse(damage.value);
+        json[ordered_json::json_pointer(damage.where)] =
+            damage.value[0] == '/' ? json.at(ordered_json::json_pointer(damage.value))
+                                   : ordered_json::parse(damage.value);
         std::string error;
         EXPECT_FALSE(sim::readDescription(json.dump(), error)) << damage.where;
         EXPECT_THAT(error, testing::StartsWith(damage.error)) << damage.value;
@@ -133,7 +136,10 @@ TEST(DescriptionTest, WhatIsWrittenIsReadAgain) {
         std::ifstream file(entry.path());
         texts.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
     }
-    EXPECT_GE(texts.size(), 5U);
+    EXPECT_GE(texts.size(), 4U);
+    // No driver that was captured has such links.
+    texts.push_back(kEngine);
+    texts.back().insert(kEngine.find("}]", kEngine.find("\"immutable\"")), ",\"dynamic\":true");
     for (const std::string& text : texts) {
         std::string error;
         const auto device = sim::readDescription(text, error);
@@ -141,18 +147,6 @@ TEST(DescriptionTest, WhatIsWrittenIsReadAgain) {
         EXPECT_TRUE(sim::writeDescription(*device) == text)
             << sim::writeDescription(*device).substr(0, 200);
         EXPECT_TRUE(sim::VirtualEngine(*device));
-    }
-}
-
-TEST(DescriptionTest, LinksKeepTheirFlags) {
-    sim::DeviceDesc device = sim::describeVirtualEngine();
-    std::string error;
-    for (const uint32_t flag :
-         {MEDIA_LNK_FL_ENABLED, MEDIA_LNK_FL_IMMUTABLE, MEDIA_LNK_FL_DYNAMIC}) {
-        device.links[0].flags = flag;
-        const auto read = sim::readDescription(sim::writeDescription(device), error);
-        ASSERT_TRUE(read) << error;
-        EXPECT_EQ(read->links[0].flags, flag);
     }
 }
 
@@ -167,17 +161,6 @@ TEST(DescriptionTest, ReadsTheFirstVersion) {
     const auto device = sim::readDescription(json.dump(), error);
     ASSERT_TRUE(device) << error;
     EXPECT_TRUE(sim::writeDescription(*device) == kEngine);
-}
-
-TEST(DescriptionTest, RefusesASecondQueueOfTheSameDirection) {
-    ordered_json json = ordered_json::parse(kEngine);
-    ordered_json& video = json["entities"][2]["video"];
-    video["secondQueue"] = video["queue"];
-    std::string error;
-    EXPECT_FALSE(sim::readDescription(json.dump(), error));
-    EXPECT_EQ(error,
-              "entities[2].video.secondQueue.type: is not the other direction of a first "
-              "queue");
 }
 
 }  // namespace

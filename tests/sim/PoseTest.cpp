@@ -8,14 +8,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/media-bus-format.h>
-#include <linux/media.h>
 #include <linux/v4l2-subdev.h>
 #include <linux/videodev2.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
-#include <set>
 #include <tuple>
 
 #include "vengine-picture.h"
@@ -282,17 +279,6 @@ TEST(PoseTest, SetsTheStandardsThatItsInputHas) {
     }
 }
 
-TEST(PoseTest, GivesEachDeviceNumbersOfItsOwn) {
-    sim::Engine engine;
-    std::set<dev_t> numbers;
-    for (size_t count = 1; count <= 3; ++count) {
-        struct stat info {};
-        EXPECT_EQ(engine.stat(engine.addDevice({})->path().c_str(), &info), 0);
-        numbers.insert(info.st_rdev);
-        EXPECT_EQ(numbers.size(), count);
-    }
-}
-
 TEST(PoseTest, GrantsBuffersAsTheQueueDoes) {
     VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
     video.minBuffers = 2;
@@ -348,32 +334,6 @@ const Setting kSettings[] = {
      0},
     {"an array", control(V4L2_CTRL_TYPE_U8, 0, 9, 1, V4L2_CTRL_FLAG_HAS_PAYLOAD), 1, -EACCES, 0},
 };
-
-TEST(PoseTest, RefusesARequestOfAnotherDevice) {
-    VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
-    video.controls = {control(V4L2_CTRL_TYPE_INTEGER, 0, 9, 1)};
-    sim::Engine engine;
-    const auto addDevice = [&] {
-        sim::DeviceDesc description;
-        description.addVideoNode("node", video);
-        sim::Device* const device = engine.addDevice(description);
-        return std::pair(engine.open(device->path().c_str(), O_RDWR),
-                         engine.open(device->nodePath("node").c_str(), O_RDWR));
-    };
-    const auto [media, node] = addDevice();
-    const auto [otherMedia, otherNode] = addDevice();
-    v4l2_ext_control item = {};
-    item.id = V4L2_CID_CONTRAST;
-    v4l2_ext_controls list = {};
-    list.which = V4L2_CTRL_WHICH_REQUEST_VAL;
-    list.count = 1;
-    list.controls = &item;
-    EXPECT_EQ(engine.ioctl(media, MEDIA_IOC_REQUEST_ALLOC, &list.request_fd), 0);
-    EXPECT_EQ(engine.ioctl(otherNode, VIDIOC_S_EXT_CTRLS, &list), -EINVAL);
-    EXPECT_EQ(engine.ioctl(node, VIDIOC_S_EXT_CTRLS, &list), 0);
-    for (const int fd : {media, node, otherMedia, otherNode, int{list.request_fd}})
-        engine.close(fd);
-}
 
 TEST(PoseTest, SetsControlsByTheirKind) {
     for (const Setting& setting : kSettings) {
