@@ -29,6 +29,8 @@ namespace {
 
 using namespace Utils::ULog;
 
+const uint32_t kConfiguredMask = ULogger::sNormalDetailsMask;  ///< before a test sets it
+
 struct FlushTeller : ULogger {
     void log(uint32_t, const char*, int, const char*, size_t) override {}
     void flush(int wait) override { fprintf(stderr, "flush %d\n", wait); }
@@ -218,6 +220,13 @@ TEST_F(LogTest, DropsAndCountsWhatNobodyReads) {
     CORVANE_LOGW("again");
     EXPECT_THAT(pipe.read(), testing::MatchesRegex("\\(" + std::to_string(500 - lines) +
                                                    " log lines were dropped\\)\n[^\n]*again\n"));
+    CORVANE_LOGW("and on");
+    EXPECT_THAT(pipe.read(), testing::MatchesRegex("[0-9][^\n]*and on\n")) << "told once";
+    std::string numbers;
+    while (numbers.size() < 10000)  // longer than what a pipe takes at once
+        numbers += std::to_string(numbers.size()) + ' ';
+    log_dbg_print("", CAM_DEBUG_ERROR, "%s", numbers.c_str());
+    EXPECT_TRUE(pipe.read().ends_with(numbers + '\n'));
 }
 
 TEST_F(LogTest, PrintsMicroseconds) {
@@ -240,12 +249,14 @@ TEST_F(LogTest, AppendsToAFileOfItsOwner) {
     EXPECT_EQ(errno, ELOOP);
     unlink((path + "-link").c_str());
     setenv("PERSIST_VENDOR_KVX_CAMERA_ULOG_FILE", path.c_str(), 1);
+    setenv("PERSIST_VENDOR_KVX_CAMERA_ULOG_DETAILSMASK", "5", 1);
     const auto logsInAProcessOfItsOwn = [] {
         ULogger::install(nullptr);
         CORVANE_LOGI("second");
-        exit(0);
+        exit(static_cast<int>(kConfiguredMask));
     };
-    EXPECT_EXIT(logsInAProcessOfItsOwn(), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(logsInAProcessOfItsOwn(), testing::ExitedWithCode(5), "");
+    unsetenv("PERSIST_VENDOR_KVX_CAMERA_ULOG_DETAILSMASK");
     unsetenv("PERSIST_VENDOR_KVX_CAMERA_ULOG_FILE");
     struct stat info {};
     stat(path.c_str(), &info);
@@ -318,8 +329,10 @@ TEST_F(LogTest, RefusedDriverCallsReportAndTerminate) {
     printed(report);  // within the same second
     Utils::Properties::property_set(key, nullptr);
     EXPECT_THAT(line, HasSubstr("xx end (reportException){"));
-    EXPECT_EQ(runShell("cat " + directory + "/*.txt | grep -c '^end$'; rm -r " + directory).output,
-              "2\n");  // both are there, whole
+    EXPECT_EQ(runShell("cat " + directory +
+                       "/*.txt | grep -cE '^end$|^[0-9].* module zelsys'; rm -r " + directory)
+                  .output,
+              "4\n");  // both are there, whole
 }
 
 }  // namespace

@@ -74,6 +74,7 @@ TEST(Properties, ParsesWholeNumbersAndWordsOnly) {
         {"-8", -8, true, false},
         {"0x10", 16, true, false},
         {"010", 8, true, false},
+        {"08", 77, true, false},
         {"1 ", 77, true, false},
         {"2147483647", 2147483647, true, false},
         {"2147483648", 77, true, false},

@@ -161,6 +161,7 @@ TEST(System, TakesAHangUpForNoPriorityData) {
 
 TEST(System, RefusesNullAndEndsDirectoriesWithoutAnError) {
     EXPECT_EQ(System::Open(nullptr, O_RDWR, 0), -EFAULT);
+    EXPECT_EQ(errno, EFAULT);
     char target[4] = "xxx";
     EXPECT_EQ(System::ReadLink("/proc/self/root", target, 1), 1);
     EXPECT_STREQ(target, "/xx");

@@ -45,8 +45,10 @@ for e in events:
     count[e["ph"]] += 1
     if e["ph"] in "BE":
         depth[e["tid"]] += 1 if e["ph"] == "B" else -1
-        if depth[e["tid"]] < 0 or e["ts"] < last.get(e["tid"], 0) or e["tid"] == 0:
-            print("disorder or nobody in", e)
+        if depth[e["tid"]] < 0 or e["ts"] < last.get(e["tid"], 0):
+            print("disorder in", e)
+        if e["tid"] == 0 or e["pid"] != events[0]["pid"]:
+            print("of nobody", e)
         last[e["tid"]] = e["ts"]
     elif e["ph"] == "i":
         print("mark", e["name"], "open", sum(depth.values()))

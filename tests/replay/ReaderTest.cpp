@@ -207,6 +207,10 @@ TEST(Reader, TellsForeignAndNewerFilesApart) {
     EXPECT_THAT(newer.problems, ElementsAre(HasSubstr("version 2.0, newer than")));
     EXPECT_EQ(newer.program, "prog");
     EXPECT_FALSE(newer.isRecord);
+
+    record::Checksum check;
+    check.add(1);
+    EXPECT_EQ(check.value(), 0x83097e57e277906fU) << "of files that are out there";
 }
 
 }  // namespace

@@ -1,18 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <corvane/platform/Clock.h>
 #include <corvane/platform/Properties.h>
 #include <corvane/platform/Record.h>
 #include <corvane/platform/System.h>
+#include <corvane/platform/UniqueFd.h>
 #include <corvane/replay/Decode.h>
 #include <corvane/replay/RecordReader.h>
 #include <corvane/replay/Story.h>
 #include <corvane/sim/Engine.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/media.h>
 #include <linux/videodev2.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,12 +26,14 @@
 #include <vector>
 
 #include "support/Allocations.h"
+#include "support/FakeKernel.h"
 #include "support/Process.h"
 
 using namespace NSVista::NSCorvane;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Pair;
 
 namespace {
 
@@ -52,7 +57,10 @@ protected:
 TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
     const int next = open("/dev/null", O_RDONLY);
     close(next);
-    ASSERT_EQ(record::start(mPath.c_str(), "a note"), 0);
+    ASSERT_EQ(record::start(mPath.c_str()), 0);
+    System::Open("/in the record before", O_RDONLY, 1);
+    const int64_t begin = monotonicInNs();
+    ASSERT_EQ(record::start(mPath.c_str(), "a note of 17 char"), 0);
     EXPECT_EQ(open("/dev/null", O_RDONLY), next) << "descriptors are what they were";
     close(next);
     sim::VirtualEngine engine;
@@ -95,8 +103,12 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
     EXPECT_EQ(info.st_mode & 0777, 0600U);
     const replay::Record record = replay::loadRecord(mPath);
     EXPECT_THAT(record.problems, IsEmpty());
-    EXPECT_EQ(record.note, "a note");
-    EXPECT_EQ(record.threads.size(), 3U);
+    EXPECT_EQ(record.note, "a note of 17 char");
+    EXPECT_NE(record.architecture, "");
+    ASSERT_EQ(record.threads.size(), 3U);
+    EXPECT_EQ(record.threads[0].tid, gettid());
+    EXPECT_GT(record.calls.at(0).begin, begin);
+    EXPECT_LT(record.calls.at(0).begin, monotonicInNs());
     EXPECT_THAT(textsOf(record),
                 ElementsAre(HasSubstr(R"(open("/dev/video0", O_RDWR) = )"),
                             HasSubstr("count=2, type=VIDEO_CAPTURE, memory=DMABUF}) = -22 EINVAL"),
@@ -108,19 +120,81 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
     EXPECT_EQ(record.calls[4].piece(record::kArray, false).size(), sizeof(v4l2_plane[8]));
 }
 
-TEST_F(RecordTest, KeepsErrnoWhereItAsksForMoreThanItsClientDid) {
+/** What a call carried besides its argument: kinds and sizes. */
+std::vector<std::pair<uint32_t, size_t>> piecesOf(const std::vector<replay::Piece>& pieces) {
+    std::vector<std::pair<uint32_t, size_t>> sizes;
+    for (const replay::Piece& piece : pieces)
+        if (piece.what != record::kArgument)
+            sizes.emplace_back(piece.what, piece.bytes.size());
+    return sizes;
+}
+
+TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
+    test::FakeKernel kernel;
+    const UniqueFd exported(memfd_create("buffer", MFD_CLOEXEC));
+    ASSERT_EQ(ftruncate(exported.get(), 100), 0);
+    kernel.on<v4l2_exportbuffer>(VIDIOC_EXPBUF,
+                                 [&](int, auto& buffer) { return buffer.fd = exported.get(), 0; });
+    kernel.on<media_entity_desc>(MEDIA_IOC_ENUM_ENTITIES, [](int, auto& entity) {
+        entity.pads = entity.id == 5 ? 2 : 0;
+        entity.links = 1;
+        return 0;
+    });
+    for (const auto code : {MEDIA_IOC_ENUM_LINKS, MEDIA_IOC_G_TOPOLOGY, VIDIOC_QBUF})
+        kernel.answer(code, 0);
+    kernel.directory = {"video7"};
+    kernel.statResults["/none"] = -ENOENT;
+    uint64_t memory[100] = {};
+    const auto address = reinterpret_cast<uintptr_t>(memory);
+    v4l2_exportbuffer exporting{};
+    media_pad_desc pads[2] = {};
+    media_link_desc link{};
+    media_links_enum links{5, pads, &link, {}};
+    media_v2_topology graph{0, 1, 0, address, 2, 0, address, 3, 0, address, 4, 0, address};
+    v4l2_buffer buffer{};
+    buffer.type = V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
+    buffer.length = 3;
+    buffer.m.planes = reinterpret_cast<v4l2_plane*>(memory);
+    struct stat device {};
+    device.st_rdev = makedev(81, 7);
+    const auto call = [](auto code, void* argument) {
+        return System::Ioctl(3, static_cast<int>(code), argument, 0);
+    };
+
     ASSERT_EQ(record::start(mPath.c_str()), 0);
-    sim::VirtualEngine engine;
-    const sim::ScopedKernel installed(engine);
-    const int fd = System::Open("/dev/media0", O_RDWR, 1);
-    engine.faults().fail(sim::Call::ioctl(MEDIA_IOC_ENUM_ENTITIES), EIO);
-    media_links_enum links{};
-    links.entity = 1;
+    EXPECT_EQ(call(VIDIOC_EXPBUF, &exporting), 0);
+    EXPECT_EQ(call(MEDIA_IOC_ENUM_LINKS, &links), 0);
+    EXPECT_EQ(call(MEDIA_IOC_G_TOPOLOGY, &graph), 0);
+    EXPECT_EQ(call(VIDIOC_QBUF, &buffer), 0);
+    EXPECT_EQ(System::Stat("/dev/video7", &device), 0);
+    EXPECT_EQ(System::Stat("/none", &device), -ENOENT);
+    DIR* const dir = System::OpenDir("/dev");
+    while (System::ReadDir(dir) != nullptr) {
+    }
+    System::CloseDir(dir);
+    kernel.answer(MEDIA_IOC_ENUM_ENTITIES, -EIO);
     errno = 0;
-    EXPECT_EQ(System::Ioctl(fd, static_cast<int>(MEDIA_IOC_ENUM_LINKS), &links, 0), 0);
-    EXPECT_EQ(errno, 0);
-    System::Close(fd, 1);
+    EXPECT_EQ(call(MEDIA_IOC_ENUM_LINKS, &links), 0);
+    EXPECT_EQ(errno, 0) << "that the recorder asks for more is not seen";
     record::stop();
+
+    const replay::Record record = replay::loadRecord(mPath);
+    ASSERT_EQ(record.calls.size(), 11U);
+    const auto after = [&](size_t i) { return piecesOf(record.calls[i].after); };
+    EXPECT_THAT(after(0), ElementsAre(Pair(record::kExportSize, 8U)));
+    EXPECT_EQ(record.machine.read(record.calls[0].piece(record::kExportSize, true), 0, 8), 100U);
+    EXPECT_THAT(after(1), ElementsAre(Pair(1, sizeof(pads)), Pair(2, sizeof(link))));
+    EXPECT_THAT(
+        after(2),
+        ElementsAre(Pair(1, sizeof(media_v2_entity)), Pair(2, 2 * sizeof(media_v2_interface)),
+                    Pair(3, 3 * sizeof(media_v2_pad)), Pair(4, 4 * sizeof(media_v2_link))));
+    EXPECT_THAT(piecesOf(record.calls[3].before), ElementsAre(Pair(1, 3 * sizeof(v4l2_plane))));
+    EXPECT_THAT(textsOf(record)[4], HasSubstr("= 0 {device 81:7}"));
+    EXPECT_THAT(textsOf(record)[5], HasSubstr("= -2 ENOENT"));
+    EXPECT_EQ(record.calls[7].handle, record.calls[6].handle);
+    EXPECT_EQ(record.calls[7].code, uint32_t{DT_CHR});
+    EXPECT_EQ(record.calls[8].code, 0U);
+    EXPECT_TRUE(record.calls[10].returned);
 }
 
 TEST_F(RecordTest, HoldsThePayloadsOfControlsAndTakesNoValueForOne) {
@@ -130,13 +204,18 @@ TEST_F(RecordTest, HoldsThePayloadsOfControlsAndTakesNoValueForOne) {
         const sim::ScopedKernel installed(engine);
         const int fd = System::Open("/dev/video0", O_RDWR, 1);
         char text[] = "ab";
-        v4l2_ext_control controls[2] = {};
-        controls[0].id = controls[1].id = V4L2_CID_BRIGHTNESS;
+        const size_t page = static_cast<size_t>(getpagesize());
+        void* const last = mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        munmap(static_cast<char*>(last) + page, page);
+        v4l2_ext_control controls[3] = {};
+        controls[0].id = controls[1].id = controls[2].id = V4L2_CID_BRIGHTNESS;
         controls[0].size = 7;
         controls[1].size = sizeof(text);
         controls[1].string = text;
+        controls[2].size = static_cast<uint32_t>(page + 1);
+        controls[2].ptr = last;
         v4l2_ext_controls list{};
-        list.count = 2;
+        list.count = 3;
         list.controls = controls;
         System::Ioctl(fd, static_cast<int>(VIDIOC_S_EXT_CTRLS), &list, 0);
         System::Close(fd, 1);
@@ -146,6 +225,7 @@ TEST_F(RecordTest, HoldsThePayloadsOfControlsAndTakesNoValueForOne) {
     EXPECT_TRUE(call.piece(record::kArray + 1, false).empty());
     EXPECT_EQ(call.piece(record::kArray + 2, false).size(), 3U);
     EXPECT_TRUE(call.piece(record::kArray + 2, true).empty()) << "set, where the address was";
+    EXPECT_TRUE(call.piece(record::kArray + 3, false).empty()) << "ends behind its memory";
 }
 
 TEST_F(RecordTest, HoldsACallThatNeverReturnsAndWhatAKilledProcessLeaves) {
@@ -235,6 +315,10 @@ TEST_F(RecordTest, CountsWhatFindsNoRoomAndAllocatesNothing) {
     EXPECT_EQ(record.isWhole, record::status().lost == 0);
     for (const replay::Call& call : record.calls)
         ASSERT_TRUE(call.failed()) << "what began has ended";
+    ASSERT_EQ(record::start(mPath.c_str()), 0);
+    System::Close(-1, 1);
+    record::stop();
+    EXPECT_TRUE(replay::loadRecord(mPath).isWhole) << "lost is lost to one record";
 }
 
 TEST_F(RecordTest, EndsWithItsCauseWhereNothingCanBeWritten) {

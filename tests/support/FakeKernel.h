@@ -143,6 +143,7 @@ public:
             return *entry = nullptr, 0;
         snprintf(walk->entry.d_name, sizeof(walk->entry.d_name), "%s",
                  directory[walk->next++].c_str());
+        walk->entry.d_type = DT_CHR;
         *entry = &walk->entry;
         return 0;
     }
