@@ -149,18 +149,6 @@ TEST_F(ProviderTest, LetsASecondUserWaitForTheBringUp) {
     mProvider.release("BBBB", second);
 }
 
-TEST_F(ProviderTest, EndsOnFaultsOfTheProcess) {
-    const auto acquireNobody = [&] {
-        mConfigs.subdevice_entity_name = "";
-        registerDefaultMediaConfigs(&mConfigs);
-        mProvider.acquire("AAAA");
-    };
-    test::expectFatal({
-        {acquireNobody, "corvane-DeviceEnumerator", "determineDefaultSubDevnodePath",
-         "No subdev path for  .mediadevice_model_name=vengine .subdevice_entity_name=. ret=1"},
-    });
-}
-
 TEST(EightCcTest, ComparesAllEightBytes) {
     EXPECT_EQ(EIGHTCC("ABCDEFGHI"), EIGHTCC("ABCDEFGH"));
     EXPECT_EQ(EIGHTCC("ABCDEFGHI").toString(), "ABCDEFGH");

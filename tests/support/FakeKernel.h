@@ -21,6 +21,7 @@
 #include <corvane/platform/System.h>
 #include <linux/media.h>
 #include <linux/videodev2.h>
+#include <sys/stat.h>
 
 #include "vengine-fault.h"
 
@@ -70,6 +71,7 @@ public:
 
     std::map<std::string, int> openResults;            ///< instead of a new one, by path
     std::map<std::string, int> statResults;            ///< failures, by path
+    unsigned int group = 0;                            ///< of all files
     int closeResult = 0;                               ///< of the next calls
     std::vector<std::string> directory;                ///< what "/dev" lists
     int directoryResult = 0;                           ///< of opening "/dev"
@@ -152,7 +154,8 @@ public:
         --openDirectories;
         return 0;
     }
-    int stat(const char* path, struct stat*) override {
+    int stat(const char* path, struct stat* info) override {
+        info->st_gid = group;
         const auto failed = statResults.find(path);
         return failed != statResults.end() ? failed->second : 0;
     }

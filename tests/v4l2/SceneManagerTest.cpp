@@ -142,22 +142,17 @@ TEST(SceneManager, RunsPipesInTheirOrderAndMayBeCalledByThem) {
         record->streamOnBegin = {1, 999999000};
         record->streamOnEnd = {2, 999};
         record->streamOffBegin = {3, 0};
-        record->streamOffEnd = {3, 5999};
+        record->streamOffEnd = {4, 5999};
         const std::string on = convertToFormattedLogTime(record->streamOnBegin);
         const std::string off = convertToFormattedLogTime(record->streamOffBegin);
         manager.getDebugInfo("z");
-        const Lines dump = dumpOf(manager);
-        ASSERT_EQ(dump.size(), 17U);
-        EXPECT_EQ(dump[0], "<<Scene>> state=IDLE #Request(Queued,Done)=(0,0)");
-        EXPECT_EQ(dump[4], "");
-        EXPECT_THAT(Lines(dump.begin() + 5, dump.begin() + 9),
-                    UnorderedElementsAre(
-                        "Scene:'b' { streamOn(" + on + "+1us) streamOff(" + off + "+5us) }", "",
-                        "Scene:'z' { streamOn(-+0us) streamOff(-+0us) }", ""));
-        EXPECT_THAT(dump[9], testing::StartsWith("<<DeviceEnumerator>>"));
-        EXPECT_EQ(dump[10], "");
-        EXPECT_THAT(Lines(dump.begin() + 11, dump.end()),
-                    UnorderedElementsAre("pipe a2", "", "pipe b", "", "pipe c", ""));
+        EXPECT_THAT(
+            dumpOf(manager),
+            testing::IsSupersetOf(
+                {"<<Scene>> state=IDLE #Request(Queued,Done)=(0,0)",
+                 ("Scene:'b' { streamOn(" + on + "+1us) streamOff(" + off + "+1000005us) }")
+                     .c_str(),
+                 "Scene:'z' { streamOn(-+0us) streamOff(-+0us) }", "pipe a2", "pipe b", "pipe c"}));
 
         notes.clear();
         manager.uninit();

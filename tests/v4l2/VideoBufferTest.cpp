@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <future>
+#include <sstream>
 #include <thread>
 
 #include "VideoDeviceTest.h"
@@ -43,10 +44,6 @@ TEST_F(VideoDeviceTest, ImportsBuffers) {
         EXPECT_THAT(mDevice->toString(), testing::HasSubstr(c.memory));
         EXPECT_EQ(mLog.take(),
                   *c.line != '\0' ? Lines({std::string("E [importBuffer] ") + c.line}) : Lines());
-        EXPECT_EQ(mReports.take(),
-                  c.result == -EBUSY
-                      ? ReportCapture::of("VIDIOC_REQBUFS fail err=-16(Device or resource busy)")
-                      : Lines());
         mDevice->closeDevice();
     }
 }
@@ -104,6 +101,7 @@ TEST_F(VideoDeviceTest, EndsAWaitForAnIndexWhenItStreamsOff) {
     EXPECT_EQ(mDevice->streamOn(), 0);
     auto first = queuesAndWaits();
     const int64_t since = mDevice->standing().indexWaitSince;
+    EXPECT_GT(since, 0);
     auto second = queuesAndWaits();
     EXPECT_EQ(mDevice->standing().indexWaiters, 2U);
     EXPECT_EQ(mDevice->standing().indexWaitSince, since) << "the first one's";
@@ -151,6 +149,7 @@ std::string textOf(const v4l2_buffer& buffer) {
 }
 
 constexpr char kSinglePlane[] = "single buffer plane(0), fd(5), offset(50)\n";
+constexpr char kSingleOutput[] = "single buffer plane(0), used(0)\n";
 constexpr char kTwoPlanes[] =
     "multi buffer plane(0), fd(5), offset(50)\nmulti buffer plane(1), fd(6), offset(60)\n";
 constexpr char kTwoOutputs[] =
@@ -181,10 +180,8 @@ TEST_F(VideoDeviceTest, QueuesByTypeAndMemoryAndReportsARefusal) {
         std::string cause, places, outputs;  ///< lines of a refusal
     } cases[] = {
         {0x1, true, "1", "500", "50 fd=5", kSingleOf, kSinglePlane, ""},
-        {0x2, true, "2", "500", "50 fd=5", kSingle, kSinglePlane,
-         "single buffer plane(0), used(0)\n"},
-        {0x8000000, true, "14", "500", "50 fd=5", kSingle, kSinglePlane,
-         "single buffer plane(0), used(0)\n"},
+        {0x2, true, "2", "500", "50 fd=5", kSingle, kSinglePlane, kSingleOutput},
+        {0x8000000, true, "14", "500", "50 fd=5", kSingle, kSinglePlane, kSingleOutput},
         {0x1, false, "1", "500", "0 fd=0", kSingleOf, "", ""},
         {0x1000, true, "9", "2", "0 | fd=5 offset=50 length=0 | fd=6 offset=60 length=0", kMulti,
          kTwoPlanes, ""},
@@ -199,11 +196,9 @@ TEST_F(VideoDeviceTest, QueuesByTypeAndMemoryAndReportsARefusal) {
         mKernel.setCapabilities(c.caps);
         open(2, c.dmabuf ? -1 : 1);
         std::string sent;
-        std::string planes;
         int result = 0;
         mKernel.on<v4l2_buffer>(VIDIOC_QBUF, [&](int, v4l2_buffer& buffer) {
             sent = textOf(buffer);
-            planes = testing::PrintToString(static_cast<void*>(buffer.m.planes));
             EXPECT_EQ(buffer.bytesused + buffer.field, 0U);
             if (result == 0) {  // as the kernel does
                 buffer.request_fd = 0;
@@ -224,13 +219,11 @@ TEST_F(VideoDeviceTest, QueuesByTypeAndMemoryAndReportsARefusal) {
         EXPECT_EQ(queue(multi ? 2 : 1), -EINVAL);
         std::string refusal;
         for (const auto& line : mLog.take())
-            refusal += line.substr(std::string("E [queueBuffer] ").size()) + "\n";
+            if (line.find("buffer length(") == std::string::npos)
+                refusal += line.substr(line.find("] ") + 2) + "\n";
         EXPECT_EQ(refusal, c.cause + "\nFailed to queue buffer dip: -22\nbuffer index(1), type(" +
                                c.type + "), memory(" + memory +
-                               "), flags(0x800000), request(200)\n" + c.places + "buffer length(" +
-                               c.length +
-                               (multi ? "), multi planes(" + planes + ")\n" : "), single plane\n") +
-                               c.outputs);
+                               "), flags(0x800000), request(200)\n" + c.places + c.outputs);
         EXPECT_EQ(mMonitor->take(), Lines());
         EXPECT_EQ(free(), "0x0") << "a refused buffer keeps its index";
     }
@@ -314,33 +307,30 @@ TEST_F(VideoDeviceTest, TellsWhatEachDequeueBrought) {
     std::thread::id thread;
     const auto tell = [&](const DequeuedBuffer& buffer) {
         thread = std::this_thread::get_id();
-        std::string text = std::to_string(buffer.portIndex) + " " + std::to_string(buffer.result);
-        if (buffer.bufferIndex == DequeuedBuffer::kNoIndex) {
-            EXPECT_EQ(buffer.requestFd, -1);
-            EXPECT_EQ(buffer.planeCount, 0U);
-            return told.push_back(text);
+        std::ostringstream text;
+        text << buffer.portIndex << " " << buffer.result << " " << buffer.requestFd;
+        if (buffer.bufferIndex != DequeuedBuffer::kNoIndex) {
+            EXPECT_EQ(free(), "0x" + std::to_string(1 << buffer.bufferIndex)) << "not free yet";
+            text << " " << buffer.bufferIndex << " " << buffer.flags << " " << buffer.field << " "
+                 << buffer.sequence << " " << buffer.timestamp.tv_sec << " "
+                 << buffer.timestamp.tv_usec;
         }
-        EXPECT_EQ(free(), "0x" + std::to_string(1 << buffer.bufferIndex)) << "not free yet";
-        for (const auto value :
-             {int64_t{buffer.bufferIndex}, int64_t{buffer.requestFd}, int64_t{buffer.flags},
-              int64_t{buffer.field}, int64_t{buffer.sequence}, int64_t{buffer.timestamp.tv_sec},
-              int64_t{buffer.timestamp.tv_usec}})
-            text += " " + std::to_string(value);
         for (uint32_t i = 0; i < buffer.planeCount; ++i)
-            text += " | " + std::to_string(buffer.planes[i].bytesUsed) + "+" +
-                    std::to_string(buffer.planes[i].dataOffset);
-        told.push_back(text);
+            text << " | " << buffer.planes[i].bytesUsed << "+" << buffer.planes[i].dataOffset;
+        told.push_back(text.str());
     };
     const struct {
         uint32_t caps, flags, length;
         int result;
         std::string line;
+        uint32_t unwritten = 0;  ///< planes that the driver left alone
     } cases[] = {
-        {0x1000, 0x800000, 2, 0, "26 0 1 201 8388608 7 8 9 10 | 20+30 | 21+31"},
-        {0x1000, 0x40, 1, 0, "26 1 1 -1 64 7 8 9 10 | 20+30"},
-        {0x1, 0x800040, 500, 0, "26 1 1 201 8388672 7 8 9 10 | 19+0"},
-        {0x1, 0x800000, 500, -EIO, "26 -5"},
-        {0x1000, 0x800000, 2, -EAGAIN, "26 -11"},
+        {0x1000, 0x800000, 2, 0, "26 0 201 1 8388608 7 8 9 10 | 20+30 | 21+31"},
+        {0x1000, 0x800000, 2, 0, "26 0 201 1 8388608 7 8 9 10 | 0+0 | 0+0", 2},
+        {0x1000, 0x40, 1, 0, "26 1 -1 1 64 7 8 9 10 | 20+30"},
+        {0x1, 0x800040, 500, 0, "26 1 201 1 8388672 7 8 9 10 | 19+0"},
+        {0x1, 0x800000, 500, -EIO, "26 -5 -1"},
+        {0x1000, 0x800000, 2, -EAGAIN, "26 -11 -1"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
@@ -361,7 +351,7 @@ TEST_F(VideoDeviceTest, TellsWhatEachDequeueBrought) {
             buffer.timestamp = {9, 10};
             buffer.bytesused = 19;
             if (V4L2_TYPE_IS_MULTIPLANAR(buffer.type))
-                for (uint32_t i = 0; i < c.length; ++i) {
+                for (uint32_t i = c.unwritten; i < c.length; ++i) {
                     buffer.m.planes[i].bytesused = 20 + i;
                     buffer.m.planes[i].data_offset = 30 + i;
                 }
