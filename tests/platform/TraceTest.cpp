@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "TraceBackend.h"
+#include "TraceRing.h"
 #include "support/Process.h"
 
 CORVANE_LOG_UNIT("corvane-test")
@@ -336,6 +337,32 @@ TEST_F(TraceTest, WritesOneMarkerEventPerWrite) {
     static trace::Backend* const closed = trace::makeMarkerBackend(UniqueFd());
     closed->event(trace::Kind::End, "", 0);
     EXPECT_EQ(errno, 0) << "a write that fails is not the caller's";
+}
+
+TEST(Ring, ThatWasFullTakesEventsAgainOnceHalfOfItIsRead) {
+    using namespace trace;
+    static Rings rings;
+    ASSERT_TRUE(rings.prepare());
+    Ring* const ring = rings.mine();
+    ASSERT_NE(ring, nullptr);
+    while (ring->lost() == 0)
+        ring->put(Kind{'B'}, "section", 0);
+    size_t read = 0;
+    size_t readAtFirst = 0;
+    ring->drain([&](const trace::Record& record, const char*) {
+        const uint64_t lost = ring->lost();
+        if (readAtFirst == 0) {
+            ring->put(Kind{'E'}, "", 0);
+            readAtFirst = ring->lost() == lost ? read : 0;
+        }
+        read += trace::Record::sizeFor(record.length);
+    });
+    EXPECT_GE(readAtFirst, Ring::kBytes / 2 - 64);
+    EXPECT_LE(readAtFirst, Ring::kBytes / 2 + 64);
+    std::string kinds;
+    ring->drain(
+        [&](const trace::Record& record, const char*) { kinds += static_cast<char>(record.kind); });
+    EXPECT_EQ(kinds, "GE");
 }
 
 }  // namespace

@@ -142,6 +142,10 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
     });
     for (const auto code : {MEDIA_IOC_ENUM_LINKS, MEDIA_IOC_G_TOPOLOGY, VIDIOC_QBUF})
         kernel.answer(code, 0);
+    kernel.on<v4l2_ext_controls>(VIDIOC_S_EXT_CTRLS, [](int, auto& list) {
+        list.controls[1].value64 = 1;  // where the address was
+        return 0;
+    });
     kernel.directory = {"video7"};
     kernel.statResults["/none"] = -ENOENT;
     uint64_t memory[100] = {};
@@ -155,6 +159,18 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
     buffer.type = V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
     buffer.length = 3;
     buffer.m.planes = reinterpret_cast<v4l2_plane*>(memory);
+    const size_t page = static_cast<size_t>(getpagesize());
+    void* const last = mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    munmap(static_cast<char*>(last) + page, page);
+    v4l2_ext_control controls[3] = {};
+    controls[0].size = 7;  // a value of no address
+    controls[1].size = 3;
+    controls[1].ptr = memory;
+    controls[2].size = static_cast<uint32_t>(page + 1);  // ends behind its memory
+    controls[2].ptr = last;
+    v4l2_ext_controls list{};
+    list.count = 3;
+    list.controls = controls;
     struct stat device {};
     device.st_rdev = makedev(81, 7);
     const auto call = [](auto code, void* argument) {
@@ -166,6 +182,7 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
     EXPECT_EQ(call(MEDIA_IOC_ENUM_LINKS, &links), 0);
     EXPECT_EQ(call(MEDIA_IOC_G_TOPOLOGY, &graph), 0);
     EXPECT_EQ(call(VIDIOC_QBUF, &buffer), 0);
+    EXPECT_EQ(call(VIDIOC_S_EXT_CTRLS, &list), 0);
     EXPECT_EQ(System::Stat("/dev/video7", &device), 0);
     EXPECT_EQ(System::Stat("/none", &device), -ENOENT);
     DIR* const dir = System::OpenDir("/dev");
@@ -179,7 +196,7 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
     record::stop();
 
     const replay::Record record = replay::loadRecord(mPath);
-    ASSERT_EQ(record.calls.size(), 11U);
+    ASSERT_EQ(record.calls.size(), 12U);
     const auto after = [&](size_t i) { return piecesOf(record.calls[i].after); };
     EXPECT_THAT(after(0), ElementsAre(Pair(record::kExportSize, 8U)));
     EXPECT_EQ(record.machine.read(record.calls[0].piece(record::kExportSize, true), 0, 8), 100U);
@@ -189,43 +206,15 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
         ElementsAre(Pair(1, sizeof(media_v2_entity)), Pair(2, 2 * sizeof(media_v2_interface)),
                     Pair(3, 3 * sizeof(media_v2_pad)), Pair(4, 4 * sizeof(media_v2_link))));
     EXPECT_THAT(piecesOf(record.calls[3].before), ElementsAre(Pair(1, 3 * sizeof(v4l2_plane))));
-    EXPECT_THAT(textsOf(record)[4], HasSubstr("= 0 {device 81:7}"));
-    EXPECT_THAT(textsOf(record)[5], HasSubstr("= -2 ENOENT"));
-    EXPECT_EQ(record.calls[7].handle, record.calls[6].handle);
-    EXPECT_EQ(record.calls[7].code, uint32_t{DT_CHR});
-    EXPECT_EQ(record.calls[8].code, 0U);
-    EXPECT_TRUE(record.calls[10].returned);
-}
-
-TEST_F(RecordTest, HoldsThePayloadsOfControlsAndTakesNoValueForOne) {
-    ASSERT_EQ(record::start(mPath.c_str()), 0);
-    {
-        sim::VirtualEngine engine;
-        const sim::ScopedKernel installed(engine);
-        const int fd = System::Open("/dev/video0", O_RDWR, 1);
-        char text[] = "ab";
-        const size_t page = static_cast<size_t>(getpagesize());
-        void* const last = mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        munmap(static_cast<char*>(last) + page, page);
-        v4l2_ext_control controls[3] = {};
-        controls[0].id = controls[1].id = controls[2].id = V4L2_CID_BRIGHTNESS;
-        controls[0].size = 7;
-        controls[1].size = sizeof(text);
-        controls[1].string = text;
-        controls[2].size = static_cast<uint32_t>(page + 1);
-        controls[2].ptr = last;
-        v4l2_ext_controls list{};
-        list.count = 3;
-        list.controls = controls;
-        System::Ioctl(fd, static_cast<int>(VIDIOC_S_EXT_CTRLS), &list, 0);
-        System::Close(fd, 1);
-    }
-    record::stop();
-    const replay::Call call = replay::loadRecord(mPath).calls.at(1);
-    EXPECT_TRUE(call.piece(record::kArray + 1, false).empty());
-    EXPECT_EQ(call.piece(record::kArray + 2, false).size(), 3U);
-    EXPECT_TRUE(call.piece(record::kArray + 2, true).empty()) << "set, where the address was";
-    EXPECT_TRUE(call.piece(record::kArray + 3, false).empty()) << "ends behind its memory";
+    EXPECT_THAT(piecesOf(record.calls[4].before),
+                ElementsAre(Pair(1, sizeof(controls)), Pair(3, 3U)));
+    EXPECT_THAT(after(4), ElementsAre(Pair(1, sizeof(controls))));
+    EXPECT_THAT(textsOf(record)[5], HasSubstr("= 0 {device 81:7}"));
+    EXPECT_THAT(textsOf(record)[6], HasSubstr("= -2 ENOENT"));
+    EXPECT_EQ(record.calls[8].handle, record.calls[7].handle);
+    EXPECT_EQ(record.calls[8].code, uint32_t{DT_CHR});
+    EXPECT_EQ(record.calls[9].code, 0U);
+    EXPECT_TRUE(record.calls[11].returned);
 }
 
 TEST_F(RecordTest, HoldsACallThatNeverReturnsAndWhatAKilledProcessLeaves) {

@@ -12,7 +12,6 @@
 #include <corvane/sim/Engine.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/videodev2.h>
 #include <poll.h>
 #include <sys/mman.h>
