@@ -68,7 +68,10 @@ public:
 
 TEST(Controls, AreListedWithTheirMenusAndSetByTheirKind) {
     ControlsKernel kernel;
+    kernel.openResults["/dev/nowhere"] = -ENOENT;
+    EXPECT_FALSE(ControlNode("/dev/nowhere"));
     ControlNode node("/dev/video0");
+    EXPECT_TRUE(node);
     auto controls = node.list();
     ASSERT_EQ(controls.size(), 5U) << "neither the class nor what is disabled";
     EXPECT_THAT(controls[0].menu, ElementsAre(Pair(0, "entry"), Pair(2, "entry")))
@@ -82,6 +85,7 @@ TEST(Controls, AreListedWithTheirMenusAndSetByTheirKind) {
     EXPECT_EQ(node.set(controls[2], value, 77), 0);
     EXPECT_EQ(kernel.sent.which, uint32_t{V4L2_CTRL_WHICH_REQUEST_VAL});
     EXPECT_EQ(kernel.sent.request_fd, 77);
+    EXPECT_EQ(kernel.sent.count, 1U);
     EXPECT_EQ(node.get(controls[2], value), -ENOTTY);
     kernel.on<v4l2_ext_controls>(VIDIOC_G_EXT_CTRLS, [](int, v4l2_ext_controls& list) {
         list.controls->value64 = list.controls->id == 6 ? int64_t{1} << 40 : -1;

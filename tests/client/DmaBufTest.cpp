@@ -17,6 +17,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "support/DescriptorLimit.h"
 #include "support/FakeKernel.h"
 #include "vengine-desc.h"
 
@@ -108,6 +109,8 @@ TEST_F(SyncTest, HeapAllocates) {
     EXPECT_FALSE(buffer);
     sAnswer = [](unsigned long, void* arg) {
         auto& data = *static_cast<dma_heap_allocation_data*>(arg);
+        EXPECT_EQ(data.fd + data.heap_flags, 0U) << "or the kernel refuses";
+        EXPECT_EQ(data.fd_flags, static_cast<uint32_t>(O_RDWR | O_CLOEXEC));
         data.fd = static_cast<uint32_t>(memfd_create("heap", MFD_CLOEXEC));
         return ftruncate(static_cast<int>(data.fd), static_cast<off_t>(data.len));
     };
@@ -120,6 +123,10 @@ TEST(DmaBufTest, MemoryFileIsMappedAndGivenBack) {
     const auto source = makeMemoryFileSource();
     DmaBuf buffer;
     EXPECT_EQ(source->allocate(0, buffer), -EINVAL);
+    {
+        const test::DescriptorLimit none(0);
+        EXPECT_EQ(source->allocate(100, buffer), -EMFILE);
+    }
     EXPECT_FALSE(buffer);
     ASSERT_EQ(source->allocate(5000, buffer), 0);
     struct stat info {};
@@ -164,8 +171,9 @@ TEST(DmaBufTest, SourcesThatAreNotThereSaySo) {
 TEST(FrameTest, PlanesAndGapsCoverTheMemoryOnce) {
     const auto source = makeMemoryFileSource();
     const PixelFormat one{0, 8, 8, 1, {{8, 100}}};
+    const PixelFormat two{0, 8, 8, 2, {{8, 100}, {8, 7}}};
     const PixelFormat three{0, 8, 8, 3, {{8, 100}, {8, 7}, {8, 4096}}};
-    for (const PixelFormat& format : {one, three})
+    for (const PixelFormat& format : {one, two, three})
         for (const FrameLayout& layout :
              {FrameLayout{0, 0}, FrameLayout{0, 16}, FrameLayout{192, 0}, FrameLayout{1, 16}}) {
             SCOPED_TRACE(testing::Message() << format.planeCount << " planes, offset "
@@ -184,6 +192,7 @@ TEST(FrameTest, PlanesAndGapsCoverTheMemoryOnce) {
                 EXPECT_GE(lseek(plane.fd, 0, SEEK_END), plane.offset + plane.bufsize);
                 EXPECT_TRUE(i == 0 || plane.offset % 64 == 0);
                 EXPECT_EQ(mapping.plane(i).size(), plane.bufsize);
+                EXPECT_EQ(mapping.plane(i).data() == mapping.plane(0).data(), i == 0);
                 EXPECT_GE(mapping.gap(i + 1).size(), layout.guard);
                 if (i == 0 || layout.offset != 0) {
                     EXPECT_EQ(mapping.plane(i).data(), end);
@@ -195,6 +204,7 @@ TEST(FrameTest, PlanesAndGapsCoverTheMemoryOnce) {
     Frame frame;
     EXPECT_EQ(frame.allocate(PixelFormat{0, 8, 8, 0, {}}, {}, *source), -EINVAL);
     EXPECT_EQ(frame.allocate(PixelFormat{0, 8, 8, 4, {}}, {}, *source), -EINVAL);
+    EXPECT_EQ(frame.allocate(two, {}, *makeVideoNodeSource("/dev/nowhere")), -ENOENT);
     // In 32 bits these wrap, some to a few bytes, some only with the guard or the alignment.
     constexpr uint32_t kMost = 0xffffffff;
     for (const FrameLayout& layout : {FrameLayout{kMost, 0}, FrameLayout{kMost - 99, 0},
@@ -212,8 +222,9 @@ TEST(VideoNodeTest, KnowsWhatAPortWouldUse) {
         EXPECT_EQ(node.bufferType, port.buf_type) << port.name;
         EXPECT_TRUE(node.takesRequests) << port.name;
     }
-    VideoNode node{};
+    VideoNode node{~0U, ~0U, true};
     EXPECT_EQ(queryVideoNode("/dev/nowhere", node), -ENOENT);
+    EXPECT_EQ(node.bufferType, 0U);
     EXPECT_EQ(engine.openFiles(), 0U);
 }
 
@@ -267,6 +278,8 @@ TEST(VideoNodeTest, SetsAFrameRate) {
     });
     EXPECT_EQ(setFrameRate("/dev/video0", V4L2_BUF_TYPE_VIDEO_CAPTURE, 25), 0);
     EXPECT_EQ(setFrameRate("/dev/video0", V4L2_BUF_TYPE_VIDEO_CAPTURE, 0), -EINVAL);
+    kernel.openResults["/dev/video0"] = -EACCES;
+    EXPECT_EQ(setFrameRate("/dev/video0", V4L2_BUF_TYPE_VIDEO_CAPTURE, 25), -EACCES);
 }
 
 TEST(VideoNodeTest, ExportsBuffersOfTheWantedSize) {
@@ -278,6 +291,7 @@ TEST(VideoNodeTest, ExportsBuffersOfTheWantedSize) {
         kernel.answer(VIDIOC_G_FMT, 0);
         kernel.on<v4l2_create_buffers>(VIDIOC_CREATE_BUFS, [&](int, v4l2_create_buffers& to) {
             EXPECT_EQ(to.memory, V4L2_MEMORY_MMAP);
+            EXPECT_EQ(to.format.type, type);
             PixelFormat format{0, 0, 0, 1, {}};
             to.format.fmt.pix_mp.num_planes = v4l2::isMultiPlanar(type) ? 1 : 0;
             v4l2::readFormat(to.format, v4l2::formatClassOfType(type), format);
@@ -297,6 +311,12 @@ TEST(VideoNodeTest, ExportsBuffersOfTheWantedSize) {
         EXPECT_EQ(created, 5000U);
         EXPECT_EQ(buffer.size(), 5000U);
         EXPECT_EQ(fcntl(buffer.fd(), F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(makeVideoNodeSource("/dev/video0")->allocate(0, buffer), -EINVAL);
+        for (const unsigned long refused : {VIDIOC_EXPBUF, VIDIOC_CREATE_BUFS, VIDIOC_G_FMT}) {
+            kernel.answer(refused, -EIO);
+            EXPECT_EQ(makeVideoNodeSource("/dev/video0")->allocate(5000, buffer), -EIO);
+            kernel.answer(refused, 0);
+        }
     }
 }
 

@@ -2,19 +2,18 @@
 #include <corvane/client/EpollEventMonitor.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
+#include <sys/mman.h>
 
 #include <atomic>
-#include <chrono>
 #include <csignal>
 #include <functional>
 #include <future>
-#include <memory>
 #include <thread>
-#include <vector>
+
+#include "support/Capture.h"
+#include "support/DescriptorLimit.h"
 
 // What watching costs: the program's own epoll calls stand before the library's.
 namespace {
@@ -92,6 +91,11 @@ int endOfPipe(int kept) {
 
 class EpollEventMonitorTest : public testing::Test {
 protected:
+    void watchOnce(Observer& observer) {
+        EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN | kOneShot), 0);
+        EXPECT_EQ(mMonitor->rearmObserver(&observer, EPOLLIN | kOneShot), 0);
+    }
+
     std::shared_ptr<EpollEventMonitor> mMonitor = EpollEventMonitor::make("Test-Events");
 };
 
@@ -136,9 +140,12 @@ TEST_F(EpollEventMonitorTest, WatchesFromTheAttachOrFromTheFirstRearm) {
 
 TEST_F(EpollEventMonitorTest, AReportCostsOneRearmAndOneWait) {
     Observer observer({}, eventfd(1, EFD_CLOEXEC));
-    EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN | kOneShot), 0);
-    EXPECT_EQ(mMonitor->rearmObserver(&observer, EPOLLIN | kOneShot), 0);
+    watchOnce(observer);
     observer.waitForCalls(1);
+    EXPECT_EQ(test::dumpOf(*mMonitor),
+              test::Lines({"<<EpollEventMonitor>> thread=Test-Events observers=1",
+                           "    fd=" + std::to_string(observer.getEventFD()) +
+                               " events=0x40000001 reports=1"}));
     const int waits = sWaits;
     const int controls = sControls;
     for (int calls = 2; calls <= 21; ++calls) {
@@ -157,8 +164,7 @@ TEST_F(EpollEventMonitorTest, ASignalEndsNothing) {
     sigaction(SIGUSR1, &action, &before);
     std::atomic<pthread_t> thread{};
     Observer observer([&] { thread = pthread_self(); });
-    EXPECT_EQ(mMonitor->attachObserver(&observer, EPOLLIN | kOneShot), 0);
-    EXPECT_EQ(mMonitor->rearmObserver(&observer, EPOLLIN | kOneShot), 0);
+    watchOnce(observer);
     observer.raise();
     observer.waitForCalls(1);
     std::this_thread::sleep_for(kShort);  // It waits again.
@@ -186,6 +192,13 @@ TEST_F(EpollEventMonitorTest, LateDetachLeavesTheDescriptorsNewOwnerWatched) {
     EXPECT_EQ(mMonitor->detachObserver(&successor), 0);
 }
 
+TEST_F(EpollEventMonitorTest, IsNotMadeWithoutDescriptors) {
+    for (const rlim_t more : {0, 1}) {
+        const test::DescriptorLimit few(more);
+        EXPECT_EQ(EpollEventMonitor::make("Test-Events"), nullptr) << more;
+    }
+}
+
 TEST_F(EpollEventMonitorTest, HasNoDescriptorThatAnotherProgramInherits) {
     const int before = dup(STDERR_FILENO);
     const auto monitor = EpollEventMonitor::make("Test-Events");
@@ -200,6 +213,9 @@ TEST_F(EpollEventMonitorTest, HasNoDescriptorThatAnotherProgramInherits) {
 TEST_F(EpollEventMonitorTest, RefusesWhatMakesNoSense) {
     Observer observer;
     Observer bad({}, -1);
+    Observer file({}, memfd_create("file", MFD_CLOEXEC));
+    EXPECT_EQ(mMonitor->attachObserver(&file, EPOLLIN), -EPERM) << "epoll watches none";
+    EXPECT_EQ(mMonitor->detachObserver(&file), -ENOENT);
     EXPECT_EQ(mMonitor->attachObserver(nullptr, EPOLLIN), -EINVAL);
     EXPECT_EQ(mMonitor->attachObserver(&bad, EPOLLIN), -EBADF);
     EXPECT_EQ(mMonitor->attachObserver(&bad, EPOLLIN | kOneShot), -EBADF);

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/Capture.h"
+#include "support/DescriptorLimit.h"
 #include "support/SceneDescs.h"
 
 namespace NSVista::NSCorvane::client {
@@ -44,10 +45,13 @@ public:
         const int result = VirtualEngine::ioctl(fd, request, arg);
         if (request != VIDIOC_DQBUF || result != 0)
             return result;
-        const bool isInput = V4L2_TYPE_IS_OUTPUT(static_cast<v4l2_buffer*>(arg)->type);
-        return isInput && loses.exchange(false) ? -EIO : 0;
+        auto& buffer = *static_cast<v4l2_buffer*>(arg);
+        if (buffer.type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE)
+            buffer.m.planes[1].data_offset = kDataOffset;
+        return V4L2_TYPE_IS_OUTPUT(buffer.type) && loses.exchange(false) ? -EIO : 0;
     }
 
+    static constexpr uint32_t kDataOffset = 16;  ///< of second planes
     std::atomic<bool> loses{false};  ///< the next buffer dequeued from the input is gone
     bool staleStrides = false;
     std::chrono::milliseconds dequeueDelay{0};
@@ -128,6 +132,7 @@ TEST_F(SceneSessionTest, ARefusedCallWhileOpeningIsUndone) {
         {{sim::Operation::OPEN, 0, "/dev/media0"}, EBUSY, 1, false},
         // A busy device is met before anything that ends the service when it is refused.
         {sim::Call::ioctl(VIDIOC_REQBUFS, "vengine-input"), EBUSY, 1, false},
+        {sim::Call::ioctl(VIDIOC_G_FMT, "vengine-input"), EIO, 1, true},
         {sim::Call::ioctl(VIDIOC_S_FMT, "vengine-input"), EIO, 1, true},
         {sim::Call::ioctl(VIDIOC_REQBUFS, "vengine-input"), EIO, 3, true},
     };
@@ -139,6 +144,11 @@ TEST_F(SceneSessionTest, ARefusedCallWhileOpeningIsUndone) {
         EXPECT_EQ(mEngine.openFiles(), 0U);
         EXPECT_THAT(mLog.take(), testing::Not(IsEmpty()));
     }
+    {
+        const test::DescriptorLimit none(0);
+        EXPECT_EQ(open(describe(3), -EMFILE), nullptr);
+    }
+    EXPECT_THAT(mLog.take(), testing::Not(IsEmpty()));
 }
 
 TEST_F(SceneSessionTest, StopWaitsForEveryCompletionAndDequeue) {
@@ -201,6 +211,9 @@ TEST_F(SceneSessionTest, FramesTellWhatTheDriverSaid) {
             EXPECT_GE(last, before - 1us);
             EXPECT_LE(last.count(), monotonicInNs());
             EXPECT_EQ(main.dataOffset(0), 0U);
+            EXPECT_EQ(main.dataOffset(1), SpiedEngine::kDataOffset);
+            EXPECT_EQ(main.dataOffset(2), 0U);
+            EXPECT_GT(request.descriptor(), 0);
             EXPECT_EQ(main.bytesUsed(0), main.format().planes[0].size);
             EXPECT_EQ(main.bytesUsed(1), main.format().planes[1].size);
             EXPECT_EQ(main.bytesUsed(2), 0U);
@@ -274,7 +287,9 @@ TEST_F(SceneSessionTest, AWidthAloneKeepsTheDriversSize) {
     desc.ports[0].width = desc.ports[0].height = 0;
     const auto drivers = openStarted(desc)->format(0);
     desc.ports[0].width = 320;
+    desc.ports[0].format = V4L2_PIX_FMT_YUV420M;
     const auto session = openStarted(desc);
+    EXPECT_EQ(session->format(0).format, V4L2_PIX_FMT_YUV420M);
     EXPECT_EQ(session->format(0).width, drivers.width);
     EXPECT_EQ(session->format(0).height, drivers.height);
 }
@@ -306,10 +321,14 @@ TEST_F(SceneSessionTest, ACallbackDrivesIt) {
 
 TEST_F(SceneSessionTest, StopEndsACallbackThatGoesOnAndOn) {
     const auto session = open(describe(2));
-    session->setDoneCallback([&](SessionRequest& request) { session->submitAgain(request); });
+    int last = 0;
+    session->setDoneCallback([&](auto& request) { last = session->submitAgain(request); });
     EXPECT_EQ(session->start(), 0);
     submit(*session);
+    EXPECT_EQ(test::dumpOf(*session).size(), 5U) << "the monitor and four requests";
     EXPECT_EQ(session->stop(5s), 0);
+    EXPECT_EQ(last, -EPIPE);
+    EXPECT_EQ(test::dumpOf(*session).size(), 0U);
 }
 
 TEST_F(SceneSessionTest, AnEventDescriptorServesALoop) {
@@ -363,10 +382,36 @@ TEST_F(SceneSessionTest, ALossIsTheOldestRequests) {
     submit(*session, 2);
     std::vector<int> results(2);
     for (int i = 0; i < 2; ++i)
-        take(*session, [&](auto& r) { results.at(r.number()) = r.frame(1).result(); });
+        take(*session, [&](auto& request) {
+            results.at(request.number()) = request.frame(1).result();
+            EXPECT_EQ(request.frame(1).dequeued().result, request.frame(1).result());
+        });
     EXPECT_THAT(results, ElementsAre(-EIO, 0));
     session.reset();
     EXPECT_THAT(mLog.take(), Contains(HasSubstr("vengine-input lost a frame")));
+}
+
+TEST_F(SceneSessionTest, ALostFrameThatComesBackFreesItsRequest) {
+    for (const char* port : {"vengine-main", "vengine-input"}) {
+        {
+            const auto session = openStarted(describe(2, 2));
+            for (int round = 0; round < 2; ++round) {
+                mEngine.faults().fail(sim::Call::ioctl(VIDIOC_DQBUF, port), EIO);
+                submit(*session);
+                take(*session);
+                mEngine.device().hold();
+                submit(*session);
+                EXPECT_EQ(session->submit({}), -EAGAIN) << "one is lost, not both";
+                mEngine.device().resume();
+                take(*session);
+            }
+            mEngine.device().hold();
+            submit(*session, 2);
+            mEngine.device().resume();
+            EXPECT_EQ(session->drain(5s), 0);
+        }
+        EXPECT_THAT(mLog.take(), Contains(HasSubstr("lost a frame")));
+    }
 }
 
 TEST_F(SceneSessionTest, LossesAmongManyCompletionsAreCountedAndHangNothing) {

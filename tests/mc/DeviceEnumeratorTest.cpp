@@ -47,6 +47,10 @@ TEST(DeviceEnumerator, FindsADeviceOnceAndCachesIt) {
         LogCapture log(kTag);
         const auto device = enumerator().search("model");
         EXPECT_TRUE(device->hasEntity("proc"));
+        EXPECT_FALSE(device->hasEntity("pro"));
+        EXPECT_EQ(device->getEntityDevnodePath("proc"), "/dev/v4l-subdev0");
+        EXPECT_EQ(device->getEntityDevnodePath("nobody"), "");
+        EXPECT_STREQ(device->getDeviceInfo()->model, "model");
         EXPECT_EQ(log.take().front(), std::string("I [") + kSearch + "] Searching: model");
         kernel.takeCalls();
         EXPECT_NE(enumerator().search("model"), device);

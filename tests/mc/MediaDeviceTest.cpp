@@ -20,15 +20,12 @@ std::shared_ptr<mc::MediaTopology> makeTopology() {
     link(0, 3, 4);
     link(1, 0, MEDIA_LNK_FL_IMMUTABLE | MEDIA_LNK_FL_ENABLED);
     link(0, 3, MEDIA_LNK_FL_IMMUTABLE);  // shadowed by the first of these pads
-    topology->insertEntity(
-        std::make_shared<mc::MediaEntity>(entityOf(3, "proc", 0, 0), nullptr, nullptr));
     return topology;
 }
 
 class MediaDeviceTest : public testing::Test {
 protected:
     MediaDeviceTest() {
-        mKernel.symbolicLinks["/sys/dev/char/81:3"] = "../video3";
         mKernel.on<media_link_desc>(MEDIA_IOC_SETUP_LINK, [this](int, media_link_desc& sent) {
             mSent.emplace_back(reinterpret_cast<const uint32_t*>(&sent),
                                reinterpret_cast<const uint32_t*>(&sent + 1));
@@ -64,17 +61,6 @@ TEST_F(MediaDeviceTest, OpensOnceAndClosesAtTheFirstRelease) {
               Lines({"open /dev/media0 0x2", "open /dev/media0 0x2", "close 100"}));
     mc::MediaDevice("/dev/media1", mInfo, nullptr).acquire();
     EXPECT_EQ(mKernel.takeCalls(), Lines({"open /dev/media1 0x2", "close 101"}));
-}
-
-TEST_F(MediaDeviceTest, FindsEntitiesOfItsTopology) {
-    EXPECT_TRUE(mDevice.hasEntity("proc"));
-    EXPECT_FALSE(mDevice.hasEntity("pro"));
-    EXPECT_EQ(mDevice.getEntityDevnodePath("proc"), "/dev/video3");
-    EXPECT_EQ(mDevice.getEntityDevnodePath("nobody"), "");
-    const mc::MediaDevice blind("/dev/media0", mInfo, nullptr);
-    EXPECT_FALSE(blind.hasEntity("proc"));
-    EXPECT_EQ(blind.getEntityDevnodePath("proc"), "");
-    EXPECT_EQ(blind.getDeviceInfo(), mInfo);
 }
 
 TEST_F(MediaDeviceTest, SetsLinksByTheirPadsAlone) {

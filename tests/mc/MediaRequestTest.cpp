@@ -2,7 +2,6 @@
 #include <corvane/IRequest.h>
 #include <corvane/mc/MediaDevice.h>
 #include <corvane/platform/ReqTrack.h>
-#include <linux/media.h>
 #include <sys/epoll.h>
 
 #include <stdexcept>

@@ -3,16 +3,15 @@
 
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/V4L2.h>
+#include <corvane/client/NodeFd.h>
+#include <corvane/client/VideoNode.h>
 #include <corvane/mc/DeviceEnumerator.h>
 #include <corvane/mc/MediaTopology.h>
-#include <corvane/platform/System.h>
 #include <corvane/sim/DescriptionFile.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/media.h>
-#include <linux/videodev2.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <map>
 
@@ -46,22 +45,17 @@ std::string devicePath(const std::string& model) {
 }
 
 /** Makes vivid's webcam as fast as it can be; both settings outlive the descriptor. */
-void hurryWebcam(const std::string& node) {
-    const int fd = System::Open(node.c_str(), O_RDWR, 0);
+void hurryWebcam(const std::string& path) {
+    client::VideoNode about{};
+    client::queryVideoNode(path, about);
     v4l2_format format = {};
-    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (System::Ioctl(fd, static_cast<int>(VIDIOC_G_FMT), &format, 0) < 0) {
-        format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
-        System::Ioctl(fd, static_cast<int>(VIDIOC_G_FMT), &format, 0);
-    }
+    format.type = about.bufferType;
+    client::NodeFd node(path.c_str(), O_RDWR);
+    node.ioctl(VIDIOC_G_FMT, &format);
     format.fmt.pix.width = 320;  // the same place in both layouts
     format.fmt.pix.height = 180;
-    System::Ioctl(fd, static_cast<int>(VIDIOC_S_FMT), &format, 0);
-    v4l2_streamparm rate = {};
-    rate.type = format.type;
-    rate.parm.capture.timeperframe = {1, 60};
-    System::Ioctl(fd, static_cast<int>(VIDIOC_S_PARM), &rate, 0);
-    System::Close(fd, 0);
+    node.ioctl(VIDIOC_S_FMT, &format);
+    client::setFrameRate(path, about.bufferType, 60);
 }
 
 /** What CORVANE_TEST_POSE holds, or the virtual engine itself. */
@@ -71,13 +65,10 @@ sim::DeviceDesc describeDevice() {
         return sim::describeVirtualEngine();
     std::ifstream file(path);
     std::string error;
-    const auto device = sim::readDescription(
-        std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()), error);
-    if (!device) {
-        ADD_FAILURE() << path << ": " << error;
-        abort();
-    }
-    return *device;
+    const auto device =
+        sim::readDescription(std::string(std::istreambuf_iterator<char>(file), {}), error);
+    EXPECT_TRUE(device) << path << ": " << error;
+    return device.value();
 }
 
 }  // namespace

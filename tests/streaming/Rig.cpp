@@ -2,12 +2,7 @@
 #include "Rig.h"
 
 #include <algorithm>
-#include <bit>
-#include <chrono>
 #include <cstring>
-#include <functional>
-#include <sstream>
-#include <thread>
 #include <utility>
 
 #include "support/Capture.h"
@@ -17,7 +12,6 @@ namespace NSVista::NSCorvane::test {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{20};
 constexpr uint8_t kPoison = 0xA5;
 
 bool isOutput(const std::string& entity) {
@@ -25,16 +19,6 @@ bool isOutput(const std::string& entity) {
         if (entity == port.name)
             return V4L2_TYPE_IS_OUTPUT(port.buf_type);
     return entity.ends_with("-out");
-}
-
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
 }
 
 vengine_picture pictureOf(const PixelFormat& format, const client::FrameMapping& frame) {
@@ -77,11 +61,10 @@ int Rig::start(int buffers) {
     scene->acquire();
     for (const auto& desc : mDesc.ports) {
         const auto port = scene->queryPort(desc.index);
-        PixelFormat format{};
-        if (const int ret = scene->getFormat(port, format); ret != 0)
-            return ret;
-        formats.push_back(format);
-        if (const int ret = scene->importBuffer(port, buffers); ret != 0)
+        int ret = scene->getFormat(port, formats.emplace_back());
+        if (ret == 0)
+            ret = scene->importBuffer(port, buffers);
+        if (ret != 0)
             return ret;
     }
     for (int i = 0; i < buffers; ++i)
@@ -93,7 +76,12 @@ int Rig::start(int buffers) {
         const std::lock_guard lock(mLock);
         mDone.push_back(reinterpret_cast<size_t>(request->getCookie()));
         ++mDoneCount;
-        mDoneChanged.notify_all();
+        mChanged.notify_all();
+    });
+    scene->setBufferDequeuedCallback([this](const DequeuedBuffer& buffer) {
+        const std::lock_guard lock(mLock);
+        mBack += buffer.result >= 0 ? 1 : 0;
+        mChanged.notify_all();
     });
     const int ret = scene->start();
     mStarted = ret == 0;
@@ -128,9 +116,8 @@ void Rig::feed(size_t port, client::FrameMapping& frame, size_t slot) {
     }
 }
 
-void Rig::fill(size_t slot, size_t ports) {
-    const size_t count = ports != 0 ? ports : mDesc.ports.size();
-    for (size_t i = 0; i < count; ++i) {
+void Rig::fill(size_t slot) {
+    for (size_t i = 0; i < mDesc.ports.size(); ++i) {
         client::Frame& frame = mFrames[slot][i];
         {
             client::FrameMapping mapping = frame.map(client::CpuAccess::Write);
@@ -144,38 +131,28 @@ void Rig::fill(size_t slot, size_t ports) {
 }
 
 bool Rig::waitDone(uint64_t count) {
-    std::unique_lock lock(mLock);
-    return mDoneChanged.wait_for(lock, kPatience, [&] { return mDoneCount >= count; });
+    return wait([this, count] { return mDoneCount >= count; });
 }
 
-unsigned Rig::withDriver() const {
-    std::istringstream lines(dump());
-    unsigned taken = 0;
-    for (std::string line; std::getline(lines, line);) {
-        unsigned count = 0;
-        unsigned long free = 0;
-        const size_t at = line.find("#REQBUFS=");
-        if (at == std::string::npos)
-            continue;
-        if (sscanf(line.c_str() + at, "#REQBUFS=%u Free=0x%lx", &count, &free) == 2)
-            taken += count - static_cast<unsigned>(std::popcount(free));
-    }
-    return taken;
+size_t Rig::withDriver() {
+    const std::lock_guard lock(mLock);
+    return mQueued * formats.size() - mBack;
 }
 
-bool Rig::waitDequeued() const {
-    return eventually([this] { return withDriver() == 0; });
+bool Rig::waitDequeued() {
+    return wait([this] { return mBack == mQueued * formats.size(); });
 }
 
 bool Rig::lookAway() {
     events.reset();
-    return eventually([this] {
-        const std::string text = dump();
-        unsigned dequeued = 0;
-        unsigned due = 0;
-        sscanf(text.c_str() + text.find("#DQBUF="), "#DQBUF=%u #ReqDone=%u", &dequeued, &due);
-        return dequeued >= due;  // more where one port is dequeued directly
-    });
+    return wait([this] { return mBack >= mDoneCount * formats.size(); });
+}
+
+int Rig::queue(size_t slot) {
+    const int ret = scene->queueRequest(mRequests[slot].get(), 0);
+    const std::lock_guard lock(mLock);
+    mQueued += ret == 0 ? 1 : 0;
+    return ret;
 }
 
 std::vector<size_t> Rig::takeDone() {

@@ -5,6 +5,7 @@
  */
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include <corvane/DequeuedBuffer.h>
 #include <corvane/IRequest.h>
 #include <corvane/SceneControl.h>
 #include <corvane/client/EpollEventMonitor.h>
@@ -38,17 +40,17 @@ public:
      * @return 0 or the first failure.
      */
     int start(int buffers);
-    /** Poisons and fills the slot's buffers for the first @p ports ports (0: all). */
-    void fill(size_t slot, size_t ports = 0);
-    int queue(size_t slot) { return scene->queueRequest(mRequests[slot].get(), 0); }
+    /** Poisons and fills the slot's buffers. */
+    void fill(size_t slot);
+    int queue(size_t slot);
     /** Waits until @p count requests are done in all. */
     bool waitDone(uint64_t count);
     /** Waits until the devices have their buffers back. */
-    bool waitDequeued() const;
+    bool waitDequeued();
     /** Stops watching; completions seen by then are dequeued when this returns. */
     bool lookAway();
-    /** Buffer indexes that are not free, of all ports. */
-    unsigned withDriver() const;
+    /** Buffers that were queued and are not back, of all ports. */
+    size_t withDriver();
     /** The slots' requests in the order of their completion; takes them. */
     std::vector<size_t> takeDone();
     /** Whether every capture plane of a slot was written. */
@@ -68,6 +70,11 @@ public:
     std::vector<PixelFormat> formats;
 
 private:
+    template <class Condition>
+    bool wait(Condition isMet) {
+        std::unique_lock lock(mLock);
+        return mChanged.wait_for(lock, std::chrono::seconds(20), isMet);
+    }
     int makeSlot();
     /** Draws what an output port of the virtual engine is fed with. */
     void feed(size_t port, client::FrameMapping& frame, size_t slot);
@@ -81,9 +88,10 @@ private:
     uint32_t mNextPicture = 0;
     std::vector<uint32_t> mPictures;  ///< drawn last into a slot's input
     std::mutex mLock;
-    std::condition_variable mDoneChanged;
+    std::condition_variable mChanged;
     std::vector<size_t> mDone;
-    uint64_t mDoneCount = 0;
+    uint64_t mQueued = 0, mDoneCount = 0;  ///< requests
+    uint64_t mBack = 0;                    ///< buffers that were dequeued
 };
 
 }  // namespace NSVista::NSCorvane::test

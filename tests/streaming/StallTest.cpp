@@ -138,31 +138,6 @@ TEST_F(Stalls, ByAStreamOnAndALinkAreTold) {
     EXPECT_EQ(started.get(), 0);
 }
 
-TEST_F(Stalls, ByACompletionThatDoesNotComeAreTheDriversTurn) {
-    Rig rig(2);
-    ASSERT_EQ(rig.start(2), 0);
-    platform.hold(true);
-    rig.fill(0);
-    ASSERT_EQ(rig.queue(0), 0);
-    explained(rig, ContainsRegex("request 0 .fd [0-9]+.: with the driver for [0-9]{1,5} ms: the "
-                                 "driver's turn; buffers vengine-[a-z]+.0. vengine-[a-z]+.0."));
-    rig.events.reset();
-    EXPECT_EQ(rig.stop(), 0);
-}
-
-TEST_F(Stalls, ByARefusedRequestIsTheClientsTurn) {
-    Rig rig(2);
-    ASSERT_EQ(rig.start(2), 0);
-    platform.order("qbuf -5 2");  // after one port's buffer
-    rig.fill(0);
-    EXPECT_EQ(rig.queue(0), -EIO);
-    explained(rig, ContainsRegex("request 0 .fd [0-9]+.: its queueing was refused: the client's "
-                                 "turn, to stop the scene; buffers vengine-[a-z]+.0. "
-                                 "vengine-[a-z]+.0. refused$"));
-    errors();
-    EXPECT_EQ(rig.stop(), 0);
-}
-
 // Three seconds of a blocked client, and what waits for it meanwhile.
 TEST_F(Stalls, ByTheClientAreToldByTheGuardAsWell) {
     Rig rig(1);

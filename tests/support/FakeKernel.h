@@ -5,9 +5,7 @@
  */
 #pragma once
 
-#include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -19,8 +17,6 @@
 #include <vector>
 
 #include <corvane/platform/System.h>
-#include <linux/media.h>
-#include <linux/videodev2.h>
 #include <sys/stat.h>
 
 #include "vengine-fault.h"

@@ -5,20 +5,14 @@
  */
 #pragma once
 
-#include <linux/media.h>
 #include <linux/videodev2.h>
 #include <sys/epoll.h>
 
 #include <array>
 #include <atomic>
-#include <cerrno>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <corvane/IEventMonitor.h>
-#include <corvane/IMediaDevice.h>
 #include <corvane/SceneControl.h>
 #include <corvane/SceneDesc.h>
 #include <corvane/mc/MediaDevice.h>

@@ -8,12 +8,6 @@
 #include <corvane/IMediaRequest.h>
 #include <corvane/IV4L2BufferMonitor.h>
 
-#include <cstdio>
-#include <functional>
-#include <memory>
-#include <string>
-#include <utility>
-
 #include "support/Capture.h"
 #include "support/FakeKernel.h"
 #include "support/NullEngine.h"
