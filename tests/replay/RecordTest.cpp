@@ -67,10 +67,7 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
     {
         const sim::ScopedKernel installed(engine);
         const int fd = System::Open("/dev/video0", O_RDWR, 1);
-        v4l2_requestbuffers request{};
-        request.count = 2;
-        request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        request.memory = V4L2_MEMORY_DMABUF;
+        v4l2_requestbuffers request{2, V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_MEMORY_DMABUF, 0, 0, {}};
         EXPECT_EQ(System::Ioctl(fd, static_cast<int>(VIDIOC_REQBUFS), &request, 0), -EINVAL);
         EXPECT_EQ(errno, EINVAL);
         v4l2_ext_control control{};
@@ -166,8 +163,8 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
     controls[0].size = 7;  // a value of no address
     controls[1].size = 3;
     controls[1].ptr = memory;
-    controls[2].size = static_cast<uint32_t>(page + 1);  // ends behind its memory
-    controls[2].ptr = last;
+    controls[2].size = 3;  // ends behind its memory
+    controls[2].ptr = static_cast<char*>(last) + page - 2;
     v4l2_ext_controls list{};
     list.count = 3;
     list.controls = controls;

@@ -225,10 +225,7 @@ TEST_F(ReplayTest, DeliversBuffersOfNoRequestToWhoPolls) {
     sim::VirtualEngine engine(description);
     const auto run = [](const std::function<void(int)>& await) {
         const int fd = System::Open("/dev/video0", O_RDWR | O_NONBLOCK, 1);
-        v4l2_requestbuffers request{};
-        request.count = 1;
-        request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        request.memory = V4L2_MEMORY_DMABUF;
+        v4l2_requestbuffers request{1, V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_MEMORY_DMABUF, 0, 0, {}};
         EXPECT_EQ(System::Ioctl(fd, static_cast<int>(VIDIOC_REQBUFS), &request, 0), 0);
         UniqueFd memory(memfd_create("test", MFD_CLOEXEC));
         EXPECT_EQ(ftruncate(memory.get(), 1 << 20), 0);

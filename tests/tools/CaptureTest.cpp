@@ -48,10 +48,8 @@ TEST(CaptureTest, TellsWhatItCouldNotLearn) {
     const sim::ScopedKernel installed(engine);
     const std::string path = engine.device().nodePath("vengine-main");
     client::NodeFd user(path.c_str(), O_RDWR);
-    v4l2_requestbuffers request = {};
-    request.count = 3;
-    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
-    request.memory = V4L2_MEMORY_DMABUF;
+    v4l2_requestbuffers request{3, V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE, V4L2_MEMORY_DMABUF, 0, 0,
+                                {}};
     ASSERT_EQ(user.ioctl(VIDIOC_REQBUFS, &request), 0);
     std::vector<std::string> remarks;
     captureText(path, remarks);
