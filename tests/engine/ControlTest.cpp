@@ -99,6 +99,12 @@ TEST_F(ControlTest, IsDescribedAndSetAsTheKernelDoes) {
     List many(7);
     many.list.count = V4L2_CID_MAX_CTRLS + 1;  // nothing behind the first is read
     EXPECT_EQ(many.pass(port, VIDIOC_S_EXT_CTRLS), -EINVAL);
+    for (uint32_t which : {V4L2_CTRL_CLASS_USER, V4L2_CTRL_CLASS_CAMERA}) {
+        List none(7);
+        none.list.count = 0;
+        none.list.which = which;
+        EXPECT_EQ(none.pass(port, VIDIOC_S_EXT_CTRLS), which == V4L2_CTRL_CLASS_USER ? 0 : -EINVAL);
+    }
     List initial(7);
     initial.list.which = V4L2_CTRL_WHICH_DEF_VAL;
     EXPECT_EQ(initial.pass(port, VIDIOC_S_EXT_CTRLS), -EINVAL);

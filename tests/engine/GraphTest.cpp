@@ -8,6 +8,8 @@
 #include <sys/sysmacros.h>
 
 #include <cstring>
+#include <map>
+#include <set>
 
 #include "Bench.h"
 
@@ -31,6 +33,7 @@ TEST_F(GraphTest, TellsWhatTheNodesAre) {
     ASSERT_EQ(call(media, MEDIA_IOC_DEVICE_INFO, &info), 0);
     EXPECT_STREQ(info.model, VENGINE_MODEL);
     EXPECT_STREQ(info.bus_info, "platform:" VENGINE_DRIVER);
+    EXPECT_EQ(info.hw_revision, 1u);
 }
 
 TEST_F(GraphTest, FormatsAreAdjustedAndPersist) {
@@ -63,6 +66,7 @@ TEST_F(GraphTest, FormatsAreAdjustedAndPersist) {
         EXPECT_EQ(found.height, wanted.height);
         EXPECT_EQ(found.format, wanted.fourcc);
         EXPECT_EQ(format.fmt.pix.field, static_cast<uint32_t>(V4L2_FIELD_NONE));
+        EXPECT_TRUE(ask.port != kMain || format.fmt.pix_mp.reserved[0] == 0);
         ASSERT_EQ(found.planeCount, wanted.num_planes);
         for (uint32_t i = 0; i < wanted.num_planes; ++i) {
             EXPECT_EQ(found.planes[i].stride, wanted.bytesperline[i]);
@@ -130,6 +134,41 @@ TEST_F(GraphTest, LinksAreSetUpAsTheKernelDoes) {
     EXPECT_EQ(setLink(media, kMirror, kOn), 0);
     EXPECT_EQ(main.stream(false), 0);
     EXPECT_EQ(setLink(media, kMain, 0), 0);
+}
+
+TEST_F(GraphTest, TopologyIsOneOfNumbers) {
+    constexpr unsigned kNodes = VENGINE_PORTS + 1;
+    media_v2_entity entities[kNodes + 1];
+    media_v2_interface interfaces[kNodes];
+    media_v2_pad pads[2 * kNodes];
+    media_v2_link links[2 * kNodes];
+    media_v2_topology all = {};
+    EXPECT_EQ(call(media, MEDIA_IOC_G_TOPOLOGY, &all), 0) << "tells how many there are";
+    EXPECT_EQ((std::vector<uint32_t>{all.num_entities, all.num_interfaces, all.num_pads,
+                                     all.num_links, all.reserved1}),
+              (std::vector<uint32_t>{kNodes + 1, kNodes, 2 * kNodes, 2 * kNodes, 0}));
+    all.ptr_entities = reinterpret_cast<uintptr_t>(entities);
+    all.ptr_interfaces = reinterpret_cast<uintptr_t>(interfaces);
+    all.ptr_pads = reinterpret_cast<uintptr_t>(pads);
+    all.ptr_links = reinterpret_cast<uintptr_t>(links);
+    ASSERT_EQ(call(media, MEDIA_IOC_G_TOPOLOGY, &all), 0);
+    std::map<uint32_t, std::string> names;
+    for (const media_v2_entity& entity : entities)
+        names[entity.id] = entity.name;
+    for (const media_v2_pad& pad : pads)
+        names[pad.id] = names[pad.entity_id] + ':' + std::to_string(pad.index);
+    for (const media_v2_interface& interface : interfaces)
+        names[interface.id] = "node";
+    std::set<std::string> found;
+    for (const media_v2_link& link : links)
+        found.insert(names[link.source_id] + ' ' + names[link.sink_id]);
+    EXPECT_EQ(names.size(), kNodes + 1 + 2 * kNodes + kNodes);
+    EXPECT_EQ(found.size(), 2 * kNodes);
+    for (const char* link : {"vengine-core:2 vengine-mirror:0", "vengine-tuning:0 vengine-core:5",
+                             "node vengine-mirror"})
+        EXPECT_EQ(found.count(link), 1u) << link;
+    --all.num_pads;
+    EXPECT_EQ(call(media, MEDIA_IOC_G_TOPOLOGY, &all), -ENOSPC);
 }
 
 TEST_F(GraphInProcess, ShowsNodesInDirectoriesAndSysfs) {

@@ -238,6 +238,7 @@ TEST_F(SubDeviceNodeTest, KeepsTheNewestFrameEventsOfASubscription) {
         frame = event.u.frame_sync.frame_sequence;
         EXPECT_EQ(event.sequence, n + kMore) << "the oldest were dropped";
         EXPECT_EQ(event.pending, VENGINE_EVENTS - 1 - n);
+        EXPECT_NE(event.timestamp.tv_sec + event.timestamp.tv_nsec, 0);
     }
     EXPECT_EQ(pollFor(sub, POLLPRI, 0), 0);
     EXPECT_EQ(call(sub, VIDIOC_DQEVENT, &event), -ENOENT);

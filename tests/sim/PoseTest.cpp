@@ -130,7 +130,7 @@ const Habit kHabits[] = {
       {162, 66, {164, 68, {{328, 22304}}}},
       {333, 251, {336, 252, {{672, 169344}}}},
       {16384, 16384, {4096, 4096, {{8192, 33554432}}}}},
-     {4093, 85, {4096, 88, {{8192, 720896}}}}},
+     {4093, 88, {4096, 88, {{8192, 720896}}}}},
     {"has one size only",
      {},
      {{1, 1, {720, 576, {{1440, 829440}}}}, {16384, 16384, {720, 576, {{1440, 829440}}}}},
@@ -156,7 +156,9 @@ const Habit kHabits[] = {
      {500, 100, {500, 100, {{1000, 100128}}}}},
     {"compresses, to a size that nobody can tell",
      {steps(2)},
-     {{320, 240, {320, 240, {{0, 20000}}}}, {640, 480, {640, 480, {{0, 65000}}}}},
+     {{320, 240, {320, 240, {{0, 20000}}}},
+      {640, 480, {640, 480, {{0, 65000}}}},
+      {1280, 960, {1280, 960, {{0, 90000}}}}},
      {400, 300, {400, 300, {{0, 65000}}}}},
 };
 
@@ -237,12 +239,13 @@ TEST(PoseTest, OffersIntervalsAndTakesTheNearest) {
         EXPECT_EQ(node.call(VIDIOC_S_PARM, &parameters), 0);
         EXPECT_EQ(node.call(VIDIOC_G_PARM, &parameters), 0);
         EXPECT_EQ(parameters.parm.capture.timeperframe.denominator, got);
+        EXPECT_EQ(parameters.parm.capture.reserved[0], 0U);
     }
 }
 
 TEST(PoseTest, TriesAPadsFormatWithoutSettingIt) {
     SubDeviceDesc desc;
-    desc.pads = {{0, {}, {{MEDIA_BUS_FMT_Y8_1X8, 0, {{16, 640, 16, 480}}}}}};
+    desc.pads = {{0, {}, {{MEDIA_BUS_FMT_Y8_1X8, 0, {{2000, 3000, 16, 480}, {16, 640, 16, 480}}}}}};
     desc.pads[0].format.code = MEDIA_BUS_FMT_Y8_1X8;
     desc.pads[0].format.width = 320;
     desc.pads[0].format.height = 240;
@@ -256,6 +259,7 @@ TEST(PoseTest, TriesAPadsFormatWithoutSettingIt) {
         format.format.code = MEDIA_BUS_FMT_Y8_1X8;
         EXPECT_EQ(node.call(VIDIOC_SUBDEV_S_FMT, &format), 0);
         EXPECT_EQ(format.format.width, 640U);
+        EXPECT_EQ(format.format.height, 400U);
         format.which = V4L2_SUBDEV_FORMAT_ACTIVE;
         EXPECT_EQ(node.call(VIDIOC_SUBDEV_G_FMT, &format), 0);
         EXPECT_EQ(format.format.width, width);
@@ -279,20 +283,67 @@ TEST(PoseTest, SetsTheStandardsThatItsInputHas) {
     }
 }
 
+TEST(PoseTest, HasOneConnectorAndNoneOfTheOtherKind) {
+    for (const bool output : {false, true}) {
+        VideoDesc video{output ? V4L2_BUF_TYPE_VIDEO_OUTPUT : V4L2_BUF_TYPE_VIDEO_CAPTURE,
+                        V4L2_PIX_FMT_GREY, sim::kPlainRole};
+        sim::ConnectorsDesc& connectors =
+            (output ? video.signal.outputs : video.signal.inputs).emplace();
+        connectors.list.resize(2);
+        connectors.current = 1;
+        OneNode node(video);
+        uint32_t index = 7;
+        EXPECT_EQ(node.call(output ? VIDIOC_G_OUTPUT : VIDIOC_G_INPUT, &index), 0);
+        EXPECT_EQ(index, 1U);
+        EXPECT_EQ(node.call(output ? VIDIOC_G_INPUT : VIDIOC_G_OUTPUT, &index), -ENOTTY);
+        for (const auto& [wanted, result] : {std::pair(0U, -EBUSY), {1U, 0}, {2U, -EINVAL}}) {
+            index = wanted;
+            EXPECT_EQ(node.call(output ? VIDIOC_S_OUTPUT : VIDIOC_S_INPUT, &index), result);
+        }
+        v4l2_enum_dv_timings timings = {};
+        for (const unsigned long code : {VIDIOC_G_STD, VIDIOC_S_STD, VIDIOC_G_DV_TIMINGS,
+                                         VIDIOC_S_DV_TIMINGS, VIDIOC_ENUM_DV_TIMINGS})
+            EXPECT_EQ(node.call(code, &timings), -ENODATA) << code;
+    }
+    VideoDesc none{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
+    none.deviceCaps = V4L2_CAP_VIDEO_CAPTURE;
+    v4l2_input input = {};
+    EXPECT_EQ(OneNode(none).call(VIDIOC_ENUMINPUT, &input), -ENOTTY);
+}
+
 TEST(PoseTest, GrantsBuffersAsTheQueueDoes) {
     VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
     video.minBuffers = 2;
     video.maxBuffers = 6;
     video.queueCapabilities = V4L2_BUF_CAP_SUPPORTS_DMABUF;
+    FormatDesc& offered = video.formats.emplace_back();
+    offered.fourcc = video.format;
+    offered.sizes = {steps(1)};
+    offered.answers = {{100, 100, {100, 100, {{100, 10000}}}}};
+    video.layout = offered.answers[0].layout;
+    video.secondQueue = {video};
+    video.secondQueue[0].bufType = V4L2_BUF_TYPE_VIDEO_OUTPUT;
     OneNode node(video);
-    for (const auto& [wanted, granted] : {std::pair(1U, 2U), {5U, 5U}, {64U, 6U}, {0U, 0U}}) {
+    for (const uint32_t type : {video.bufType, video.secondQueue[0].bufType}) {
+        v4l2_format format = wish(type, video.format, 64 * type, 64);
+        EXPECT_EQ(node.call(VIDIOC_S_FMT, &format), 0);
         v4l2_requestbuffers request = {};
-        request.count = wanted;
-        request.type = video.bufType;
+        request.type = type;
+        request.count = 1;
+        request.memory = V4L2_MEMORY_MMAP;
+        EXPECT_EQ(node.call(VIDIOC_REQBUFS, &request), -EINVAL);
         request.memory = V4L2_MEMORY_DMABUF;
-        ASSERT_EQ(node.call(VIDIOC_REQBUFS, &request), 0);
-        EXPECT_EQ(request.count, granted);
-        EXPECT_EQ(request.capabilities, uint32_t{V4L2_BUF_CAP_SUPPORTS_DMABUF});
+        for (const auto& [wanted, granted] : {std::pair(1U, 2U), {5U, 5U}, {64U, 6U}, {0U, 0U}}) {
+            request.count = wanted;
+            ASSERT_EQ(node.call(VIDIOC_REQBUFS, &request), 0);
+            EXPECT_EQ(request.count, granted);
+            EXPECT_EQ(request.capabilities, uint32_t{V4L2_BUF_CAP_SUPPORTS_DMABUF});
+        }
+    }
+    for (const uint32_t type : {video.bufType, video.secondQueue[0].bufType}) {
+        v4l2_format format = wish(type, 0, 0, 0);
+        EXPECT_EQ(node.call(VIDIOC_G_FMT, &format), 0);
+        EXPECT_EQ(format.fmt.pix.width, 64 * type) << "each its own";
     }
 }
 
@@ -328,6 +379,7 @@ const Setting kSettings[] = {
     {"true", control(V4L2_CTRL_TYPE_BOOLEAN, 0, 1, 1), 7, 0, 1},
     {"known bits", control(V4L2_CTRL_TYPE_BITMASK, 0, 0xf0, 0), 0xff, 0, 0xf0},
     {"an item", control(V4L2_CTRL_TYPE_MENU, 1, 3, 0), 3, 0, 3},
+    {"a button", control(V4L2_CTRL_TYPE_BUTTON, 0, 0, 0), 1, 0, 0},
     {"no item", control(V4L2_CTRL_TYPE_MENU, 1, 3, 0), 2, -EINVAL, 0},
     {"beyond the items", control(V4L2_CTRL_TYPE_MENU, 1, 3, 0), 4, -ERANGE, 0},
     {"read-only", control(V4L2_CTRL_TYPE_INTEGER, 0, 9, 1, V4L2_CTRL_FLAG_READ_ONLY), 1, -EACCES,
@@ -339,23 +391,33 @@ TEST(PoseTest, SetsControlsByTheirKind) {
     for (const Setting& setting : kSettings) {
         VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
         video.controls = {setting.control};
-        OneNode node(video);
-        const bool isLong = setting.control.type == V4L2_CTRL_TYPE_INTEGER64;
-        v4l2_ext_control item = {};
-        item.id = setting.control.id;
-        if (isLong)
-            item.value64 = setting.wanted;
-        else
-            item.value = static_cast<int32_t>(setting.wanted);
-        v4l2_ext_controls list = {};
-        list.count = 1;
-        list.controls = &item;
-        EXPECT_EQ(node.call(VIDIOC_S_EXT_CTRLS, &list), setting.result) << setting.name;
-        if (setting.result < 0)
-            continue;
-        item.value64 = 0;
-        EXPECT_EQ(node.call(VIDIOC_G_EXT_CTRLS, &list), 0);
-        EXPECT_EQ(isLong ? item.value64 : item.value, setting.value) << setting.name;
+        SubDeviceDesc subDevice;
+        subDevice.controls = {setting.control};
+        OneNode nodes[] = {OneNode(video), OneNode(subDevice)};
+        for (OneNode& node : nodes) {
+            const bool isLong = setting.control.type == V4L2_CTRL_TYPE_INTEGER64;
+            v4l2_ext_control item = {};
+            item.id = setting.control.id;
+            if (isLong)
+                item.value64 = setting.wanted;
+            else
+                item.value = static_cast<int32_t>(setting.wanted);
+            v4l2_ext_controls list = {};
+            list.count = 1;
+            list.controls = &item;
+            list.error_idx = 9;
+            v4l2_ext_control tried = item;
+            list.controls = &tried;
+            EXPECT_EQ(node.call(VIDIOC_TRY_EXT_CTRLS, &list), setting.result) << setting.name;
+            EXPECT_EQ(list.error_idx, setting.result < 0 ? 0U : 1U);
+            list.controls = &item;
+            EXPECT_EQ(node.call(VIDIOC_S_EXT_CTRLS, &list), setting.result) << setting.name;
+            if (setting.result < 0)
+                continue;
+            item.value64 = 0;
+            EXPECT_EQ(node.call(VIDIOC_G_EXT_CTRLS, &list), 0);
+            EXPECT_EQ(isLong ? item.value64 : item.value, setting.value) << setting.name;
+        }
     }
 }
 
