@@ -4,7 +4,6 @@
 #include <corvane/platform/Service.h>
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/Trace.h>
-#include <corvane/platform/ULog.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
@@ -16,7 +15,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>

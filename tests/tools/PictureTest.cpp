@@ -5,7 +5,6 @@
 #include <linux/videodev2.h>
 
 #include <array>
-#include <cmath>
 #include <iterator>
 #include <string>
 #include <vector>
