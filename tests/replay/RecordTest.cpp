@@ -18,6 +18,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <fstream>
@@ -305,6 +306,25 @@ TEST_F(RecordTest, CountsWhatFindsNoRoomAndAllocatesNothing) {
     System::Close(-1, 1);
     record::stop();
     EXPECT_TRUE(replay::loadRecord(mPath).isWhole) << "lost is lost to one record";
+}
+
+TEST_F(RecordTest, CountsTheCallsOfThreadsWithoutALane) {
+    ASSERT_EQ(record::start(mPath.c_str()), 0);
+    std::vector<std::thread> threads;
+    std::atomic<int> done{0};
+    for (int t = 0; t < 70; ++t)
+        threads.emplace_back([&] {
+            EXPECT_EQ(System::Close(-1, 1), -EBADF);
+            EXPECT_EQ(System::QueueMediaRequest(-1), -EBADF);
+            for (++done; done < 70;)
+                std::this_thread::yield();
+        });
+    for (auto& thread : threads)
+        thread.join();
+    record::stop();
+    const uint64_t lost = record::status().lost;
+    EXPECT_GE(lost, 12U);
+    EXPECT_EQ(replay::loadRecord(mPath).calls.size() + lost, 140U);
 }
 
 TEST_F(RecordTest, EndsWithItsCauseWhereNothingCanBeWritten) {
