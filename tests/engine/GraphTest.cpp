@@ -75,24 +75,6 @@ TEST_F(GraphTest, FormatsAreAdjustedAndPersist) {
         format.type = V4L2_BUF_TYPE_VBI_CAPTURE;
         EXPECT_EQ(call(Fd(port.name), VIDIOC_G_FMT, &format), -EINVAL);
     }
-    v4l2_frmsizeenum size = {};
-    size.pixel_format = V4L2_PIX_FMT_NV12;
-    const Fd mask(vengine_ports[kMask].name);
-    ASSERT_EQ(call(mask, VIDIOC_ENUM_FRAMESIZES, &size), 0);
-    EXPECT_EQ(size.type, static_cast<uint32_t>(V4L2_FRMSIZE_TYPE_STEPWISE));
-    EXPECT_EQ(size.stepwise.max_width, uint32_t{VENGINE_MAX_WIDTH});
-    EXPECT_EQ(size.stepwise.min_height, uint32_t{VENGINE_MIN_HEIGHT});
-    EXPECT_EQ(size.stepwise.step_width, 2u);
-    size.index = 1;
-    EXPECT_EQ(call(mask, VIDIOC_ENUM_FRAMESIZES, &size), -EINVAL);
-    size = {};
-    size.pixel_format = V4L2_PIX_FMT_NV12M;
-    EXPECT_EQ(call(mask, VIDIOC_ENUM_FRAMESIZES, &size), -EINVAL) << "a multi-planar node's";
-    v4l2_format meta = {};
-    meta.type = V4L2_BUF_TYPE_META_CAPTURE;
-    ASSERT_EQ(call(Fd(vengine_ports[kStats].name), VIDIOC_S_FMT, &meta), 0);
-    EXPECT_EQ(meta.fmt.meta.dataformat, VENGINE_META_FMT_STATS);
-    EXPECT_EQ(meta.fmt.meta.buffersize, uint32_t{VENGINE_META_SIZE});
 }
 
 TEST_F(GraphTest, LinksAreSetUpAsTheKernelDoes) {
