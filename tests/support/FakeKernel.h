@@ -66,7 +66,7 @@ public:
     FakeKernel& operator=(const FakeKernel&) = delete;
 
     std::map<std::string, int> openResults;            ///< instead of a new one, by path
-    std::map<std::string, int> statResults;            ///< failures, by path
+    std::map<std::string, int> statResults;            ///< by path; 0 for others
     unsigned int group = 0;                            ///< of all files
     int closeResult = 0;                               ///< of the next calls
     std::vector<std::string> directory;                ///< what "/dev" lists

@@ -5,6 +5,7 @@
 #include <corvane/SceneDesc.h>
 #include <corvane/SceneManager.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -146,8 +147,10 @@ TEST(SceneManager, RunsPipesInTheirOrderAndMayBeCalledByThem) {
         const std::string on = convertToFormattedLogTime(record->streamOnBegin);
         const std::string off = convertToFormattedLogTime(record->streamOffBegin);
         manager.getDebugInfo("z");
+        const Lines dump = dumpOf(manager);
+        EXPECT_EQ(std::count(dump.begin(), dump.end(), ""), 7) << "one after each part";
         EXPECT_THAT(
-            dumpOf(manager),
+            dump,
             testing::IsSupersetOf(
                 {"<<Scene>> state=IDLE #Request(Queued,Done)=(0,0)",
                  ("Scene:'b' { streamOn(" + on + "+1us) streamOff(" + off + "+1000005us) }")

@@ -14,7 +14,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <future>
 #include <stdexcept>
@@ -116,6 +115,11 @@ protected:
             if (call.find("VIDIOC_QUERYCAP") == std::string::npos)
                 calls.push_back(std::move(call));
         return calls;
+    }
+    Lines stall() {
+        LinePrinter printer;
+        mScene->explainStall(&printer);
+        return printer.lines;
     }
     /** The log with processor times cut off. */
     Lines log() {
@@ -307,10 +311,7 @@ TEST_F(SceneTest, TellsWhyANodeCannotBeOpened) {
     for (const auto& c : cases) {
         mKernel.openResults["/dev/v0"] = c.error;
         mKernel.group = c.group;
-        if (c.stat != 0)
-            mKernel.statResults["/dev/v0"] = c.stat;
-        else
-            mKernel.statResults.clear();
+        mKernel.statResults["/dev/v0"] = c.stat;
         make({0});
         EXPECT_EQ(mScene->init(), -1);
         EXPECT_EQ(log().at(1), c.hint);
@@ -370,14 +371,11 @@ TEST_F(SceneTest, StreamsRequests) {
     EXPECT_EQ(mScene->queueRequest(request.get(), 0), -EINVAL);
     EXPECT_EQ(log().back(),
               "E [queueRequest] Failed to queue request: { .requestFD=200 .state=0 }");
-    LinePrinter stall;
-    mScene->explainStall(&stall);
-    EXPECT_THAT(stall.lines, Contains(HasSubstr("request 2 (fd 200): its queueing was refused")));
+    EXPECT_THAT(stall(), Contains(HasSubstr("request 2 (fd 200): its queueing was refused")));
     request.reset();
-    stall.lines.clear();
-    mScene->explainStall(&stall);
-    EXPECT_THAT(stall.lines, Each(Not(HasSubstr("request ")))) << "it is gone";
+    EXPECT_THAT(stall(), Each(Not(HasSubstr("request ")))) << "it is gone";
     EXPECT_EQ(mScene->stop(), 0);
+    EXPECT_EQ(log(), Lines({"I [stop] + Scene::stop", "I [stop] - Scene::stop"})) << "all done";
     EXPECT_NE(info->streamOffEnd.tv_sec, 0);
     dump = dumpOf(*mScene);
     EXPECT_EQ(dump[0], "<<Scene>> state=ACQUIRED #Request(Queued,Done)=(2,2)");
@@ -440,22 +438,20 @@ TEST_F(SceneTest, RequestsComeAndGoInTheirCallbacks) {
     mScene->start();
     auto request = mScene->createRequest();
     std::shared_ptr<IRequest> next;
-    LinePrinter inside;
+    Lines inside;
     mScene->setRequestDoneCallback([&](IRequest*) {
         request.reset();
         next = mScene->createRequest();
-        mScene->explainStall(&inside);
+        inside = stall();
     });
     fill(*request, {0});
     EXPECT_EQ(mScene->queueRequest(request.get(), 0), 0);
     const auto done = mMedia->request->done;
     done();
     EXPECT_EQ(request, nullptr);
-    EXPECT_THAT(inside.lines,
+    EXPECT_THAT(inside,
                 Contains(HasSubstr("request 0 (fd 200): in its done callback, completed ")));
-    LinePrinter printer;
-    mScene->explainStall(&printer);
-    EXPECT_THAT(printer.lines, Each(Not(HasSubstr("callback"))));
+    EXPECT_THAT(stall(), Each(Not(HasSubstr("callback"))));
     mScene->stop();
 }
 
@@ -580,22 +576,6 @@ TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
     });
     unsetenv("persist.vendor.kvx.camera.ulog.detailslevel");
 }
-
-#if defined(CORVANE_CHECK_RELOCK)
-TEST_F(SceneTest, EndsAHandlerThatStopsTheSceneThatCallsIt) {
-    open({0});
-    const auto stopTwice = [&] {
-        Utils::setTerminateHandler([&] { mScene->stop(); });
-        mKernel.answer(VIDIOC_STREAMOFF, -EIO);
-        mScene->start();
-        mScene->stop();
-    };
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // guards have a thread by now
-    // To standard error, where the death test looks.
-    EXPECT_EXIT((Utils::ULog::ULogger::install(nullptr), stopTwice()),
-                testing::KilledBySignal(SIGABRT), "locks again what it holds");
-}
-#endif
 
 TEST_F(SceneTest, EndsOnConsistencyErrors) {
     open({0});

@@ -249,12 +249,9 @@ TEST_F(VideoDeviceTest, RefusesMorePlanesThanABufferHasAndQueuesWithoutARequest)
     EXPECT_EQ(mDevice->describe(bufferOf(1)),
               "port 0x1a(dip): plane 0 fd 5 (not open) offset 50 size 500");
 
-    const std::string state = mDevice->toString();
-    EXPECT_EQ(dumpOf(*mDevice), Lines({state}));
-    EXPECT_THAT(state,
-                testing::MatchesRegex("V4L2VideoDevice: 100 -> /dev/video3 0x1a.dip. Cap=0x4001000 "
-                                      "V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE . V4L2_MEMORY_DMABUF "
-                                      "#REQBUFS=2 Free=0x0 0x[0-9a-f]+ ."));
+    EXPECT_EQ(dumpOf(*mDevice), Lines({mDevice->toString()}));
+    EXPECT_THAT(mDevice->toString(),
+                testing::HasSubstr(" V4L2_MEMORY_DMABUF #REQBUFS=2 Free=0x0 "));
     mLog.setLevel(Utils::ULog::kKeyEvent);
     mDevice->closeDevice();
     const std::string closed = mDevice->toString();
