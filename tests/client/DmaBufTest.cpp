@@ -5,17 +5,14 @@
 #include <corvane/sim/Engine.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/dma-buf.h>
 #include <linux/dma-heap.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <fstream>
-#include <iterator>
 
 #include "support/DescriptorLimit.h"
 #include "support/FakeKernel.h"

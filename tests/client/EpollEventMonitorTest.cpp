@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <functional>
 #include <future>
 #include <thread>
 

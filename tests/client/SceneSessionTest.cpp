@@ -11,10 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <memory>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "support/Capture.h"
 #include "support/DescriptorLimit.h"

@@ -5,7 +5,6 @@
 #include <corvane/mc/MediaTopology.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <thread>
 
 #include "MediaGraph.h"

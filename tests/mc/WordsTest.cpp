@@ -42,11 +42,5 @@ TEST(Words, KnowTypesByTheirCapabilities) {
     EXPECT_EQ(findBufferType(0), nullptr);
 }
 
-TEST(Words, EndTextsThatFillTheirField) {
-    const uint8_t full[] = {'a', 'b', 'c'};
-    EXPECT_EQ(fixedText(full), "abc");
-    EXPECT_EQ(fixedText("a\0b"), "a");
-}
-
 }  // namespace
 }  // namespace NSVista::NSCorvane::v4l2

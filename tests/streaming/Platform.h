@@ -5,11 +5,6 @@
  */
 #pragma once
 
-#include <cstdint>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <corvane/IMediaDevice.h>
 #include <corvane/client/DmaBuf.h>
 #include <corvane/client/SceneSession.h>

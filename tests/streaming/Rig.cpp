@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "support/Capture.h"
 #include "vengine-picture.h"

@@ -7,11 +7,7 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include <corvane/DequeuedBuffer.h>
 #include <corvane/IRequest.h>

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Where a stalled scene stands, with the stall made by the driver or the client.
 #include <corvane/SceneManager.h>
-#include <gmock/gmock.h>
-#include <linux/media.h>
 
 #include <chrono>
 #include <future>

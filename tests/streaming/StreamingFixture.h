@@ -10,7 +10,6 @@
 #include <linux/media.h>
 
 #include <algorithm>
-#include <string>
 
 #include "Platform.h"
 #include "Rig.h"

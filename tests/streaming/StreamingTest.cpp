@@ -28,20 +28,18 @@ TEST_P(Cycle, CompletesEveryRequestOnceAndGivesAllBuffersBack) {
     Rig rig(ports);
     ASSERT_EQ(rig.start(buffers), 0);
 
-    std::vector<size_t> idle(slots);
-    for (size_t i = 0; i < slots; ++i)
-        idle[i] = slots - 1 - i;
-    uint64_t queued = 0;
-    uint64_t done = 0;
+    size_t queued = 0;
+    const auto queueUnlessEnough = [&](size_t slot) {
+        if (queued == total)
+            return 0;
+        ++queued;
+        rig.fill(slot);
+        return rig.queue(slot);
+    };
+    for (size_t slot = slots; slot-- != 0;)
+        ASSERT_EQ(queueUnlessEnough(slot), 0);
     uint32_t lastPicture = 0;
-    while (done < total) {
-        while (queued < total && !idle.empty()) {
-            const size_t slot = idle.back();
-            idle.pop_back();
-            rig.fill(slot);
-            ASSERT_EQ(rig.queue(slot), 0);
-            ++queued;
-        }
+    for (size_t done = 0; done < total;) {
         ASSERT_TRUE(rig.waitDone(done + 1)) << rig.dump();
         for (const size_t slot : rig.takeDone()) {
             ASSERT_TRUE(rig.written(slot)) << "request " << done;
@@ -53,8 +51,8 @@ TEST_P(Cycle, CompletesEveryRequestOnceAndGivesAllBuffersBack) {
                     << "request " << done << " shows picture " << picture;
                 lastPicture = picture;
             }
-            idle.push_back(slot);
             ++done;
+            ASSERT_EQ(queueUnlessEnough(slot), 0);
         }
     }
     EXPECT_TRUE(rig.waitDequeued()) << rig.dump();

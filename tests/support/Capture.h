@@ -10,21 +10,16 @@
 #include <corvane/platform/Trace.h>
 #include <corvane/platform/ULog.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <mutex>
 #include <regex>
 #include <set>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 namespace NSVista::NSCorvane::test {
 

@@ -7,11 +7,6 @@
 
 #include <corvane/SceneDesc.h>
 #include <corvane/client/SceneSession.h>
-#include <linux/videodev2.h>
-
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "vengine-desc.h"
 

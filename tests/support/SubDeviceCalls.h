@@ -6,11 +6,8 @@
  */
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include <corvane/IV4L2SubDevice.h>
