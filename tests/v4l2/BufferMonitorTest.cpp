@@ -98,6 +98,7 @@ TEST_F(BufferMonitorTest, IsConfiguredByPropertiesAndPrintsItself) {
     property_set(PROPERTY("tracebuf"), "1");
     property_set(PROPERTY("logv"), "true");
     make();
+    mLog.setLevel(Utils::ULog::kInfo);
     attach(1);
     mMonitor->attachRequestBuffer(7, 3);
     EXPECT_EQ(
@@ -109,6 +110,7 @@ TEST_F(BufferMonitorTest, IsConfiguredByPropertiesAndPrintsItself) {
     mMonitor->detachObserver(nullptr, 0);
     mMonitor->attachObserver(mObservers[0], 26);
     EXPECT_EQ(mMonitor->toString_config(), "mPortObserverMap[1]={ (0x1a) }");
+    EXPECT_EQ(mLog.take().size(), 5U) << "a line for each call";
     property_set(PROPERTY("tracebuf"), "0");
     make();
     EXPECT_THAT(dumpOf(*mMonitor).front(), HasSubstr("tracebuf:0 logv:1"));
