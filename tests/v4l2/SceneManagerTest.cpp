@@ -61,6 +61,7 @@ TEST(SceneManager, KeepsScenesByName) {
     EXPECT_EQ(manager.init(), 0);
     const auto first = makeScene();
     EXPECT_EQ(manager.addScene("s", first), 0);
+    EXPECT_EQ(log.take(), Lines());
     EXPECT_EQ(manager.addScene("s", makeScene()), 0);
     EXPECT_EQ(manager.getScene("s"), first);
     EXPECT_EQ(manager.getScene("t"), nullptr);
