@@ -83,6 +83,19 @@ TEST_F(Recovery, AfterARefusedRequest) {
     expectANewSessionStreams();
 }
 
+TEST_F(Recovery, AfterALostIndex) {
+    auto session = begin();
+    for (int lost = 0; lost < 2; ++lost) {
+        platform.order("dqbuf -5");
+        EXPECT_EQ(session->submit({}), 0);
+        EXPECT_EQ(takeOne(*session), -EIO);
+    }
+    EXPECT_EQ(session->submit({}), -ENOBUFS) << "every request has lost a frame; nothing hangs";
+    session->stop(1s);
+    session.reset();
+    expectANewSessionStreams();
+}
+
 TEST_F(Recovery, AfterACompletionThatDoesNotCome) {
     auto session = begin();
     platform.hold(true);
