@@ -174,6 +174,12 @@ const Mistake kMistakes[] = {
          c.scene.init();
      },
      "main: the media device has no entity \"nobody\" with a node"},
+    {"pads that have no link", Line, kOpen,
+     [](Client& c) {
+         c.links[0].source_pad = 90;
+         c.scene.init();
+     },
+     "Not found link(vengine-core:90-vengine-main:0)"},
     {"start before acquire", Line, kInit, [](Client& c) { c.scene.start(); },
      "wrong: it is IDLE, acquire() comes first"},
     {"start without its link", Line, kImported,
