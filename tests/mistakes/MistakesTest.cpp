@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a new user of the library and its tools does wrong, and the line that says so: what the
-// suites of the parts do not show already.
+// What a new user of the library and its tools does wrong, and the line that says so.
 #include <corvane/IDefaultSubDeviceProvider.h>
 #include <corvane/IDeviceEnumerator.h>
 #include <corvane/IMediaDevice.h>
@@ -9,6 +8,7 @@
 #include <corvane/SceneDesc.h>
 #include <corvane/client/EpollEventMonitor.h>
 #include <corvane/client/SceneSession.h>
+#include <corvane/platform/Properties.h>
 #include <corvane/platform/Service.h>
 #include <corvane/platform/System.h>
 #include <corvane/platform/ULog.h>
@@ -48,7 +48,7 @@ struct Client {
         if (step >= kAcquired)
             scene.acquire();
         if (step >= kImported)
-            scene.importBuffer(scene.queryPort(0), 2);
+            import(2);
         if (step >= kStarted)
             scene.start();
     }
@@ -74,6 +74,11 @@ struct Client {
         });
     }
     void queue() { scene.queueRequest(request.get(), 0); }
+    void import(int count) { scene.importBuffer(scene.queryPort(0), count); }
+    void askFormat() {
+        PixelFormat format{};
+        scene.getFormat(scene.queryPort(0), format);
+    }
 
     sim::VirtualEngine engine;
     const sim::ScopedKernel installed{engine};
@@ -168,6 +173,8 @@ Mistake info(const char* arguments, const char* line) {
 
 const Mistake kMistakes[] = {
     // The library.
+    {"init, media device not open", Line, kNew, [](Client& c) { c.scene.init(); },
+     "/dev/media0 is not acquired: acquire it before"},
     {"entity that is not there", Line, kOpen,
      [](Client& c) {
          c.ports[0].device_name = "nobody";
@@ -180,6 +187,21 @@ const Mistake kMistakes[] = {
          c.scene.init();
      },
      "Not found link(vengine-core:90-vengine-main:0)"},
+    {"no permission", Line, kOpen,
+     [](Client& c) {
+         c.engine.faults().fail({sim::Operation::OPEN, 0, "/dev/video0"}, EACCES);
+         c.scene.init();
+     },
+     "/dev/video0: permission denied: its group is "},
+    {"format before acquire", Line, kInit, [](Client& c) { c.askFormat(); },
+     "wrong: it is IDLE, acquire() comes first"},
+    {"format while streaming", Line, kStarted, [](Client& c) { c.askFormat(); },
+     "wrong: it is STARTED, stop() comes first"},
+    {"import before acquire", Line, kInit, [](Client& c) { c.import(2); },
+     "wrong: it is IDLE, acquire() comes first"},
+    {"a negative count", Line, kAcquired, [](Client& c) { c.import(-1); }, "Bad count=-1"},
+    {"more than the driver grants", Line, kAcquired, [](Client& c) { c.import(33); },
+     "Not enough buffer count: 33"},
     {"start before acquire", Line, kInit, [](Client& c) { c.scene.start(); },
      "wrong: it is IDLE, acquire() comes first"},
     {"start without its link", Line, kImported,
@@ -190,7 +212,15 @@ const Mistake kMistakes[] = {
      "main: no enabled link leads to the port: name its link in the scene's descriptor"},
     {"start twice", Line, kStarted, [](Client& c) { c.scene.start(); },
      "wrong: it is STARTED, stop() comes first"},
+    {"a choice while streaming", Line, kStarted, [](Client& c) { c.scene.setDirectDequeue(true); },
+     "Only before start()"},
     {"stop before start", Line, kImported, [](Client& c) { c.scene.stop(); },
+     "wrong: it is ACQUIRED, start() comes first"},
+    {"queue before start", Line, kImported,
+     [](Client& c) {
+         c.fill(0);
+         c.queue();
+     },
      "wrong: it is ACQUIRED, start() comes first"},
     {"queue again without a buffer", Line, kStarted,
      [](Client& c) {
@@ -199,23 +229,69 @@ const Mistake kMistakes[] = {
          c.queue();
      },
      "port 0(main): no planes: addBuffer() fills the buffer anew before each queueing"},
+    {"after uninit", Line, kAcquired,
+     [](Client& c) {
+         c.scene.uninit();
+         c.askFormat();
+     },
+     "wrong: uninitialised, or its init() failed: build a new scene"},
+    {"a port index that is not there", Line, kInit, [](Client& c) { c.scene.queryPort(5); },
+     "Invalid port index: 0x5"},
+    {"stop with requests in flight", Line, kStarted,
+     [](Client& c) {
+         c.engine.device().hold();
+         c.fill(0);
+         c.queue();
+         c.events.reset();
+         c.scene.stop();
+     },
+     "1 request(s) are with the driver: drain them"},
+    {"a busy device", Line, kImported,
+     [](Client& c) {
+         const SessionDesc desc{"second", {{"main", 0, "vengine-main", 0, 0, 0}}, {}, 2, {}};
+         int error = 0;
+         SceneSession::open(desc, c.media, *makeMemoryFileSource(), error);
+     },
+     "second: main cannot be asked for buffers: Device or resource busy"},
+    {"a property that is no number", Line,
+     [] {
+         setenv("PERSIST_WRONG", "four", 1);
+         Utils::Properties::property_get_int32("persist.wrong", 4);
+     },
+     "persist.wrong: bad value 'four'"},
+    {"a model that is not there", Death, kNew,
+     [](Client&) { IDeviceEnumerator::instance().search("nothing"); }, "Bad MediaDevice"},
     {"acquire twice", Death, kAcquired, [](Client& c) { c.scene.acquire(); },
      "Bad state transition: 1 -> ACQUIRED"},
     {"release twice", Death, kInit, [](Client& c) { c.scene.release(); },
      "Bad state transition: 0 -> IDLE"},
     {"import of no port", Death, kAcquired, [](Client& c) { c.scene.importBuffer(nullptr, 2); },
      "port == nullptr"},
-    {"more buffers than indexes", Death, kAcquired,
-     [](Client& c) { c.scene.importBuffer(c.scene.queryPort(0), 65); },
+    {"more buffers than indexes", Death, kAcquired, [](Client& c) { c.import(65); },
      "Not support count=65 > 64"},
+    {"request, media device not open", Death, kNew, [](Client& c) { c.scene.createRequest(); },
+     "Bad request fd < 0"},
     {"no function to fill", Death, kStarted,
      [](Client& c) { c.scene.createRequest()->addBuffer(0, {}); }, "Bad buffer fill: index=0"},
+    {"a port twice in a cycle", Death, kStarted,
+     [](Client& c) {
+         c.fill(0);
+         c.fill(0);
+     },
+     "has existed"},
     {"a port that is not there", Death, kStarted,
      [](Client& c) {
          c.fill(9);
          c.queue();
      },
      "Bad port index:0x9"},
+    {"no event monitor", Death, kStarted,
+     [](Client& c) {
+         c.fill(0);
+         c.request->setMonitor(nullptr);
+         c.queue();
+     },
+     "Bad monitor"},
     {"a descriptor that is closed", Death, kStarted,
      [](Client& c) {
          c.fill(0, 999);
