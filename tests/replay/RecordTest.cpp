@@ -159,7 +159,7 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
     buffer.m.planes = reinterpret_cast<v4l2_plane*>(memory);
     const size_t page = static_cast<size_t>(getpagesize());
     void* const last = mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    munmap(static_cast<char*>(last) + page, page);
+    mprotect(static_cast<char*>(last) + page, page, PROT_NONE);
     v4l2_ext_control controls[3] = {};
     controls[0].size = 7;  // a value of no address
     controls[1].size = 3;

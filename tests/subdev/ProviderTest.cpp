@@ -149,6 +149,20 @@ TEST_F(ProviderTest, LetsASecondUserWaitForTheBringUp) {
     mProvider.release("BBBB", second);
 }
 
+#if defined(CORVANE_CHECK_RELOCK)
+TEST_F(ProviderTest, EndsAHandlerThatDumpsTheProviderThatCallsIt) {
+    const auto dumpInside = [&] {
+        Utils::setExceptionHandler([&](const char*, const char*) { dump(); });
+        mEngine.faults().fail(sim::Call::ioctl(VIDIOC_SUBSCRIBE_EVENT), ENOMEM);
+        mProvider.acquire("AAAA");
+    };
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // guards have a thread by now
+    // To standard error, where the death test looks.
+    EXPECT_EXIT((Utils::ULog::ULogger::install(nullptr), dumpInside()),
+                testing::KilledBySignal(SIGABRT), "locks again what it holds");
+}
+#endif
+
 TEST(EightCcTest, ComparesAllEightBytes) {
     EXPECT_EQ(EIGHTCC("ABCDEFGHI"), EIGHTCC("ABCDEFGH"));
     EXPECT_EQ(EIGHTCC("ABCDEFGHI").toString(), "ABCDEFGH");

@@ -577,6 +577,22 @@ TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
     unsetenv("persist.vendor.kvx.camera.ulog.detailslevel");
 }
 
+#if defined(CORVANE_CHECK_RELOCK)
+TEST_F(SceneTest, EndsAHandlerThatStopsTheSceneThatCallsIt) {
+    open({0});
+    const auto stopTwice = [&] {
+        Utils::setTerminateHandler([&] { mScene->stop(); });
+        mKernel.answer(VIDIOC_STREAMOFF, -EIO);
+        mScene->start();
+        mScene->stop();
+    };
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // guards have a thread by now
+    // To standard error, where the death test looks.
+    EXPECT_EXIT((Utils::ULog::ULogger::install(nullptr), stopTwice()),
+                testing::KilledBySignal(SIGABRT), "locks again what it holds");
+}
+#endif
+
 TEST_F(SceneTest, EndsOnConsistencyErrors) {
     open({0});
     PixelFormat format = {};
