@@ -150,7 +150,8 @@ TEST_F(Stalls, ByTheClientAreToldByTheGuardAsWell) {
     // The first one's dequeue fails, its callback blocks; the second one waits behind it.
     explained(rig, HasSubstr("in its done callback"));
     rig.fill(0);
-    auto queued = beside([&] { return rig.queue(0); });    // no index is free
+    auto queued = beside([&] { return rig.queue(0); });  // no index is free
+    explained(rig, HasSubstr("threads that wait for a free index"));
     auto filled = beside([&] { return rig.fill(1), 0; });  // it is still under way
     const Lines lines = explained(rig, ContainsRegex("a thread in addBuffer.. waits for it"));
     for (const char* const line : {"request 0 .fd [0-9]+.: in its done callback, completed "
