@@ -15,11 +15,11 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 #include <regex>
 #include <set>
 #include <thread>
+#include <utility>
 
 namespace NSVista::NSCorvane::test {
 
@@ -53,7 +53,8 @@ public:
         Lines lines;
         while (std::find(lines.begin(), lines.end(), awaited) == lines.end()) {
             std::this_thread::yield();
-            std::ranges::move(take(), std::back_inserter(lines));
+            for (std::string& line : take())
+                lines.push_back(std::move(line));
         }
         return lines;
     }
