@@ -225,6 +225,23 @@ static void fill_link(void *record)
 	((struct media_link_desc *)record)->flags = chance(80) ? MEDIA_LNK_FL_ENABLED : below(8);
 }
 
+static void fill_links(void *record)
+{
+	struct media_links_enum *list = record;
+
+	list->entity = below(16);
+	list->pads = (void *)page->pointee;
+	list->links = (void *)(page->pointee + 2048);
+}
+
+static void fill_topology(void *record)
+{
+	struct media_v2_topology *t = record;
+
+	t->num_entities = t->num_interfaces = t->num_pads = t->num_links = below(30);
+	t->ptr_entities = t->ptr_interfaces = t->ptr_pads = t->ptr_links = (uintptr_t)page->pointee;
+}
+
 static void fill_kva(void *record)
 {
 	struct kvxdip_kva *kva = record;
@@ -294,9 +311,9 @@ static const struct known {
 	{ VIDEO, 1, VIDIOC_G_PRIORITY, { BYTES } },
 	{ MEDIA, 1, MEDIA_IOC_DEVICE_INFO, { BYTES } },
 	{ MEDIA, 1, MEDIA_IOC_ENUM_ENTITIES, { ENTITY } },
-	{ MEDIA, 1, MEDIA_IOC_ENUM_LINKS, { ENTITY } },
+	{ MEDIA, 1, MEDIA_IOC_ENUM_LINKS, { ZERO }, fill_links },
 	{ MEDIA, 10, MEDIA_IOC_SETUP_LINK, { ZERO }, fill_link },
-	{ MEDIA, 1, MEDIA_IOC_G_TOPOLOGY, { ZERO } },
+	{ MEDIA, 1, MEDIA_IOC_G_TOPOLOGY, { ZERO }, fill_topology },
 	{ MEDIA, 10, MEDIA_IOC_REQUEST_ALLOC, { BYTES } },
 	{ REQUEST, 30, MEDIA_REQUEST_IOC_QUEUE, { BYTES } },
 	{ REQUEST, 15, MEDIA_REQUEST_IOC_REINIT, { BYTES } },
