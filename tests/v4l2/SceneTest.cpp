@@ -549,7 +549,7 @@ TEST_F(SceneTest, WarnsOfASlowStreamOnAndGuardsIt) {
                 return 0;
             };
         };
-        mKernel.on<uint32_t>(VIDIOC_STREAMON, slowly(3100ms));
+        mKernel.on<uint32_t>(VIDIOC_STREAMON, slowly(3500ms));
         mKernel.on<uint32_t>(VIDIOC_STREAMOFF, slowly(2100ms));  // within its limit
         Lines expired;  // the guards' thread's until the handler is gone
         timeguard::TimeBomb::setExpiryHandler([&](const timeguard::TimeBomb& guard, auto) {
