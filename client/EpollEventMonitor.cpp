@@ -251,7 +251,7 @@ int EpollEventMonitor::Loop::detach(IEventObserver* observer) {
 void EpollEventMonitor::Loop::dumpState(IPrinter* printer) const {
     std::vector<Watch> watches;
     {
-        MutexLock lock(mLock);
+        const MutexLock lock(mLock);
         std::copy_if(mWatches.begin(), mWatches.end(), std::back_inserter(watches),
                      [](const Watch& watch) { return watch.observer != nullptr; });
     }

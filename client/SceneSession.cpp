@@ -28,7 +28,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
-constexpr int kMaxBuffers = 64;
 /** Of a session: bits of SessionRequest::mPending. */
 constexpr size_t kMaxPorts = 60;
 constexpr milliseconds kDestructorDrain{1000};
@@ -101,9 +100,9 @@ std::string SceneSession::wrongWith(const IMediaDevice& media) const {
     if (mDesc.ports.empty() || mDesc.ports.size() > kMaxPorts)
         return "a session has 1 to " + std::to_string(kMaxPorts) + " ports, not " +
                std::to_string(mDesc.ports.size());
-    if (mDesc.buffers < 1 || mDesc.buffers > kMaxBuffers)
-        return "a session has 1 to " + std::to_string(kMaxBuffers) + " buffers a port, not " +
-               std::to_string(mDesc.buffers);
+    if (mDesc.buffers < 1 || mDesc.buffers > V4L2VideoDevice::kMaxBuffers)
+        return "a session has 1 to " + std::to_string(V4L2VideoDevice::kMaxBuffers) +
+               " buffers a port, not " + std::to_string(mDesc.buffers);
     for (size_t i = 0; i < mDesc.ports.size(); ++i) {
         const SessionPort& port = mDesc.ports[i];
         for (size_t j = 0; j < i; ++j)
@@ -185,7 +184,8 @@ int SceneSession::prepareBuffers(IDmaBufSource& source) {
 
 int SceneSession::askForBuffers(const SessionPort& port) {
     // With one index more than requests no queueing finds all of them taken.
-    const auto wanted = static_cast<uint32_t>(std::min(mDesc.buffers + 1, kMaxBuffers));
+    const auto wanted =
+        static_cast<uint32_t>(std::min(mDesc.buffers + 1, V4L2VideoDevice::kMaxBuffers));
     uint32_t granted = 0;
     const int result =
         queryGrantedBuffers(mMedia->getEntityDevnodePath(port.entity), wanted, granted);
@@ -221,7 +221,7 @@ void SceneSession::prepareRequests() {
         mRequestOfFd[fd] = request.get();
     }
     mFdEnd = static_cast<uint32_t>(mRequestOfFd.size());
-    mFree = ~uint64_t{0} >> (kMaxBuffers - mDesc.buffers);
+    mFree = ~uint64_t{0} >> (V4L2VideoDevice::kMaxBuffers - mDesc.buffers);
     const MutexLock lock(mLock);
     mFinished.reserve(mRequests.size());
 }

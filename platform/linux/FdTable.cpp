@@ -18,7 +18,7 @@ void FdTable::add(int fd, unsigned long owner, const char* path) noexcept {
     clock_gettime(CLOCK_MONOTONIC, &now);
     try {
         OpenFd entry{fd, owner, path, now};
-        MutexLock lock(mLock);
+        const MutexLock lock(mLock);
         mOpen.insert_or_assign(fd, std::move(entry));
     } catch (const std::bad_alloc&) {
         // Accounting is a help, not a condition: the caller keeps its descriptor.
@@ -26,18 +26,18 @@ void FdTable::add(int fd, unsigned long owner, const char* path) noexcept {
 }
 
 FdTable::Entry FdTable::take(int fd) noexcept {
-    MutexLock lock(mLock);
+    const MutexLock lock(mLock);
     return mOpen.extract(fd);
 }
 
 void FdTable::putBack(Entry entry) noexcept {
-    MutexLock lock(mLock);
+    const MutexLock lock(mLock);
     mOpen.insert(std::move(entry));
 }
 
 std::vector<OpenFd> FdTable::list() const {
     std::vector<OpenFd> result;
-    MutexLock lock(mLock);
+    const MutexLock lock(mLock);
     result.reserve(mOpen.size());
     for (const auto& [fd, entry] : mOpen)
         result.push_back(entry);

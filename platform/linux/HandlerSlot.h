@@ -25,12 +25,12 @@ public:
     /** @param handler empty for none. */
     void set(Handler handler) {
         auto next = handler ? std::make_shared<const Handler>(std::move(handler)) : nullptr;
-        MutexLock lock(mLock);
+        const MutexLock lock(mLock);
         mHandler.swap(next);
     }
     /** @return null when there is none. */
     std::shared_ptr<const Handler> get() const {
-        MutexLock lock(mLock);
+        const MutexLock lock(mLock);
         return mHandler;
     }
 

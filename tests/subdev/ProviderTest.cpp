@@ -12,7 +12,7 @@
 #include <string_view>
 #include <thread>
 
-#include "EngineTest.h"
+#include "VirtualEngineTest.h"
 
 namespace NSVista::NSCorvane {
 
@@ -21,7 +21,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class ProviderTest : public EngineTest {
+class ProviderTest : public VirtualEngineTest {
 protected:
     ProviderTest() { registerDefaultMediaConfigs(&mConfigs); }
 

@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <mutex>
 
-#include "EngineTest.h"
+#include "VirtualEngineTest.h"
 #include "support/SubDeviceCalls.h"
 
 namespace NSVista::NSCorvane {
@@ -41,7 +41,7 @@ public:
     std::unordered_set<int> fds;
 };
 
-class SubDeviceTest : public EngineTest {
+class SubDeviceTest : public VirtualEngineTest {
 protected:
     SubDeviceTest() { EXPECT_EQ(mDev.openDevice(), 0); }
     ~SubDeviceTest() override { mDev.closeDevice(); }

@@ -2,6 +2,7 @@
 #include "Options.h"
 
 #include <corvane/V4L2.h>
+#include <corvane/V4L2VideoDevice.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -15,8 +16,6 @@
 namespace NSVista::NSCorvane::tools {
 
 namespace {
-
-constexpr unsigned kMaxBuffers = 64;
 
 using Read = std::string (*)(const std::string&, Options&);
 
@@ -107,10 +106,10 @@ void addStreamOptions(CLI::App& app, Options& options) {
         ->check(between(0, UINT64_MAX))
         ->capture_default_str();
     app.add_option("--in-flight", options.inFlight, "Requests under way at a time")
-        ->check(between(1, kMaxBuffers))
+        ->check(between(1, V4L2VideoDevice::kMaxBuffers))
         ->capture_default_str();
     app.add_option("--buffers", options.buffers, "Buffers per port")
-        ->check(between(1, kMaxBuffers))
+        ->check(between(1, V4L2VideoDevice::kMaxBuffers))
         ->default_str("those in flight");
     addRead(app, "--size", options, readSize,
             "Size of pictures, [ENTITY=]WIDTHxHEIGHT; more than once for several ports")

@@ -25,8 +25,6 @@ namespace {
 
 constexpr int kMaxDequeueCalls = 10;
 
-/** The most planes that a driver can tell of. */
-constexpr unsigned kMaxPlanes = VIDEO_MAX_PLANES;
 static_assert(DequeuedBuffer::kMaxPlanes == FrameBuffer::kMaxPlanes);
 
 /**
@@ -160,7 +158,7 @@ int V4L2VideoDevice::queueBuffer(const FrameBuffer& buffer, IMediaRequest* reque
         CORVANE_LOGE("%s streamed off while no buffer index was free", mName.c_str());
         return index;
     }
-    v4l2_plane planes[kMaxPlanes];  // filled as far as the driver reads
+    v4l2_plane planes[VIDEO_MAX_PLANES];  // filled as far as the driver reads
     v4l2_buffer queued;
     clear(queued, bufType(), memory());
     queued.index = static_cast<uint32_t>(index);
@@ -191,12 +189,12 @@ CORVANE_NO_THROW
 
 int V4L2VideoDevice::dequeBuffer() try {
     const TraceSection section(area::kDriverCall, "V4L2VideoDevice::dequeBuffer");
-    v4l2_plane planes[kMaxPlanes];  // the driver reads none and writes those that it has
+    v4l2_plane planes[VIDEO_MAX_PLANES];  // the driver reads none and writes those that it has
     v4l2_buffer dequeued;
     clear(dequeued, bufType(), memory());
     if (v4l2::isMultiPlanar(dequeued.type)) {
         dequeued.m.planes = planes;
-        dequeued.length = kMaxPlanes;
+        dequeued.length = VIDEO_MAX_PLANES;
         if (mDequeued)
             for (uint32_t i = 0; i < DequeuedBuffer::kMaxPlanes; ++i)
                 planes[i].bytesused = planes[i].data_offset = 0;

@@ -15,9 +15,9 @@
 namespace NSVista::NSCorvane {
 
 /** Runs on a virtual engine. */
-class EngineTest : public testing::Test {
+class VirtualEngineTest : public testing::Test {
 protected:
-    explicit EngineTest(const char* tag = "corvane-V4L2SubDevice")
+    explicit VirtualEngineTest(const char* tag = "corvane-V4L2SubDevice")
         : mLog(tag, Utils::ULog::kWarning) {}
 
     uint64_t calls(sim::Operation operation) {
