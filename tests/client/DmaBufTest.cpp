@@ -86,8 +86,10 @@ TEST_F(SyncTest, AccessBeginsAndEnds) {
 
 TEST_F(SyncTest, MemoryThatIsNotSynchronisedIsAskedOnce) {
     for (const int error : {ENOTTY, ENOSYS}) {
-        DmaBuf buffer = allocate({error});
-        for (int i = 0; i < 3; ++i)
+        DmaBuf first = allocate({error});
+        EXPECT_TRUE(first.map(CpuAccess::Read)) << error;
+        DmaBuf buffer = std::move(first);
+        for (int i = 0; i < 2; ++i)
             EXPECT_TRUE(buffer.map(CpuAccess::Read)) << error;
         EXPECT_THAT(mSyncs, ElementsAre(DMA_BUF_SYNC_READ)) << error;
     }
@@ -104,16 +106,19 @@ TEST_F(SyncTest, HeapAllocates) {
     sAnswer = [](unsigned long, void*) { return ENOMEM; };
     EXPECT_EQ(heap->allocate(4096, buffer), -ENOMEM);
     EXPECT_FALSE(buffer);
-    sAnswer = [](unsigned long, void* arg) {
+    size_t missing = 0;
+    sAnswer = [&missing](unsigned long, void* arg) {
         auto& data = *static_cast<dma_heap_allocation_data*>(arg);
         EXPECT_EQ(data.fd + data.heap_flags, 0U) << "or the kernel refuses";
         EXPECT_EQ(data.fd_flags, static_cast<uint32_t>(O_RDWR | O_CLOEXEC));
         data.fd = static_cast<uint32_t>(memfd_create("heap", MFD_CLOEXEC));
-        return ftruncate(static_cast<int>(data.fd), static_cast<off_t>(data.len));
+        return ftruncate(static_cast<int>(data.fd), static_cast<off_t>(data.len - missing));
     };
     EXPECT_EQ(heap->allocate(4096, buffer), 0);
     EXPECT_EQ(buffer.size(), 4096U);
     EXPECT_EQ(lseek(buffer.fd(), 0, SEEK_END), 4096);
+    missing = 1;
+    EXPECT_EQ(Frame().allocate({0, 8, 8, 1, {{8, 100}}}, {}, *heap), -EINVAL) << "a byte short";
 }
 
 TEST(DmaBufTest, MemoryFileIsMappedAndGivenBack) {
@@ -204,6 +209,7 @@ TEST(FrameTest, PlanesAndGapsCoverTheMemoryOnce) {
     EXPECT_EQ(frame.allocate(two, {}, *makeVideoNodeSource("/dev/nowhere")), -ENOENT);
     // In 32 bits these wrap, some to a few bytes, some only with the guard or the alignment.
     constexpr uint32_t kMost = 0xffffffff;
+    EXPECT_EQ(frame.allocate(one, {kMost - 100, 0}, *makeVideoNodeSource("/dev/nowhere")), -ENOENT);
     for (const FrameLayout& layout : {FrameLayout{kMost, 0}, FrameLayout{kMost - 99, 0},
                                       FrameLayout{64, kMost - 64}, FrameLayout{kMost - 300, 64}}) {
         EXPECT_EQ(frame.allocate(three, layout, *source), -EOVERFLOW) << layout.offset;
@@ -222,6 +228,8 @@ TEST(VideoNodeTest, KnowsWhatAPortWouldUse) {
     VideoNode node{~0U, ~0U, true};
     EXPECT_EQ(queryVideoNode("/dev/nowhere", node), -ENOENT);
     EXPECT_EQ(node.bufferType, 0U);
+    uint32_t granted = 0;
+    EXPECT_EQ(queryGrantedBuffers("/dev/nowhere", 1, granted), -ENOENT);
     EXPECT_EQ(engine.openFiles(), 0U);
 }
 
@@ -253,15 +261,18 @@ TEST(VideoNodeTest, TellsWhetherBuffersTakeRequests) {
         EXPECT_EQ(node.takesRequests, expected);
     }
     std::vector<uint32_t> asked;
+    int givenBack = 0;
     kernel.on<v4l2_requestbuffers>(VIDIOC_REQBUFS, [&](int, v4l2_requestbuffers& to) {
         asked.push_back(to.count);
         to.count = std::min(to.count, 3U);
-        return 0;
+        return to.count == 0 ? givenBack : 0;
     });
     uint32_t granted = 0;
     EXPECT_EQ(queryGrantedBuffers("/dev/video0", 8, granted), 0);
     EXPECT_EQ(granted, 3U);
     EXPECT_THAT(asked, ElementsAre(8, 0)) << "given back";
+    givenBack = -EBUSY;
+    EXPECT_EQ(queryGrantedBuffers("/dev/video0", 8, granted), -EBUSY);
 }
 
 TEST(VideoNodeTest, SetsAFrameRate) {
@@ -285,7 +296,11 @@ TEST(VideoNodeTest, ExportsBuffersOfTheWantedSize) {
         FakeNode kernel(caps);
         const uint32_t type = v4l2::portBufferType(caps);
         uint32_t created = 0;
-        kernel.answer(VIDIOC_G_FMT, 0);
+        uint32_t own = 0;
+        kernel.on<v4l2_format>(VIDIOC_G_FMT, [&own](int, v4l2_format& to) {
+            to.fmt.pix_mp.plane_fmt[0].sizeimage = own;  // of one plane in the same place
+            return 0;
+        });
         kernel.on<v4l2_create_buffers>(VIDIOC_CREATE_BUFS, [&](int, v4l2_create_buffers& to) {
             EXPECT_EQ(to.memory, V4L2_MEMORY_MMAP);
             EXPECT_EQ(to.format.type, type);
@@ -306,6 +321,9 @@ TEST(VideoNodeTest, ExportsBuffersOfTheWantedSize) {
         DmaBuf buffer;
         EXPECT_EQ(makeVideoNodeSource("/dev/video0")->allocate(5000, buffer), 0);
         EXPECT_EQ(created, 5000U);
+        own = 6000;
+        EXPECT_EQ(makeVideoNodeSource("/dev/video0")->allocate(5000, buffer), 0);
+        EXPECT_EQ(created, v4l2::isMeta(type) ? 5000U : own);
         EXPECT_EQ(buffer.size(), 5000U);
         EXPECT_EQ(fcntl(buffer.fd(), F_GETFD), FD_CLOEXEC);
         EXPECT_EQ(makeVideoNodeSource("/dev/video0")->allocate(0, buffer), -EINVAL);
@@ -314,6 +332,10 @@ TEST(VideoNodeTest, ExportsBuffersOfTheWantedSize) {
             EXPECT_EQ(makeVideoNodeSource("/dev/video0")->allocate(5000, buffer), -EIO);
             kernel.answer(refused, 0);
         }
+        kernel.on<v4l2_requestbuffers>(VIDIOC_REQBUFS, [&kernel](int, v4l2_requestbuffers&) {
+            return kernel.openResults["/dev/video0"] = -EBUSY;
+        });
+        EXPECT_EQ(makeVideoNodeSource("/dev/video0")->allocate(5000, buffer), -EBUSY);
     }
 }
 

@@ -139,12 +139,20 @@ TEST_F(EpollEventMonitorTest, WatchesFromTheAttachOrFromTheFirstRearm) {
 
 TEST_F(EpollEventMonitorTest, AReportCostsOneRearmAndOneWait) {
     Observer observer({}, eventfd(1, EFD_CLOEXEC));
+    Observer other;
+    EXPECT_EQ(mMonitor->attachObserver(&other, EPOLLIN), 0);
     watchOnce(observer);
+    EXPECT_EQ(mMonitor->detachObserver(&other), 0);
+    EXPECT_EQ(mMonitor->attachObserver(&other, EPOLLIN), 0);
     observer.waitForCalls(1);
-    EXPECT_EQ(test::dumpOf(*mMonitor),
-              test::Lines({"<<EpollEventMonitor>> thread=Test-Events observers=1",
-                           "    fd=" + std::to_string(observer.getEventFD()) +
-                               " events=0x40000001 reports=1"}));
+    EXPECT_EQ(
+        test::dumpOf(*mMonitor),
+        test::Lines(
+            {"<<EpollEventMonitor>> thread=Test-Events observers=2",
+             "    fd=" + std::to_string(observer.getEventFD()) + " events=0x40000001 reports=1",
+             "    fd=" + std::to_string(other.getEventFD()) + " events=0x1 reports=0"}))
+        << "in the order of their attaching";
+    EXPECT_EQ(mMonitor->detachObserver(&other), 0);
     const int waits = sWaits;
     const int controls = sControls;
     for (int calls = 2; calls <= 21; ++calls) {
@@ -218,6 +226,9 @@ TEST_F(EpollEventMonitorTest, RefusesWhatMakesNoSense) {
     Observer file({}, memfd_create("file", MFD_CLOEXEC));
     EXPECT_EQ(mMonitor->attachObserver(&file, EPOLLIN), -EPERM) << "epoll watches none";
     EXPECT_EQ(mMonitor->detachObserver(&file), -ENOENT);
+    EXPECT_EQ(mMonitor->attachObserver(&file, EPOLLIN | kOneShot), 0);
+    EXPECT_EQ(mMonitor->rearmObserver(&file, EPOLLIN | kOneShot), -EPERM);
+    EXPECT_EQ(mMonitor->detachObserver(&file), 0);
     EXPECT_EQ(mMonitor->attachObserver(nullptr, EPOLLIN), -EINVAL);
     EXPECT_EQ(mMonitor->attachObserver(&bad, EPOLLIN), -EBADF);
     EXPECT_EQ(mMonitor->attachObserver(&bad, EPOLLIN | kOneShot), -EBADF);

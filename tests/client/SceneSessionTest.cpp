@@ -37,6 +37,8 @@ public:
             const auto& format = static_cast<v4l2_format*>(arg)->fmt.pix_mp;
             staleStrides = staleStrides || format.plane_fmt[0].bytesperline != 0;
         }
+        if (request == VIDIOC_REQBUFS)
+            wanted = std::max(wanted, static_cast<v4l2_requestbuffers*>(arg)->count);
         if (request == VIDIOC_DQBUF && dequeueDelay != 0ms)
             std::this_thread::sleep_for(dequeueDelay);
         const int result = VirtualEngine::ioctl(fd, request, arg);
@@ -51,6 +53,7 @@ public:
     static constexpr uint32_t kDataOffset = 16;  ///< of second planes
     std::atomic<bool> loses{false};  ///< the next buffer dequeued from the input is gone
     bool staleStrides = false;
+    uint32_t wanted = 0;  ///< the most buffers that a port asked for
     std::chrono::milliseconds dequeueDelay{0};
 };
 
@@ -146,6 +149,8 @@ TEST_F(SceneSessionTest, ARefusedCallWhileOpeningIsUndone) {
         EXPECT_EQ(open(describe(3), -EMFILE), nullptr);
     }
     EXPECT_THAT(mLog.take(), testing::Not(IsEmpty()));
+    EXPECT_EQ(mEngine.wanted, 5U) << "one more than are queued";
+    EXPECT_NE(open(describe(1, 32)), nullptr) << "but all that the engine has will do";
 }
 
 TEST_F(SceneSessionTest, StopWaitsForEveryCompletionAndDequeue) {
@@ -181,7 +186,7 @@ TEST_F(SceneSessionTest, StopWaitsForEveryCompletionAndDequeue) {
 }
 
 TEST_F(SceneSessionTest, TheEndOfTheLastRequestWakesAllWhoWait) {
-    const auto session = openStarted(1);
+    const auto session = openStarted(2);
     mEngine.device().hold();
     submit(*session);
     const auto wait = [&session] { return session->wait(600s, {}); };
@@ -190,6 +195,18 @@ TEST_F(SceneSessionTest, TheEndOfTheLastRequestWakesAllWhoWait) {
     EXPECT_EQ(one.wait_for(50ms), std::future_status::timeout);
     mEngine.device().resume();
     EXPECT_EQ(one.get() + other.get(), -ENOENT) << "the one gets it, the other nothing";
+
+    sim::Faults& faults = mEngine.faults();
+    const int hung = faults.hang(sim::Call::ioctl(VIDIOC_QBUF));
+    auto refused = std::async(std::launch::async, [&session] { return session->submit({}); });
+    EXPECT_TRUE(faults.waitUntilHung(hung, 5s));
+    one = std::async(std::launch::async, [&session] { return session->wait(5s, {}); });
+    EXPECT_EQ(one.wait_for(50ms), std::future_status::timeout);
+    faults.fail(sim::Call::ioctl(VIDIOC_QBUF), ENOMEM);  // of the other port
+    faults.remove(hung);
+    EXPECT_EQ(refused.get(), -ENOMEM);
+    EXPECT_EQ(one.get(), -ENOENT) << "of a refused one nothing is to come";
+    EXPECT_THAT(mLog.take(), testing::Not(IsEmpty()));
 }
 
 TEST_F(SceneSessionTest, FramesTellWhatTheDriverSaid) {

@@ -22,6 +22,7 @@ using testing::HasSubstr;
 using Utils::Properties::property_set;
 
 constexpr char kTag[] = "corvane-BufferMonitor";
+constexpr char kAffinity[] = "persist.vendor.kvx.camera.affinity";
 #define PROPERTY(name) "persist.vendor.camera.corvane.V4L2BufferMonitor." name
 
 /** Calls back on each notification. */
@@ -42,7 +43,7 @@ protected:
     void make() { mMonitor = std::make_shared<V4L2BufferMonitor>("x"); }
     ~BufferMonitorTest() override {
         for (const char* key : {PROPERTY("configmode"), PROPERTY("tracebuf"), PROPERTY("logv"),
-                                PROPERTY("threadpolicy"), PROPERTY("threadpriority")})
+                                PROPERTY("threadpolicy"), PROPERTY("threadpriority"), kAffinity})
             property_set(key, nullptr);
     }
     std::string name() const {
@@ -187,12 +188,15 @@ TEST_F(BufferMonitorTest, ServesManyPortsOnTheWorkerInTheirOrder) {
 TEST_F(BufferMonitorTest, ServesOnePortOnTheWorkerInAnotherMode) {
     property_set(PROPERTY("configmode"), "1");
     property_set(PROPERTY("threadpriority"), "2");
+    property_set(kAffinity, "1");
     make();
     char threadName[16] = "";
     int nice = -99;
+    cpu_set_t cpus;
     const auto observer = std::make_shared<Observer>([&] {
         pthread_getname_np(pthread_self(), threadName, sizeof(threadName));
         nice = getpriority(PRIO_PROCESS, 0);
+        sched_getaffinity(0, sizeof(cpus), &cpus);
         mMonitor->detachRequestBuffer(200, 0);
     });
     mMonitor->attachObserver(observer, 3);
@@ -202,6 +206,7 @@ TEST_F(BufferMonitorTest, ServesOnePortOnTheWorkerInAnotherMode) {
     EXPECT_EQ(text(), counts(1, 1, 0, 0, false));
     EXPECT_STREQ(threadName, "named");
     EXPECT_EQ(nice, 8);
+    EXPECT_EQ(CPU_COUNT(&cpus), 1);
     std::thread([&] {
         EXPECT_EQ(mMonitor->readyToRun(std::string()), 0);
         pthread_getname_np(pthread_self(), threadName, sizeof(threadName));

@@ -78,7 +78,8 @@ TEST(SceneManager, KeepsScenesByName) {
 }
 
 TEST(SceneManager, ForgetsScenesWithoutHoldingItsLock) {
-    SceneManager manager;
+    auto owner = std::make_unique<SceneManager>();
+    SceneManager& manager = *owner;
     std::vector<std::thread> others;
     std::atomic<int> answered{0};
     const auto make = [&] {
@@ -97,9 +98,11 @@ TEST(SceneManager, ForgetsScenesWithoutHoldingItsLock) {
     manager.addScene("s", make());
     manager.addScene("s", make());
     manager.delScene("s");
+    manager.addScene("s", make());
+    owner.reset();
     for (auto& other : others)
         other.join();
-    EXPECT_EQ(others.size(), 2U);
+    EXPECT_EQ(others.size(), 3U) << "each once";
 }
 
 TEST(SceneManager, DropsPipesWhileItsTablesLive) {
@@ -173,6 +176,19 @@ TEST(SceneManager, RunsPipesInTheirOrderAndMayBeCalledByThem) {
         manager.uninit();
         EXPECT_EQ(notes.size(), 4U) << "the pipes before the failing one stay";
     });
+}
+
+TEST(SceneManager, TellsOfACallThatHasNoName) {
+    FakeKernel kernel;
+    LinePrinter printer;
+    kernel.on<int>(0x1234abcd, [&printer](int, int&) {
+        SceneManager().explainStall(&printer);
+        return 0;
+    });
+    int record = 0;
+    EXPECT_EQ(System::Ioctl(7, 0x1234abcd, &record, 0), 0);
+    EXPECT_THAT(printer.lines,
+                testing::Contains(testing::HasSubstr("in ioctl 0x1234abcd of fd 7 for ")));
 }
 
 TEST(SceneManager, TellsTimes) {

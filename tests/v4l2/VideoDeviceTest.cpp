@@ -162,7 +162,7 @@ TEST_F(VideoDeviceTest, PassesOnAPlaneCountThatItDoesNotFollow) {
 }
 
 TEST_F(VideoDeviceTest, StreamsAndLetsItsMonitorGo) {
-    ASSERT_EQ(mDevice->openDevice(), 0);
+    open(1);
     std::vector<uint32_t> types;
     int result = 0;
     const auto stream = [&](int, uint32_t& type) {
@@ -173,6 +173,8 @@ TEST_F(VideoDeviceTest, StreamsAndLetsItsMonitorGo) {
     mKernel.on<uint32_t>(VIDIOC_STREAMOFF, stream);
     mDevice->setMonitor(mMonitor);
     mDevice->setMonitor(nullptr);
+    mKernel.answer(VIDIOC_QBUF, 0);
+    EXPECT_EQ(queue(), 0) << "which it is not told";
     mDevice->setMonitor(mMonitor);
     EXPECT_EQ(mDevice->streamOn(), 0);
     result = -EPIPE;
