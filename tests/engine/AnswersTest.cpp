@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/**
- * @file
- * What single calls answer.
- */
+// What single calls answer.
 #include "Bench.h"
 
 namespace NSVista::NSCorvane::test {
@@ -86,7 +83,7 @@ const Answer kAnswers[] = {
     {"QBUF into a completed request", -EBUSY, COMPLETE(s.in.queue(1, s.bound))},
     {"QBUF of two buffers of a node into one request", 0, ACT(s.in.queue(1, s.bound))},
     {"QBUF with more data than the plane has", -EINVAL, QUEUE(out, p.planes[0].bytesused = p.planes[0].length + 1)},
-    {"QBUF with a data offset at the data's end", -EINVAL, QUEUE(out, p.planes[0].data_offset = p.planes[0].length)},
+    {"QBUF with a data offset at the data's end", -EINVAL, QUEUE(out, p.planes[0].data_offset = p.planes[0].bytesused = 1)},
     {"queue of an empty request", -ENOENT, ACT(call(s.empty, MEDIA_REQUEST_IOC_QUEUE))},
     {"queue of a request whose node stopped", -ENOENT,
      ACT(s.in.stream(false) + call(s.bound, MEDIA_REQUEST_IOC_QUEUE))},

@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/**
- * @file
- * Faults on purpose: by the line that both engines take, and what only the process's can do.
- */
+// Faults on purpose: by the line that both engines take, and what only the process's can do.
 #include <fcntl.h>
 #include <sys/stat.h>
 

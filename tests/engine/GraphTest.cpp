@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/**
- * @file
- * What an engine consists of: nodes, capabilities, formats, links.
- */
+// What an engine consists of: nodes, capabilities, formats, links.
 #include <corvane/V4L2.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -140,14 +137,14 @@ TEST_F(GraphTest, TopologyIsOneOfNumbers) {
     for (const media_v2_pad& pad : pads)
         names[pad.id] = names[pad.entity_id] + ':' + std::to_string(pad.index);
     for (const media_v2_interface& interface : interfaces)
-        names[interface.id] = "node";
+        names[interface.id] = interface.intf_type == MEDIA_INTF_T_V4L_SUBDEV ? "subdev" : "node";
     std::set<std::string> found;
     for (const media_v2_link& link : links)
         found.insert(names[link.source_id] + ' ' + names[link.sink_id]);
     EXPECT_EQ(names.size(), kNodes + 1 + 2 * kNodes + kNodes);
     EXPECT_EQ(found.size(), 2 * kNodes);
     for (const char* link : {"vengine-core:2 vengine-mirror:0", "vengine-tuning:0 vengine-core:5",
-                             "node vengine-mirror"})
+                             "node vengine-mirror", "subdev " VENGINE_SUBDEV_ENTITY})
         EXPECT_EQ(found.count(link), 1u) << link;
     --all.num_pads;
     EXPECT_EQ(call(media, MEDIA_IOC_G_TOPOLOGY, &all), -ENOSPC);
@@ -160,6 +157,7 @@ TEST_F(GraphInProcess, ShowsNodesInDirectoriesAndSysfs) {
     odd.mediaNode = "media";
     odd.addVideoNode("capture", {V4L2_BUF_TYPE_VIDEO_CAPTURE, 1, 0}).video->deviceCaps = 0;
     ASSERT_NE(bench.engine().addDevice(odd), nullptr);
+    EXPECT_EQ(entityId(Fd(kernel.open("/dev/media", O_RDWR)), "capture"), 1U);
     EXPECT_EQ(bench.engine().addDevice(odd), nullptr) << "the media node's name is taken";
     odd.mediaNode.clear();
     odd.links.push_back({"capture", 1, "capture", 0, 0});
@@ -175,6 +173,7 @@ TEST_F(GraphInProcess, ShowsNodesInDirectoriesAndSysfs) {
             if (strncmp(entry->d_name, "media", 5) == 0)
                 found += std::string(entry->d_name) + ' ';
         EXPECT_EQ(kernel.closeDir(dir), 0);
+        EXPECT_EQ(kernel.closeDir(nullptr), -EBADF);
         EXPECT_EQ(found,
                   order == sim::DirectoryOrder::NEWEST_FIRST ? "media media0 " : "media0 media ");
     }
@@ -187,6 +186,7 @@ TEST_F(GraphInProcess, ShowsNodesInDirectoriesAndSysfs) {
     ASSERT_GT(kernel.readLink(sysfs.c_str(), target, sizeof(target)), 0);
     EXPECT_EQ("/dev/" + std::string(strrchr(target, '/') + 1), bench.path("vengine-flip"));
     EXPECT_EQ(kernel.readLink(sysfs.c_str(), target, 5), 5);
+    EXPECT_EQ(kernel.readLink(sysfs.c_str(), target, 0), -EINVAL);
     struct stat info;
     EXPECT_EQ(kernel.stat(bench.path("vengine-flip").c_str(), &info), 0);
     EXPECT_TRUE(S_ISCHR(info.st_mode));

@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/**
- * @file
- * Pictures, requests and buffers on their way.
- */
+// Pictures, requests and buffers on their way.
 #include <algorithm>
 #include <array>
 #include <chrono>

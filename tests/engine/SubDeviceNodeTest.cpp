@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/**
- * @file
- * The sub-device's node: tables, fences, events, controls.
- */
+// The sub-device's node: tables, fences, events, controls.
 #include <sys/resource.h>
 #include <unistd.h>
 

@@ -173,6 +173,13 @@ TEST(System, RefusesNullAndEndsDirectoriesWithoutAnError) {
     EXPECT_EQ(System::Stat("/", nullptr), -EFAULT);
     EXPECT_EQ(System::OpenDir(nullptr), nullptr);
     EXPECT_EQ(System::CloseDir(nullptr), -EBADF);
+    DIR* const closed = System::OpenDir("/proc");
+    close(dirfd(closed));
+    EXPECT_EQ(System::CloseDir(closed), -EBADF);
+    dirent other;
+    dirent* entry = &other;
+    EXPECT_EQ(System::linuxKernel().readDir(nullptr, &entry), -EBADF);
+    EXPECT_EQ(entry, nullptr);
     DIR* const dir = System::OpenDir("/proc/self/fd");
     ASSERT_NE(dir, nullptr);
     errno = ENODEV;

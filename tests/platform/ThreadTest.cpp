@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <corvane/platform/Condition.h>
 #include <corvane/platform/Properties.h>
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/ThreadLoop.h>
@@ -128,6 +129,19 @@ TEST(ThreadLoopHandler, MayEndAndDieOnItsOwnThread) {
         std::this_thread::yield();
 }
 
+TEST(Condition, HasTheLockAgainWhenItReturns) {
+    Mutex mutex;
+    Condition condition;
+    std::atomic<int> turns{0};
+    std::thread waiter([&] {
+        for (MutexLock lock(mutex); turns < 2; ++turns)
+            condition.wait(lock);
+    });
+    while (turns < 2)
+        condition.notifyOne();
+    waiter.join();
+}
+
 TEST(Thread, SetsPriorityAndAffinity) {
     std::thread([] {
         const auto set = [](int priority, int scheduler) {
@@ -147,13 +161,17 @@ TEST(Thread, SetsPriorityAndAffinity) {
             EXPECT_EQ(param.sched_priority, granted ? 3 : 0);
             EXPECT_EQ(set(100, policy), -EINVAL);
         }
+        cpu_set_t before, cpus;
+        sched_getaffinity(0, sizeof(before), &before);
+        EXPECT_EQ(kvxcam_perfctrl_set_affinity(), 0);
+        sched_getaffinity(0, sizeof(cpus), &cpus);
+        EXPECT_TRUE(CPU_EQUAL(&cpus, &before)) << "nothing is configured";
         const char* const key = "persist.vendor.kvx.camera.affinity";
         NSVista::Utils::Properties::property_set(key, "1");
         EXPECT_EQ(kvxcam_perfctrl_set_affinity(), 0);
         NSVista::Utils::Properties::property_set(key, "-1");
         EXPECT_EQ(kvxcam_perfctrl_set_affinity(), -EINVAL);
         NSVista::Utils::Properties::property_set(key, nullptr);
-        cpu_set_t cpus;
         sched_getaffinity(0, sizeof(cpus), &cpus);
         EXPECT_TRUE(CPU_COUNT(&cpus) == 1 && CPU_ISSET(0, &cpus));
     }).join();

@@ -61,6 +61,7 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
     ASSERT_EQ(record::start(mPath.c_str()), 0);
     System::Open("/in the record before", O_RDONLY, 1);
     const int64_t begin = monotonicInNs();
+    pthread_setname_np(pthread_self(), "recorded");
     ASSERT_EQ(record::start(mPath.c_str(), "a note of 17 char"), 0);
     EXPECT_EQ(open("/dev/null", O_RDONLY), next) << "descriptors are what they were";
     close(next);
@@ -105,6 +106,7 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
     EXPECT_NE(record.architecture, "");
     ASSERT_EQ(record.threads.size(), 3U);
     EXPECT_EQ(record.threads[0].tid, gettid());
+    EXPECT_EQ(record.threads[0].name, "recorded");
     EXPECT_GT(record.calls.at(0).begin, begin);
     EXPECT_LT(record.calls.at(0).begin, monotonicInNs());
     EXPECT_THAT(textsOf(record),
@@ -152,6 +154,7 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
     media_pad_desc pads[2] = {};
     media_link_desc link{};
     media_links_enum links{5, pads, &link, {}};
+    std::vector<media_v2_entity> entities(4096);
     media_v2_topology graph{0, 1, 0, address, 2, 0, address, 3, 0, address, 4, 0, address};
     v4l2_buffer buffer{};
     buffer.type = V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
@@ -191,10 +194,20 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
     errno = 0;
     EXPECT_EQ(call(MEDIA_IOC_ENUM_LINKS, &links), 0);
     EXPECT_EQ(errno, 0) << "that the recorder asks for more is not seen";
-    record::stop();
+    buffer.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;  // no planes, whatever stands there
+    EXPECT_EQ(call(VIDIOC_QBUF, &buffer), 0);
+    graph.num_entities = graph.num_links = 4096;  // more than there is room for
+    graph.ptr_entities = graph.ptr_links = reinterpret_cast<uintptr_t>(entities.data());
+    EXPECT_EQ(call(MEDIA_IOC_G_TOPOLOGY, &graph), 0);
+    kernel.on<int>(VIDIOC_LOG_STATUS, [](int, int&) { return record::stop(), 0; });
+    call(VIDIOC_LOG_STATUS, memory);
 
     const replay::Record record = replay::loadRecord(mPath);
-    ASSERT_EQ(record.calls.size(), 12U);
+    EXPECT_EQ(record::status().lost, 1U);
+    record::start(mPath.c_str());
+    record::stop();
+    EXPECT_THAT(replay::loadRecord(mPath).threads, IsEmpty()) << "the end is the last record's";
+    ASSERT_EQ(record.calls.size(), 15U);
     const auto after = [&](size_t i) { return piecesOf(record.calls[i].after); };
     EXPECT_THAT(after(0), ElementsAre(Pair(record::kExportSize, 8U)));
     EXPECT_EQ(record.machine.read(record.calls[0].piece(record::kExportSize, true), 0, 8), 100U);
@@ -208,11 +221,15 @@ TEST_F(RecordTest, HoldsWhatCallsGaveBesidesTheirArgument) {
                 ElementsAre(Pair(1, sizeof(controls)), Pair(3, 3U)));
     EXPECT_THAT(after(4), ElementsAre(Pair(1, sizeof(controls))));
     EXPECT_THAT(textsOf(record)[5], HasSubstr("= 0 {device 81:7}"));
+    EXPECT_EQ(record.calls[5].handle, 0);
     EXPECT_THAT(textsOf(record)[6], HasSubstr("= -2 ENOENT"));
     EXPECT_EQ(record.calls[8].handle, record.calls[7].handle);
     EXPECT_EQ(record.calls[8].code, uint32_t{DT_CHR});
-    EXPECT_EQ(record.calls[9].code, 0U);
+    EXPECT_EQ(record.calls[9].code + record.calls[10].code, 0U);
     EXPECT_TRUE(record.calls[11].returned);
+    EXPECT_THAT(piecesOf(record.calls[12].before), IsEmpty());
+    EXPECT_THAT(after(13), IsEmpty());
+    EXPECT_TRUE(record.calls[13].returned && !record.calls[14].returned);
 }
 
 TEST_F(RecordTest, HoldsACallThatNeverReturnsAndWhatAKilledProcessLeaves) {
@@ -290,12 +307,14 @@ TEST_F(RecordTest, CountsWhatFindsNoRoomAndAllocatesNothing) {
     ASSERT_EQ(record::start(mPath.c_str()), 0);
     System::Close(-1, 1);
     const uint64_t before = test::allocations.load();
+    int refused = 0;
     for (int i = 0; i < 50000; ++i) {
         v4l2_capability capability;
-        System::QueueMediaRequest(-1);
+        refused += System::QueueMediaRequest(-1) == -EBADF ? 1 : 0;
         System::Ioctl(-1, static_cast<int>(VIDIOC_QUERYCAP), &capability, 0);
     }
     EXPECT_EQ(test::allocations.load(), before);
+    EXPECT_EQ(refused, 50000);
     record::stop();
     const replay::Record record = replay::loadRecord(mPath);
     EXPECT_EQ(record.calls.size() + record::status().lost, 100001U);
@@ -304,7 +323,7 @@ TEST_F(RecordTest, CountsWhatFindsNoRoomAndAllocatesNothing) {
         ASSERT_TRUE(call.failed()) << "what began has ended";
     ASSERT_EQ(record::start(mPath.c_str()), 0);
     System::Close(-1, 1);
-    record::stop();
+    EXPECT_EQ(record::start(nullptr), 0) << "ends it";
     EXPECT_TRUE(replay::loadRecord(mPath).isWhole) << "lost is lost to one record";
 }
 

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-/**
- * @file
- * Descriptions as text: what is written is read again, and what is damaged is refused by its place.
- */
+// Descriptions as text: what is written is read again, and what is damaged is refused by its place.
 #include <corvane/sim/DescriptionFile.h>
 #include <corvane/sim/Engine.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <string>
 
@@ -147,6 +145,8 @@ TEST(DescriptionTest, WhatIsNoDescriptionIsRefused) {
 TEST(DescriptionTest, WhatIsWrittenIsReadAgain) {
     std::string linked = kEngine, error;
     linked.insert(kEngine.find("}]", kEngine.find("\"immutable\"")), ",\"dynamic\":true");
+    linked.insert(linked.find("}", linked.find("\"sink\"")), ",\"mustConnect\":true");
+    linked = std::regex_replace(linked, std::regex("\"VEST\""), "\"0x00000012\"");
     for (const std::string& text : {kEngine, linked}) {
         const auto device = sim::readDescription(text, error);
         ASSERT_TRUE(device) << error;
@@ -156,6 +156,10 @@ TEST(DescriptionTest, WhatIsWrittenIsReadAgain) {
         for (const sim::EntityDesc& entity : device->entities)
             EXPECT_TRUE(!entity.video || entity.video->controls) << "no controls, not the default";
     }
+    ordered_json bare = ordered_json::parse(kEngine);
+    bare["entities"][1]["subdevice"]["pads"] =
+        ordered_json::parse(R"([{"pad":0,"format":[1,1,1,1,1,1,1,1,1],"codes":[]}])");
+    EXPECT_TRUE(sim::readDescription(bare.dump(), error)) << error;
 }
 
 TEST(DescriptionTest, ReadsTheFirstVersion) {

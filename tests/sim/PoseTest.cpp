@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/**
- * @file
- * Devices that answer as they are described.
- */
+// Devices that answer as they are described.
 #include <corvane/sim/Engine.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -236,9 +233,10 @@ TEST(PoseTest, OffersIntervalsAndTakesTheNearest) {
         v4l2_streamparm parameters = {};
         parameters.type = video.bufType;
         parameters.parm.capture.timeperframe = {1, wanted};
-        EXPECT_EQ(node.call(VIDIOC_S_PARM, &parameters), 0);
-        EXPECT_EQ(node.call(VIDIOC_G_PARM, &parameters), 0);
-        EXPECT_EQ(parameters.parm.capture.timeperframe.denominator, got);
+        for (const unsigned long code : {VIDIOC_S_PARM, VIDIOC_G_PARM}) {
+            EXPECT_EQ(node.call(code, &parameters), 0);
+            EXPECT_EQ(parameters.parm.capture.timeperframe.denominator, got);
+        }
         EXPECT_EQ(parameters.parm.capture.reserved[0], 0U);
     }
 }
@@ -280,6 +278,23 @@ TEST(PoseTest, SetsTheStandardsThatItsInputHas) {
         EXPECT_EQ(node.call(VIDIOC_S_STD, &standard), result);
         EXPECT_EQ(node.call(VIDIOC_G_STD, &standard), 0);
         EXPECT_EQ(standard, got);
+    }
+}
+
+TEST(PoseTest, SetsTheTimingsThatItOffers) {
+    VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
+    video.signal.timings.emplace().width = 640;
+    video.signal.timingsOffered.resize(1);
+    video.signal.timingsOffered[0].width = 1280;
+    OneNode node(video);
+    for (const auto& [width, result, got] :
+         {std::tuple(640U, 0, 640U), {1280U, 0, 1280U}, {640U, -EINVAL, 1280U}}) {
+        v4l2_dv_timings timings = {};
+        timings.type = V4L2_DV_BT_656_1120;
+        timings.bt.width = width;
+        EXPECT_EQ(node.call(VIDIOC_S_DV_TIMINGS, &timings), result);
+        EXPECT_EQ(node.call(VIDIOC_G_DV_TIMINGS, &timings), 0);
+        EXPECT_EQ(timings.bt.width, got);
     }
 }
 
@@ -340,6 +355,10 @@ TEST(PoseTest, GrantsBuffersAsTheQueueDoes) {
             EXPECT_EQ(request.capabilities, uint32_t{V4L2_BUF_CAP_SUPPORTS_DMABUF});
         }
     }
+    video.secondQueue[0].queueCapabilities.reset();
+    v4l2_requestbuffers untold{1, V4L2_BUF_TYPE_VIDEO_OUTPUT, V4L2_MEMORY_DMABUF, 9, 0, {}};
+    EXPECT_EQ(OneNode(video).call(VIDIOC_REQBUFS, &untold), 0);
+    EXPECT_EQ(untold.capabilities, 0U);
     for (const uint32_t type : {video.bufType, video.secondQueue[0].bufType}) {
         v4l2_format format = wish(type, 0, 0, 0);
         EXPECT_EQ(node.call(VIDIOC_G_FMT, &format), 0);
@@ -412,10 +431,10 @@ TEST(PoseTest, SetsControlsByTheirKind) {
             EXPECT_EQ(list.error_idx, setting.result < 0 ? 0U : 1U);
             list.controls = &item;
             EXPECT_EQ(node.call(VIDIOC_S_EXT_CTRLS, &list), setting.result) << setting.name;
-            if (setting.result < 0)
-                continue;
+            const bool isArray = setting.control.flags == V4L2_CTRL_FLAG_HAS_PAYLOAD;
+            item.size = 8;
             item.value64 = 0;
-            EXPECT_EQ(node.call(VIDIOC_G_EXT_CTRLS, &list), 0);
+            EXPECT_EQ(node.call(VIDIOC_G_EXT_CTRLS, &list), isArray ? -EFAULT : 0);
             EXPECT_EQ(isLong ? item.value64 : item.value, setting.value) << setting.name;
         }
     }
