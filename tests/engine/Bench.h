@@ -47,7 +47,6 @@ public:
     std::string path(const std::string& entity) const;
     client::IDmaBufSource& source() const { return *mSource; }
 
-    /** Sets a fault up by its line. */
     bool fault(const std::string& line) const;
     /** The faults that are armed, or hung in. */
     std::string faults() const;
@@ -71,7 +70,6 @@ inline bool done(int request, int milliseconds = 20000) {
     return pollFor(request, POLLPRI, milliseconds) == POLLPRI;
 }
 
-/** A descriptor of the engine. */
 class Fd {
 public:
     explicit Fd(int fd = -1) : mFd(fd) {}
@@ -97,7 +95,6 @@ int setControl(int sub, int32_t value);
 int subscribe(int sub, unsigned long code = VIDIOC_SUBSCRIBE_EVENT,
               uint32_t type = V4L2_EVENT_FRAME_SYNC);
 uint32_t entityId(int media, const std::string& name);
-/** Sets the link of a port. */
 int setLink(int media, unsigned port, uint32_t flags);
 
 /** One node with its buffers: planes begin at an offset in dma-bufs that are longer than they. */
@@ -158,7 +155,6 @@ protected:
 
     /** A port, linked, with its format and buffers. */
     Port& add(unsigned number, unsigned buffers = 4);
-    /** The same, streaming. */
     Port& start(unsigned number, unsigned buffers = 4);
     /** Queues a buffer of each port, then the request. @return the first failure. */
     static int submit(int request, const std::vector<Port*>& with, unsigned buffer);

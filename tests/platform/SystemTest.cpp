@@ -176,8 +176,7 @@ TEST(System, RefusesNullAndEndsDirectoriesWithoutAnError) {
     DIR* const closed = System::OpenDir("/proc");
     close(dirfd(closed));
     EXPECT_EQ(System::CloseDir(closed), -EBADF);
-    dirent other;
-    dirent* entry = &other;
+    auto* entry = reinterpret_cast<dirent*>(&info);
     EXPECT_EQ(System::linuxKernel().readDir(nullptr, &entry), -EBADF);
     EXPECT_EQ(entry, nullptr);
     DIR* const dir = System::OpenDir("/proc/self/fd");

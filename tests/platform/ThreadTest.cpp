@@ -4,6 +4,7 @@
 #include <corvane/platform/Thread.h>
 #include <corvane/platform/ThreadLoop.h>
 #include <corvane/platform/TimeBomb.h>
+#include <corvane/platform/Trace.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -102,7 +103,12 @@ TEST(ThreadLoopHandler, TellsThatThereIsNoThreadAndMayRunLater) {
     ThreadLoopHandler handler;
     EXPECT_EQ(handler.run(loop), -EAGAIN);
     handler.requestExitAndWait();
+    const std::string traced = testing::TempDir() + "corvane-untraced-" + std::to_string(getpid());
+    EXPECT_EQ(trace::start(traced.c_str()), -EAGAIN);
     pthread_setattr_default_np(&normal);
+    EXPECT_EQ(trace::start(traced.c_str()), 0) << "nobody has the file";
+    trace::stop();
+    unlink(traced.c_str());
     EXPECT_EQ(loop->mAsked, 0);
     EXPECT_EQ(loop.use_count(), 1);
     EXPECT_EQ(handler.run(loop), 0);

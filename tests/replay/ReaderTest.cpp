@@ -11,9 +11,7 @@
 
 using namespace NSVista::NSCorvane;
 using namespace NSVista::NSCorvane::replay;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
+using namespace testing;
 
 namespace {
 
@@ -130,10 +128,9 @@ TEST(Reader, ReadsRecordsOfOtherMachinesByNameAndField) {
         buffer.put(12, machine.timeSize).put(34, machine.timeSize).text("", 16).put(9, 4);
         buffer.put(V4L2_MEMORY_DMABUF, 4);
         align(machine.longSize);
+        buffer.put(5, 4);
         if (machine.longSize == 8)
-            buffer.put(5, 4).put(0, 4);  // a union: the descriptor in its first four bytes
-        else
-            buffer.put(5, 4);
+            buffer.put(0, 4);  // a union: the descriptor in its first four bytes
         buffer.put(4096, 4).put(0, 4).put(21, 4);
         align(machine.timeSize == 8 || machine.longSize == 8 ? machine.alignOf64 : 4);
         ASSERT_EQ(buffer.bytes.size(), machine.size);

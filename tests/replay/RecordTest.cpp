@@ -31,10 +31,7 @@
 #include "support/Process.h"
 
 using namespace NSVista::NSCorvane;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Pair;
+using namespace testing;
 
 namespace {
 
@@ -87,7 +84,16 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
         buffer.length = VIDEO_MAX_PLANES;
         buffer.m.planes = planes;
         System::Ioctl(fd, static_cast<int>(VIDIOC_QUERYBUF), &buffer, 0);
-        std::thread([&] { System::Close(fd, 1); }).join();
+        pthread_key_t key;
+        pthread_key_create(&key, [](void*) {  // runs when the thread has given its lane back
+            record::flush();
+            System::Open("/at the end", O_RDONLY, 1);
+        });
+        std::thread([&] {
+            System::Close(fd, 1);
+            pthread_setspecific(key, &key);
+        }).join();
+        pthread_key_delete(key);
         record::flush();
         std::thread([] { System::CloseDir(System::OpenDir("/sys/dev/char")); }).join();
         char link[256];
@@ -104,7 +110,7 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
     EXPECT_THAT(record.problems, IsEmpty());
     EXPECT_EQ(record.note, "a note of 17 char");
     EXPECT_NE(record.architecture, "");
-    ASSERT_EQ(record.threads.size(), 3U);
+    ASSERT_EQ(record.threads.size(), 4U);
     EXPECT_EQ(record.threads[0].tid, gettid());
     EXPECT_EQ(record.threads[0].name, "recorded");
     EXPECT_GT(record.calls.at(0).begin, begin);
@@ -114,8 +120,9 @@ TEST_F(RecordTest, HoldsEveryCallOfWhicheverKernelIsInstalled) {
                             HasSubstr("count=2, type=VIDEO_CAPTURE, memory=DMABUF}) = -22 EINVAL"),
                             HasSubstr("controls=[{id=0x980900, value=77}]}) = 0 "),
                             HasSubstr("count=268435456"), HasSubstr("VIDIOC_QUERYBUF("),
-                            HasSubstr("close("), HasSubstr(R"(opendir("/sys/dev/char") = 0)"),
-                            HasSubstr("closedir("), HasSubstr(R"(video0")"),
+                            HasSubstr("close("), HasSubstr("/at the end"),
+                            HasSubstr(R"(opendir("/sys/dev/char") = 0)"), HasSubstr("closedir("),
+                            HasSubstr(R"(video0")"),
                             HasSubstr(R"(open("/nonexistent", O_RDONLY) = -2 ENOENT)")));
     EXPECT_EQ(record.calls[4].piece(record::kArray, false).size(), sizeof(v4l2_plane[8]));
 }
@@ -307,14 +314,12 @@ TEST_F(RecordTest, CountsWhatFindsNoRoomAndAllocatesNothing) {
     ASSERT_EQ(record::start(mPath.c_str()), 0);
     System::Close(-1, 1);
     const uint64_t before = test::allocations.load();
-    int refused = 0;
     for (int i = 0; i < 50000; ++i) {
         v4l2_capability capability;
-        refused += System::QueueMediaRequest(-1) == -EBADF ? 1 : 0;
+        ASSERT_EQ(System::QueueMediaRequest(-1), -EBADF);
         System::Ioctl(-1, static_cast<int>(VIDIOC_QUERYCAP), &capability, 0);
     }
     EXPECT_EQ(test::allocations.load(), before);
-    EXPECT_EQ(refused, 50000);
     record::stop();
     const replay::Record record = replay::loadRecord(mPath);
     EXPECT_EQ(record.calls.size() + record::status().lost, 100001U);

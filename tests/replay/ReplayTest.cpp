@@ -33,16 +33,12 @@ namespace NSVista::NSCorvane {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
+using namespace testing;
 
 /** Addresses, times of day and of waiting, and descriptors. */
 const std::regex kFleeting(
     R"(0x[0-9a-f]{9,}|[0-9]+-[0-9]+ [0-9:]+\.[0-9]+|[0-9]+ ms|(fd|FD|request)[ =(]+[0-9]+)");
 
-/** What a client saw of a run. */
 struct Outcome {
     std::vector<std::string> lines;  ///< warnings and errors
     std::vector<int> codes;          ///< of every step
@@ -312,7 +308,6 @@ TEST_F(ReplayTest, ItsStoryKnowsPortsRequestsAndPhases) {
     EXPECT_THAT(story.objects[story.cycles[0].buffers[0].node].label(), HasSubstr("/dev/video"));
 }
 
-/** The tools, as a user has them. */
 class TraceToolTest : public ReplayTest {
 protected:
     static std::string run(const std::string& command, int code = 0) {
@@ -353,7 +348,6 @@ TEST_F(TraceToolTest, ARunIsRecordedShownAndReplayed) {
         1);
 }
 
-/** A page is what a browser makes of it. */
 TEST_F(TraceToolTest, AReportIsLaidOutByABrowser) {
     if (system("command -v chromium >/dev/null") != 0)
         GTEST_SKIP() << "no chromium";
