@@ -12,10 +12,10 @@
 #include <unistd.h>
 
 #include <cstdarg>
-#include <fstream>
 
 #include "support/DescriptorLimit.h"
 #include "support/FakeKernel.h"
+#include "support/Process.h"
 #include "vengine-desc.h"
 
 /** The errno of what this process asks dma-bufs and heaps, which are memory files and /dev/null. */
@@ -150,9 +150,7 @@ TEST(DmaBufTest, MemoryFileIsMappedAndGivenBack) {
         EXPECT_STREQ(reinterpret_cast<char*>(other.map(CpuAccess::Read).data()) + 4990, "two");
     }
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    std::ifstream maps("/proc/self/maps");
-    const std::string mapped(std::istreambuf_iterator<char>(maps), {});
-    EXPECT_EQ(mapped.find("corvane-buffer"), std::string::npos);
+    EXPECT_EQ(test::contentOf("/proc/self/maps").find("corvane-buffer"), std::string::npos);
     EXPECT_FALSE(DmaBuf(-1, 100).map(CpuAccess::Read));
 }
 
@@ -233,19 +231,9 @@ TEST(VideoNodeTest, KnowsWhatAPortWouldUse) {
     EXPECT_EQ(engine.openFiles(), 0U);
 }
 
-/** A node of one kind that answers what a driver without requests does. */
-class FakeNode : public test::FakeKernel {
-public:
-    explicit FakeNode(uint32_t caps) {
-        on<v4l2_capability>(VIDIOC_QUERYCAP, [caps](int, v4l2_capability& to) {
-            to.capabilities = caps | V4L2_CAP_STREAMING;
-            return 0;
-        });
-    }
-};
-
 TEST(VideoNodeTest, TellsWhetherBuffersTakeRequests) {
-    FakeNode kernel(V4L2_CAP_VIDEO_CAPTURE);
+    test::FakeKernel kernel;
+    kernel.setCapabilities(V4L2_CAP_VIDEO_CAPTURE);
     VideoNode node{};
     for (const auto& [result, caps, expected] :
          {std::tuple{0, V4L2_BUF_CAP_SUPPORTS_REQUESTS, true},
@@ -276,7 +264,8 @@ TEST(VideoNodeTest, TellsWhetherBuffersTakeRequests) {
 }
 
 TEST(VideoNodeTest, SetsAFrameRate) {
-    FakeNode kernel(V4L2_CAP_VIDEO_CAPTURE);
+    test::FakeKernel kernel;
+    kernel.setCapabilities(V4L2_CAP_VIDEO_CAPTURE);
     EXPECT_EQ(setFrameRate("/dev/video0", V4L2_BUF_TYPE_VIDEO_CAPTURE, 25), -ENOTTY);
     kernel.on<v4l2_streamparm>(VIDIOC_S_PARM, [](int, v4l2_streamparm& to) {
         EXPECT_EQ(to.type, V4L2_BUF_TYPE_VIDEO_CAPTURE);
@@ -293,7 +282,8 @@ TEST(VideoNodeTest, SetsAFrameRate) {
 TEST(VideoNodeTest, ExportsBuffersOfTheWantedSize) {
     for (const uint32_t caps :
          {V4L2_CAP_VIDEO_CAPTURE, V4L2_CAP_VIDEO_OUTPUT_MPLANE, V4L2_CAP_META_CAPTURE}) {
-        FakeNode kernel(caps);
+        test::FakeKernel kernel;
+        kernel.setCapabilities(caps);
         const uint32_t type = v4l2::portBufferType(caps);
         uint32_t created = 0;
         uint32_t own = 0;

@@ -325,25 +325,5 @@ TEST_F(EpollEventMonitorTest, MayBeDroppedInACallback) {
     std::this_thread::sleep_for(kShort);
 }
 
-TEST_F(EpollEventMonitorTest, ManyThreadsShareIt) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([this] {
-            for (int round = 0; round < 200; ++round) {
-                auto observer = std::make_unique<Observer>();
-                EXPECT_EQ(mMonitor->attachObserver(observer.get(), EPOLLIN | kOneShot), 0);
-                observer->raise();
-                for (int call = 1; call <= 3; ++call) {
-                    EXPECT_EQ(mMonitor->rearmObserver(observer.get(), EPOLLIN | kOneShot), 0);
-                    if (call < 3)
-                        observer->waitForCalls(call);
-                }
-                EXPECT_EQ(mMonitor->detachObserver(observer.get()), 0);
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-}
-
 }  // namespace
 }  // namespace NSVista::NSCorvane::client

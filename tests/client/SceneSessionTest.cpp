@@ -150,7 +150,12 @@ TEST_F(SceneSessionTest, ARefusedCallWhileOpeningIsUndone) {
     }
     EXPECT_THAT(mLog.take(), testing::Not(IsEmpty()));
     EXPECT_EQ(mEngine.wanted, 5U) << "one more than are queued";
-    EXPECT_NE(open(describe(1, 32)), nullptr) << "but all that the engine has will do";
+    const auto all = open(describe(1, 32));
+    ASSERT_NE(all, nullptr) << "what the engine has will do";
+    all->scene()->release();
+    EXPECT_EQ(all->start(), -1);
+    EXPECT_THAT(mLog.take(), Contains(HasSubstr("acquire() comes first")));
+    all->scene()->acquire();
 }
 
 TEST_F(SceneSessionTest, StopWaitsForEveryCompletionAndDequeue) {

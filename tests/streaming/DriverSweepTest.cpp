@@ -6,19 +6,18 @@
 #include <corvane/IV4L2SubDevice.h>
 #include <corvane/platform/Service.h>
 #include <gmock/gmock.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "Rig.h"
+#include "support/Process.h"
 #include "support/SubDeviceCalls.h"
 #include "vengine-fault.h"
 
@@ -177,11 +176,6 @@ bool live() {
     exit(live() ? 0 : 1);
 }
 
-std::string readTestFile(const char* name) {
-    std::ifstream file(std::string("/sys/kernel/debug/vengine/") + name);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 testing::Matcher<const std::string&> told(Ending ending, const std::string& line) {
     using testing::AllOf;
     using testing::HasSubstr;
@@ -207,8 +201,10 @@ TEST(DriverSweep, EveryRefusalEndsAsItHasToAndLeavesNothing) {
                                                        : testing::ExitedWithCode(0)(status);
             };
             EXPECT_EXIT(liveWith(fault), ended, told(refusal.ending, refusal.line));
-            EXPECT_EQ(readTestFile("fault"), "") << "it was never called so often";
-            EXPECT_THAT(readTestFile("counts"), testing::Not(testing::ContainsRegex(" [1-9]")));
+            EXPECT_EQ(contentOf("/sys/kernel/debug/vengine/fault"), "")
+                << "it was never called so often";
+            EXPECT_THAT(contentOf("/sys/kernel/debug/vengine/counts"),
+                        testing::Not(testing::ContainsRegex(" [1-9]")));
             Platform::instance().order("clear");
         }
     }

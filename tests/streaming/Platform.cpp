@@ -15,6 +15,7 @@
 #include <fstream>
 #include <map>
 
+#include "support/Process.h"
 #include "vengine-desc.h"
 
 namespace NSVista::NSCorvane::test {
@@ -63,10 +64,8 @@ sim::DeviceDesc describeDevice() {
     const char* const path = getenv("CORVANE_TEST_POSE");
     if (path == nullptr)
         return sim::describeVirtualEngine();
-    std::ifstream file(path);
     std::string error;
-    const auto device =
-        sim::readDescription(std::string(std::istreambuf_iterator<char>(file), {}), error);
+    const auto device = sim::readDescription(contentOf(path), error);
     EXPECT_TRUE(device) << path << ": " << error;
     return device.value();
 }

@@ -26,8 +26,6 @@ public:
     explicit Rig(size_t ports);
     /** Undoes what was done, in the scene's order. */
     ~Rig();
-    Rig(const Rig&) = delete;
-    Rig& operator=(const Rig&) = delete;
 
     int init();
     /**

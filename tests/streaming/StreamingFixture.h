@@ -42,7 +42,6 @@ protected:
     }
     /** Error lines since the last call. */
     Lines errors() { return mLog.take(); }
-    size_t portsOrSkip(size_t wanted) const { return std::min(wanted, platform.ports().size()); }
 
     const Platform& platform = Platform::instance();
     ReportCapture reports;

@@ -81,7 +81,7 @@ TEST_F(Streaming, ManyScenesInARowLeaveNothingBehind) {
     const int lifetimes = platform.fails() ? 200 : 10;
     for (int i = 0; i < lifetimes; ++i) {
         SCOPED_TRACE(i);
-        Rig rig(portsOrSkip(i % 4 == 3 ? 1 : 3));
+        Rig rig(std::min<size_t>(i % 4 == 3 ? 1 : 3, platform.ports().size()));
         ASSERT_EQ(rig.start(3), 0);
         const bool completes = i % 2 == 0;
         if (platform.fails())

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <future>
 #include <string_view>
 #include <thread>
 
@@ -131,19 +132,13 @@ TEST_F(ProviderTest, BringsUpAndTearsDownInTurnsUnderManyThreads) {
 
 TEST_F(ProviderTest, LetsASecondUserWaitForTheBringUp) {
     const int hang = mEngine.faults().hang({sim::Operation::OPEN, 0, VENGINE_SUBDEV_ENTITY});
-    std::shared_ptr<IV4L2SubDevice> first, second;
-    std::atomic<bool> returned = false;
-    std::thread opener([&] { first = mProvider.acquire("AAAA"); });
+    auto opener = std::async(std::launch::async, [&] { return mProvider.acquire("AAAA"); });
     EXPECT_TRUE(mEngine.faults().waitUntilHung(hang, std::chrono::seconds(10)));
-    std::thread follower([&] {
-        second = mProvider.acquire("BBBB");
-        returned = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(returned);
+    auto follower = std::async(std::launch::async, [&] { return mProvider.acquire("BBBB"); });
+    EXPECT_EQ(follower.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     mEngine.faults().remove(hang);
-    opener.join();
-    follower.join();
+    auto first = opener.get();
+    auto second = follower.get();
     EXPECT_TRUE(first != nullptr && first == second);
     mProvider.release("AAAA", first);
     mProvider.release("BBBB", second);

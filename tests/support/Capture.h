@@ -36,8 +36,6 @@ public:
         Logger::sDetailsLevel = mPreviousLevel;
         Logger::install(nullptr);
     }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     void setLevel(uint32_t level) { Logger::sDetailsLevel = level; }
     /** The lines since the last call, each after the letter of its level (EWIKDV) and a blank. */
@@ -79,8 +77,6 @@ public:
         Utils::setTerminateHandler(nullptr);
         Utils::setExceptionHandler(nullptr);
     }
-    ReportCapture(const ReportCapture&) = delete;
-    ReportCapture& operator=(const ReportCapture&) = delete;
 
     Lines take() {
         const std::lock_guard lock(mLock);

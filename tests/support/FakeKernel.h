@@ -25,22 +25,16 @@ namespace NSVista::NSCorvane::test {
 
 /** An ioctl as a test's record names it; a code that is not known as its number. */
 inline std::string ioctlName(unsigned long request) {
-    switch (request) {
-        case MEDIA_IOC_DEVICE_INFO:
-            return "MEDIA_IOC_DEVICE_INFO";
-        case MEDIA_IOC_ENUM_ENTITIES:
-            return "MEDIA_IOC_ENUM_ENTITIES";
-        case MEDIA_IOC_ENUM_LINKS:
-            return "MEDIA_IOC_ENUM_LINKS";
-        case MEDIA_IOC_SETUP_LINK:
-            return "MEDIA_IOC_SETUP_LINK";
-        case MEDIA_IOC_REQUEST_ALLOC:
-            return "MEDIA_IOC_REQUEST_ALLOC";
-        case MEDIA_REQUEST_IOC_QUEUE:
-            return "MEDIA_REQUEST_IOC_QUEUE";
-        case MEDIA_REQUEST_IOC_REINIT:
-            return "MEDIA_REQUEST_IOC_REINIT";
-    }
+    static const std::map<unsigned long, const char*> kMedia = {
+        {MEDIA_IOC_DEVICE_INFO, "MEDIA_IOC_DEVICE_INFO"},
+        {MEDIA_IOC_ENUM_ENTITIES, "MEDIA_IOC_ENUM_ENTITIES"},
+        {MEDIA_IOC_ENUM_LINKS, "MEDIA_IOC_ENUM_LINKS"},
+        {MEDIA_IOC_SETUP_LINK, "MEDIA_IOC_SETUP_LINK"},
+        {MEDIA_IOC_REQUEST_ALLOC, "MEDIA_IOC_REQUEST_ALLOC"},
+        {MEDIA_REQUEST_IOC_QUEUE, "MEDIA_REQUEST_IOC_QUEUE"},
+        {MEDIA_REQUEST_IOC_REINIT, "MEDIA_REQUEST_IOC_REINIT"}};
+    if (const auto found = kMedia.find(request); found != kMedia.end())
+        return found->second;
     for (const vengine_fault_word& each : vengine_fault_words)
         if (each.code == request) {
             std::string name = _IOC_NR(request) < BASE_VIDIOC_PRIVATE ? "VIDIOC_" : "KVXDIP_IOC_";
@@ -62,8 +56,6 @@ public:
 
     FakeKernel() : mPrevious(System::setKernel(this)) {}
     ~FakeKernel() override { System::setKernel(mPrevious); }
-    FakeKernel(const FakeKernel&) = delete;
-    FakeKernel& operator=(const FakeKernel&) = delete;
 
     std::map<std::string, int> openResults;            ///< instead of a new one, by path
     std::map<std::string, int> statResults;            ///< by path; 0 for others

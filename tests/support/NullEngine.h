@@ -174,8 +174,6 @@ public:
         mScene.reset();
         System::setKernel(mPrevious);
     }
-    NullEngine(const NullEngine&) = delete;
-    NullEngine& operator=(const NullEngine&) = delete;
 
     /** Fills, queues and completes the request once. */
     void cycle() {

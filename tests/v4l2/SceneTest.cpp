@@ -618,7 +618,7 @@ TEST_F(SceneTest, EndsOnConsistencyErrors) {
         {[&] { mScene->setFormat(nullptr, format); }, kTag, "setFormat", "port == nullptr"},
         {[&] { mScene->iteratePorts(nullptr); }, kTag, "iteratePorts", "Bad function"},
         {withoutMedia, kTag, "init", "IV4L2VideoDevice::make: v0"},
-        {noThread, kTag, "start", "ThreadLoopHandler::make"},
+        {noThread, kTag, "start", "ThreadLoopHandler::make", {"No thread for P2Drv-BufferMon: "}},
         {throwingFill, kTag, "addBuffer", "exception: of the client"},
         {throwingCallback, kTag, "requestDone", "exception: of the client"},
     });
