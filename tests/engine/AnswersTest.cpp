@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// What single calls answer.
 #include "Bench.h"
 
 namespace NSVista::NSCorvane::test {

@@ -38,17 +38,14 @@ public:
 
     bool inProcess() const { return mEngine != nullptr; }
     System::Kernel& kernel() const { return inProcess() ? *mEngine : System::linuxKernel(); }
-    /** @name In the process only
-     * @{ */
+    /** In the process only, as device(). */
     sim::VirtualEngine& engine() const { return *mEngine; }
     sim::Device& device() const { return mEngine->device(); }
-    /** @} */
     /** Path of an entity's node; of the media device without a name. */
     std::string path(const std::string& entity) const;
     client::IDmaBufSource& source() const { return *mSource; }
 
     bool fault(const std::string& line) const;
-    /** The faults that are armed, or hung in. */
     std::string faults() const;
     /** As the driver's parameters: n > 1 groups of n in reverse, -n shuffled. */
     void setOrder(int order, unsigned delayUs = 0) const;
@@ -160,7 +157,6 @@ protected:
     static int submit(int request, const std::vector<Port*>& with, unsigned buffer);
     /** A request of its own that was submitted, or an invalid one. */
     Fd submitNew(const std::vector<Port*>& with, unsigned buffer);
-    /** One for each of the first buffers. */
     std::vector<Fd> submitAll(const std::vector<Port*>& with, unsigned buffers);
     /** One whole cycle of a request; the buffer's memory is as the engine left it. */
     int cycle(Port& port, unsigned buffer = 0);

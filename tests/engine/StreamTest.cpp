@@ -280,8 +280,7 @@ TEST_F(StreamTest, KeepsTheMemoryOfAnIndex) {
         EXPECT_EQ(bench.device().counts().mappedPlanes, 2u);
     }
     exchange();
-    // What a refused request prepared stays so until stream-off: the index keeps the memory of
-    // then.
+    // What a refused request prepared stays so until stream-off.
     for (bool stopped : {false, true}) {
         const Fd refused = newRequest(media);
         ASSERT_EQ(main.queue(0, refused), 0);

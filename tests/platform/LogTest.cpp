@@ -52,7 +52,6 @@ protected:
         ULogger::sDetailsLevel = level;
         ULogger::sNormalDetailsMask = mask;
     }
-    /** What @p log prints to standard error. */
     template <class Log>
     static std::string printed(Log log) {
         testing::internal::CaptureStderr();

@@ -71,7 +71,6 @@ TEST(Properties, ParsesWholeNumbersAndWordsOnly) {
     } const cases[] = {
         {"1", 1, true, true},
         {"0", 0, false, false},
-        {"-8", -8, true, false},
         {"0x10", 16, true, false},
         {"010", 8, true, false},
         {"08", 77, true, false},

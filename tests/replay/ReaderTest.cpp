@@ -15,7 +15,6 @@ using namespace testing;
 
 namespace {
 
-/** Numbers as some machine writes them. */
 class Writer {
 public:
     explicit Writer(bool swapped) : mSwapped(swapped) {}
@@ -63,7 +62,6 @@ public:
         mEvents.put(code, 4).put(static_cast<uint32_t>(result), 4).append(block.bytes);
         return *this;
     }
-    /** Closes a chunk of the events so far. */
     RecordMaker& chunk(uint64_t sequence) {
         const Writer events = std::exchange(mEvents, Writer(mSwapped));
         const auto head = [&](uint64_t check) {
@@ -149,7 +147,6 @@ TEST(Reader, ReadsRecordsOfOtherMachinesByNameAndField) {
     }
 }
 
-/** Two chunks with a call each, and a third with one that never returned. */
 std::vector<uint8_t> threeCalls() {
     RecordMaker maker(false, 8, 8);
     const uint32_t code = static_cast<uint32_t>(VIDIOC_STREAMON);
@@ -176,7 +173,6 @@ TEST(Reader, ShowsWhatItCanOfADamagedRecord) {
         EXPECT_LE(cut.calls.size(), 2U);
         EXPECT_EQ(cut.isWhole, cut.isRecord) << size;
     }
-    // Damage within a chunk costs that chunk.
     std::vector<uint8_t> broken = whole;
     broken[sizeof(record::FileHead) + sizeof(record::ChunkHead) + 70] ^= 1;
     const Record damaged = readRecord(broken);

@@ -91,7 +91,6 @@ protected:
                 outcome.lines.push_back(std::regex_replace(line.text, kFleeting, "_"));
         return outcome;
     }
-    /** What @p body gives, run on the engine and recorded. */
     template <class Body>
     auto recorded(sim::VirtualEngine& engine, Body body) {
         const sim::ScopedKernel installed(engine);
@@ -146,7 +145,6 @@ private:
     }
 };
 
-/** A fault, as the driver's test side takes it, and how many ports stream. */
 struct Failure {
     const char* name;
     const char* fault;

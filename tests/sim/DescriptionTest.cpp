@@ -18,7 +18,6 @@ using nlohmann::ordered_json;
 
 const std::string kEngine = sim::writeDescription(sim::describeVirtualEngine());
 
-/** A change to the engine's description, and the beginning of the error. */
 struct Damage {
     const char* where;  ///< a JSON pointer
     const char* value;  ///< or a pointer to the value
@@ -41,7 +40,6 @@ const Damage kDamages[] = {
     {"/entities/2/name", "\"vengine-core\"", "entities[2].name: is another entity's"},
     {"/entities/2/pads/0/direction", "\"up\"", "entities[2].pads[0].direction: is neither"},
     {"/entities/2/pads", "[]", "entities[0].pads[0].links[0].pad: is no pad of vengine-main, which has 0"},
-    {"/entities/0/pads/0/links/0/entity", "\"nobody\"", "entities[0].pads[0].links[0].entity: is no entity"},
     {"/entities/0/pads/0/links/-", R"({"entity":"vengine-main","pad":0})", "entities[0].pads[0].links[1]: is there already"},
     {"/entities/0/pads/0/links/0", R"({"entity":"vengine-tuning","pad":0})", "entities[0].pads[0].links[0].pad: is no sink"},
     {"/entities/2/pads/-", R"({"direction":"source","links":[{"entity":"vengine-core","pad":1}]})", "entities[2].pads[1].links[0]: closes a loop"},
@@ -51,11 +49,9 @@ const Damage kDamages[] = {
     {"/entities/1/subdevice/privateControls/0/value", "4294967296", "entities[1].subdevice.privateControls[0].value: is not from"},
     {"/entities/2/video/queue/type", "\"V4L2_BUF_TYPE_PRIVATE\"", "entities[2].video.queue.type: is no type"},
     {"/entities/2/video/queue/format", "\"\"", "entities[2].video.queue.format: is no format"},
-    {"/entities/2/video/queue/format", "\"GREY\"", "entities[2].video.queue.format: is none of the formats"},
     {"/entities/2/video/queue/layout", "[320,240,320,76800]", "entities[2].video.queue.layout: has another number"},
     {"/entities/6/video/queue/layout", "[320,240,1,1,1,1]", "entities[6].video.queue.layout: has a wrong number"},
     {"/entities/2/video/queue/formats/1/format", "\"NV12M\"", "entities[2].video.queue.formats[1].format: is there already"},
-    {"/entities/2/video/queue/formats/0/answers", "9", "entities[2].video.queue.formats[0].answers: is not in the list, which has 3"},
     {"/entities/2/video/queue/answers/0/1", "[1,1,2,2,3]", "entities[2].video.queue.answers[0][1]: has 5 items"},
     {"/entities/2/video/queue/answers/0/1", "[1,1,2,2,3,4]", "entities[2].video.queue.answers[0][1]: has another number"},
     {"/entities/2/video/queue/answers/0/1/5", "1073741825", "entities[2].video.queue.answers[0][1][5]: is not from 1"},
@@ -133,7 +129,7 @@ TEST(DescriptionTest, WhatIsNoDescriptionIsRefused) {
 TEST(DescriptionTest, WhatIsWrittenIsReadAgain) {
     std::string linked = kEngine, error;
     linked.insert(kEngine.find("}]", kEngine.find("\"immutable\"")), ",\"dynamic\":true");
-    linked.insert(linked.find("}", linked.find("\"sink\"")), ",\"mustConnect\":true");
+    linked.insert(linked.find('}', linked.find("\"sink\"")), ",\"mustConnect\":true");
     linked = std::regex_replace(linked, std::regex("\"VEST\""), "\"0x00000012\"");
     for (const std::string& text : {kEngine, linked}) {
         const auto device = sim::readDescription(text, error);

@@ -253,25 +253,12 @@ TEST(PoseTest, TriesAPadsFormatWithoutSettingIt) {
     }
 }
 
-TEST(PoseTest, SetsTheStandardsThatItsInputHas) {
+TEST(PoseTest, SetsTheStandardsAndTimingsThatItHas) {
     VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
     sim::ConnectorsDesc& inputs = video.signal.inputs.emplace();
     inputs.list.resize(1);
     inputs.list[0].standards = V4L2_STD_PAL;
     video.signal.standard = V4L2_STD_PAL;
-    OneNode node(video);
-    for (const auto& [wanted, result, got] :
-         {std::tuple(V4L2_STD_PAL_B | V4L2_STD_NTSC_M, 0, V4L2_STD_PAL_B),
-          {V4L2_STD_NTSC_M, -EINVAL, V4L2_STD_PAL_B}}) {
-        v4l2_std_id standard = wanted;
-        EXPECT_EQ(node.call(VIDIOC_S_STD, &standard), result);
-        EXPECT_EQ(node.call(VIDIOC_G_STD, &standard), 0);
-        EXPECT_EQ(standard, got);
-    }
-}
-
-TEST(PoseTest, SetsTheTimingsThatItOffers) {
-    VideoDesc video{V4L2_BUF_TYPE_VIDEO_CAPTURE, V4L2_PIX_FMT_GREY, sim::kPlainRole};
     video.signal.timings.emplace().width = 640;
     video.signal.timingsOffered.resize(1);
     video.signal.timingsOffered[0].width = 1280;
@@ -284,6 +271,14 @@ TEST(PoseTest, SetsTheTimingsThatItOffers) {
         EXPECT_EQ(node.call(VIDIOC_S_DV_TIMINGS, &timings), result);
         EXPECT_EQ(node.call(VIDIOC_G_DV_TIMINGS, &timings), 0);
         EXPECT_EQ(timings.bt.width, got);
+    }
+    for (const auto& [wanted, result, got] :
+         {std::tuple(V4L2_STD_PAL_B | V4L2_STD_NTSC_M, 0, V4L2_STD_PAL_B),
+          {V4L2_STD_NTSC_M, -EINVAL, V4L2_STD_PAL_B}}) {
+        v4l2_std_id standard = wanted;
+        EXPECT_EQ(node.call(VIDIOC_S_STD, &standard), result);
+        EXPECT_EQ(node.call(VIDIOC_G_STD, &standard), 0);
+        EXPECT_EQ(standard, got);
     }
 }
 
@@ -410,7 +405,6 @@ TEST(PoseTest, SetsControlsByTheirKind) {
                 item.value = static_cast<int32_t>(setting.wanted);
             v4l2_ext_controls list = {};
             list.count = 1;
-            list.controls = &item;
             list.error_idx = 9;
             v4l2_ext_control tried = item;
             list.controls = &tried;
