@@ -25,10 +25,6 @@ void registerDefault(const char* model, const char* entity) {
     registerDefaultMediaConfigs(&configs);
 }
 
-std::string infoLine(const std::string& path, const std::string& model) {
-    return " '" + path + "': media_device_info=" + infoText(model);
-}
-
 /** Three devices, the last two of one model. */
 class ThreeDevices : public MediaKernel {
 public:
@@ -57,7 +53,8 @@ TEST(DeviceEnumerator, FindsADeviceOnceAndCachesIt) {
         EXPECT_EQ(dumpOf(enumerator()),
                   Lines({"<<DeviceEnumerator>> default= .mediadevice_model_name= "
                          ".subdevice_entity_name= media_device_info[2] topology[1]",
-                         infoLine("/dev/media0", "other"), infoLine("/dev/media1", "model"),
+                         " '/dev/media0': media_device_info=" + infoText("other"),
+                         " '/dev/media1': media_device_info=" + infoText("model"),
                          "<<MediaTopology>> '/dev/media1' MediaEntity[3] media_entity_desc[3] "
                          "media_link_desc[1]"}));
         EXPECT_EQ(System::openFds().size(), 0U);

@@ -51,10 +51,8 @@ public:
     bool written(size_t slot);
     /** Number of the test picture that the first port captured. */
     uint32_t capturedPicture(size_t slot);
-    /** Number of the test picture that the slot's input was fed with. */
     uint32_t fedPicture(size_t slot) const { return mPictures[slot]; }
     int stop();
-    /** What the scene prints. */
     std::string dump() const;
 
     std::function<void()>

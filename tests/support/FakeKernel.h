@@ -97,7 +97,6 @@ public:
         const std::lock_guard lock(mLock);
         return mPaths.at(static_cast<size_t>(fd - kFirstFd));
     }
-    /** Directory handles that are open. */
     int openDirectories = 0;
 
     int open(const char* path, int flags) override {

@@ -9,7 +9,6 @@
 #include "NodeCapture.h"
 
 namespace NSVista::NSCorvane::tools {
-
 namespace {
 
 /** A node as text, with what could not be learned. */
@@ -53,5 +52,4 @@ TEST(CaptureTest, LeavesTheOldFormatBehindAndTellsWhatItCouldNotLearn) {
 }
 
 }  // namespace
-
 }  // namespace NSVista::NSCorvane::tools

@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <future>
@@ -25,7 +24,6 @@ constexpr char kTag[] = "corvane-BufferMonitor";
 constexpr char kAffinity[] = "persist.vendor.kvx.camera.affinity";
 #define PROPERTY(name) "persist.vendor.camera.corvane.V4L2BufferMonitor." name
 
-/** Calls back on each notification. */
 class Observer : public IV4L2BufferObserver {
 public:
     explicit Observer(std::function<void()> notified) : mNotified(std::move(notified)) {}

@@ -181,12 +181,11 @@ TEST(SceneManager, RunsPipesInTheirOrderAndMayBeCalledByThem) {
 TEST(SceneManager, TellsOfACallThatHasNoName) {
     FakeKernel kernel;
     LinePrinter printer;
-    kernel.on<int>(0x1234abcd, [&printer](int, int&) {
-        SceneManager().explainStall(&printer);
+    kernel.on<LinePrinter>(0x1234abcd, [](int, LinePrinter& record) {
+        SceneManager().explainStall(&record);
         return 0;
     });
-    int record = 0;
-    EXPECT_EQ(System::Ioctl(7, 0x1234abcd, &record, 0), 0);
+    EXPECT_EQ(System::Ioctl(7, 0x1234abcd, &printer, 0), 0);
     EXPECT_THAT(printer.lines,
                 testing::Contains(testing::HasSubstr("in ioctl 0x1234abcd of fd 7 for ")));
 }

@@ -102,7 +102,6 @@ protected:
         for (const int port : ports)
             request.addBuffer(port, [](FrameBuffer& buffer) { buffer.planeCount = 1; });
     }
-    /** Fills, queues and completes a request. */
     void cycle(IRequest& request, std::vector<int> ports) {
         fill(request, std::move(ports));
         EXPECT_EQ(mScene->queueRequest(&request, 0), 0);
