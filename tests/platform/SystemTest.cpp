@@ -61,8 +61,9 @@ TEST(System, AccountsDescriptorsUntilTheyAreClosed) {
     NSVista::FilePrinter printer(dump);
     System::dumpState(&printer);
     fclose(dump);
-    EXPECT_THAT(text, testing::MatchesRegex("fd=900 path=request owner=0x20 age=[0-9]+ ms\n"
-                                            "fd=901 path=/dev/video7 owner=0x10 age=[0-9]+ ms\n"));
+    EXPECT_THAT(text,
+                testing::MatchesRegex("fd=900 path=request owner=0x20 age=[0-9]{1,5} ms\n"
+                                      "fd=901 path=/dev/video7 owner=0x10 age=[0-9]{1,5} ms\n"));
 
     // Closed behind the layer's back and given to another.
     EXPECT_EQ(System::Open("/dev/video9", O_RDWR, 0x30), 901);

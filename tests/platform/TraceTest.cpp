@@ -130,6 +130,7 @@ TEST_F(TraceTest, KeepsTheSectionsOfManyThreads) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([] {
+            { TraceSection unnamed(5, "unnamed"); }
             customizeThreadReadyToRun("worker of a long name", 21);
             for (int i = 0; i < 2000; ++i) {
                 TraceSection outer(5, "outer");
@@ -140,7 +141,7 @@ TEST_F(TraceTest, KeepsTheSectionsOfManyThreads) {
     for (auto& thread : threads)
         thread.join();
     trace::stop();
-    EXPECT_EQ(read(), "sections 16000 16000 open 0 True\n");
+    EXPECT_EQ(read(), "sections 16004 16004 open 0 True\n");
 }
 
 TEST_F(TraceTest, IsCompleteHoweverTheProcessEnds) {

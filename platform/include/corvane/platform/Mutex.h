@@ -41,8 +41,6 @@
 /** A function that takes, or gives back, the named locks (the object itself without a name). */
 #define CORVANE_ACQUIRE(...) CORVANE_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define CORVANE_RELEASE(...) CORVANE_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-/** A function that takes the lock when it returns its first argument. */
-#define CORVANE_TRY_ACQUIRE(...) CORVANE_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 /** A function that returns a reference to the named lock. */
 #define CORVANE_RETURN_CAPABILITY(lock) CORVANE_THREAD_ANNOTATION(lock_returned(lock))
 /** A function whose locking the analysis cannot follow; say why beside it. */
@@ -92,12 +90,6 @@ public:
     void unlock() CORVANE_RELEASE() {
         mOwner.clear();
         mMutex.unlock();
-    }
-    bool try_lock() CORVANE_TRY_ACQUIRE(true) {
-        const bool locked = mMutex.try_lock();
-        if (locked)
-            mOwner.set();
-        return locked;
     }
 
 private:
