@@ -295,10 +295,11 @@ TEST_F(LogTest, FatalErrorsFlushAndAbortWithTheirLocation) {
             set(mode, 2, 0);
             CORVANE_FATAL("Bad fd. ret=%d", -5);
         };
-        std::string told = (mode & 1) != 0 ? "^E [^\n]*\n" : "^";
+        std::string told = (mode & 1) != 0 ? "E [^\n]*\n" : "";
         told += (mode & 2) != 0 ? "flush 1\n" : "";
         told += "F .corvane-50%Test. .operator[(][)]. Bad fd. ret=-5 .operator[(][)].[{]#[^\n]*\n";
-        EXPECT_EXIT(die(), testing::KilledBySignal(SIGABRT), testing::ContainsRegex(told));
+        told += "(qemu: [^\n]*\n)?";  // an emulator's own
+        EXPECT_EXIT(die(), testing::KilledBySignal(SIGABRT), testing::MatchesRegex(told));
     }
     const auto dieOfALongLine = [] { CORVANE_FATAL("%s", std::string(5000, 'x').c_str()); };
     EXPECT_EXIT(dieOfALongLine(), testing::KilledBySignal(SIGABRT), "xxx\n");

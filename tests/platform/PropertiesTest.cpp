@@ -71,6 +71,7 @@ TEST(Properties, ParsesWholeNumbersAndWordsOnly) {
     } const cases[] = {
         {"1", 1, true, true},
         {"0", 0, false, false},
+        {"-8", -8, true, false},
         {"0x10", 16, true, false},
         {"010", 8, true, false},
         {"08", 77, true, false},
@@ -79,8 +80,11 @@ TEST(Properties, ParsesWholeNumbersAndWordsOnly) {
         {"2147483648", 77, true, false},
         {"-2147483648", -2147483648, true, false},
         {"-2147483649", 77, true, false},
+        {"0x", 77, true, false},
+        {"-", 77, true, false},
         {"", 77, true, false},
         {"on", 77, true, true},
+        {"99999999999999999999", 77, true, false},
         {"false", 77, false, false},
     };
     for (const auto& c : cases) {

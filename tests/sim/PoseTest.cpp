@@ -97,6 +97,10 @@ SizeDesc steps(uint32_t step) {
 }
 
 const Habit kHabits[] = {
+    {"takes the nearest of its sizes",
+     {discrete(320, 180), discrete(640, 360), discrete(1280, 720)},
+     {{100, 100, {320, 180, {{640, 115200}}}}, {1000, 600, {1280, 720, {{2560, 1843200}}}}},
+     {500, 350, {640, 360, {{1280, 460800}}}}},
     {"takes the size that shares most with what is wanted",
      {discrete(400, 100), discrete(160, 300)},
      {{250, 250, {160, 300, {{160, 48000}}}}, {300, 150, {400, 100, {{400, 40000}}}}},
@@ -375,6 +379,7 @@ ControlDesc control(uint32_t type, int64_t minimum, int64_t maximum, int64_t ste
 const Setting kSettings[] = {
     {"clamped", control(V4L2_CTRL_TYPE_INTEGER, -10, 10, 1), 99, 0, 10},
     {"to the nearest step", control(V4L2_CTRL_TYPE_INTEGER, 1, 20, 5), 14, 0, 16},
+    {"not beyond the last step", control(V4L2_CTRL_TYPE_INTEGER, 1, 20, 5), 20, 0, 16},
     {"the whole range of 64 bits", control(V4L2_CTRL_TYPE_INTEGER64, INT64_MIN, INT64_MAX, 1),
      INT64_MAX - 3, 0, INT64_MAX - 3},
     {"true", control(V4L2_CTRL_TYPE_BOOLEAN, 0, 1, 1), 7, 0, 1},
